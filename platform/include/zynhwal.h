@@ -1,0 +1,156 @@
+/**
+ * Hardware layer: CAR (committed access rate) entries, CPU usage, role and synchronisation.
+ *
+ * All functions are called from the daemon's one thread and must not block for long. Results
+ * are 0 for success and an errno value (above 0) for a failure that changed nothing, unless a
+ * function says otherwise. Arguments stay the caller's; a layer copies what it keeps.
+ */
+#ifndef ZYNHWAL_H
+#define ZYNHWAL_H
+
+#include "zynosal.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** A slot (line card). Where a pointer to one is null, the system as a whole is meant. */
+typedef struct tSlotIndex {
+    uint32_t sys;  /**< system (chassis) number */
+    uint32_t slot; /**< slot number */
+    int32_t type;  /**< 0 */
+} tSlotIndex;
+
+/** Treatment of matching packets, in CAR and ACL entries. */
+enum {
+    ZYN_HW_OP_DENY = 3,   /**< drop */
+    ZYN_HW_OP_PERMIT = 11 /**< pass at the rate given */
+};
+
+/** What is in force of a CAR entry: the bits of tHwCpuDefendPktCarEntry::res. */
+enum {
+    ZYN_HW_CAR_CIR = 0x80,     /**< the byte policer's rate `cir` */
+    ZYN_HW_CAR_CBS = 0x40,     /**< the byte policer's burst `cbs` */
+    ZYN_HW_CAR_PPS = 0x20,     /**< the packet policer `pps` */
+    ZYN_HW_CAR_QUEUE = 0x10,   /**< a queue was chosen */
+    ZYN_HW_CAR_PRIORITY = 0x08 /**< a priority was chosen */
+};
+
+/**
+ * One CAR entry: the treatment of one protocol packet type on its way to the CPU.
+ *
+ * The byte policer is in force with ZYN_HW_CAR_CIR or _CBS, the packet policer with
+ * ZYN_HW_CAR_PPS, both with both; with none of them the packet policer is.
+ */
+typedef struct tHwCpuDefendPktCarEntry {
+    uint32_t pktType; /**< protocol packet type, 0 to 58 */
+    uint32_t cir;     /**< committed information rate, kbit/s */
+    uint32_t cbs;     /**< committed burst size, bytes */
+    uint32_t pps;     /**< packets per second */
+    uint8_t queue;    /**< CPU queue */
+    uint8_t priority;
+    uint8_t op;     /**< ZYN_HW_OP_PERMIT or ZYN_HW_OP_DENY */
+    uint8_t res;    /**< ZYN_HW_CAR_* bits */
+    U_INT8 PassPkt; /**< counters: 0 as sent */
+    U_INT8 DropPkt;
+    U_INT8 PassOct;
+    U_INT8 DropOct;
+} tHwCpuDefendPktCarEntry;
+
+/** A command for the system as a whole. */
+typedef struct tHwApiFunc {
+    uint32_t hwCmd;  /**< HW_SYS_CPUDEFENDPKTCARADD or _DEL */
+    void *arg;       /**< the tHwCpuDefendPktCarEntry */
+    uint8_t action;  /**< 0 */
+    uint8_t res;     /**< 0 */
+    uint16_t argLen; /**< 0: the length of arg is implied by hwCmd */
+    uint32_t flag;   /**< 0 */
+} tHwApiFunc;
+
+enum {
+    HW_SYS_SWRUNNINGROLEISMASTER = 53,       /**< role query: 0 when this card is the master */
+    HW_SYS_SWRUNNINGROLEISSLAVE = 54,        /**< role query: 0 when this card is the slave */
+    HW_SYS_CPUDEFENDPKTCARADD = 385,         /**< add a CAR entry, system path */
+    HW_SYS_CPUDEFENDPKTCARDEL = 386,         /**< remove a CAR entry, system path */
+    HW_SLOT_CPUDEFENDPKTCARADD = 0x01F4003F, /**< add a CAR entry, slot path */
+    HW_SLOT_CPUDEFENDPKTCARDEL = 0x01F40040, /**< remove a CAR entry, slot path */
+    HW_CPU_USED = 0x06D60003                 /**< CPU usage */
+};
+
+/** Bit of a synchronisation flag: the value is an octetstring. */
+#define ZYN_SYNC_OCTETS 0x80000000u
+
+/**
+ * Bring the platform up. Called once by main, before the daemon's own start-up; it may replace
+ * the process by another executable that is linked with the layer which the host's
+ * configuration asks for.
+ * @param argv the command line, null-terminated
+ * @return 0, or -1 with the reason printed on standard error: the daemon then exits non-zero
+ */
+int32_t zynPlatformInit(char *const argv[]);
+
+/**
+ * Add or remove a CAR entry of a slot.
+ *
+ * Entries form a multiset per slot. An added entry covers an older one of the same packet type;
+ * when it is removed, the older one is in force again. Removal takes the newest entry that was
+ * added with the same settings (counters aside).
+ *
+ * @param slot the slot, not null
+ * @param cmd  HW_SLOT_CPUDEFENDPKTCARADD or HW_SLOT_CPUDEFENDPKTCARDEL
+ * @param arg  the tHwCpuDefendPktCarEntry
+ * @param flag 3: apply to the running hardware
+ * @return 0; EINVAL for what no hardware could do, ENOENT for the removal of what is not there
+ */
+int32_t zynHwSlotSet(const tSlotIndex *slot, uint32_t cmd, void *arg, int32_t flag);
+
+/**
+ * The same for the system as a whole.
+ * @param index 0
+ * @param cmd   0: the command is in @a func
+ * @param func  hwCmd HW_SYS_CPUDEFENDPKTCARADD or _DEL, arg the tHwCpuDefendPktCarEntry
+ */
+int32_t zynScalarSetApi(uint32_t index, uint32_t cmd, tHwApiFunc *func);
+
+/**
+ * Ask for a condition of this card.
+ * @param index 0
+ * @param id    HW_SYS_SWRUNNINGROLEISMASTER or HW_SYS_SWRUNNINGROLEISSLAVE
+ * @param value null
+ * @return 0 when the condition holds, non-zero otherwise
+ */
+int32_t zynHwScalarGet(uint32_t index, uint32_t id, void *value);
+
+/**
+ * Read the CPU usage since the last reading of the same selector.
+ * @param selector 0: in percent; 1: in hundredths of a percent
+ * @param id       HW_CPU_USED
+ * @param value    receives the usage; untouched on failure
+ */
+int32_t zynHwCpuGet(uint32_t selector, uint32_t id, uint32_t *value);
+
+/**
+ * Hand a changed system-wide attribute to the standby card.
+ * @param index    0
+ * @param scalarId 8000 plus the attribute's id, or 8020 for selected CPU-rate levels
+ * @param value    an octetstring when @a flag has ZYN_SYNC_OCTETS, else a 32-bit number
+ * @param flag     3 for a local change, 1 for one replayed from the peer; and ZYN_SYNC_OCTETS
+ * @return 0 (also without a standby card), or a code that makes the daemon abandon the change
+ */
+int32_t zynHwScalarSync(uint32_t index, uint32_t scalarId, const void *value, uint32_t flag);
+
+/**
+ * The same for an attribute of a slot.
+ * @param scalarId 8001 plus the attribute's id
+ * @param value    as above; 8005, 8007 and 8009 carry an octetstring without ZYN_SYNC_OCTETS
+ */
+int32_t zynHwSlotSync(const tSlotIndex *slot, uint32_t scalarId, const void *value, uint32_t flag);
+
+#ifdef __cplusplus
+}
+static_assert(sizeof(tSlotIndex) == 12);
+static_assert(sizeof(tHwCpuDefendPktCarEntry) == 52);
+static_assert(sizeof(void *) != 4 || sizeof(tHwApiFunc) == 16);
+#endif
+
+#endif

@@ -1,0 +1,55 @@
+/**
+ * Interface layer: from an interface unit to its place in the chassis, and what the platform's
+ * packet socket tells of a received packet.
+ */
+#ifndef ZYNIF_H
+#define ZYNIF_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** Where an interface unit sits. */
+typedef struct tPhyIfInfo {
+    uint32_t unit; /**< system (chassis) number */
+    uint32_t slot; /**< slot number; unit 0 with slot 0 is the system itself, never a slot */
+    uint32_t port;
+    uint32_t channel;
+    uint32_t virtualnum;
+    uint32_t endType;
+    uint32_t card;
+} tPhyIfInfo;
+
+#define SYS_INDEX_TRANS_PHY 6 /**< translation mode: interface unit to tPhyIfInfo */
+
+/**
+ * Translate an interface unit.
+ * @param ifUnit interface unit (on Linux the interface index)
+ * @param mode   SYS_INDEX_TRANS_PHY; no other mode is used
+ * @param info   receives the place; untouched on failure
+ * @return 0, or non-zero when the unit or the mode is unknown
+ */
+int32_t sysIndexTrans(uint32_t ifUnit, uint32_t mode, tPhyIfInfo *info);
+
+/** Control message of the packet socket, 56 bytes. */
+struct packet_rxpktinfo {
+    uint32_t pkt_inport;    /**< ingress interface unit */
+    uint8_t pkt_srcaddr[8]; /**< link-layer source address */
+    uint16_t pkt_outervid;  /**< outer VLAN id, 0 for an untagged frame */
+    uint16_t pkt_innervid;  /**< inner VLAN id, 0 without a second tag */
+    uint8_t pkt_dataoffset; /**< of the network header from the frame's start, in bytes */
+    uint8_t pkt_outerpri;   /**< priority (PCP) of the outer tag */
+    uint8_t pkt_innerpri;   /**< priority (PCP) of the inner tag */
+    uint8_t pkt_cblen;      /**< bytes used of pkt_cb */
+    uint8_t pkt_cb[32];     /**< private to the driver */
+    uint32_t pkt_flags;
+};
+
+#ifdef __cplusplus
+}
+static_assert(sizeof(packet_rxpktinfo) == 56);
+#endif
+
+#endif

@@ -1,0 +1,231 @@
+/**
+ * Dispatch of management requests: decode, check, call the handler, answer in place.
+ */
+#include <stdio.h>
+#include <string.h>
+
+#include "cpuDefend_cmd.h"
+
+namespace
+{
+
+/** Some answers are up to this long whatever length was asked for. */
+constexpr uint32_t SHORT_ANSWER = 4;
+
+/** A request on its way from bytes to a reply. */
+struct tRequest {
+    adr_t adr;
+    uint32_t len;
+    uint32_t func;
+    const tCmdTable *table;
+    tCmdOp op;
+    uint32_t cmd;
+    tCmdIndex index;
+    tCmdIndex next;
+    uint32_t valuePos;
+    uint8_t valueType;
+    tCmdValue *value; /**< null: none, or of an unknown type */
+    tCmdValue cell;
+    uint8_t shortAnswer[SHORT_ANSWER];
+};
+
+/** Report a malformed request. @return false */
+bool malformed(const char *format, uint32_t number, int line)
+{
+    CPUDEFEND_DEBUG(format, static_cast<int>(number), "cpudefendCmdProcess", line);
+    return false;
+}
+
+bool undecodable(const char *format, int line)
+{
+    CPUDEFEND_DEBUG(format, "cpudefendCmdProcess", line);
+    return false;
+}
+
+bool tooShort(const tRequest &req, int line)
+{
+    return malformed("\r\n  lenRx %d err in func %s in line %d!", req.len, line);
+}
+
+bool badMarker(uint8_t marker, int line)
+{
+    return malformed("\r\n charVal %d err in func %s in line %d!", marker, line);
+}
+
+bool decodeHead(tRequest &req)
+{
+    int32_t ignored;
+    if (adr_decodefunc(&req.adr, &req.func) != 0)
+        return undecodable("\r\n ADR_DECODE_FUNC failed in func %s in line %d!", __LINE__);
+    if (adr_decoderetcode(&req.adr, &ignored) != 0)
+        return undecodable("\r\n ADR_DECODE_RETCODE failed in func %s in line %d!", __LINE__);
+    if (adr_decodecmd(&req.adr, &req.cmd) != 0)
+        return undecodable("\r\n ADR_DECODE_CMD failed in func %s in line %d!", __LINE__);
+    return true;
+}
+
+bool decodeMarker(tRequest &req, uint8_t wanted)
+{
+    uint8_t marker;
+    if (adr_getchar(&req.adr, &marker, sizeof marker) != 0)
+        return tooShort(req, __LINE__);
+    return marker == wanted || badMarker(marker, __LINE__);
+}
+
+bool findFunc(tRequest &req)
+{
+    if (req.func == 0 || req.func > CPUDEFEND_FUNC_MAX) {
+        char code[sizeof "4294967295"];
+        snprintf(code, sizeof code, "%u", req.func);
+        CPUDEFEND_DEBUG("\r\n func %s err in func %s in line %d!", code, "cpudefendCmdProcess",
+                        __LINE__);
+        return false;
+    }
+    const tCmdFunc &func = cmdFunc(req.func);
+    req.table = func.table;
+    req.op = func.op;
+    return true;
+}
+
+bool decodeIndex(tRequest &req)
+{
+    uint8_t indexNum;
+    if (adr_getchar(&req.adr, &indexNum, sizeof indexNum) != 0)
+        return tooShort(req, __LINE__);
+    if (indexNum != req.table->indexNum)
+        return malformed(req.table->indexNumError, indexNum, __LINE__);
+    return req.table->readIndex(&req.adr, &req.index) || tooShort(req, __LINE__);
+}
+
+bool isGet(const tRequest &req)
+{
+    return req.op == CMD_GET;
+}
+
+/** The value's bytes stay where they are, unless a short answer could need more room. */
+bool decodeOctets(tRequest &req, uint16_t len)
+{
+    octetstring &octets = req.cell.octets;
+    octets.pBuf = req.adr.adr_now;
+    octets.len = len;
+    if (isGet(req) && len < SHORT_ANSWER)
+        octets.pBuf = req.shortAnswer;
+    return adr_getchar(&req.adr, octets.pBuf, len) == 0;
+}
+
+bool decodeCounter(tRequest &req)
+{
+    return adr_getuint32(&req.adr, &req.cell.counter.high) == 0 &&
+           adr_getuint32(&req.adr, &req.cell.counter.low) == 0;
+}
+
+bool checkLength(uint16_t len, uint16_t wanted)
+{
+    return len == wanted || malformed("\r\n shortVal %d err in func %s in line %d!", len, __LINE__);
+}
+
+bool decodeValue(tRequest &req)
+{
+    uint16_t len;
+    if (adr_getchar(&req.adr, &req.valueType, sizeof req.valueType) != 0 ||
+        adr_getushort(&req.adr, &len) != 0)
+        return tooShort(req, __LINE__);
+    if (req.valueType == ADR_UINT32 && !checkLength(len, sizeof(uint32_t)))
+        return false;
+    if (req.valueType == ADR_COUNTER64 && !checkLength(len, sizeof(U_INT8)))
+        return false;
+    if (len > adr_left(&req.adr))
+        return tooShort(req, __LINE__);
+    req.value = &req.cell;
+    switch (req.valueType) {
+    case ADR_OCTETS: return decodeOctets(req, len);
+    case ADR_UINT32: return adr_getuint32(&req.adr, &req.cell.number) == 0;
+    case ADR_COUNTER64: return decodeCounter(req);
+    default: req.value = nullptr; return true;
+    }
+}
+
+bool decode(tRequest &req)
+{
+    if (req.len < CPUDEFEND_CMD_MINLEN)
+        return tooShort(req, __LINE__);
+    if (!decodeHead(req) || !decodeMarker(req, CPUDEFEND_INDEX_SECTION) || !findFunc(req) ||
+        !decodeIndex(req))
+        return false;
+    req.valuePos = adr_count(&req.adr);
+    return decodeMarker(req, CPUDEFEND_VALUE_SECTION) && decodeValue(req);
+}
+
+/** Whether the value is one that the attribute's handler may touch. */
+bool valueFits(const tRequest &req)
+{
+    if (!req.value)
+        return false;
+    switch (req.table->kind(req.cmd)) {
+    case NM_NUMBER: return req.valueType == ADR_UINT32 || req.valueType == ADR_COUNTER64;
+    case NM_OCTETS: return req.valueType == ADR_OCTETS;
+    default: return true;
+    }
+}
+
+int32_t callAccess(tRequest &req, int32_t (*handler)(tCmdIndex *, uint32_t, tCmdValue *))
+{
+    return handler && valueFits(req) ? handler(&req.index, req.cmd, req.value) : CPUDEFEND_FAIL;
+}
+
+int32_t call(tRequest &req)
+{
+    const tCmdTable &table = *req.table;
+    switch (req.op) {
+    case CMD_GETFIRST: return table.getFirst ? table.getFirst(&req.index) : CPUDEFEND_FAIL;
+    case CMD_GETNEXT: return table.getNext ? table.getNext(&req.index, &req.next) : CPUDEFEND_FAIL;
+    case CMD_GET: return callAccess(req, table.get);
+    case CMD_SET: return callAccess(req, table.set);
+    default: return callAccess(req, table.sync);
+    }
+}
+
+void answerValue(tRequest &req)
+{
+    switch (req.valueType) {
+    case ADR_OCTETS:
+        adr_encodedata(&req.adr, ADR_OCTETS, static_cast<uint16_t>(req.cell.octets.len),
+                       req.cell.octets.pBuf);
+        break;
+    case ADR_UINT32:
+        adr_encodedata(&req.adr, ADR_UINT32, sizeof(uint32_t), &req.cell.number);
+        break;
+    default: adr_encodedata(&req.adr, ADR_COUNTER64, sizeof(U_INT8), &req.cell.counter);
+    }
+}
+
+/** Write the answer over the request's value section. What does not fit is cut off. */
+void answer(tRequest &req)
+{
+    adr_pos(&req.adr, req.valuePos);
+    switch (req.op) {
+    case CMD_GETFIRST: req.table->writeIndex(&req.adr, &req.index); break;
+    case CMD_GETNEXT: req.table->writeIndex(&req.adr, &req.next); break;
+    case CMD_GET: answerValue(req); break;
+    default: break;
+    }
+}
+
+} // namespace
+
+uint32_t cpudefendCmdProcess(unsigned char *bufRx, uint32_t lenRx)
+{
+    tRequest req{};
+    req.len = lenRx;
+    adr_start(&req.adr, bufRx, lenRx);
+    if (!decode(req))
+        return 0;
+    if (req.func == CPUDEFEND_GLOBAL_SETAPI && !req.value)
+        return lenRx; // wanted: no value, no handler, and the return code stays as it came
+    const int32_t result = call(req);
+    adr_pos(&req.adr, ADR_RETCODE_POS);
+    adr_int32(&req.adr, result);
+    if (result == CPUDEFEND_OK)
+        answer(req);
+    return lenRx;
+}

@@ -1,0 +1,182 @@
+/**
+ * The daemon's state and its start-up.
+ */
+#include <linux/netlink.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "cpuDefend.h"
+
+tCpuDefendSystem gCpuDefend;
+int32_t cpuDefendTest;
+
+namespace
+{
+
+constexpr uint32_t SEM_OPTIONS = 13;       // option word for the target's kernel
+constexpr uint32_t NETLINK_GROUP_LINK = 1; // RTNLGRP_LINK
+constexpr int CMD_BACKLOG = 10;
+
+void sizePools(uint32_t maxPolicyNumber, uint32_t maxSlotNumber)
+{
+    gCpuDefend.maxPolicyNum = maxPolicyNumber ? maxPolicyNumber : CPUDEFEND_DEFAULT_POLICYNUM;
+    gCpuDefend.maxUserDefinedNum = CPUDEFEND_USERDEFINED_PER_POLICY * gCpuDefend.maxPolicyNum;
+    gCpuDefend.maxCarPktNum = CPUDEFEND_CARPKT_PER_POLICY * gCpuDefend.maxPolicyNum;
+    gCpuDefend.maxSrcTraceNum = gCpuDefend.maxPolicyNum;
+    gCpuDefend.maxSlotNum = maxSlotNumber ? maxSlotNumber : CPUDEFEND_DEFAULT_SLOTNUM;
+}
+
+/** Allocate a pool of @a count zeroed records; a failure prints @a failure. */
+template <typename T> bool allocate(T **table, uint32_t count, const char *failure)
+{
+    *table = static_cast<T *>(calloc(count, sizeof(T)));
+    if (!*table)
+        puts(failure);
+    return *table != nullptr;
+}
+
+bool allocatePools()
+{
+    tCpuDefendSystem &g = gCpuDefend;
+    return allocate(&g.policyTable, g.maxPolicyNum, "[cpuDefend] Malloc policyTable error !\r") &&
+           allocate(&g.userDefinedTable, g.maxUserDefinedNum,
+                    "[cpuDefend] Malloc userDefinedTable error !\r") &&
+           allocate(&g.carPktTable, g.maxCarPktNum, "[cpuDefend] Malloc carPktTable error !\r") &&
+           allocate(&g.srcTraceTable, g.maxSrcTraceNum,
+                    "[cpuDefend] Malloc srcTraceTable error !\r") &&
+           allocate(&g.slotTable, g.maxSlotNum, "[cpuDefend] Malloc slotTable error !\r");
+}
+
+/**
+ * Chain all records of a pool through @a link. Each goes to the head, so that the record with
+ * the highest index is handed out first.
+ */
+template <typename T>
+void fillFreeList(list_head *freeList, T *table, uint32_t count, list_head T::*link)
+{
+    INIT_LIST_HEAD(freeList);
+    for (uint32_t i = 0; i < count; i++)
+        list_add(&(table[i].*link), freeList);
+}
+
+void linkPools()
+{
+    tCpuDefendSystem &g = gCpuDefend;
+    avl_create(&g.policyList, cpuDefendPolicyCmp, sizeof(tCpuDefendPolicyEntry), 0);
+    fillFreeList(&g.policyFreeList, g.policyTable, g.maxPolicyNum,
+                 &tCpuDefendPolicyEntry::freeNode);
+    INIT_LIST_HEAD(&g.userDefinedList);
+    fillFreeList(&g.userDefinedFreeList, g.userDefinedTable, g.maxUserDefinedNum,
+                 &tCpuDefendUserDefinedEntry::node);
+    INIT_LIST_HEAD(&g.carPktList);
+    fillFreeList(&g.carPktFreeList, g.carPktTable, g.maxCarPktNum, &tCpuDefendCarPktEntry::node);
+    avl_create(&g.srcTraceList, cpuDefendSrcTraceCmp, sizeof(tCpuDefendSrcTraceEntry), 0);
+    fillFreeList(&g.srcTraceFreeList, g.srcTraceTable, g.maxSrcTraceNum,
+                 &tCpuDefendSrcTraceEntry::freeNode);
+    INIT_LIST_HEAD(&g.slotList);
+    fillFreeList(&g.slotFreeList, g.slotTable, g.maxSlotNum, &tCpuDefendSlotEntry::node);
+}
+
+bool createSem()
+{
+    gCpuDefend.cpuDefendSem = OsixCreateMSem(SEM_OPTIONS);
+    if (!gCpuDefend.cpuDefendSem)
+        printf("\n\r cpuDefend module create sem error.");
+    return gCpuDefend.cpuDefendSem != nullptr;
+}
+
+bool createDefaultPolicy()
+{
+    static const uint8_t name[] = {'d', 'e', 'f', 'a', 'u', 'l', 't'};
+    return cpuDefendPolicyEntryAdd(name, sizeof name) != nullptr;
+}
+
+/** Debug message of a failing start-up step. */
+bool failed(const char *format, int line)
+{
+    CPUDEFEND_DEBUG(format, line, "cpuDefendInit");
+    return false;
+}
+
+/** The netlink socket that reports links. */
+bool openNetlink()
+{
+    sockaddr_nl address{};
+    address.nl_family = AF_NETLINK;
+    gCpuDefend.rtSock = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_ROUTE);
+    if (gCpuDefend.rtSock <= 0)
+        return failed("rtSock failed in line %d in func %s", __LINE__);
+    if (bind(gCpuDefend.rtSock, reinterpret_cast<sockaddr *>(&address), sizeof address) < 0)
+        return failed("rtSock bind failed in line %d in func %s", __LINE__);
+    const uint32_t group = NETLINK_GROUP_LINK;
+    if (setsockopt(gCpuDefend.rtSock, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group))
+        return failed("rtSock setsockopt failed in line %d in func %s", __LINE__);
+    return true;
+}
+
+/** Bind to the channel's path, which must not be open to others for a moment. */
+int bindPrivately(int fd)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    strncpy(address.sun_path, CPUDEFEND_CMD_SOCKET, sizeof address.sun_path - 1);
+    const mode_t before = umask(S_IXUSR | S_IRWXG | S_IRWXO);
+    const int result = bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
+    umask(before);
+    return result;
+}
+
+/** The management channel. */
+bool openChannel()
+{
+    unlink(CPUDEFEND_CMD_SOCKET);
+    gCpuDefend.cmdSock = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (gCpuDefend.cmdSock <= 0)
+        return failed("cmdSock failed in line %d in func %s", __LINE__);
+    if (bindPrivately(gCpuDefend.cmdSock) < 0) {
+        CPUDEFEND_DEBUG("[cpudefend] bind failed!\r\n");
+        return false;
+    }
+    if (listen(gCpuDefend.cmdSock, CMD_BACKLOG) < 0) {
+        CPUDEFEND_DEBUG("[cpudefend] listen failed!\r\n");
+        return false;
+    }
+    return true;
+}
+
+bool startUp()
+{
+    if (!allocatePools())
+        return false;
+    linkPools();
+    timerListInit(&gCpuDefend.timerList);
+    return createSem() && createDefaultPolicy() && openNetlink() && openChannel();
+}
+
+void release()
+{
+    free(gCpuDefend.policyTable);
+    free(gCpuDefend.userDefinedTable);
+    free(gCpuDefend.carPktTable);
+    free(gCpuDefend.srcTraceTable);
+    free(gCpuDefend.slotTable);
+    OsixDeleteSem(gCpuDefend.cpuDefendSem);
+    memset(&gCpuDefend, 0, sizeof gCpuDefend);
+}
+
+} // namespace
+
+int32_t cpuDefendInit(uint32_t maxPolicyNumber, uint32_t maxSlotNumber)
+{
+    memset(&gCpuDefend, 0, sizeof gCpuDefend);
+    sizePools(maxPolicyNumber, maxSlotNumber);
+    if (startUp())
+        return 0;
+    release();
+    return -1;
+}

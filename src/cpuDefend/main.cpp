@@ -1,0 +1,41 @@
+/**
+ * The daemon: [maxPolicyNumber [maxSlotNumber]].
+ */
+#include <fcntl.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include "cpuDefend.h"
+
+/**
+ * Descriptors 0 to 2 must be taken, or the first sockets would get them: a socket numbered 0
+ * counts as a failure, and messages for standard error would go to whoever holds number 2.
+ */
+static bool takeStandardDescriptors()
+{
+    int fd;
+    do {
+        fd = open("/dev/null", O_RDWR);
+    } while (fd >= 0 && fd <= 2);
+    if (fd < 0)
+        return false;
+    return close(fd) == 0;
+}
+
+/** The argument's number; anything that is none gives 0, which stands for the default. */
+static uint32_t number(const char *text)
+{
+    return static_cast<uint32_t>(strtol(text, nullptr, 10));
+}
+
+int main(int argc, char *argv[])
+{
+    zynCatchSegFault();
+    if (!takeStandardDescriptors() || zynPlatformInit(argv) != 0)
+        return -1;
+    const uint32_t maxPolicyNumber = argc >= 2 ? number(argv[1]) : CPUDEFEND_DEFAULT_POLICYNUM;
+    const uint32_t maxSlotNumber = argc >= 3 ? number(argv[2]) : CPUDEFEND_DEFAULT_SLOTNUM;
+    if (cpuDefendInit(maxPolicyNumber, maxSlotNumber) == 0)
+        cpuDefenTask();
+    return -1;
+}

@@ -1,0 +1,69 @@
+/**
+ * The management API: get, set, sync and walk of each table.
+ *
+ * Every function but the Show ones takes gCpuDefend.cpuDefendSem for its whole run. A value is
+ * passed as a pointer: to an octetstring for a string attribute, to an unsigned 32-bit number
+ * (or anything that begins with one) for a numeric attribute. cpuDefend*AttrKind tells which; the
+ * dispatcher uses it to keep unfit values away from the handlers.
+ *
+ * Results are the codes of cpuDefend_nm.h, or whatever the platform returned.
+ */
+#ifndef CPUDEFEND_NM_API_H
+#define CPUDEFEND_NM_API_H
+
+#include "cpuDefend.h"
+
+/** What a value must be for an attribute. */
+enum tNmKind : uint8_t {
+    NM_ANY,    /**< anything: a reset, or an id that stands for no attribute */
+    NM_NUMBER, /**< a 32-bit integer, or a 64-bit counter whose high word is the integer */
+    NM_OCTETS  /**< bytes */
+};
+
+/** Who asks for a change: the flag handed to the synchronisation layer. */
+enum { NM_FLAG_SYNC = 1, NM_FLAG_SET = 3 };
+
+/* Global attributes. The index is not used. */
+int32_t cpuDefendGlobalGetApi(uint32_t index, uint32_t attrId, octetstring *value);
+int32_t _cpuDefendGlobalSetApi(uint32_t index, uint32_t attrId, octetstring *value, uint32_t flag);
+int32_t cpuDefendGlobalSetApi(uint32_t index, uint32_t attrId, octetstring *value);
+int32_t cpuDefendGlobalSyncApi(uint32_t index, uint32_t attrId, octetstring *value);
+tNmKind cpuDefendGlobalAttrKind(uint32_t attrId);
+
+/* Policies. A walk visits them in byte-wise order of their names. */
+int32_t cpuDefendPolicyGetApi(tCpuDefendPolicyIdx *nameIdx, uint32_t cmd, void *var);
+int32_t _cpuDefendPolicySetApi(tCpuDefendPolicyIdx *nameIdx, uint32_t cmd, void *var,
+                               uint32_t flag);
+int32_t cpuDefendPolicySetApi(tCpuDefendPolicyIdx *nameIdx, uint32_t cmd, void *var);
+int32_t cpuDefendPolicySyncApi(tCpuDefendPolicyIdx *nameIdx, uint32_t cmd, void *var);
+int32_t cpuDefendPolicyGetFirst(tCpuDefendPolicyIdx *nameIdx);
+int32_t cpuDefendPolicyGetNext(tCpuDefendPolicyIdx *nameIdx, tCpuDefendPolicyIdx *nextNameIdx);
+int32_t cpuDefendPolicyShow();
+tNmKind cpuDefendPolicyAttrKind(uint32_t cmd);
+
+/* CAR entries. A walk visits them by length of the policy name, then name, then packet type. */
+int32_t cpuDefendCarPktGetApi(tcpuDefendCarPktIdx *carPktIdx, uint32_t cmd, void *var);
+int32_t _cpuDefendCarPktSetApi(tcpuDefendCarPktIdx *carPktIdx, uint32_t cmd, void *var,
+                               uint32_t flag);
+int32_t cpuDefendCarPktSetApi(tcpuDefendCarPktIdx *carPktIdx, uint32_t cmd, void *var);
+int32_t cpuDefendCarPktSyncApi(tcpuDefendCarPktIdx *carPktIdx, uint32_t cmd, void *var);
+int32_t cpuDefendCarPktGetFirst(tcpuDefendCarPktIdx *carPktIdx);
+int32_t cpuDefendCarPktGetNext(tcpuDefendCarPktIdx *carPktIdx, tcpuDefendCarPktIdx *nextCarPktIdx);
+int32_t cpuDefendCarPktShow();
+tNmKind cpuDefendCarPktAttrKind(uint32_t cmd);
+
+/**
+ * Where a per-table synchronisation to the standby card goes: called before each change, a
+ * non-zero result abandons it. They do nothing and return 0.
+ * @param syncId 8002, 8003 or 8004 plus the attribute id, by table
+ * @param flag   NM_FLAG_SET or NM_FLAG_SYNC, with ZYN_SYNC_OCTETS for an octetstring
+ */
+extern "C" {
+int32_t zynHwPolicySync(tCpuDefendPolicyIdx *nameIdx, uint32_t syncId, void *var, uint32_t flag);
+int32_t zynHwUserDefinedSync(tcpuDefendUserDefinedIdx *userDefinedIdx, uint32_t syncId, void *var,
+                             uint32_t flag);
+int32_t zynHwCarPktSync(tcpuDefendCarPktIdx *carPktIdx, uint32_t syncId, void *var, uint32_t flag);
+int32_t zynHwCpuRatControlSync(void *idx, uint32_t syncId, void *var, uint32_t flag);
+}
+
+#endif

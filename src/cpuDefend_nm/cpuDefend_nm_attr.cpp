@@ -1,0 +1,66 @@
+#include "cpuDefend_nm_attr.h"
+
+#include <string.h>
+
+uint32_t nmAttrNumber(const tNmAttr &attr, const void *record)
+{
+    const auto *field = static_cast<const uint8_t *>(record) + attr.offset;
+    uint16_t half;
+    uint32_t word;
+    switch (attr.width) {
+    case 1: return *field;
+    case 2: memcpy(&half, field, sizeof half); return half;
+    default: memcpy(&word, field, sizeof word); return word;
+    }
+}
+
+void nmAttrStoreNumber(const tNmAttr &attr, void *record, uint32_t number)
+{
+    auto *field = static_cast<uint8_t *>(record) + attr.offset;
+    const auto half = static_cast<uint16_t>(number);
+    switch (attr.width) {
+    case 1: *field = static_cast<uint8_t>(number); break;
+    case 2: memcpy(field, &half, sizeof half); break;
+    default: memcpy(field, &number, sizeof number);
+    }
+}
+
+void nmAttrGet(const tNmAttr &attr, const void *record, void *value)
+{
+    const auto *bytes = static_cast<const uint8_t *>(record);
+    if (attr.kind == NM_OCTETS)
+        nmAnswerOctets(value, bytes + attr.offset, bytes[attr.lenOffset]);
+    else
+        nmSetNumber(value, nmAttrNumber(attr, record));
+}
+
+uint32_t nmNumber(const void *value)
+{
+    uint32_t number;
+    memcpy(&number, value, sizeof number);
+    return number;
+}
+
+void nmSetNumber(void *value, uint32_t number)
+{
+    memcpy(value, &number, sizeof number);
+}
+
+octetstring *nmOctets(void *value)
+{
+    return static_cast<octetstring *>(value);
+}
+
+void nmAnswerOctets(void *value, const uint8_t *bytes, uint32_t len)
+{
+    octetstring *octets = nmOctets(value);
+    if (octets->len > len)
+        octets->len = len;
+    memmove(octets->pBuf, bytes, octets->len);
+}
+
+NmText::NmText(const uint8_t *name, uint32_t len)
+{
+    memcpy(text, name, len);
+    text[len] = '\0';
+}

@@ -1,0 +1,89 @@
+/**
+ * Attributes as data: where an attribute stands in its record, and what may be done with it.
+ */
+#ifndef CPUDEFEND_NM_ATTR_H
+#define CPUDEFEND_NM_ATTR_H
+
+#include <stddef.h>
+
+#include "cpuDefend_nm_api.h"
+
+/** One attribute. A table of them is indexed by the attribute id. */
+struct tNmAttr {
+    uint32_t id;
+    tNmKind kind;
+    uint8_t width;      /**< bytes of a number: 1, 2 or 4 */
+    uint8_t checks;     /**< what a set looks at, by table */
+    uint16_t offset;    /**< of the number or the bytes in the record */
+    uint16_t lenOffset; /**< of the 8-bit length that goes with bytes */
+};
+
+/** A number in field @a field of record type @a type. */
+#define NM_ATTR_NUMBER(id, type, field, checks)                                                    \
+    {                                                                                              \
+        id, NM_NUMBER, sizeof(type::field), checks, offsetof(type, field), 0                       \
+    }
+
+/** Bytes in field @a field, their count in @a lenField. */
+#define NM_ATTR_OCTETS(id, type, field, lenField, checks)                                          \
+    {                                                                                              \
+        id, NM_OCTETS, 0, checks, offsetof(type, field), offsetof(type, lenField)                  \
+    }
+
+/** An attribute without a field of its own. */
+#define NM_ATTR_NO_FIELD(id, kind, checks)                                                         \
+    {                                                                                              \
+        id, kind, 0, checks, 0, 0                                                                  \
+    }
+
+/** Whether row n of a table is attribute n, for a static_assert beside each table. */
+template <size_t N> constexpr bool nmAttrsInOrder(const tNmAttr (&attrs)[N])
+{
+    for (size_t i = 0; i < N; i++)
+        if (attrs[i].id != i)
+            return false;
+    return true;
+}
+
+/** Kind of attribute @a id; an id outside the table stands for no attribute. */
+template <size_t N> tNmKind nmAttrKind(const tNmAttr (&attrs)[N], uint32_t id)
+{
+    return id < N ? attrs[id].kind : NM_ANY;
+}
+
+/** The number of attribute @a attr in @a record, zero-extended. */
+uint32_t nmAttrNumber(const tNmAttr &attr, const void *record);
+
+/** Store the low bytes of @a number in the attribute's field. */
+void nmAttrStoreNumber(const tNmAttr &attr, void *record, uint32_t number);
+
+/** Put the attribute into @a value: a number into its first word, or bytes as far as they fit. */
+void nmAttrGet(const tNmAttr &attr, const void *record, void *value);
+
+/** The number in a value: its first 32-bit word. */
+uint32_t nmNumber(const void *value);
+void nmSetNumber(void *value, uint32_t number);
+
+/** The bytes in a value. */
+octetstring *nmOctets(void *value);
+
+/** Answer @a value with at most as many of the @a len bytes at @a bytes as it asked for. */
+void nmAnswerOctets(void *value, const uint8_t *bytes, uint32_t len);
+
+/** A name as text for printing. */
+struct NmText {
+    NmText(const uint8_t *name, uint32_t len);
+    char text[CPUDEFEND_NAME_MAXLEN + 1];
+};
+
+/** Holds the daemon's semaphore while it lives. */
+class NmLock
+{
+public:
+    NmLock() { OsixTakeSem(gCpuDefend.cpuDefendSem, OSIX_WAIT_FOREVER); }
+    ~NmLock() { OsixGiveSem(gCpuDefend.cpuDefendSem); }
+    NmLock(const NmLock &) = delete;
+    NmLock &operator=(const NmLock &) = delete;
+};
+
+#endif

@@ -1,0 +1,48 @@
+/**
+ * The table of traced sources, and the window in which a policy counts packets.
+ */
+#include <string.h>
+
+#include "cpuDefend.h"
+
+static int order(int64_t difference)
+{
+    return (difference > 0) - (difference < 0);
+}
+
+int cpuDefendSrcTraceCmp(const void *a, const void *b)
+{
+    const auto *pSrcTrace1 = static_cast<const tCpuDefendSrcTraceEntry *>(a);
+    const auto *pSrcTrace2 = static_cast<const tCpuDefendSrcTraceEntry *>(b);
+    // Wanted: units 2^31 or more apart compare in the opposite sense.
+    int result = order(static_cast<int32_t>(pSrcTrace1->ifUnit - pSrcTrace2->ifUnit));
+    if (result == 0)
+        result = order(memcmp(pSrcTrace1->srcIp, pSrcTrace2->srcIp, sizeof pSrcTrace1->srcIp));
+    if (result == 0)
+        result = order(pSrcTrace1->pktType - pSrcTrace2->pktType);
+    if (result == 0)
+        result = order(memcmp(pSrcTrace1->srcMac, pSrcTrace2->srcMac, sizeof pSrcTrace1->srcMac));
+    return result;
+}
+
+static int32_t windowDue(void *pPolicy, uintptr_t, uintptr_t)
+{
+    return cpuDefendsrcTraceTimeOut(static_cast<tCpuDefendPolicyEntry *>(pPolicy));
+}
+
+void cpuDefendSrcTraceTimerStart(tCpuDefendPolicyEntry *pPolicy)
+{
+    timerStart(&gCpuDefend.timerList, &pPolicy->srcTraceTimer, CPUDEFEND_SRCTRACE_PERIOD, windowDue,
+               pPolicy, 0, 0);
+}
+
+int32_t cpuDefendsrcTraceTimeOut(tCpuDefendPolicyEntry *pPolicy)
+{
+    list_for_each_entry(tCpuDefendCarPktEntry, entry, &pPolicy->carPktList, policyNode)
+    {
+        entry->pktSrcTraceNum = 0;
+        entry->pktSrcTraceAlarmNum = 0;
+    }
+    cpuDefendSrcTraceTimerStart(pPolicy);
+    return 0;
+}

@@ -1,0 +1,72 @@
+/**
+ * A hardware layer for tests: it programs nothing, records every call in order, and answers as
+ * the test told it to.
+ */
+#ifndef SCRIPTED_HW_H
+#define SCRIPTED_HW_H
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "zynacl.h"
+#include "zynhwal.h"
+#include "zynif.h"
+
+namespace scripted
+{
+
+enum class Call { SlotSet, ScalarSet, ScalarGet, CpuGet, ScalarSync, SlotSync, AclAdd, AclDel };
+
+/** One recorded call. Fields that the call does not have are zero. */
+struct Record {
+    Call call;
+    std::optional<std::pair<uint32_t, uint32_t>> slot; /**< (sys, slot); none: the system */
+    int32_t slotType = 0;
+    uint32_t cmd = 0;              /**< hardware command, scalar id, role id or CPU usage id */
+    uint32_t flag = 0;             /**< last argument of SlotSet and of the synchronisation calls */
+    tHwCpuDefendPktCarEntry car{}; /**< SlotSet, ScalarSet */
+    tHwApiFunc descriptor{};       /**< ScalarSet; its arg is not to be followed */
+    uint16_t acl = 0;              /**< AclAdd, AclDel, as the next four */
+    uint32_t action = 0, cir = 0, cbs = 0, ebs = 0;
+    uint32_t selector = 0; /**< CpuGet */
+    std::string octets;    /**< synchronisation calls with ZYN_SYNC_OCTETS */
+    uint32_t number = 0;   /**< the other synchronisation calls */
+    int32_t result = 0;    /**< what the call was answered with */
+
+    /** On one line, for messages: "AclAdd system acl=2000 action=11 cir=16 cbs=6400 ebs=6400". */
+    std::string text() const;
+};
+
+/** What the next calls are answered with. */
+struct Script {
+    bool slave = false; /**< the role of this card */
+    /** Result of the nth recorded programming or synchronisation call (from 0) of all. */
+    std::map<size_t, int32_t> failAt;
+    /** Result of every call of a kind, unless failAt speaks. */
+    std::map<Call, int32_t> failAll;
+    /** Readings of the CPU usage by selector: used up in turn, the last one stays. */
+    std::map<uint32_t, std::deque<uint32_t>> cpu;
+    /** Interface unit to (sys, slot); others cannot be translated. */
+    std::map<uint32_t, std::pair<uint32_t, uint32_t>> ports;
+};
+
+extern Script script;
+extern std::vector<Record> calls;
+
+/** Forget all calls and instructions. */
+void reset();
+
+/** Recorded calls that program something: CAR entries and ACLs. */
+std::vector<Record> programming();
+
+/** Number of recorded calls of a kind. */
+size_t count(Call call);
+
+} // namespace scripted
+
+#endif
