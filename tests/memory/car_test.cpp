@@ -1,0 +1,259 @@
+#include <cerrno>
+#include <functional>
+#include <string>
+
+#include "memory_fixture.h"
+
+using CarMultiset = Memory;
+using CarRefusal = Memory;
+
+TEST_F(CarMultiset, AddedEntryIsInForceAsSent)
+{
+    tHwCpuDefendPktCarEntry sent = {58, 64, 1000, 200, 3, 7, ZYN_HW_OP_DENY, 0xf8, {}, {}, {}, {}};
+    ASSERT_EQ(carAdd(&slotA, sent), 0);
+    const tHwCpuDefendPktCarEntry *kept = zynMemoryCarInForce(&slotA, 58);
+    ASSERT_NE(kept, nullptr);
+    EXPECT_EQ(kept->pktType, 58u);
+    EXPECT_EQ(kept->cir, 64u);
+    EXPECT_EQ(kept->cbs, 1000u);
+    EXPECT_EQ(kept->pps, 200u);
+    EXPECT_EQ(kept->queue, 3);
+    EXPECT_EQ(kept->priority, 7);
+    EXPECT_EQ(kept->op, ZYN_HW_OP_DENY);
+    EXPECT_EQ(kept->res, 0xf8);
+}
+
+TEST_F(CarMultiset, EntryIsCopiedNotReferenced)
+{
+    tHwCpuDefendPktCarEntry entry = car(1, 100);
+    ASSERT_EQ(zynHwSlotSet(&slotA, HW_SLOT_CPUDEFENDPKTCARADD, &entry, 3), 0);
+    entry.pps = 999;
+    EXPECT_EQ(ppsInForce(&slotA, 1), 100);
+}
+
+TEST_F(CarMultiset, NewEntryCoversAnOlderOneOfTheSameType)
+{
+    ASSERT_EQ(carAdd(&slotA, car(1, 100)), 0);
+    ASSERT_EQ(carAdd(&slotA, car(1, 200)), 0);
+    EXPECT_EQ(ppsInForce(&slotA, 1), 200);
+    EXPECT_EQ(zynMemoryCarCount(&slotA), 2u);
+}
+
+TEST_F(CarMultiset, RemovingTheCoveringEntryPutsTheOlderOneInForceAgain)
+{
+    carAdd(&slotA, car(1, 100));
+    carAdd(&slotA, car(1, 200));
+    ASSERT_EQ(carDel(&slotA, car(1, 200)), 0);
+    EXPECT_EQ(ppsInForce(&slotA, 1), 100);
+    ASSERT_EQ(carDel(&slotA, car(1, 100)), 0);
+    EXPECT_EQ(ppsInForce(&slotA, 1), -1);
+}
+
+TEST_F(CarMultiset, RemovingACoveredEntryLeavesTheNewerOneInForce)
+{
+    carAdd(&slotA, car(1, 100));
+    carAdd(&slotA, car(1, 200));
+    ASSERT_EQ(carDel(&slotA, car(1, 100)), 0);
+    EXPECT_EQ(ppsInForce(&slotA, 1), 200);
+    EXPECT_EQ(zynMemoryCarCount(&slotA), 1u);
+}
+
+TEST_F(CarMultiset, SameArgumentsTwiceAreTwoEntries)
+{
+    carAdd(&slotA, car(1, 100));
+    carAdd(&slotA, car(1, 100));
+    EXPECT_EQ(zynMemoryCarCount(&slotA), 2u);
+    ASSERT_EQ(carDel(&slotA, car(1, 100)), 0);
+    EXPECT_EQ(ppsInForce(&slotA, 1), 100);
+    ASSERT_EQ(carDel(&slotA, car(1, 100)), 0);
+    EXPECT_EQ(ppsInForce(&slotA, 1), -1);
+    EXPECT_EQ(carDel(&slotA, car(1, 100)), ENOENT);
+}
+
+TEST_F(CarMultiset, RemovalTakesTheNewestOfEqualEntries)
+{
+    carAdd(&slotA, car(1, 100));
+    carAdd(&slotA, car(1, 200));
+    carAdd(&slotA, car(1, 100));
+    ASSERT_EQ(carDel(&slotA, car(1, 100)), 0);
+    EXPECT_EQ(ppsInForce(&slotA, 1), 200); // had the oldest gone, 100 would still cover it
+}
+
+TEST_F(CarMultiset, RemovingWhatIsNotThereChangesNothingAndFails)
+{
+    EXPECT_EQ(carDel(&slotA, car(1, 100)), ENOENT);
+    carAdd(&slotA, car(1, 100));
+    EXPECT_EQ(carDel(&slotA, car(2, 100)), ENOENT);
+    EXPECT_EQ(carDel(&slotB, car(1, 100)), ENOENT);
+    EXPECT_EQ(carDel(system, car(1, 100)), ENOENT);
+    EXPECT_EQ(ppsInForce(&slotA, 1), 100);
+    EXPECT_EQ(zynMemoryCarCount(&slotA), 1u);
+}
+
+TEST_F(CarMultiset, EverySettingCountsForRemoval)
+{
+    using Change = void (*)(tHwCpuDefendPktCarEntry &);
+    const Change changes[] = {
+        [](tHwCpuDefendPktCarEntry &e) { e.pktType++; },
+        [](tHwCpuDefendPktCarEntry &e) { e.cir++; },
+        [](tHwCpuDefendPktCarEntry &e) { e.cbs++; },
+        [](tHwCpuDefendPktCarEntry &e) { e.pps++; },
+        [](tHwCpuDefendPktCarEntry &e) { e.queue++; },
+        [](tHwCpuDefendPktCarEntry &e) { e.priority++; },
+        [](tHwCpuDefendPktCarEntry &e) { e.op = ZYN_HW_OP_DENY; },
+        [](tHwCpuDefendPktCarEntry &e) { e.res = ZYN_HW_CAR_CIR; },
+    };
+    ASSERT_EQ(carAdd(&slotA, car(1, 100)), 0);
+    for (Change change : changes) {
+        tHwCpuDefendPktCarEntry other = car(1, 100);
+        change(other);
+        EXPECT_EQ(carDel(&slotA, other), ENOENT) << "setting " << &change - changes;
+    }
+    EXPECT_EQ(zynMemoryCarCount(&slotA), 1u);
+}
+
+TEST_F(CarMultiset, CountersDoNotCountForRemoval)
+{
+    ASSERT_EQ(carAdd(&slotA, car(1, 100)), 0);
+    tHwCpuDefendPktCarEntry counted = car(1, 100);
+    counted.PassPkt = {1, 2};
+    counted.DropPkt = {3, 4};
+    counted.PassOct = {5, 6};
+    counted.DropOct = {7, 8};
+    EXPECT_EQ(carDel(&slotA, counted), 0);
+}
+
+TEST_F(CarMultiset, TargetsAreIndependent)
+{
+    carAdd(system, car(1, 1));
+    carAdd(&slotA, car(1, 2));
+    carAdd(&slotB, car(1, 3));
+    carAdd(&slotC, car(1, 4));
+    EXPECT_EQ(ppsInForce(system, 1), 1);
+    EXPECT_EQ(ppsInForce(&slotA, 1), 2);
+    EXPECT_EQ(ppsInForce(&slotB, 1), 3);
+    EXPECT_EQ(ppsInForce(&slotC, 1), 4);
+    EXPECT_EQ(carDel(&slotB, car(1, 3)), 0);
+    EXPECT_EQ(zynMemoryCarCount(system), 1u);
+    EXPECT_EQ(zynMemoryCarCount(&slotA), 1u);
+    EXPECT_EQ(zynMemoryCarCount(&slotB), 0u);
+    EXPECT_EQ(zynMemoryCarCount(&slotC), 1u);
+}
+
+TEST_F(CarMultiset, TypesAreIndependent)
+{
+    carAdd(system, car(1, 100));
+    carAdd(system, car(2, 200));
+    EXPECT_EQ(ppsInForce(system, 1), 100);
+    EXPECT_EQ(ppsInForce(system, 2), 200);
+    EXPECT_EQ(ppsInForce(system, 3), -1);
+}
+
+TEST_F(CarMultiset, ResetForgetsAllTargets)
+{
+    carAdd(system, car(1, 100));
+    carAdd(&slotA, car(1, 100));
+    zynMemoryReset();
+    EXPECT_EQ(zynMemoryCarCount(system), 0u);
+    EXPECT_EQ(zynMemoryCarCount(&slotA), 0u);
+}
+
+/* ---- What a real layer would refuse --------------------------------------------------- */
+
+/** Expect EINVAL of a call, and nothing changed on any target. */
+void expectRefused(const std::string &what, const std::function<int32_t()> &call)
+{
+    const tSlotIndex slots[] = {{1, 0, 0}, {0, 0, 0}, {1, 0, 1}};
+    EXPECT_EQ(call(), EINVAL) << what;
+    EXPECT_EQ(zynMemoryCarCount(nullptr), 0u) << what;
+    for (const tSlotIndex &slot : slots)
+        EXPECT_EQ(zynMemoryCarCount(&slot), 0u) << what;
+}
+
+TEST_F(CarRefusal, PacketTypesFrom59On)
+{
+    for (uint32_t type : {59u, 60u, 0xffu, 0x10001u, 0xffffffffu}) {
+        expectRefused("slot", [&] { return carAdd(&slotA, car(type, 1)); });
+        expectRefused("system", [&] { return carAdd(system, car(type, 1)); });
+        expectRefused("removal", [&] { return carDel(&slotA, car(type, 1)); });
+    }
+}
+
+TEST_F(CarRefusal, EveryPacketTypeBelow59IsTaken)
+{
+    for (uint32_t type = 0; type <= 58; type++) {
+        EXPECT_EQ(carAdd(&slotA, car(type, 1)), 0) << type;
+        EXPECT_EQ(carAdd(system, car(type, 1)), 0) << type;
+    }
+}
+
+TEST_F(CarRefusal, TreatmentsOtherThanPermitAndDeny)
+{
+    for (unsigned op = 0; op < 256; op++) {
+        tHwCpuDefendPktCarEntry entry = car(1, 1);
+        entry.op = static_cast<uint8_t>(op);
+        if (op == ZYN_HW_OP_PERMIT || op == ZYN_HW_OP_DENY) {
+            EXPECT_EQ(carAdd(&slotA, entry), 0);
+            EXPECT_EQ(carDel(&slotA, entry), 0);
+        } else {
+            expectRefused("op " + std::to_string(op), [&] { return carAdd(&slotA, entry); });
+            expectRefused("op " + std::to_string(op), [&] { return carDel(system, entry); });
+        }
+    }
+}
+
+TEST_F(CarRefusal, ArgumentsOfTheSlotPath)
+{
+    tHwCpuDefendPktCarEntry entry = car(1, 1);
+    const uint32_t add = HW_SLOT_CPUDEFENDPKTCARADD;
+    const tSlotIndex itself = {0, 0, 0};
+    const tSlotIndex typed = {1, 0, 1};
+    expectRefused("no slot", [&] { return zynHwSlotSet(nullptr, add, &entry, 3); });
+    expectRefused("the system as a slot", [&] { return zynHwSlotSet(&itself, add, &entry, 3); });
+    expectRefused("type of slot", [&] { return zynHwSlotSet(&typed, add, &entry, 3); });
+    expectRefused("no entry", [&] { return zynHwSlotSet(&slotA, add, nullptr, 3); });
+    expectRefused("flag", [&] { return zynHwSlotSet(&slotA, add, &entry, 1); });
+    for (uint32_t cmd : {0u, 0x01F4003Eu, 0x01F40041u, 385u, 386u})
+        expectRefused("command", [&] { return zynHwSlotSet(&slotA, cmd, &entry, 3); });
+    expectRefused("no entry to remove",
+                  [&] { return zynHwSlotSet(&slotA, HW_SLOT_CPUDEFENDPKTCARDEL, nullptr, 3); });
+}
+
+TEST_F(CarRefusal, ArgumentsOfTheSystemPath)
+{
+    tHwCpuDefendPktCarEntry entry = car(1, 1);
+    const tHwApiFunc right = {HW_SYS_CPUDEFENDPKTCARADD, &entry, 0, 0, 0, 0};
+    auto refused = [&](const char *what, uint32_t index, uint32_t cmd, tHwApiFunc func) {
+        expectRefused(what, [&] { return zynScalarSetApi(index, cmd, &func); });
+    };
+    expectRefused("no descriptor", [] { return zynScalarSetApi(0, 0, nullptr); });
+    refused("index", 1, 0, right);
+    refused("command outside the descriptor", 0, 385, right);
+    refused("no entry", 0, 0, {HW_SYS_CPUDEFENDPKTCARADD, nullptr, 0, 0, 0, 0});
+    refused("no entry to remove", 0, 0, {HW_SYS_CPUDEFENDPKTCARDEL, nullptr, 0, 0, 0, 0});
+    for (uint32_t cmd : {0u, 384u, 387u, 0x01F4003Fu})
+        refused("hwCmd", 0, 0, {cmd, &entry, 0, 0, 0, 0});
+    refused("action", 0, 0, {HW_SYS_CPUDEFENDPKTCARADD, &entry, 1, 0, 0, 0});
+    refused("res", 0, 0, {HW_SYS_CPUDEFENDPKTCARADD, &entry, 0, 1, 0, 0});
+    refused("length", 0, 0, {HW_SYS_CPUDEFENDPKTCARADD, &entry, 0, 0, 52, 0});
+    refused("flag", 0, 0, {HW_SYS_CPUDEFENDPKTCARADD, &entry, 0, 0, 0, 3});
+}
+
+TEST_F(CarRefusal, UnknownCommandDoesNotLookAtItsArgument)
+{
+    char oneByte = 0; // a sanitizer sees a read beyond it
+    EXPECT_EQ(zynHwSlotSet(&slotA, 1, &oneByte, 3), EINVAL);
+    tHwApiFunc func = {1, &oneByte, 0, 0, 0, 0};
+    EXPECT_EQ(zynScalarSetApi(0, 0, &func), EINVAL);
+}
+
+TEST_F(CarRefusal, WithoutMemoryNothingIsAdded)
+{
+    ASSERT_EQ(carAdd(&slotA, car(1, 100)), 0);
+    callocFailures = 1;
+    EXPECT_EQ(carAdd(&slotA, car(1, 200)), ENOMEM);
+    EXPECT_EQ(callocFailures, 0);
+    EXPECT_EQ(ppsInForce(&slotA, 1), 100);
+    EXPECT_EQ(zynMemoryCarCount(&slotA), 1u);
+    EXPECT_EQ(carAdd(&slotA, car(1, 200)), 0);
+}

@@ -1,0 +1,8 @@
+#!/bin/sh
+# no_cxx_runtime.sh NM LIBRARY: fail when the library refers to the C++ run-time library, which
+# shows as an undefined symbol that is mangled or one of its C-named entries.
+symbols=$("$1" --undefined-only "$2") || exit 1
+case $symbols in *memmove*) ;; *) echo "no undefined symbols listed"; exit 1 ;; esac
+if echo "$symbols" | grep -E ' (_Z|__cxa_|__gxx_)'; then
+    exit 1
+fi
