@@ -1,0 +1,151 @@
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <iostream>
+#include <map>
+
+#include "cli/commands.h"
+#include "cli/complete.h"
+#include "cli/values.h"
+
+using namespace ctl;
+
+namespace
+{
+
+/** Typed by the shell's completion, never by people: the words behind it are to be completed. */
+constexpr std::string_view kCompleteCommand = "__complete";
+
+/** Completion must never make a shell wait. */
+constexpr std::chrono::milliseconds kCompleteTimeout{500};
+
+struct Options {
+    bool json = false;
+    std::string socket = CPUDEFEND_CMD_SOCKET;
+    double timeout = 5;
+};
+
+/** A command's place in the parser, and its arguments there. */
+struct Entry {
+    CLI::App *parser;
+    std::vector<CLI::Option *> args;
+};
+
+/** The settings that a command takes, for the end of its help. */
+std::string settingsHelp(const Arg &arg)
+{
+    std::string text = "\nSettings:\n";
+    for (const cpudefend::Attribute &attribute : arg.attributes()) {
+        if (!attribute.isSettable())
+            continue;
+        const std::string unit =
+            attribute.unit.empty() ? "" : " (" + std::string(attribute.unit) + ")";
+        text += "  " + std::string(attribute.name) + "=" + describeValues(attribute) + "\n      " +
+                std::string(attribute.help) + unit + "\n";
+    }
+    text.pop_back();
+    return text;
+}
+
+Entry addCommand(CLI::App *parent, const Command &command)
+{
+    Entry entry{parent->add_subcommand(command.verb, command.help), {}};
+    for (const Arg &arg : command.args) {
+        CLI::Option *option = entry.parser->add_option(arg.name)->description(arg.help);
+        option->required(arg.required)->type_name("");
+        if (arg.isSettings()) {
+            option->expected(CLI::detail::expected_max_vector_size);
+            entry.parser->footer(settingsHelp(arg));
+        }
+        entry.args.push_back(option);
+    }
+    return entry;
+}
+
+void addOptions(CLI::App *app, Options *options)
+{
+    app->set_version_flag("--version", "cpudefendctl " CPUDEFEND_VERSION);
+    app->add_flag("--json", options->json, "print JSON: always an array of objects");
+    app->add_option("--socket", options->socket, "the daemon's socket")
+        ->capture_default_str()
+        ->type_name("PATH");
+    app->add_option("--timeout", options->timeout, "seconds to wait for the daemon")
+        ->capture_default_str()
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.001, 3600.0));
+}
+
+/** The commands in the order of the table. */
+std::vector<Entry> addCommands(CLI::App *app)
+{
+    std::map<std::string, CLI::App *> parents{{"", app}};
+    for (const Object &object : objects())
+        parents[object.name] = app->add_subcommand(object.name, object.help)->require_subcommand(1);
+    std::vector<Entry> entries;
+    for (const Command &command : commands())
+        entries.push_back(addCommand(parents[command.object], command));
+    return entries;
+}
+
+cpudefend::Client clientFor(const Options &options)
+{
+    const auto timeout = std::chrono::duration<double>(options.timeout);
+    return cpudefend::Client(cpudefend::Channel(
+        options.socket, std::chrono::duration_cast<std::chrono::milliseconds>(timeout)));
+}
+
+int run(const Options &options, const std::vector<Entry> &entries)
+{
+    Context context{clientFor(options), options.json ? Format::Json : Format::Text, std::cout,
+                    std::cerr};
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        if (!entries[i].parser->parsed())
+            continue;
+        Words words;
+        for (const CLI::Option *arg : entries[i].args)
+            words.insert(words.end(), arg->results().begin(), arg->results().end());
+        commands()[i].run(context, words);
+    }
+    return std::cout.flush() ? kExitDone : kExitRefused;
+}
+
+int printCompletions(const Words &words)
+{
+    cpudefend::Client client(cpudefend::Channel(CPUDEFEND_CMD_SOCKET, kCompleteTimeout));
+    for (const std::string &candidate : complete(words, client))
+        std::cout << candidate << '\n';
+    return kExitDone;
+}
+
+int fail(Exit status, const std::string &message)
+{
+    std::cerr << "cpudefendctl: " << message << '\n';
+    return status;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    if (argc > 1 && argv[1] == kCompleteCommand)
+        return printCompletions({argv + 2, argv + argc});
+
+    CLI::App app("Manage the control-plane protection daemon", "cpudefendctl");
+    app.require_subcommand(1)->fallthrough();
+    app.footer("\nExit status: 0 done, 1 refused by the daemon, 2 wrong command line,\n"
+               "3 daemon not reached.");
+    Options options;
+    addOptions(&app, &options);
+    const std::vector<Entry> entries = addCommands(&app);
+    try {
+        app.parse(argc, argv);
+        return run(options, entries);
+    } catch (const CLI::Success &success) { // help or version
+        return app.exit(success);
+    } catch (const CLI::ParseError &error) {
+        return fail(kExitUsage, std::string(error.what()) + " (try --help)");
+    } catch (const CommandFailed &failed) {
+        return fail(failed.status(), failed.what());
+    } catch (const cpudefend::Error &error) {
+        return fail(kExitUnreachable, error.what());
+    }
+}

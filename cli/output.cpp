@@ -1,0 +1,165 @@
+#include "cli/output.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <ranges>
+
+namespace ctl
+{
+
+namespace
+{
+
+using Json = nlohmann::ordered_json;
+
+template <class... Ts> struct Overload : Ts... {
+    using Ts::operator()...;
+};
+template <class... Ts> Overload(Ts...) -> Overload<Ts...>;
+
+std::string join(const std::vector<uint32_t> &numbers)
+{
+    std::string text;
+    for (const uint32_t number : numbers)
+        text += (text.empty() ? "" : ",") + std::to_string(number);
+    return text;
+}
+
+std::string textOf(const Cell &cell)
+{
+    return std::visit(
+        Overload{[](const std::string &text) { return text.empty() ? "-" : printable(text); },
+                 [](uint32_t number) { return std::to_string(number); },
+                 [](bool on) { return std::string(on ? "on" : "off"); },
+                 [](const Pool &pool) {
+                     return std::to_string(pool.used) + " of " + std::to_string(pool.max);
+                 },
+                 [](const std::vector<uint32_t> &numbers) { return join(numbers); }},
+        cell);
+}
+
+Json jsonOf(const Cell &cell)
+{
+    return std::visit(Overload{[](const Pool &pool) {
+                                   return Json{{"used", pool.used}, {"max", pool.max}};
+                               },
+                               [](const auto &value) { return Json(value); }},
+                      cell);
+}
+
+void writeJson(std::ostream &out, const std::vector<Record> &records)
+{
+    Json array = Json::array();
+    for (const Record &record : records) {
+        Json object = Json::object();
+        for (const Field &field : record)
+            object[std::string(field.name)] = jsonOf(field.cell);
+        array.push_back(std::move(object));
+    }
+    // Bytes that are no UTF-8 become the replacement character: JSON cannot carry them.
+    out << array.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+}
+
+void writeSheet(std::ostream &out, const Record &record)
+{
+    std::size_t width = 0;
+    for (const Field &field : record)
+        width = std::max(width, field.name.size());
+    for (const Field &field : record) {
+        out << field.name << std::string(width - field.name.size() + 2, ' ') << textOf(field.cell);
+        if (!field.unit.empty())
+            out << ' ' << field.unit;
+        out << '\n';
+    }
+}
+
+/**
+ * Bytes of the printable character that @a bytes begin with, 0 when they begin with none.
+ * UTF-8 of two to four bytes passes, but for the control characters U+0080 to U+009F.
+ */
+std::size_t characterAt(std::string_view bytes)
+{
+    const auto lead = static_cast<unsigned char>(bytes[0]);
+    if (lead < 0x80)
+        return lead >= 0x20 && lead != 0x7F ? 1 : 0;
+    const std::size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
+    if (lead < 0xC2 || lead > 0xF4 || bytes.size() < length)
+        return 0;
+    const bool rest =
+        std::ranges::all_of(bytes.substr(1, length - 1), [](char c) { return (c & 0xC0) == 0x80; });
+    const bool control = lead == 0xC2 && static_cast<unsigned char>(bytes[1]) < 0xA0;
+    return rest && !control ? length : 0;
+}
+
+/** Columns that a printable text takes: one for each character. */
+std::size_t columnsOf(std::string_view text)
+{
+    return static_cast<std::size_t>(
+        std::ranges::count_if(text, [](char c) { return (c & 0xC0) != 0x80; }));
+}
+
+struct Column {
+    bool toTheRight;
+    std::vector<std::string> lines; // the heading, then a line for each record
+
+    std::size_t width() const { return std::ranges::max(lines | std::views::transform(columnsOf)); }
+};
+
+std::vector<Column> layOut(const std::vector<Record> &records)
+{
+    std::vector<Column> columns;
+    for (std::size_t i = 0; i < records[0].size(); ++i) {
+        const Field &head = records[0][i];
+        Column column{std::holds_alternative<uint32_t>(head.cell), {std::string(head.name)}};
+        if (!head.unit.empty())
+            column.lines[0] += " (" + std::string(head.unit) + ")";
+        for (const Record &record : records)
+            column.lines.push_back(textOf(record[i].cell));
+        columns.push_back(std::move(column));
+    }
+    return columns;
+}
+
+void writeTable(std::ostream &out, const std::vector<Record> &records)
+{
+    const std::vector<Column> columns = layOut(records);
+    for (std::size_t row = 0; row <= records.size(); ++row) {
+        std::string line;
+        for (const Column &column : columns) {
+            const std::string &text = column.lines[row];
+            const std::string gap(column.width() - columnsOf(text), ' ');
+            line += (column.toTheRight ? gap + text : text + gap) + "  ";
+        }
+        line.erase(line.find_last_not_of(' ') + 1);
+        out << line << '\n';
+    }
+}
+
+} // namespace
+
+void write(std::ostream &out, Format format, Layout layout, const std::vector<Record> &records)
+{
+    if (format == Format::Json)
+        writeJson(out, records);
+    else if (layout == Layout::Table && !records.empty())
+        writeTable(out, records);
+    else
+        for (const Record &record : records)
+            writeSheet(out, record);
+}
+
+std::string printable(std::string_view bytes)
+{
+    std::string text;
+    while (!bytes.empty()) {
+        const std::size_t length = characterAt(bytes);
+        char escape[5];
+        std::snprintf(escape, sizeof escape, "\\x%02X", static_cast<unsigned char>(bytes[0]));
+        text += length > 0 ? bytes.substr(0, length) : std::string_view(escape);
+        bytes.remove_prefix(length > 0 ? length : 1);
+    }
+    return text;
+}
+
+} // namespace ctl

@@ -1,0 +1,200 @@
+#include "client/tables.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+
+#include "cpuDefend_nm.h"
+
+namespace cpudefend
+{
+
+namespace
+{
+
+constexpr auto ReadOnly = Access::ReadOnly;
+constexpr auto Settable = Access::Settable;
+constexpr uint32_t kMax8 = UINT8_MAX;
+constexpr uint32_t kMax16 = UINT16_MAX;
+constexpr uint32_t kMax32 = UINT32_MAX;
+
+constexpr std::string_view kKbits = "kbit/s";
+constexpr std::string_view kBytes = "bytes";
+constexpr std::string_view kPps = "packets/s";
+constexpr std::string_view kPackets = "packets";
+
+constexpr std::array kOnOff{Choice{"on", CPUDEFEND_ENABLE}, Choice{"off", CPUDEFEND_DISABLE}};
+constexpr std::array kActions{Choice{"deny", CPUDEFEND_ENABLE},
+                              Choice{"permit", CPUDEFEND_DISABLE}};
+constexpr std::array kCarModes{Choice{"default", CPUDEFEND_CARPKTMODE_DEFAULT},
+                               Choice{"pps", CPUDEFEND_CARPKTMODE_PPS},
+                               Choice{"cir", CPUDEFEND_CARPKTMODE_CIR}};
+constexpr std::array kPolicyModes{Choice{"cpu-rate", CPUDEFEND_CPURAT_CONTROL},
+                                  Choice{"fixed", CPUDEFEND_FIXED}};
+// A read status is 1 once active and 3 before.
+constexpr std::array kStatuses{Choice{"active", 1}, Choice{"created", 3}};
+
+constexpr Attribute number(std::string_view name, uint32_t id, Access access, uint32_t max,
+                           std::string_view unit, std::string_view help)
+{
+    return {name, id, Kind::Number, access, 0, max, unit, help, {}};
+}
+
+constexpr Attribute onOff(std::string_view name, uint32_t id, std::string_view help)
+{
+    return {name, id, Kind::Switch, Settable, 0, 0, "", help, kOnOff};
+}
+
+constexpr std::array kGlobal{
+    Attribute{"policy", CPUDEFEND_GLOBAL_POLICY, Kind::Text, Settable, 0, CPUDEFEND_NAME_MAXLEN, "",
+              "policy bound to the system"},
+    Attribute{"mode", CPUDEFEND_GLOBAL_POLICYMODE, Kind::Choice, Settable, 0, 0, "",
+              "fixed: the bound policy; cpu-rate: chosen by CPU use", kPolicyModes},
+    onOff("debug", CPUDEFEND_GLOBAL_DEBUG, "the daemon prints diagnostics"),
+    number("policies-max", CPUDEFEND_GLOBAL_MAXPOLICYNUM, ReadOnly, kMax32, "",
+           "policies there is room for"),
+    number("policies-used", CPUDEFEND_GLOBAL_USEPOLICYNUM, ReadOnly, kMax32, "",
+           "policies there are"),
+    number("rules-max", CPUDEFEND_GLOBAL_MAXUSERDEFINEDNUM, ReadOnly, kMax32, "",
+           "user-defined rules there is room for"),
+    number("rules-used", CPUDEFEND_GLOBAL_USEUSERDEFINEDNUM, ReadOnly, kMax32, "",
+           "user-defined rules added and deleted so far"),
+    number("car-entries-max", CPUDEFEND_GLOBAL_MAXCARPKTNUM, ReadOnly, kMax32, "",
+           "CAR entries there is room for"),
+    number("car-entries-used", CPUDEFEND_GLOBAL_USECARPKTNUM, ReadOnly, kMax32, "",
+           "CAR entries in use, those of destroyed policies too"),
+    number("sources-max", CPUDEFEND_GLOBAL_MAXSRCTRACENUM, ReadOnly, kMax32, "",
+           "traced sources there is room for"),
+    number("sources-used", CPUDEFEND_GLOBAL_USESRCTRACENUM, ReadOnly, kMax32, "",
+           "traced sources there are"),
+    number("slots-max", CPUDEFEND_GLOBAL_MAXSLOTNUM, ReadOnly, kMax32, "",
+           "slots there is room for"),
+    number("slots-used", CPUDEFEND_GLOBAL_USESLOTNUM, ReadOnly, kMax32, "", "slots there are"),
+};
+
+constexpr std::array kPolicy{
+    Attribute{"status", CPUDEFEND_POLICY_ENTRYSTATUS, Kind::Word, ReadOnly, 0, 0, "",
+              "active, or created and not yet active", kStatuses},
+    Attribute{"description", CPUDEFEND_POLICY_DESCRIPTION, Kind::Text, Settable, 0,
+              CPUDEFEND_DESCRIPTION_MAXLEN, "", "free text"},
+    Attribute{"priority", CPUDEFEND_POLICY_PRIORITY, Kind::Numbers, Settable, 3, 3, "",
+              "three numbers"},
+    onOff("white-list", CPUDEFEND_POLICY_WHITELISTENABLE, "the white list is in force"),
+    number("white-list-ip4-acl", CPUDEFEND_POLICY_WHITELISTIP4ACL, Settable, kMax16, "",
+           "ACL of the IPv4 white list, 0 for none"),
+    number("white-list-ip6-acl", CPUDEFEND_POLICY_WHITELISTIP6ACL, Settable, kMax16, "",
+           "ACL of the IPv6 white list, 0 for none"),
+    number("white-list-ip4-cir", CPUDEFEND_POLICY_WHITELISTIP4CIR, Settable, kMax32, kKbits,
+           "rate of the IPv4 white list"),
+    number("white-list-ip4-cbs", CPUDEFEND_POLICY_WHITELISTIP4CBS, Settable, kMax32, kBytes,
+           "burst of the IPv4 white list"),
+    number("white-list-ip6-cir", CPUDEFEND_POLICY_WHITELISTIP6CIR, Settable, kMax32, kKbits,
+           "rate of the IPv6 white list"),
+    number("white-list-ip6-cbs", CPUDEFEND_POLICY_WHITELISTIP6CBS, Settable, kMax32, kBytes,
+           "burst of the IPv6 white list"),
+    onOff("black-list", CPUDEFEND_POLICY_BLACKLISTENABLE, "the black list is in force"),
+    number("black-list-ip4-acl", CPUDEFEND_POLICY_BLACKLISTIP4ACL, Settable, kMax16, "",
+           "ACL of the IPv4 black list, 0 for none"),
+    number("black-list-ip6-acl", CPUDEFEND_POLICY_BLACKLISTIP6ACL, Settable, kMax16, "",
+           "ACL of the IPv6 black list, 0 for none"),
+    onOff("source-trace", CPUDEFEND_POLICY_SRCTRACEENABLE, "sources of a flood are recorded"),
+    onOff("source-trace-data", CPUDEFEND_POLICY_SRCTRACEPKTDATAENABLE,
+          "a packet of each source is kept"),
+    onOff("source-trace-alarm", CPUDEFEND_POLICY_SRCTRACEALARMENABLE, "a flood raises an alarm"),
+    number("source-trace-threshold", CPUDEFEND_POLICY_SRCTRACETHRESHOLD, Settable, kMax16, kPackets,
+           "count in 100 ms from which sources are recorded"),
+    number("source-trace-alarm-threshold", CPUDEFEND_POLICY_SRCTRACEALARMTHRESHOLD, Settable,
+           kMax16, kPackets, "count in 100 ms from which an alarm is raised"),
+    number("bindings", CPUDEFEND_POLICY_REFCOUNT, ReadOnly, kMax32, "",
+           "places where the policy is programmed"),
+};
+
+constexpr std::array kCarPkt{
+    Attribute{"mode", CPUDEFEND_CARPKT_MODE, Kind::Word, Settable, 0, 0, "",
+              "the limit in force: packets (pps), bytes (cir) or the platform's own (default)",
+              kCarModes},
+    number("pps", CPUDEFEND_CARPKT_PPS, Settable, kMax32, kPps, "packet rate, for mode pps"),
+    number("cir", CPUDEFEND_CARPKT_CIR, Settable, kMax32, kKbits, "byte rate, for mode cir"),
+    number("cbs", CPUDEFEND_CARPKT_CBS, Settable, kMax32, kBytes, "burst, for mode cir"),
+    Attribute{"action", CPUDEFEND_CARPKT_DENY, Kind::Choice, Settable, 0, 0, "",
+              "permit within the limit, or deny", kActions},
+    number("queue", CPUDEFEND_CARPKT_QUEUE, Settable, kMax8, "", "queue towards the CPU"),
+    number("priority", CPUDEFEND_CARPKT_PRIORITY, Settable, kMax8, "", "priority in the queue"),
+    number("passed", CPUDEFEND_CARPKT_PASSNUM, ReadOnly, kMax32, kPackets, "packets let through"),
+    number("dropped", CPUDEFEND_CARPKT_DROPNUM, ReadOnly, kMax32, kPackets, "packets dropped"),
+    number("total-pps", CPUDEFEND_CARPKT_TOTALPKTPPS, Settable, kMax32, kPps,
+           "packet rate of the type, a statistic"),
+    number("total-bps", CPUDEFEND_CARPKT_TOTALPKTBPS, Settable, kMax32, "bytes/s",
+           "byte rate of the type, a statistic"),
+};
+
+constexpr std::array<std::string_view, CPUDEFEND_PKTTYPE_MAX> kPktTypes{
+    "dot1x",      "arp",          "igmpsnoop",    "stpcustomer",  "gvrp",       "udld",
+    "vtp",        "igmp",         "alb",          "dhcpsnoopip",  "y1731",      "telnet",
+    "tcp",        "ftp",          "icmp",         "icmpv6",       "snmp",       "ntp",
+    "bpdutunnel", "ospf",         "ospf6",        "dhcpclient",   "dhcpserver", "dhcp6reply",
+    "oam",        "dhcp6request", "rip",          "rip6",         "ldp",        "mpls",
+    "bfd",        "bfd6",         "bgp",          "sntp",         "sntp6",      "pim",
+    "pim6",       "vrrp",         "vrrp6",        "erp",          "dlip",       "stpprovider",
+    "esr",        "eaps",         "isis",         "bfdether",     "loopback",   "efm",
+    "rlink",      "rtrunk",       "lldp",         "sgm",          "pppoe",      "flush",
+    "iss",        "isssync",      "dhcpsnoopip6", "dhcpsnooparp", "totalpkt"};
+
+static_assert(kPktTypes[CPUDEFEND_PKTTYPE_TOTALPKT] == "totalpkt");
+
+} // namespace
+
+std::span<const Attribute> globalAttributes()
+{
+    return kGlobal;
+}
+
+std::span<const Attribute> policyAttributes()
+{
+    return kPolicy;
+}
+
+std::span<const Attribute> carPktAttributes()
+{
+    return kCarPkt;
+}
+
+const Attribute *findAttribute(std::span<const Attribute> attributes, std::string_view name)
+{
+    const auto found = std::ranges::find(attributes, name, &Attribute::name);
+    return found == attributes.end() ? nullptr : &*found;
+}
+
+const Attribute &attribute(std::span<const Attribute> attributes, uint32_t id)
+{
+    return *std::ranges::find(attributes, id, &Attribute::id);
+}
+
+std::span<const std::string_view> pktTypeNames()
+{
+    return kPktTypes;
+}
+
+std::string pktTypeName(uint32_t pktType)
+{
+    return pktType < kPktTypes.size() ? std::string(kPktTypes[pktType]) : std::to_string(pktType);
+}
+
+std::optional<uint32_t> findPktType(std::string_view text)
+{
+    const auto named = std::ranges::find(kPktTypes, text);
+    if (named != kPktTypes.end())
+        return static_cast<uint32_t>(named - kPktTypes.begin());
+    const auto number = parseNumber(text);
+    return number && *number < kPktTypes.size() ? number : std::nullopt;
+}
+
+std::optional<uint32_t> parseNumber(std::string_view text)
+{
+    uint32_t number = 0;
+    const char *end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, number);
+    return error == std::errc() && stop == end ? std::optional(number) : std::nullopt;
+}
+
+} // namespace cpudefend

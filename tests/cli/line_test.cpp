@@ -1,0 +1,164 @@
+/**
+ * The command line itself: options, help, exit statuses, a daemon that does not answer.
+ */
+#include <unistd.h>
+
+#include <atomic>
+#include <fstream>
+#include <sstream>
+
+#include "cli/commands.h"
+#include "client/fake_daemon.h"
+#include "cpuDefend_nm.h"
+#include "ctl.h"
+
+using cpudefend::Bytes;
+
+TEST(Ctl, VersionIsPrinted)
+{
+    EXPECT_EQ(ctlOutput({"--version"}), "cpudefendctl " CPUDEFEND_VERSION "\n");
+}
+
+TEST(Ctl, EveryCommandOptionAndSettingHasHelp)
+{
+    for (const ctl::Command &command : ctl::commands()) {
+        std::vector<std::string> words{command.verb, "--help"};
+        if (*command.object)
+            words.insert(words.begin(), command.object);
+        const std::string help = ctlOutput(words);
+        EXPECT_TRUE(help.starts_with(std::string(command.help) + "\n")) << help;
+        for (const ctl::Arg &arg : command.args) {
+            EXPECT_NE(help.find(arg.help), std::string::npos) << arg.name;
+            for (const cpudefend::Attribute &attribute : arg.attributes())
+                EXPECT_EQ(help.find("  " + std::string(attribute.name) + "=") != std::string::npos,
+                          attribute.isSettable())
+                    << attribute.name;
+        }
+    }
+    const std::string help = ctlOutput({"--help"});
+    for (const char *text : {"print JSON", "the daemon's socket", "seconds to wait", "Exit status",
+                             "Named sets of limits", "Limits of a policy for a packet type"})
+        EXPECT_NE(help.find(text), std::string::npos) << text;
+}
+
+TEST(Ctl, AWrongCommandLineEndsWith2)
+{
+    const std::vector<std::vector<std::string>> kWrong = {
+        {},
+        {"policy"},
+        {"polizei"},
+        {"policy", "rename", "a", "b"},
+        {"policy", "add"},
+        {"policy", "set", "a"},
+        {"policy", "show", "a", "b"},
+        {"policy", "list", "list"},
+        {"car", "set", "a"},
+        {"car", "set", "a", "arp"},
+        {"show", "--xml"},
+        {"show", "--timeout", "0"},
+        {"show", "--timeout", "soon"},
+        {"bind"},
+        {"unbind", "a"},
+        {"debug"},
+    };
+    for (const auto &words : kWrong) {
+        const Outcome outcome = runCtl(words);
+        EXPECT_EQ(outcome.status, 2) << testing::PrintToString(words);
+        EXPECT_EQ(outcome.out, "");
+        EXPECT_TRUE(outcome.err.starts_with("cpudefendctl: ")) << outcome.err;
+        EXPECT_TRUE(outcome.err.ends_with(" (try --help)\n")) << outcome.err;
+    }
+}
+
+TEST(Ctl, APolicyMayBeNamedLikeACommand)
+{
+    DaemonProcess daemon;
+    expectDone({"policy", "add", "show"});
+    expectDone({"bind", "show"});
+    EXPECT_TRUE(ctlOutput({"show"}).starts_with("policy       show\n"));
+}
+
+TEST(Ctl, NoDaemonEndsWith3)
+{
+    expectFailure({"--socket", "/tmp/none.socket", "show"}, 3,
+                  "couldn't show the system: the daemon is not running (nothing listens on "
+                  "/tmp/none.socket)");
+    expectFailure({"--socket", "/tmp/none.socket", "policy", "set", "a", "description=x"}, 3,
+                  "couldn't set description=x for policy a: the daemon is not running (nothing "
+                  "listens on /tmp/none.socket)");
+}
+
+TEST(Ctl, ADaemonThatHangsUpEndsWith3)
+{
+    FakeDaemon daemon([](int, const Bytes &) {});
+    expectFailure({"--socket", daemon.path(), "unbind"}, 3,
+                  "couldn't unbind the policy of the system: the daemon closed the connection "
+                  "without a reply");
+}
+
+TEST(Ctl, ARequestThatTheDaemonCannotReadEndsWith3)
+{
+    FakeDaemon daemon([](int fd, const Bytes &) { reply(fd, {}); });
+    expectFailure({"--socket", daemon.path(), "unbind"}, 3,
+                  "couldn't unbind the policy of the system: the daemon could not read the "
+                  "request");
+}
+
+TEST(Ctl, ADaemonThatIsSilentEndsWith3)
+{
+    std::atomic<bool> done = false;
+    FakeDaemon daemon([&](int, const Bytes &) {
+        while (!done)
+            usleep(1000);
+    });
+    expectFailure({"unbind", "--timeout", "0.05", "--socket", daemon.path()}, 3,
+                  "couldn't unbind the policy of the system: the daemon did not answer in time");
+    done = true;
+}
+
+TEST(Ctl, OutputThatCannotBeWrittenIsAFailure)
+{
+    DaemonProcess daemon;
+    const std::string command = std::string(CPUDEFEND_TEST_CTL) + " show > /dev/full";
+    EXPECT_EQ(runProgram({"sh", "-c", command}).status, 1);
+}
+
+TEST(Ctl, ABindThatTheHardwareTookInPartSaysSo)
+{
+    // Answers every set with -1, and every get with the name of the policy.
+    FakeDaemon daemon([](int fd, const Bytes &request) {
+        constexpr std::size_t kCodeAt = 12, kValueAt = 29;
+        const bool isSet = request[3] == CPUDEFEND_GLOBAL_SETAPI;
+        const uint8_t answer[] = {0, 0, 4, 'e', 'd', 'g', 'e'};
+        Bytes body = request;
+        std::fill_n(body.begin() + kCodeAt, 4, isSet ? 0xFF : 0);
+        if (!isSet)
+            std::copy(std::begin(answer), std::end(answer), body.begin() + kValueAt);
+        reply(fd, body);
+    });
+    expectFailure({"--socket", daemon.path(), "bind", "edge"}, 1,
+                  "couldn't bind policy edge to the system in full: the hardware layer refused "
+                  "part of it (code -1); the policy is bound now");
+    expectFailure({"--socket", daemon.path(), "bind", "core"}, 1,
+                  "couldn't bind policy core to the system: the daemon does not have this setting, "
+                  "does not let it be changed, or cannot take this value");
+}
+
+TEST(Ctl, TheManualNamesEveryCommandSettingAndStatus)
+{
+    std::ifstream file(CPUDEFEND_MANUAL);
+    std::stringstream manual;
+    manual << file.rdbuf();
+    const auto names = [&](const std::string &text) {
+        EXPECT_NE(manual.str().find(text), std::string::npos) << text;
+    };
+    for (const ctl::Command &command : ctl::commands()) {
+        names("| `" + (*command.object ? std::string(command.object) + " " : "") + command.verb);
+        for (const ctl::Arg &arg : command.args)
+            for (const cpudefend::Attribute &attribute : arg.attributes())
+                names("`" + std::string(attribute.name) + "`");
+    }
+    for (const int status :
+         {ctl::kExitDone, ctl::kExitRefused, ctl::kExitUsage, ctl::kExitUnreachable})
+        names("| " + std::to_string(status) + " | ");
+}

@@ -1,0 +1,86 @@
+#include "cli/values.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "cpuDefend_nm.h"
+
+using namespace ctl;
+using namespace cpudefend;
+
+namespace
+{
+
+const Attribute &named(std::span<const Attribute> attributes, std::string_view name)
+{
+    return *findAttribute(attributes, name);
+}
+
+std::string shown(const Attribute &attribute, const Value &value)
+{
+    std::ostringstream out;
+    write(out, Format::Text, Layout::Sheet, {{fieldOf(attribute, value)}});
+    return out.str();
+}
+
+} // namespace
+
+TEST(Values, EverySettableAttributeReadsBackItsOwnText)
+{
+    for (const auto attributes : {globalAttributes(), policyAttributes(), carPktAttributes()})
+        for (const Attribute &attribute : attributes)
+            for (const Choice &choice : attribute.choices) {
+                EXPECT_EQ(parseValue(attribute, choice.word), Value(choice.number));
+                EXPECT_EQ(shown(attribute, choice.number),
+                          std::string(attribute.name) + "  " + std::string(choice.word) + "\n");
+            }
+}
+
+TEST(Values, OtherNumbersThanThoseOfTheWords)
+{
+    // Off is what is not 1, permitted what is not 1; a mode of neither kind is shown as it is.
+    EXPECT_EQ(shown(named(policyAttributes(), "white-list"), 0u), "white-list  off\n");
+    EXPECT_EQ(shown(named(carPktAttributes(), "action"), 0u), "action  permit\n");
+    EXPECT_EQ(shown(named(carPktAttributes(), "mode"), 7u), "mode  7\n");
+    EXPECT_EQ(shown(named(globalAttributes(), "mode"), 2u), "mode  fixed\n");
+}
+
+TEST(Values, TextIsBoundedInBytes)
+{
+    const Attribute &description = named(policyAttributes(), "description");
+    EXPECT_EQ(parseValue(description, std::string(64, 'x')), Value(std::string(64, 'x')));
+    EXPECT_EQ(parseValue(description, ""), Value(std::string()));
+    EXPECT_THROW(parseValue(description, std::string(65, 'x')), BadValue);
+}
+
+TEST(Values, PriorityIsThreeNumbers)
+{
+    const Attribute &priority = named(policyAttributes(), "priority");
+    EXPECT_EQ(parseValue(priority, "0,7,255"), Value(std::string("\0\7\xff", 3)));
+    for (const char *wrong : {"", "1", "1,2", "1,2,3,4", "1,2,", ",1,2", "1,2,256", "1,2,x"})
+        EXPECT_THROW(parseValue(priority, wrong), BadValue) << wrong;
+}
+
+TEST(Printable, KeepsTextAndEscapesTheRest)
+{
+    EXPECT_EQ(printable("plain ~ text"), "plain ~ text");
+    EXPECT_EQ(printable("Zürich €uro 𝄞"), "Zürich €uro 𝄞");
+    EXPECT_EQ(printable("\t\x7f"), "\\x09\\x7F");
+    EXPECT_EQ(printable("\xc2\x9b"), "\\xC2\\x9B");   // a control character
+    EXPECT_EQ(printable("\xc3"), "\\xC3");            // cut short
+    EXPECT_EQ(printable("\x80x\xff"), "\\x80x\\xFF"); // no UTF-8
+    EXPECT_EQ(printable(std::string_view("\0", 1)), "\\x00");
+}
+
+TEST(Writer, TextAndJsonCarryTheSameFields)
+{
+    const std::vector<Record> records{{{"a", 1u, "bytes"}, {"b", std::string("x")}},
+                                      {{"a", 20u, "bytes"}, {"b", std::string()}}};
+    std::ostringstream text, json;
+    write(text, Format::Text, Layout::Table, records);
+    write(json, Format::Json, Layout::Table, records);
+    EXPECT_EQ(text.str(), "a (bytes)  b\n        1  x\n       20  -\n");
+    EXPECT_EQ(json.str(), "[\n  {\n    \"a\": 1,\n    \"b\": \"x\"\n  },\n"
+                          "  {\n    \"a\": 20,\n    \"b\": \"\"\n  }\n]\n");
+}

@@ -1,0 +1,173 @@
+#include "client/client.h"
+
+#include <gtest/gtest.h>
+
+#include "cpuDefend_nm.h"
+#include "daemon_process.h"
+#include "fake_daemon.h"
+
+using namespace cpudefend;
+
+namespace
+{
+
+/** A client of a real daemon of its own. */
+class ClientTest : public testing::Test
+{
+protected:
+    /** The return code that a call ends with; 0 for none. */
+    template <class Call> int32_t codeOf(Call call)
+    {
+        try {
+            call();
+        } catch (const Error &error) {
+            EXPECT_EQ(error.failure(), Failure::Refused) << error.what();
+            return error.code();
+        }
+        return 0;
+    }
+
+    uint32_t number(const CarPktIndex &index, uint32_t id)
+    {
+        return std::get<uint32_t>(client.get(index, id, 0));
+    }
+
+    DaemonProcess daemon;
+    Client client;
+    const CarPktIndex arp{"edge", CPUDEFEND_PKTTYPE_ARP};
+};
+
+} // namespace
+
+TEST_F(ClientTest, ANewDaemonHasTheDefaultPolicy)
+{
+    EXPECT_EQ(client.policyNames(), std::vector<std::string>{"default"});
+    EXPECT_TRUE(client.policyExists("default"));
+    EXPECT_FALSE(client.policyExists("edge"));
+    EXPECT_EQ(client.boundPolicy(), "");
+    EXPECT_EQ(client.get(GlobalIndex{}, CPUDEFEND_GLOBAL_MAXPOLICYNUM, 0), Value(32u));
+}
+
+TEST_F(ClientTest, PoliciesAreWalkedByName)
+{
+    const std::string longest(CPUDEFEND_NAME_MAXLEN, 'z');
+    for (const char *name : {"b", "abc", longest.c_str(), "ab"})
+        client.createPolicy(name);
+    EXPECT_EQ(client.policyNames(),
+              (std::vector<std::string>{"ab", "abc", "b", "default", longest}));
+    EXPECT_EQ(client.next(PolicyIndex{"c"}), PolicyIndex{"default"});
+    EXPECT_EQ(client.next(PolicyIndex{longest}), std::nullopt);
+}
+
+TEST_F(ClientTest, CarEntriesAreWalkedByLengthOfThePolicyName)
+{
+    client.createPolicy("b");
+    const auto first = client.first<CarPktIndex>();
+    ASSERT_EQ(first, (CarPktIndex{"b", 0}));
+    EXPECT_EQ(client.next(*first), (CarPktIndex{"b", 1}));
+    EXPECT_EQ(client.next(CarPktIndex{"b", 9}), (CarPktIndex{"default", 0}));
+    EXPECT_EQ(client.next(CarPktIndex{"default", 9}), std::nullopt);
+    EXPECT_EQ(client.carPktTypes("b"), (std::vector<uint32_t>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9}));
+    EXPECT_TRUE(client.carPktTypes("c").empty());
+}
+
+TEST_F(ClientTest, ASetIsReadBack)
+{
+    client.createPolicy("edge");
+    EXPECT_EQ(client.set(arp, CPUDEFEND_CARPKT_PPS, 200u), SetResult::Done);
+    EXPECT_EQ(number(arp, CPUDEFEND_CARPKT_PPS), 200u);
+    const PolicyIndex edge{"edge"};
+    client.set(edge, CPUDEFEND_POLICY_DESCRIPTION, std::string("the edge"));
+    EXPECT_EQ(client.get(edge, CPUDEFEND_POLICY_DESCRIPTION, 64), Value("the edge"));
+    client.set(edge, CPUDEFEND_POLICY_PRIORITY, std::string("\1\2\3"));
+    EXPECT_EQ(client.get(edge, attribute(policyAttributes(), CPUDEFEND_POLICY_PRIORITY)),
+              Value("\1\2\3"));
+}
+
+TEST_F(ClientTest, ANameFills32BytesBothWays)
+{
+    const std::string longest(CPUDEFEND_NAME_MAXLEN, 'z');
+    client.createPolicy(longest);
+    client.bind(longest);
+    EXPECT_EQ(client.boundPolicy(), longest);
+}
+
+TEST_F(ClientTest, BindAndUnbind)
+{
+    client.createPolicy("edge");
+    client.bind("edge");
+    EXPECT_EQ(client.boundPolicy(), "edge");
+    EXPECT_EQ(client.get(PolicyIndex{"edge"}, CPUDEFEND_POLICY_REFCOUNT, 0), Value(1u));
+    client.unbind();
+    EXPECT_EQ(client.boundPolicy(), "");
+    client.destroyPolicy("edge");
+    EXPECT_FALSE(client.policyExists("edge"));
+}
+
+TEST_F(ClientTest, ABoundPolicyStoresAndSaysSo)
+{
+    client.createPolicy("edge");
+    client.bind("edge");
+    const PolicyIndex edge{"edge"};
+    EXPECT_EQ(client.set(edge, CPUDEFEND_POLICY_WHITELISTIP4ACL, 5u), SetResult::StoredOnly);
+    EXPECT_EQ(client.get(edge, CPUDEFEND_POLICY_WHITELISTIP4ACL, 0), Value(5u));
+}
+
+TEST_F(ClientTest, RefusalsCarryTheirCode)
+{
+    client.createPolicy("edge");
+    const PolicyIndex edge{"edge"};
+    EXPECT_EQ(codeOf([&] { client.bind("core"); }), CPUDEFEND_ENONAME);
+    EXPECT_EQ(codeOf([&] { client.get(PolicyIndex{"core"}, 0, 0); }), CPUDEFEND_ENOENTRY);
+    EXPECT_EQ(codeOf([&] { client.set(edge, CPUDEFEND_POLICY_REFCOUNT, 1u); }), CPUDEFEND_FAIL);
+    client.set(edge, CPUDEFEND_POLICY_WHITELISTENABLE, 2u);
+    client.set(edge, CPUDEFEND_POLICY_BLACKLISTENABLE, 2u);
+    EXPECT_EQ(codeOf([&] { client.set(edge, CPUDEFEND_POLICY_WHITELISTIP4ACL, 5u); }),
+              CPUDEFEND_EWHITELISTOFF);
+    EXPECT_EQ(codeOf([&] { client.set(edge, CPUDEFEND_POLICY_BLACKLISTIP4ACL, 5u); }),
+              CPUDEFEND_EBLACKLISTOFF);
+    client.bind("edge");
+    EXPECT_EQ(codeOf([&] { client.set(arp, CPUDEFEND_CARPKT_PPS, 1u); }), CPUDEFEND_EBOUND);
+    EXPECT_EQ(codeOf([&] { client.destroyPolicy("edge"); }), CPUDEFEND_EBOUND);
+}
+
+TEST_F(ClientTest, AValueOfTheWrongTypeIsRefused)
+{
+    const PolicyIndex index{"default"};
+    EXPECT_EQ(codeOf([&] { client.set(index, CPUDEFEND_POLICY_DESCRIPTION, 1u); }), CPUDEFEND_FAIL);
+    EXPECT_EQ(codeOf([&] { client.get(index, CPUDEFEND_POLICY_REFCOUNT, 16); }), CPUDEFEND_FAIL);
+}
+
+TEST_F(ClientTest, ANameLongerThan32BytesMakesTheRequestMalformed)
+{
+    try {
+        client.policyExists(std::string(CPUDEFEND_NAME_MAXLEN + 1, 'x'));
+        FAIL() << "it passed";
+    } catch (const Error &error) {
+        EXPECT_EQ(error.failure(), Failure::RequestMalformed);
+    }
+}
+
+TEST(Client, AnExhaustedPoolIsSaid)
+{
+    DaemonProcess daemon({"1"});
+    Client client;
+    try {
+        client.createPolicy("edge");
+        FAIL() << "it passed";
+    } catch (const Error &error) {
+        EXPECT_EQ(error.code(), CPUDEFEND_ENOMEM);
+    }
+}
+
+TEST(Client, AWalkThatFailsIsNotTakenForItsEnd)
+{
+    FakeDaemon daemon([](int fd, const Bytes &request) {
+        Bytes body = request;
+        const uint8_t code[] = {0, 0, 0, 19};
+        std::copy(std::begin(code), std::end(code), body.begin() + 12);
+        reply(fd, body);
+    });
+    Client client{Channel(daemon.path())};
+    EXPECT_THROW(client.first<PolicyIndex>(), Error);
+}
