@@ -1,0 +1,358 @@
+// Programming a policy into the hardware and out of it: every call, its order, its result.
+#include <cstring>
+
+#include "core_test.h"
+
+using scripted::Call;
+
+class HwProgramming : public CoreTest
+{
+protected:
+    tSlotIndex slot{3, 7, 0};
+
+    static int32_t del(tSlotIndex *where, const std::string &name)
+    {
+        return cpuDefendHwDel(where, bytes(name), static_cast<uint32_t>(name.size()));
+    }
+
+    /** A policy with every kind of item, and one CAR entry. */
+    static tCpuDefendPolicyEntry *addFullPolicy()
+    {
+        tCpuDefendPolicyEntry *policy = addBarePolicy("full");
+        policy->whiteListIp4Acl = 2000;
+        policy->whiteListIp6Acl = 2001;
+        policy->whiteListIp4Cir = 40;
+        policy->whiteListIp4Cbs = 41;
+        policy->whiteListIp6Cir = 60;
+        policy->whiteListIp6Cbs = 61;
+        policy->blackListIp4Acl = 3000;
+        policy->blackListIp6Acl = 3001;
+        addRules();
+        tCpuDefendCarPktEntry *car = addCar("full", 1);
+        car->cir = 100;
+        car->cbs = 101;
+        car->pps = 102;
+        car->queue = 4;
+        car->priority = 5;
+        car->bit = 0xA8;
+        return policy;
+    }
+
+    static void addRules()
+    {
+        tCpuDefendUserDefinedEntry *limit = addRule("full", 1);
+        limit->ip4Acl = 4000;
+        limit->ip6Acl = 4001;
+        limit->cir = 70;
+        limit->cbs = 71;
+        tCpuDefendUserDefinedEntry *deny = addRule("full", 2);
+        deny->ip4Acl = 4002;
+        deny->ip6Acl = 4003;
+        deny->deny = 1;
+        deny->cir = 80;
+        deny->cbs = 81;
+    }
+
+    /** What addFullPolicy's policy makes of a call: @a acl and @a car begin the lines. */
+    static std::vector<std::string> fullSequence(const std::string &acl, const std::string &car)
+    {
+        return {acl + " acl=2000 action=11 cir=40 cbs=41 ebs=41",
+                acl + " acl=2001 action=11 cir=60 cbs=61 ebs=61",
+                acl + " acl=3000 action=3 cir=0 cbs=0 ebs=0",
+                acl + " acl=3001 action=3 cir=0 cbs=0 ebs=0",
+                acl + " acl=4000 action=11 cir=70 cbs=71 ebs=71",
+                acl + " acl=4001 action=11 cir=70 cbs=71 ebs=71",
+                acl + " acl=4002 action=3 cir=0 cbs=0 ebs=0",
+                acl + " acl=4003 action=3 cir=0 cbs=0 ebs=0",
+                car + " type=1 cir=100 cbs=101 pps=102 queue=4 priority=5 op=11 bit=168"};
+    }
+
+    static std::vector<std::string> programmed() { return texts(scripted::programming()); }
+};
+
+/* ---- What is called ------------------------------------------------------------------- */
+
+TEST_F(HwProgramming, AddProgramsASlotInOrder)
+{
+    tCpuDefendPolicyEntry *policy = addFullPolicy();
+    EXPECT_EQ(cpuDefendHwAdd(&slot, policy), 0);
+    EXPECT_EQ(programmed(), fullSequence("AclAdd slot 3/7", "SlotSet slot 3/7 cmd=32768063"));
+    EXPECT_EQ(policy->refCount, 1u);
+    EXPECT_EQ(scripted::calls.back().flag, 3u);
+    EXPECT_EQ(scripted::calls.back().slotType, 0);
+}
+
+TEST_F(HwProgramming, DelRemovesTheSameInTheSameOrder)
+{
+    tCpuDefendPolicyEntry *policy = addFullPolicy();
+    policy->refCount = 1;
+    EXPECT_EQ(del(&slot, "full"), 0);
+    EXPECT_EQ(programmed(), fullSequence("AclDel slot 3/7", "SlotSet slot 3/7 cmd=32768064"));
+    EXPECT_EQ(policy->refCount, 0u);
+    EXPECT_EQ(scripted::calls.back().flag, 3u);
+}
+
+TEST_F(HwProgramming, NullSlotMeansTheSystem)
+{
+    tCpuDefendPolicyEntry *policy = addFullPolicy();
+    EXPECT_EQ(cpuDefendHwAdd(nullptr, policy), 0);
+    EXPECT_EQ(programmed(), fullSequence("AclAdd system", "ScalarSet system cmd=385"));
+    scripted::reset();
+    EXPECT_EQ(del(nullptr, "full"), 0);
+    EXPECT_EQ(programmed(), fullSequence("AclDel system", "ScalarSet system cmd=386"));
+    EXPECT_EQ(policy->refCount, 0u);
+}
+
+TEST_F(HwProgramming, SystemPathLeavesTheRestOfTheDescriptorZero)
+{
+    cpuDefendHwAdd(nullptr, findPolicy("default"));
+    EXPECT_EQ(scripted::count(Call::ScalarSet), 10u);
+    EXPECT_EQ(scripted::count(Call::SlotSet), 0u);
+    for (const scripted::Record &record : scripted::programming()) {
+        EXPECT_EQ(record.descriptor.hwCmd, 385u);
+        EXPECT_EQ(record.descriptor.action, 0);
+        EXPECT_EQ(record.descriptor.res, 0);
+        EXPECT_EQ(record.descriptor.argLen, 0); // the length is not filled in
+        EXPECT_EQ(record.descriptor.flag, 0u);
+    }
+}
+
+TEST_F(HwProgramming, BurstIsPassedTwice)
+{
+    findPolicy("default")->whiteListIp4Acl = 2000;
+    cpuDefendHwAdd(&slot, findPolicy("default"));
+    EXPECT_EQ(programmed().front(), "AclAdd slot 3/7 acl=2000 action=11 cir=16 cbs=6400 ebs=6400");
+}
+
+TEST_F(HwProgramming, EveryCarEntryIsSentWithAllItsRatesWhateverItsMode)
+{
+    tCpuDefendPolicyEntry *policy = addPolicy("p");
+    for (tCpuDefendCarPktEntry *entry : carEntries(policy))
+        entry->mode = entry->pktType % 3u;
+    addCar("p", 58);
+    cpuDefendHwAdd(&slot, policy);
+    std::vector<std::string> expected;
+    for (int type : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 58})
+        expected.push_back("SlotSet slot 3/7 cmd=32768063 type=" + std::to_string(type) +
+                           " cir=16 cbs=6400 pps=512 queue=2 priority=2 op=11 bit=0");
+    EXPECT_EQ(programmed(), expected);
+}
+
+TEST_F(HwProgramming, CarRecordCarriesTheBitsAndZeroCounters)
+{
+    tCpuDefendCarPktEntry *entry = findCar("default", 0);
+    entry->bit = 0xF8;
+    entry->pktPassNum = entry->pktDropNum = 99;
+    cpuDefendHwAdd(&slot, findPolicy("default"));
+    EXPECT_EQ(scripted::programming()[0].car.res, 0xF8);
+    EXPECT_EQ(scripted::programming()[1].car.res, 0);
+    for (const scripted::Record &record : scripted::programming())
+        EXPECT_EQ(image(record.car).substr(20), std::string(32, '\0'));
+}
+
+TEST_F(HwProgramming, CarOperationIsDenyForOneOnly)
+{
+    const struct {
+        uint8_t deny, op;
+    } rows[] = {{0, 11}, {1, 3}, {2, 11}, {3, 11}, {255, 11}};
+    for (const auto &row : rows) {
+        scripted::reset();
+        findCar("default", 0)->deny = row.deny;
+        cpuDefendHwAdd(&slot, findPolicy("default"));
+        EXPECT_EQ(scripted::programming()[0].car.op, row.op) << +row.deny;
+    }
+}
+
+TEST_F(HwProgramming, ListsAreOnForOneOnly)
+{
+    tCpuDefendPolicyEntry *policy = addBarePolicy("p");
+    policy->whiteListIp4Acl = 2000;
+    policy->blackListIp6Acl = 3000;
+    for (uint8_t off : {0, 2, 3, 255}) {
+        scripted::reset();
+        policy->whiteListEnable = off;
+        policy->blackListEnable = 1;
+        cpuDefendHwAdd(&slot, policy);
+        EXPECT_EQ(programmed(),
+                  std::vector<std::string>{"AclAdd slot 3/7 acl=3000 action=3 cir=0 cbs=0 ebs=0"});
+        scripted::reset();
+        policy->whiteListEnable = 1;
+        policy->blackListEnable = off;
+        cpuDefendHwAdd(&slot, policy);
+        EXPECT_EQ(programmed(), std::vector<std::string>{
+                                    "AclAdd slot 3/7 acl=2000 action=11 cir=16 cbs=6400 ebs=6400"});
+    }
+}
+
+TEST_F(HwProgramming, AclZeroIsNoAcl)
+{
+    tCpuDefendPolicyEntry *policy = addBarePolicy("p");
+    policy->whiteListIp6Acl = 1;
+    policy->blackListIp4Acl = 2;
+    addRule("p", 1)->ip6Acl = 3;
+    addRule("p", 2);
+    cpuDefendHwAdd(&slot, policy);
+    EXPECT_EQ(programmed(),
+              (std::vector<std::string>{"AclAdd slot 3/7 acl=1 action=11 cir=16 cbs=6400 ebs=6400",
+                                        "AclAdd slot 3/7 acl=2 action=3 cir=0 cbs=0 ebs=0",
+                                        "AclAdd slot 3/7 acl=3 action=11 cir=0 cbs=0 ebs=0"}));
+}
+
+TEST_F(HwProgramming, RuleWithBothAclsIsTwoCallsAtTheSameRate)
+{
+    tCpuDefendPolicyEntry *policy = addBarePolicy("p");
+    tCpuDefendUserDefinedEntry *rule = addRule("p", 1);
+    rule->ip4Acl = 10;
+    rule->ip6Acl = 11;
+    rule->cir = 12;
+    rule->cbs = 13;
+    cpuDefendHwAdd(&slot, policy);
+    EXPECT_EQ(programmed(),
+              (std::vector<std::string>{"AclAdd slot 3/7 acl=10 action=11 cir=12 cbs=13 ebs=13",
+                                        "AclAdd slot 3/7 acl=11 action=11 cir=12 cbs=13 ebs=13"}));
+}
+
+TEST_F(HwProgramming, RuleDeniesForAnythingButZero)
+{
+    tCpuDefendPolicyEntry *policy = addBarePolicy("p");
+    addRule("p", 1)->ip4Acl = 10;
+    for (uint8_t deny : {1, 2, 255}) {
+        scripted::reset();
+        findRule("p", 1)->deny = deny;
+        cpuDefendHwAdd(&slot, policy);
+        EXPECT_EQ(programmed(),
+                  std::vector<std::string>{"AclAdd slot 3/7 acl=10 action=3 cir=0 cbs=0 ebs=0"});
+    }
+}
+
+TEST_F(HwProgramming, RuleWithIndexZeroIsNeverProgrammedOrRemoved)
+{
+    tCpuDefendPolicyEntry *policy = addBarePolicy("p");
+    addRule("p", 0)->ip4Acl = 10;
+    addRule("p", 1)->ip4Acl = 11;
+    cpuDefendHwAdd(&slot, policy);
+    EXPECT_EQ(programmed(),
+              std::vector<std::string>{"AclAdd slot 3/7 acl=11 action=11 cir=0 cbs=0 ebs=0"});
+    scripted::reset();
+    del(&slot, "p");
+    EXPECT_EQ(programmed(),
+              std::vector<std::string>{"AclDel slot 3/7 acl=11 action=11 cir=0 cbs=0 ebs=0"});
+}
+
+TEST_F(HwProgramming, WhatADestroyedPolicyLeftIsNotProgrammed)
+{
+    tCpuDefendPolicyEntry *record = addPolicy("old");
+    addRule("old", 1)->ip4Acl = 10;
+    ASSERT_EQ(cpuDefendPolicyEntryDel(record), 0);
+    ASSERT_EQ(addPolicy("new"), record);
+    cpuDefendHwAdd(&slot, record);
+    EXPECT_EQ(scripted::count(Call::SlotSet), 10u);
+    EXPECT_EQ(scripted::count(Call::AclAdd), 0u);
+}
+
+/* ---- Results -------------------------------------------------------------------------- */
+
+TEST_F(HwProgramming, EmptyPolicyGivesZeroAndCounts)
+{
+    tCpuDefendPolicyEntry *policy = addBarePolicy("p");
+    EXPECT_EQ(cpuDefendHwAdd(&slot, policy), 0);
+    EXPECT_EQ(policy->refCount, 1u);
+    EXPECT_TRUE(programmed().empty());
+    EXPECT_EQ(del(&slot, "p"), 0);
+    EXPECT_EQ(policy->refCount, 0u);
+}
+
+TEST_F(HwProgramming, OnlyTheLastResultIsReturned)
+{
+    tCpuDefendPolicyEntry *policy = addFullPolicy(); // nine calls
+    for (int nth = 0; nth < 9; nth++) {
+        SCOPED_TRACE(nth);
+        scripted::reset();
+        scripted::script.failAt[static_cast<size_t>(nth)] = 70 + nth;
+        EXPECT_EQ(cpuDefendHwAdd(&slot, policy), nth == 8 ? 78 : 0);
+        EXPECT_EQ(programmed().size(), 9u); // a failure does not stop the sequence
+        EXPECT_EQ(policy->refCount, 1u);    // nor the count
+        scripted::reset();
+        scripted::script.failAt[static_cast<size_t>(nth)] = 70 + nth;
+        EXPECT_EQ(del(&slot, "full"), nth == 8 ? 78 : 0);
+        EXPECT_EQ(programmed().size(), 9u);
+        EXPECT_EQ(policy->refCount, 0u);
+    }
+}
+
+TEST_F(HwProgramming, LastAclResultIsReturnedWithoutCarEntries)
+{
+    tCpuDefendPolicyEntry *policy = addFullPolicy();
+    cpuDefendCarPktEntryDel(carEntries(policy).front());
+    scripted::script.failAll[Call::AclAdd] = 5;
+    scripted::script.failAt[7] = 6;
+    EXPECT_EQ(cpuDefendHwAdd(&slot, policy), 6);
+    scripted::reset();
+    scripted::script.failAll[Call::AclAdd] = 5;
+    scripted::script.failAt[7] = 0;
+    EXPECT_EQ(cpuDefendHwAdd(&slot, policy), 0);
+    scripted::reset();
+    scripted::script.failAll[Call::AclDel] = -3;
+    EXPECT_EQ(del(nullptr, "full"), -3);
+}
+
+TEST_F(HwProgramming, SystemPathReturnsTheLastResultToo)
+{
+    scripted::script.failAt[9] = 44;
+    EXPECT_EQ(cpuDefendHwAdd(nullptr, findPolicy("default")), 44);
+    EXPECT_EQ(scripted::count(Call::ScalarSet), 10u);
+}
+
+TEST_F(HwProgramming, DelOfAnUnknownNameChangesNothing)
+{
+    tCpuDefendPolicyEntry *policy = addPolicy("p");
+    policy->refCount = 2;
+    EXPECT_EQ(del(&slot, "nobody"), 0x041E0004);
+    EXPECT_EQ(del(nullptr, ""), 0x041E0004);
+    EXPECT_EQ(del(nullptr, std::string(33, 'n')), 0x041E0004);
+    EXPECT_TRUE(programmed().empty());
+    EXPECT_EQ(policy->refCount, 2u);
+    EXPECT_EQ(findPolicy("default")->refCount, 0u);
+    policy->refCount = 0;
+}
+
+TEST_F(HwProgramming, RefCountHasNoFloor)
+{
+    tCpuDefendPolicyEntry *policy = addPolicy("p");
+    EXPECT_EQ(del(&slot, "p"), 0);
+    EXPECT_EQ(policy->refCount, 0xffffffffu);
+    EXPECT_EQ(cpuDefendHwAdd(&slot, policy), 0);
+    EXPECT_EQ(policy->refCount, 0u);
+}
+
+TEST_F(HwProgramming, RefCountCountsPlaces)
+{
+    tCpuDefendPolicyEntry *policy = addPolicy("p");
+    cpuDefendHwAdd(&slot, policy);
+    cpuDefendHwAdd(&slot, policy);
+    cpuDefendHwAdd(nullptr, policy);
+    EXPECT_EQ(policy->refCount, 3u);
+}
+
+/* ---- Role ----------------------------------------------------------------------------- */
+
+TEST_F(HwProgramming, SlaveProgramsNothingAndCountsNothing)
+{
+    tCpuDefendPolicyEntry *policy = addFullPolicy();
+    scripted::script.slave = true;
+    EXPECT_EQ(cpuDefendHwAdd(&slot, policy), 0);
+    EXPECT_EQ(policy->refCount, 0u);
+    EXPECT_EQ(del(&slot, "full"), 0);
+    EXPECT_EQ(policy->refCount, 0u);
+    EXPECT_EQ(del(&slot, "nobody"), 0); // the role comes before the name
+    EXPECT_TRUE(programmed().empty());
+}
+
+TEST_F(HwProgramming, RoleIsAskedOnceAndFirst)
+{
+    cpuDefendHwAdd(&slot, findPolicy("default"));
+    ASSERT_FALSE(scripted::calls.empty());
+    EXPECT_EQ(scripted::calls.front().call, Call::ScalarGet);
+    EXPECT_EQ(scripted::calls.front().cmd, 54u);
+    EXPECT_EQ(scripted::count(Call::ScalarGet), 1u);
+}

@@ -1,0 +1,258 @@
+// User-defined rules: their two lists, the record's stale fields, the counts.
+#include "core_test.h"
+
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
+
+class UserDefinedTable : public CoreTest
+{
+};
+
+TEST_F(UserDefinedTable, RulesOfAPolicyAreOrderedByIndex)
+{
+    tCpuDefendPolicyEntry *policy = addPolicy("p");
+    addRule("p", 3);
+    addRule("p", 1);
+    addRule("p", 2);
+    const std::vector<std::string> expected{"p/1", "p/2", "p/3"};
+    EXPECT_EQ(keys(rules(policy)), expected);
+    EXPECT_EQ(keys(rules()), expected);
+    EXPECT_EQ(policy->userDefinedNum, 3u);
+    EXPECT_EQ(gCpuDefend.useUserDefinedNum, 3u);
+}
+
+TEST_F(UserDefinedTable, GlobalListIsOrderedByNameLengthFirst)
+{
+    for (const char *name : {"aa", "b", "ab"})
+        addPolicy(name);
+    addRule("default", 1);
+    addRule("ab", 1);
+    addRule("aa", 2);
+    addRule("aa", 1);
+    addRule("b", 9);
+    EXPECT_EQ(keys(rules()),
+              (std::vector<std::string>{"b/9", "aa/1", "aa/2", "ab/1", "default/1"}));
+}
+
+TEST_F(UserDefinedTable, DuplicateGoesAfterItsEqualsInBothListsAndGetReturnsTheOlder)
+{
+    tCpuDefendPolicyEntry *policy = addPolicy("p");
+    tCpuDefendUserDefinedEntry *first = addRule("p", 2);
+    tCpuDefendUserDefinedEntry *third = addRule("p", 3);
+    tCpuDefendUserDefinedEntry *again = addRule("p", 2);
+    tCpuDefendUserDefinedEntry *last = addRule("p", 2);
+    const std::vector<tCpuDefendUserDefinedEntry *> expected{first, again, last, third};
+    EXPECT_EQ(rules(policy), expected);
+    EXPECT_EQ(rules(), expected);
+    EXPECT_EQ(findRule("p", 2), first);
+}
+
+TEST_F(UserDefinedTable, GetNeedsNameLengthAndIndex)
+{
+    addPolicy("p");
+    addPolicy("pp");
+    const tCpuDefendUserDefinedEntry *rule = addRule("pp", 4);
+    EXPECT_EQ(findRule("pp", 4), rule);
+    EXPECT_EQ(findRule("pp", 5), nullptr);
+    EXPECT_EQ(findRule("p", 4), nullptr);
+    EXPECT_EQ(findRule("ppp", 4), nullptr);
+    EXPECT_EQ(findRule("pp", 256 + 4), nullptr); // the stored index is one byte
+    EXPECT_EQ(findRule(std::string(33, 'p'), 4), nullptr);
+}
+
+TEST_F(UserDefinedTable, IndexIsCutTo8Bits)
+{
+    addPolicy("p");
+    EXPECT_EQ(addRule("p", 0x102)->index, 2);
+}
+
+TEST_F(UserDefinedTable, NewRuleOfAFreshRecordIsEmpty)
+{
+    tCpuDefendPolicyEntry *policy = addPolicy("p");
+    const tCpuDefendUserDefinedEntry *rule = addRule("p", 7);
+    EXPECT_EQ(rule->index, 7);
+    EXPECT_EQ(rule->status, 1);
+    EXPECT_EQ(rule->policyEntry, policy);
+    EXPECT_EQ(rule->deny, 0);
+    EXPECT_EQ(rule->ip4Acl, 0);
+    EXPECT_EQ(rule->ip6Acl, 0);
+    EXPECT_EQ(rule->cir, 0u);
+    EXPECT_EQ(rule->cbs, 0u);
+}
+
+TEST_F(UserDefinedTable, ReusedRecordKeepsItsUnsetFields)
+{
+    addPolicy("p");
+    tCpuDefendUserDefinedEntry *rule = addRule("p", 1);
+    rule->status = 9;
+    rule->deny = 1;
+    rule->res = 3;
+    rule->ip4Acl = 2000;
+    rule->ip6Acl = 3000;
+    rule->cir = 64;
+    rule->cbs = 9000;
+    ASSERT_EQ(cpuDefendUserDefinedEntryDel(rule), 0);
+
+    ASSERT_EQ(addRule("default", 5), rule); // last in, first out
+    EXPECT_EQ(rule->index, 5);
+    EXPECT_EQ(rule->status, 1);
+    EXPECT_EQ(rule->policyEntry, findPolicy("default"));
+    EXPECT_EQ(rule->deny, 1);
+    EXPECT_EQ(rule->res, 3);
+    EXPECT_EQ(rule->ip4Acl, 2000);
+    EXPECT_EQ(rule->ip6Acl, 3000);
+    EXPECT_EQ(rule->cir, 64u);
+    EXPECT_EQ(rule->cbs, 9000u);
+}
+
+TEST_F(UserDefinedTable, DeleteRaisesTheCountInUse)
+{
+    tCpuDefendPolicyEntry *policy = addPolicy("p");
+    addRule("p", 1);
+    const uint32_t before = gCpuDefend.useUserDefinedNum;
+    EXPECT_EQ(cpuDefendUserDefinedEntryDel(addRule("p", 2)), 0);
+    EXPECT_EQ(gCpuDefend.useUserDefinedNum, before + 2);
+    EXPECT_EQ(policy->userDefinedNum, 1u);
+}
+
+TEST_F(UserDefinedTable, DeletedRuleIsOnNoListButTheFreeOne)
+{
+    tCpuDefendPolicyEntry *policy = addPolicy("p");
+    tCpuDefendUserDefinedEntry *first = addRule("p", 1);
+    tCpuDefendUserDefinedEntry *rule = addRule("p", 2);
+    tCpuDefendUserDefinedEntry *third = addRule("p", 3);
+    ASSERT_EQ(cpuDefendUserDefinedEntryDel(rule), 0);
+    const std::vector<tCpuDefendUserDefinedEntry *> expected{first, third};
+    EXPECT_EQ(rules(policy), expected);
+    EXPECT_EQ(rules(), expected);
+    EXPECT_EQ(rule->policyNode.next, &rule->policyNode);
+    EXPECT_EQ(rule->policyNode.prev, &rule->policyNode);
+    EXPECT_EQ(gCpuDefend.userDefinedFreeList.next, &rule->node);
+}
+
+TEST_F(UserDefinedTable, DeleteWithoutAPolicyIsRefused)
+{
+    tCpuDefendUserDefinedEntry stray{};
+    const uint32_t before = length(gCpuDefend.userDefinedFreeList);
+    EXPECT_EQ(cpuDefendUserDefinedEntryDel(&stray), -1);
+    EXPECT_EQ(gCpuDefend.useUserDefinedNum, 0u);
+    EXPECT_EQ(length(gCpuDefend.userDefinedFreeList), before);
+}
+
+TEST_F(UserDefinedTable, OnlyThePoolBoundsTheRulesOfAPolicy)
+{
+    tCpuDefendPolicyEntry *policy = addPolicy("p");
+    for (uint32_t i = 0; i < 64; i++)
+        ASSERT_NE(addRule("p", i), nullptr) << i;
+    EXPECT_EQ(policy->userDefinedNum, 64u);
+    EXPECT_TRUE(list_empty(&gCpuDefend.userDefinedFreeList));
+}
+
+/* ---- Failures ------------------------------------------------------------------------- */
+
+TEST_F(UserDefinedTable, AddForAnUnknownPolicyChangesNothing)
+{
+    int32_t ret = 0;
+    EXPECT_EQ(cpuDefendUserDefinedEntryAdd(bytes("nobody"), 6, 1, &ret), nullptr);
+    EXPECT_EQ(ret, 0x03E80008);
+    EXPECT_EQ(gCpuDefend.useUserDefinedNum, 0u);
+    EXPECT_TRUE(rules().empty());
+}
+
+TEST_F(UserDefinedTable, AddToAFullPoolChangesNothing)
+{
+    for (uint32_t i = 0; i < 64; i++)
+        addRule("default", i);
+    int32_t ret = 0;
+    EXPECT_EQ(cpuDefendUserDefinedEntryAdd(bytes("default"), 7, 70, &ret), nullptr);
+    EXPECT_EQ(ret, 0x03E80001);
+    EXPECT_EQ(gCpuDefend.useUserDefinedNum, 64u);
+    EXPECT_EQ(findPolicy("default")->userDefinedNum, 64u);
+    EXPECT_EQ(rules().size(), 64u);
+}
+
+TEST_F(UserDefinedTable, UnknownPolicyIsNoticedBeforeTheFullPool)
+{
+    for (uint32_t i = 0; i < 64; i++)
+        addRule("default", i);
+    int32_t ret = 0;
+    EXPECT_EQ(cpuDefendUserDefinedEntryAdd(bytes("nobody"), 6, 1, &ret), nullptr);
+    EXPECT_EQ(ret, 0x03E80008);
+}
+
+TEST_F(UserDefinedTable, SuccessLeavesTheCodeUntouched)
+{
+    int32_t ret = 12345;
+    EXPECT_NE(cpuDefendUserDefinedEntryAdd(bytes("default"), 7, 1, &ret), nullptr);
+    EXPECT_EQ(ret, 12345);
+}
+
+TEST_F(UserDefinedTable, FailuresAreReportedWithDebuggingOnOnly)
+{
+    for (uint32_t i = 0; i < 64; i++)
+        addRule("default", i);
+    for (uint8_t debug : {0, 1, 2}) {
+        gCpuDefend.cpuDefendDebug = debug;
+        CaptureStderr();
+        addRule("nobody", 1);
+        EXPECT_EQ(GetCapturedStderr(),
+                  debug == 1 ? "[cpuDefend] The instance pPolicy does not exist !\r\n" : "");
+        CaptureStderr();
+        addRule("default", 1);
+        EXPECT_EQ(GetCapturedStderr(),
+                  debug == 1 ? "[cpuDefend] no memery to add userDefined!\r\n" : "");
+    }
+}
+
+/* ---- Rules left over from a destroyed policy ------------------------------------------ */
+
+TEST_F(UserDefinedTable, LeftoverRuleDeletedLaterSparesTheNextOwnerOfTheRecord)
+{
+    tCpuDefendPolicyEntry *record = addPolicy("old");
+    tCpuDefendUserDefinedEntry *leftover = addRule("old", 1);
+    addRule("old", 2);
+    ASSERT_EQ(cpuDefendPolicyEntryDel(record), 0);
+    ASSERT_EQ(addPolicy("new"), record);
+    tCpuDefendUserDefinedEntry *own = addRule("new", 3);
+    const uint32_t inUse = gCpuDefend.useUserDefinedNum;
+
+    EXPECT_EQ(cpuDefendUserDefinedEntryDel(leftover), 0);
+    EXPECT_EQ(rules(record), std::vector<tCpuDefendUserDefinedEntry *>{own});
+    EXPECT_EQ(record->userDefinedNum, 1u);
+    EXPECT_EQ(gCpuDefend.useUserDefinedNum, inUse + 1);
+    EXPECT_EQ(gCpuDefend.userDefinedFreeList.next, &leftover->node);
+}
+
+TEST_F(UserDefinedTable, LeftoverRuleIsDeletedWhileTheRecordIsFree)
+{
+    tCpuDefendPolicyEntry *record = addPolicy("old");
+    tCpuDefendUserDefinedEntry *leftover = addRule("old", 1);
+    ASSERT_EQ(cpuDefendPolicyEntryDel(record), 0);
+    EXPECT_EQ(cpuDefendUserDefinedEntryDel(leftover), 0);
+    EXPECT_EQ(record->userDefinedNum, 0u); // not below zero
+    EXPECT_TRUE(rules().empty());
+}
+
+TEST_F(UserDefinedTable, NextOwnerWithoutRulesKeepsItsCountAtZero)
+{
+    tCpuDefendPolicyEntry *record = addPolicy("old");
+    tCpuDefendUserDefinedEntry *leftover = addRule("old", 1);
+    ASSERT_EQ(cpuDefendPolicyEntryDel(record), 0);
+    ASSERT_EQ(addPolicy("new"), record);
+    EXPECT_EQ(cpuDefendUserDefinedEntryDel(leftover), 0);
+    EXPECT_EQ(record->userDefinedNum, 0u);
+    EXPECT_TRUE(rules(record).empty());
+}
+
+TEST_F(UserDefinedTable, LeftoverRuleIsTheOlderOneUnderTheNextOwnersName)
+{
+    tCpuDefendPolicyEntry *record = addPolicy("old");
+    tCpuDefendUserDefinedEntry *leftover = addRule("old", 1);
+    ASSERT_EQ(cpuDefendPolicyEntryDel(record), 0);
+    EXPECT_EQ(findRule("old", 1), nullptr);
+    ASSERT_EQ(addPolicy("new"), record);
+    tCpuDefendUserDefinedEntry *own = addRule("new", 1);
+    EXPECT_EQ(findRule("new", 1), leftover);
+    EXPECT_EQ(cpuDefendUserDefinedEntryDel(leftover), 0);
+    EXPECT_EQ(findRule("new", 1), own);
+}
