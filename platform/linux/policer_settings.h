@@ -1,0 +1,44 @@
+/**
+ * From the rates of an entry to the settings of its policers, all the division there is.
+ */
+#ifndef ZYNLINUX_POLICER_SETTINGS_H
+#define ZYNLINUX_POLICER_SETTINGS_H
+
+#include <cstdint>
+
+#include "bpf/cpudefend_shared.h"
+
+namespace zynlinux
+{
+
+/**
+ * Packets that may come at once under a limit of @a pps: a fiftieth of a second's worth, rounded
+ * up, and at least two, so that an even stream at the very rate survives the jitter of its way.
+ */
+uint64_t packetBucket(uint32_t pps);
+
+/** The packet policer. @param pps packets per second; 0 lets nothing pass */
+cpd_settings packetSettings(uint32_t pps);
+
+/**
+ * The byte policer.
+ * @param cir kbit/s; 0 lets nothing pass
+ * @param cbs bytes; a longer frame never passes, and so with 0 nothing does
+ */
+cpd_settings byteSettings(uint32_t cir, uint32_t cbs);
+
+/**
+ * The state with which a policer goes on under new settings: as many tokens as it had, as far as
+ * they fit, so that a change never gives a second burst. Without old settings (all zero) the
+ * bucket is full.
+ *
+ * @param word state under the old settings, read before @a now
+ * @param now  ns of the monotonic clock
+ * @return the word under the new settings, with the next turn
+ */
+uint64_t carryOver(uint64_t word, const cpd_settings &before, const cpd_settings &after,
+                   uint64_t now);
+
+} // namespace zynlinux
+
+#endif
