@@ -22,7 +22,8 @@
 #include "cpuDefend_nm.h"
 #include "daemon_process.h"
 
-namespace {
+namespace
+{
 
 using Clock = std::chrono::steady_clock;
 
@@ -30,6 +31,7 @@ constexpr int ROUNDS = 15;
 constexpr int REQUESTS = 4000;
 constexpr char BARE_SOCKET[] = "/tmp/cpudefend-bench-bare.socket";
 
+// clang-format off
 /** Get of usePolicyNum, with its length before it. */
 const uint8_t request[] = {
     0, 0, 0, 37,                                     // length of the body
@@ -38,6 +40,7 @@ const uint8_t request[] = {
     0, 0, 0, CPUDEFEND_GLOBAL_USEPOLICYNUM,          // attribute
     CPUDEFEND_INDEX_SECTION, 0, 2, 0, 4, 0, 0, 0, 0, // no index; a unit
     CPUDEFEND_VALUE_SECTION, 2, 0, 4, 0, 0, 0, 0};   // an integer to answer into
+// clang-format on
 
 sockaddr_un addressOf(const char *path)
 {

@@ -67,9 +67,10 @@ enum {
 #define CPUDEFEND_EINUSE CPUDEFEND_ERROR(EBASE_ZYN, 11)   /**< 0x03E8000B bound; applied anyway */
 #define CPUDEFEND_EWHITELISTOFF CPUDEFEND_ERROR(EBASE_CPUDEFEND, 1) /**< 0x041E0001 */
 #define CPUDEFEND_EBLACKLISTOFF CPUDEFEND_ERROR(EBASE_CPUDEFEND, 2) /**< 0x041E0002 */
-#define CPUDEFEND_ENONAME CPUDEFEND_ERROR(EBASE_CPUDEFEND, 4) /**< 0x041E0004 no policy so named   \
-                                                               */
-#define CPUDEFEND_EBOUND CPUDEFEND_ERROR(EBASE_CPUDEFEND, 5)  /**< 0x041E0005 refused, bound */
+#define CPUDEFEND_ENONAME                                                                          \
+    CPUDEFEND_ERROR(EBASE_CPUDEFEND, 4)                      /**< 0x041E0004 no policy so named    \
+                                                              */
+#define CPUDEFEND_EBOUND CPUDEFEND_ERROR(EBASE_CPUDEFEND, 5) /**< 0x041E0005 refused, bound */
 
 /* ---- Values --------------------------------------------------------------------------- */
 

@@ -1,0 +1,276 @@
+#include "transcript.h"
+
+#include "cpuDefend_nm.h"
+
+namespace channel
+{
+
+namespace
+{
+
+Bytes framed(const Bytes &body)
+{
+    return be32(static_cast<uint32_t>(body.size())) + body;
+}
+
+class Conversation
+{
+public:
+    void say(const std::string &comment, const Bytes &body)
+    {
+        exchanges.push_back({comment, framed(body)});
+    }
+
+    void say(const std::string &comment, uint32_t code, uint32_t attribute, const Index &index,
+             const Value &value, size_t room = 0)
+    {
+        say(comment, request(code, attribute, index, value, room));
+    }
+
+    /** Bytes that are no frame. */
+    void sayRaw(const std::string &comment, const Bytes &sent)
+    {
+        exchanges.push_back({comment, sent});
+    }
+
+    std::vector<Exchange> exchanges;
+};
+
+std::string attribute(uint32_t id)
+{
+    return "attribute " + std::to_string(id);
+}
+
+const Index global = globalIndex();
+const Index standard = policyIndex("default");
+const Index edge = policyIndex("edge");
+
+bool isGlobalName(uint32_t id)
+{
+    return id == 0 || id == 15 || id == 17 || id == 19 || id == 20;
+}
+
+void readGlobals(Conversation &c)
+{
+    for (uint32_t id = 0; id <= 21; ++id)
+        c.say("global get, " + attribute(id), CPUDEFEND_GLOBAL_GETAPI, id, global,
+              isGlobalName(id) ? octets(std::string(32, '.')) : number(0x0F0F0F0F));
+    c.say("global get as a counter", CPUDEFEND_GLOBAL_GETAPI, CPUDEFEND_GLOBAL_MAXCARPKTNUM, global,
+          counter(1, 2));
+}
+
+void changeGlobals(Conversation &c)
+{
+    const struct {
+        const char *comment;
+        uint32_t code, id;
+        Value value;
+    } changes[] = {
+        {"set a read-only attribute", 2, CPUDEFEND_GLOBAL_MAXSLOTNUM, number(3)},
+        {"bind a policy that does not exist", 2, CPUDEFEND_GLOBAL_POLICY, octets("nobody")},
+        {"bind the default policy", 2, CPUDEFEND_GLOBAL_POLICY, octets("default")},
+        {"bind it again: no change", 2, CPUDEFEND_GLOBAL_POLICY, octets("default")},
+        {"the bound policy's name", 1, CPUDEFEND_GLOBAL_POLICY, octets("...........")},
+        {"its first three bytes", 1, CPUDEFEND_GLOBAL_POLICY, octets("...")},
+        {"debugging to 2, which is off", 2, CPUDEFEND_GLOBAL_DEBUG, number(2)},
+        {"debugging is 2", 1, CPUDEFEND_GLOBAL_DEBUG, number(0)},
+        {"replayed: debugging to 0", 3, CPUDEFEND_GLOBAL_DEBUG, number(0)},
+        {"set without a value: no code", 2, CPUDEFEND_GLOBAL_DEBUG, unknown()},
+        {"sync without a value", 3, CPUDEFEND_GLOBAL_DEBUG, unknown()},
+        {"bytes for an integer", 2, CPUDEFEND_GLOBAL_DEBUG, octets("1")},
+        {"an integer for bytes", 2, CPUDEFEND_GLOBAL_POLICY, number(1)},
+    };
+    for (const auto &[comment, code, id, value] : changes)
+        c.say(std::string("global: ") + comment, code, id, global, value);
+}
+
+void changeWhileBound(Conversation &c)
+{
+    const Index car = childIndex("default", CPUDEFEND_PKTTYPE_ARP);
+    c.say("bound: CAR change refused", CPUDEFEND_CARPKT_SETAPI, CPUDEFEND_CARPKT_PPS, car,
+          number(200));
+    c.say("bound: policy change applied, with a warning", CPUDEFEND_POLICY_SETAPI,
+          CPUDEFEND_POLICY_WHITELISTIP4ACL, standard, number(2000));
+    c.say("bound: the number was stored", CPUDEFEND_POLICY_GETAPI, CPUDEFEND_POLICY_WHITELISTIP4ACL,
+          standard, number(0));
+    c.say("bound: count of bindings", CPUDEFEND_POLICY_GETAPI, CPUDEFEND_POLICY_REFCOUNT, standard,
+          number(0));
+    c.say("bound: destroying refused", CPUDEFEND_POLICY_SETAPI, CPUDEFEND_POLICY_ENTRYSTATUS,
+          standard, number(CPUDEFEND_ROW_DESTROY));
+    c.say("unbind", CPUDEFEND_GLOBAL_SETAPI, CPUDEFEND_GLOBAL_POLICY, global, octets(""));
+}
+
+bool isPolicyBytes(uint32_t id)
+{
+    return id == CPUDEFEND_POLICY_DESCRIPTION || id == CPUDEFEND_POLICY_PRIORITY;
+}
+
+void policies(Conversation &c)
+{
+    const auto row = [&c](const std::string &comment, const std::string &name, uint32_t status) {
+        c.say(comment, CPUDEFEND_POLICY_SETAPI, CPUDEFEND_POLICY_ENTRYSTATUS, policyIndex(name),
+              number(status));
+    };
+    row("create a policy", "edge", CPUDEFEND_ROW_CREATE);
+    for (uint32_t id = 0; id <= 19; ++id)
+        c.say("policy get, " + attribute(id), CPUDEFEND_POLICY_GETAPI, id, edge,
+              isPolicyBytes(id) ? octets(std::string(8, '.')) : number(0xA5A5A5A5));
+    for (uint32_t id = 1; id <= 19; ++id) {
+        c.say("policy set, " + attribute(id),
+              id % 2 ? CPUDEFEND_POLICY_SETAPI : CPUDEFEND_POLICY_SYNCAPI, id, edge,
+              isPolicyBytes(id) ? octets("\1\2\3\4\5\6") : number(0x00010001));
+        c.say("policy get again, " + attribute(id), CPUDEFEND_POLICY_GETAPI, id, edge,
+              isPolicyBytes(id) ? octets(std::string(8, '.')) : number(0xA5A5A5A5));
+    }
+    c.say("policy set as a counter", CPUDEFEND_POLICY_SETAPI, CPUDEFEND_POLICY_SRCTRACETHRESHOLD,
+          edge, counter(0x12345678, 9));
+    c.say("policy get as a counter", CPUDEFEND_POLICY_GETAPI, CPUDEFEND_POLICY_SRCTRACETHRESHOLD,
+          edge, counter(1, 0x89ABCDEF));
+    c.say("priority with no room", CPUDEFEND_POLICY_GETAPI, CPUDEFEND_POLICY_PRIORITY, edge,
+          octets(""));
+    c.say("get of a policy that does not exist", CPUDEFEND_POLICY_GETAPI,
+          CPUDEFEND_POLICY_DESCRIPTION, policyIndex("nobody"), octets("as it was"));
+    c.say("get without a value", CPUDEFEND_POLICY_GETAPI, CPUDEFEND_POLICY_REFCOUNT, edge,
+          unknown());
+    row("a name of 32 bytes", std::string(32, 'n'), CPUDEFEND_ROW_CREATE);
+    row("fill the pool", "b", CPUDEFEND_ROW_CREATE);
+    row("the pool is exhausted", "c", CPUDEFEND_ROW_CREATE);
+    row("activate", "edge", CPUDEFEND_ROW_ACTIVATE);
+}
+
+void walks(Conversation &c)
+{
+    c.say("first policy", CPUDEFEND_POLICY_GETFIRST, 0, policyIndex(""), number(0), 40);
+    for (const std::string name : {"b", "bb", "default", "edge", "nnn"})
+        c.say("policy after " + name, CPUDEFEND_POLICY_GETNEXT, 0, policyIndex(name), number(0),
+              40);
+    c.say("after the last policy", CPUDEFEND_POLICY_GETNEXT, 0, policyIndex(std::string(32, 'n')),
+          number(0), 40);
+    c.say("first CAR entry", CPUDEFEND_CARPKT_GETFIRST, 0, childIndex("", 0), number(0), 60);
+    for (const std::string name : {"b", "edge", "default"})
+        for (uint32_t type : {0u, 8u, 9u, 0xFFFFFFFFu})
+            c.say("CAR entry after " + name + " " + std::to_string(type), CPUDEFEND_CARPKT_GETNEXT,
+                  0, childIndex(name, type), octets(""), 60);
+    c.say("after the last CAR entry", CPUDEFEND_CARPKT_GETNEXT, 0,
+          childIndex(std::string(32, 'n'), 9), number(0), 60);
+    c.say("an answer cut within a number", CPUDEFEND_POLICY_GETFIRST, 0, policyIndex(""),
+          octets(""));
+    c.say("an answer cut within a name", CPUDEFEND_POLICY_GETFIRST, 0, policyIndex(""), octets(""),
+          7);
+}
+
+void carEntries(Conversation &c)
+{
+    const Index car = childIndex("edge", CPUDEFEND_PKTTYPE_DHCPSNOOPIP);
+    for (uint32_t id = 0; id <= 11; ++id) {
+        c.say("CAR get, " + attribute(id), CPUDEFEND_CARPKT_GETAPI, id, car, number(0));
+        c.say("CAR set, " + attribute(id),
+              id % 2 ? CPUDEFEND_CARPKT_SETAPI : CPUDEFEND_CARPKT_SYNCAPI, id, car, number(258));
+        c.say("CAR get again, " + attribute(id), CPUDEFEND_CARPKT_GETAPI, id, car, counter(3, 4));
+    }
+    c.say("CAR get, no such type", CPUDEFEND_CARPKT_GETAPI, CPUDEFEND_CARPKT_CIR,
+          childIndex("edge", 10), number(7));
+    c.say("CAR get, type beyond a byte", CPUDEFEND_CARPKT_GETAPI, CPUDEFEND_CARPKT_CIR,
+          childIndex("edge", 256), number(7));
+    c.say("CAR get as bytes", CPUDEFEND_CARPKT_GETAPI, CPUDEFEND_CARPKT_CIR, car, octets("abcd"));
+}
+
+/** Slots, rules and traced sources. */
+void otherTables(Conversation &c)
+{
+    for (uint32_t code : {4u, 5u, 6u, 7u, 8u, 14u, 15u, 16u, 17u, 18u, 24u, 25u, 26u}) {
+        const std::string name = "code " + std::to_string(code);
+        c.say(name + " with a number", code, 1, anyIndex(code), number(0x01020304), 30);
+        c.say(name + " with bytes", code, 1, anyIndex(code), octets("bytes"), 30);
+        c.say(name + " without a value", code, 1, anyIndex(code), unknown(), 30);
+    }
+}
+
+void destroyed(Conversation &c)
+{
+    c.say("destroy a policy", CPUDEFEND_POLICY_SETAPI, CPUDEFEND_POLICY_ENTRYSTATUS, edge,
+          number(CPUDEFEND_ROW_DESTROY));
+    c.say("its status is gone", CPUDEFEND_POLICY_GETAPI, CPUDEFEND_POLICY_ENTRYSTATUS, edge,
+          number(0));
+    c.say("its CAR entries are still counted", CPUDEFEND_GLOBAL_GETAPI,
+          CPUDEFEND_GLOBAL_USECARPKTNUM, global, number(0));
+    c.say("policies in use", CPUDEFEND_GLOBAL_GETAPI, CPUDEFEND_GLOBAL_USEPOLICYNUM, global,
+          number(0));
+}
+
+void malformedFields(Conversation &c)
+{
+    const Bytes sound =
+        request(CPUDEFEND_POLICY_GETAPI, CPUDEFEND_POLICY_REFCOUNT, standard, number(0));
+    c.say("25 bytes", Bytes(sound.begin(), sound.begin() + 25));
+    c.say("function code 0", over(sound, FUNC_AT, be32(0)));
+    c.say("function code 27", over(sound, FUNC_AT, be32(27)));
+    c.say("index marker 2", over(sound, MARKER_AT, {2}));
+    c.say("value marker 1", over(sound, valueAt(standard), {1}));
+    for (uint32_t code = 1; code <= 26; ++code)
+        c.say("code " + std::to_string(code) + ": index count 4",
+              over(request(code, 0, anyIndex(code), number(0)), COUNT_AT, {4}));
+    for (uint32_t length : {33u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu})
+        c.say("name length " + std::to_string(length), over(sound, ITEMS_AT + 3, be32(length)));
+    c.say("name past the end", Bytes(sound.begin(), sound.begin() + 34));
+    c.say("integer of 3 bytes", CPUDEFEND_POLICY_GETAPI, 0, standard, {2, 3, be32(0)});
+    c.say("counter of 4 bytes", CPUDEFEND_POLICY_GETAPI, 0, standard, {4, 4, be32(0)});
+    c.say("bytes past the end", CPUDEFEND_POLICY_GETAPI, 1, standard, {0, 5, be32(0)});
+    c.say("integer past the end", CPUDEFEND_POLICY_GETAPI, 0, standard, {2, 4, be16(0)});
+}
+
+void malformedFrames(Conversation &c)
+{
+    c.sayRaw("nothing", {});
+    c.sayRaw("half a length", {0, 0});
+    c.sayRaw("a length of 0", be32(0));
+    c.sayRaw("a length without its body", be32(40) + Bytes(39));
+    for (uint32_t length : {1519u, 0x80000000u, 0xFFFFFFFFu})
+        c.sayRaw("a declared length of " + std::to_string(length), be32(length));
+    Bytes longest =
+        request(CPUDEFEND_GLOBAL_GETAPI, CPUDEFEND_GLOBAL_MAXPOLICYNUM, global, number(0));
+    longest.resize(CPUDEFEND_CMD_MAXLEN);
+    c.say("the longest request", longest);
+}
+
+std::string hexLines(char direction, const Bytes &data)
+{
+    static const char digits[] = "0123456789abcdef";
+    std::string text;
+    for (size_t i = 0; i < data.size(); ++i) {
+        if (i % 32 == 0)
+            text += std::string(i ? "\n" : "") + direction;
+        if (i % 4 == 0)
+            text += ' ';
+        text += digits[data[i] >> 4];
+        text += digits[data[i] & 15];
+    }
+    return text + '\n';
+}
+
+} // namespace
+
+std::vector<Exchange> conversation()
+{
+    Conversation c;
+    readGlobals(c);
+    changeGlobals(c);
+    changeWhileBound(c);
+    policies(c);
+    walks(c);
+    carEntries(c);
+    otherTables(c);
+    destroyed(c);
+    malformedFields(c);
+    malformedFrames(c);
+    return c.exchanges;
+}
+
+std::string written(const Exchange &exchange, const Bytes &reply)
+{
+    return "# " + exchange.comment + '\n' +
+           (exchange.sent.empty() ? "> nothing\n" : hexLines('>', exchange.sent)) +
+           (reply.empty() ? "< closed\n" : hexLines('<', reply)) + '\n';
+}
+
+} // namespace channel

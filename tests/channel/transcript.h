@@ -1,0 +1,32 @@
+/**
+ * A fixed conversation with the daemon and the form in which it is kept.
+ */
+#ifndef CHANNEL_TRANSCRIPT_H
+#define CHANNEL_TRANSCRIPT_H
+
+#include <string>
+#include <vector>
+
+#include "request.h"
+
+namespace channel
+{
+
+/** One connection: what is sent on it, the length of the body included. */
+struct Exchange {
+    std::string comment;
+    Bytes sent;
+};
+
+/** The conversation, for a daemon just started with the arguments "4 2". */
+std::vector<Exchange> conversation();
+
+/**
+ * An exchange as text: the comment, the bytes sent (">") and those that came back ("<") in hex,
+ * 32 to a line; "< closed" where none came back.
+ */
+std::string written(const Exchange &exchange, const Bytes &reply);
+
+} // namespace channel
+
+#endif
