@@ -286,6 +286,31 @@ tCpuDefendCarPktEntry *cpuDefendCarPktEntryAdd(const uint8_t *name, uint32_t nam
 /** Release a CAR entry. @return 0, or -1 for one without a policy */
 int32_t cpuDefendCarPktEntryDel(tCpuDefendCarPktEntry *pCarPkt);
 
+/* ---- Slots ---------------------------------------------------------------------------- */
+
+/** @return the first slot with these numbers, or null */
+tCpuDefendSlotEntry *cpuDefendSlotEntryGet(uint32_t sysId, uint32_t slotId);
+
+/**
+ * Create a slot's record and start its sampling. Numbers are cut to 8 bits; mode, levels and
+ * binding stay what the record last held.
+ * @return the slot, or null when the pool is exhausted
+ */
+tCpuDefendSlotEntry *cpuDefendSlotEntryAdd(uint32_t sysId, uint32_t slotId);
+
+/**
+ * Release a slot, and remove from its hardware the policy that is in force. Its timer runs on.
+ * @return the removal's result, 0 when there was nothing to remove
+ */
+int32_t cpuDefendSlotEntryDel(tCpuDefendSlotEntry *pSlotEntry);
+
+/** The slot as the platform knows it. */
+tSlotIndex cpuDefendSlotIndex(const tCpuDefendSlotEntry *pSlotEntry);
+
+/** Sample the CPU usage and switch the slot's policy to the level that fits. @return the
+ *  result of programming the new policy, 0 without one */
+int32_t cpuDefendCpuRatControlSlotTimeOut(tCpuDefendSlotEntry *pSlotEntry);
+
 /* ---- Source tracing ------------------------------------------------------------------- */
 
 /** Close a counting window of the policy's CAR entries and open the next. @return 0 */
@@ -296,6 +321,42 @@ void cpuDefendSrcTraceTimerStart(tCpuDefendPolicyEntry *pPolicy);
 
 /** Order of traced sources. */
 int cpuDefendSrcTraceCmp(const void *a, const void *b);
+
+/** A record with nothing but these keys: 4 bytes of address, 6 of MAC, the type's low byte. */
+tCpuDefendSrcTraceEntry cpuDefendSrcTraceKey(uint32_t ifUnit, const uint8_t *srcIp,
+                                             uint32_t pktType, const uint8_t *srcMac);
+
+/** @return the source with these keys, or null */
+tCpuDefendSrcTraceEntry *cpuDefendSrcTraceEntryGet(uint32_t ifUnit, const uint8_t *srcIp,
+                                                   uint32_t pktType, const uint8_t *srcMac);
+
+/** @return the source with these keys, made if need be; null when the pool is exhausted */
+tCpuDefendSrcTraceEntry *cpuDefendSrcTraceEntryAdd(uint32_t ifUnit, const uint8_t *srcIp,
+                                                   uint32_t pktType, const uint8_t *srcMac);
+
+/** Release a source and clear its record. @return 0 */
+int32_t cpuDefendSrcTraceEntryDel(tCpuDefendSrcTraceEntry *pSrcTrace);
+
+/**
+ * Classify a packet, count it on the CAR entries of the policy in force where it came in, and
+ * record its sender when it is one of a burst.
+ * @param ifUnit   interface unit on which it arrived
+ * @param protocol ethertype; only IPv4 (0x0800) and ARP (0x0806) are traced
+ * @param buf      the frame from its destination address on, 80 readable bytes
+ * @param offSet   of the network header in the frame, in bytes, within these 80
+ * @param innervid inner VLAN id, @param outervid outer VLAN id
+ * @return 0 when it was examined; -1 without a place for the interface, a policy there, or
+ *         source tracing in it
+ */
+int32_t cpuDefendSrcTracePktData(uint32_t ifUnit, uint32_t protocol, const unsigned char *buf,
+                                 uint32_t offSet, uint16_t innervid, uint16_t outervid);
+
+/** Where a platform's packets come in. It does nothing yet. @return 0 */
+int32_t cpuDefendSrcTracePkt(uint32_t ifUnit, uint16_t protocol, packet_rxpktinfo *rxpktInfo,
+                             unsigned char *buf, int32_t length);
+
+/** Where an alarm of a traced source goes out. It does nothing yet. @return 0 */
+int32_t sendCpuDefendSrcTraceAlarmTrap();
 
 /* ---- Hardware programming and CPU-rate switching -------------------------------------- */
 
@@ -313,10 +374,33 @@ int32_t cpuDefendHwAdd(tSlotIndex *pSlotIndex, tCpuDefendPolicyEntry *pPolicy);
  */
 int32_t cpuDefendHwDel(tSlotIndex *pSlotIndex, const uint8_t *name, uint32_t nameLen);
 
+/** Whether this card is the slave, which leaves the hardware to the master. */
+bool cpuDefendIsSlave();
+
 /** Sample the CPU usage and switch the system's policy to the level that fits. @return 0 */
 int32_t cpuDefendCpuRatControlSysTimeOut();
 
 /** Arm the timer behind cpuDefendCpuRatControlSysTimeOut. */
 void cpuDefendCpuRatControlSysTimerStart();
+
+/* ---- Standby synchronisation ---------------------------------------------------------- */
+
+/**
+ * Write the record of one selected level.
+ * @param pSlotEntry the slot, or null for the system
+ * @param pBuf       12 bytes
+ * @return 12
+ */
+uint32_t cpuDefendSyncData(const tCpuDefendSlotEntry *pSlotEntry, unsigned char *pBuf,
+                           uint32_t selectedPosition);
+
+/** Send the records of the system and all slots. @return the last result */
+int32_t cpuDefendSyncSend(uint32_t flag, uint32_t isDSS);
+
+/** Send the record of one slot, or of the system for null, if this card is the master. */
+int32_t cpuDefendSlotSyncSend(const tCpuDefendSlotEntry *pSlotEntry);
+
+/** Apply received records; a last one that is not whole is ignored. @return 0, -1 for null */
+int32_t cpuDefendSyncRcv(const unsigned char *pBuf, int32_t len);
 
 #endif

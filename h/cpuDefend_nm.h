@@ -67,10 +67,8 @@ enum {
 #define CPUDEFEND_EINUSE CPUDEFEND_ERROR(EBASE_ZYN, 11)   /**< 0x03E8000B bound; applied anyway */
 #define CPUDEFEND_EWHITELISTOFF CPUDEFEND_ERROR(EBASE_CPUDEFEND, 1) /**< 0x041E0001 */
 #define CPUDEFEND_EBLACKLISTOFF CPUDEFEND_ERROR(EBASE_CPUDEFEND, 2) /**< 0x041E0002 */
-#define CPUDEFEND_ENONAME                                                                          \
-    CPUDEFEND_ERROR(EBASE_CPUDEFEND, 4)                      /**< 0x041E0004 no policy so named    \
-                                                              */
-#define CPUDEFEND_EBOUND CPUDEFEND_ERROR(EBASE_CPUDEFEND, 5) /**< 0x041E0005 refused, bound */
+#define CPUDEFEND_ENONAME CPUDEFEND_ERROR(EBASE_CPUDEFEND, 4) /**< 0x041E0004 unknown policy */
+#define CPUDEFEND_EBOUND CPUDEFEND_ERROR(EBASE_CPUDEFEND, 5)  /**< 0x041E0005 refused, bound */
 
 /* ---- Values --------------------------------------------------------------------------- */
 
@@ -78,6 +76,9 @@ enum { CPUDEFEND_ENABLE = 1, CPUDEFEND_DISABLE = 2 };
 
 /** Row status: what a set of an entry status asks for. */
 enum { CPUDEFEND_ROW_ACTIVATE = 1, CPUDEFEND_ROW_CREATE = 2, CPUDEFEND_ROW_DESTROY = 4 };
+
+/** Entry status: what a get of it returns. */
+enum { CPUDEFEND_STATUS_ACTIVE = 1, CPUDEFEND_STATUS_CREATED = 3 };
 
 /** Policy mode of the system or a slot. */
 enum { CPUDEFEND_FIXED = 0, CPUDEFEND_CPURAT_CONTROL = 1 };

@@ -58,6 +58,12 @@ T *cpuDefendChildFindAfter(list_head *list, const uint8_t *name, uint32_t nameLe
     return nullptr;
 }
 
+/** The first entry of @a list, or null. */
+template <typename T> T *cpuDefendChildFirst(list_head *list)
+{
+    return list_empty(list) ? nullptr : list_entry(list->next, T, node);
+}
+
 /** Put @a added on the global list and on its policy's, each time behind all equal entries. */
 template <typename T> void cpuDefendChildLink(list_head *global, list_head *own, T *added)
 {
@@ -70,6 +76,14 @@ template <typename T> void cpuDefendChildLink(list_head *global, list_head *own,
     while (place != own && cpuDefendChildNumber(list_entry(place, T, policyNode)) <= number)
         place = place->next;
     list_add_tail(&added->policyNode, place);
+}
+
+/** Put the name of the entry's policy into a management index. */
+template <typename T, typename Idx> void cpuDefendChildName(const T *entry, Idx *idx)
+{
+    const tCpuDefendPolicyEntry *policy = entry->policyEntry;
+    idx->policyNameLen = policy->policyNameLen;
+    memcpy(idx->policyName, policy->policyName, policy->policyNameLen);
 }
 
 /**

@@ -8,7 +8,6 @@
 namespace
 {
 
-constexpr uint8_t STATUS_ACTIVE = 1;
 constexpr uint32_t DESCRIPTION_CLEARED = 32; // of 64: the rest is zero in a free record
 constexpr uint32_t DEFAULT_CIR = 16;         // kbit/s
 constexpr uint32_t DEFAULT_CBS = 6400;       // bytes
@@ -96,7 +95,7 @@ tCpuDefendPolicyEntry *cpuDefendPolicyEntryAdd(const uint8_t *name, uint32_t nam
     list_del_init(&pPolicy->freeNode);
     pPolicy->policyNameLen = static_cast<uint8_t>(nameLen);
     memcpy(pPolicy->policyName, name, nameLen);
-    pPolicy->policyStatus = STATUS_ACTIVE;
+    pPolicy->policyStatus = CPUDEFEND_STATUS_ACTIVE;
     if (avl_add(&gCpuDefend.policyList, pPolicy) != 0) {
         memset(pPolicy, 0, sizeof *pPolicy);
         list_add(&pPolicy->freeNode, &gCpuDefend.policyFreeList);

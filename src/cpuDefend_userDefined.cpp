@@ -4,8 +4,6 @@
 #include "cpuDefend.h"
 #include "cpuDefend_child.h"
 
-static constexpr uint8_t STATUS_ACTIVE = 1;
-
 tCpuDefendUserDefinedEntry *cpuDefendUserDefinedEntryGet(const uint8_t *name, uint32_t nameLen,
                                                          uint32_t index)
 {
@@ -24,7 +22,7 @@ tCpuDefendUserDefinedEntry *cpuDefendUserDefinedEntryAdd(const uint8_t *name, ui
     entry->index = static_cast<uint8_t>(index);
     cpuDefendChildLink(&gCpuDefend.userDefinedList, &entry->policyEntry->userDefinedList, entry);
     entry->policyEntry->userDefinedNum++;
-    entry->status = STATUS_ACTIVE;
+    entry->status = CPUDEFEND_STATUS_ACTIVE;
     gCpuDefend.useUserDefinedNum++;
     return entry;
 }

@@ -42,7 +42,8 @@ bool undecodable(const char *format, int line)
     return false;
 }
 
-bool tooShort(const tRequest &req, int line)
+/** A field runs past the end, or states a length that no field has. */
+bool badLength(const tRequest &req, int line)
 {
     return malformed("\r\n  lenRx %d err in func %s in line %d!", req.len, line);
 }
@@ -68,7 +69,7 @@ bool decodeMarker(tRequest &req, uint8_t wanted)
 {
     uint8_t marker;
     if (adr_getchar(&req.adr, &marker, sizeof marker) != 0)
-        return tooShort(req, __LINE__);
+        return badLength(req, __LINE__);
     return marker == wanted || badMarker(marker, __LINE__);
 }
 
@@ -91,10 +92,10 @@ bool decodeIndex(tRequest &req)
 {
     uint8_t indexNum;
     if (adr_getchar(&req.adr, &indexNum, sizeof indexNum) != 0)
-        return tooShort(req, __LINE__);
+        return badLength(req, __LINE__);
     if (indexNum != req.table->indexNum)
         return malformed(req.table->indexNumError, indexNum, __LINE__);
-    return req.table->readIndex(&req.adr, &req.index) || tooShort(req, __LINE__);
+    return req.table->readIndex(&req.adr, &req.index) || badLength(req, __LINE__);
 }
 
 bool isGet(const tRequest &req)
@@ -129,13 +130,13 @@ bool decodeValue(tRequest &req)
     uint16_t len;
     if (adr_getchar(&req.adr, &req.valueType, sizeof req.valueType) != 0 ||
         adr_getushort(&req.adr, &len) != 0)
-        return tooShort(req, __LINE__);
+        return badLength(req, __LINE__);
     if (req.valueType == ADR_UINT32 && !checkLength(len, sizeof(uint32_t)))
         return false;
     if (req.valueType == ADR_COUNTER64 && !checkLength(len, sizeof(U_INT8)))
         return false;
     if (len > adr_left(&req.adr))
-        return tooShort(req, __LINE__);
+        return badLength(req, __LINE__);
     req.value = &req.cell;
     switch (req.valueType) {
     case ADR_OCTETS: return decodeOctets(req, len);
@@ -148,7 +149,7 @@ bool decodeValue(tRequest &req)
 bool decode(tRequest &req)
 {
     if (req.len < CPUDEFEND_CMD_MINLEN)
-        return tooShort(req, __LINE__);
+        return badLength(req, __LINE__);
     if (!decodeHead(req) || !decodeMarker(req, CPUDEFEND_INDEX_SECTION) || !findFunc(req) ||
         !decodeIndex(req))
         return false;
@@ -168,20 +169,23 @@ bool valueFits(const tRequest &req)
     }
 }
 
-int32_t callAccess(tRequest &req, int32_t (*handler)(tCmdIndex *, uint32_t, tCmdValue *))
-{
-    return handler && valueFits(req) ? handler(&req.index, req.cmd, req.value) : CPUDEFEND_FAIL;
-}
-
 int32_t call(tRequest &req)
 {
     const tCmdTable &table = *req.table;
     switch (req.op) {
-    case CMD_GETFIRST: return table.getFirst ? table.getFirst(&req.index) : CPUDEFEND_FAIL;
-    case CMD_GETNEXT: return table.getNext ? table.getNext(&req.index, &req.next) : CPUDEFEND_FAIL;
-    case CMD_GET: return callAccess(req, table.get);
-    case CMD_SET: return callAccess(req, table.set);
-    default: return callAccess(req, table.sync);
+    case CMD_GETFIRST: return table.getFirst(&req.index);
+    case CMD_GETNEXT: return table.getNext(&req.index, &req.next);
+    default: break;
+    }
+    if (!valueFits(req))
+        return CPUDEFEND_FAIL;
+    if (req.op == CMD_GET)
+        return table.get(&req.index, req.cmd, req.value);
+    if (req.valueType == ADR_OCTETS && table.kind(req.cmd) == NM_ANY)
+        req.cell.number = 0; // a reset looks at no value, but the standby card gets a number
+    switch (req.op) {
+    case CMD_SET: return table.set(&req.index, req.cmd, req.value);
+    default: return table.sync(&req.index, req.cmd, req.value);
     }
 }
 
@@ -199,13 +203,20 @@ void answerValue(tRequest &req)
     }
 }
 
+void answerWalk(tRequest &req, const tCmdIndex &found)
+{
+    if (req.table->walkNeedsInteger && req.valueType != ADR_UINT32)
+        return;
+    req.table->writeIndex(&req.adr, &found);
+}
+
 /** Write the answer over the request's value section. What does not fit is cut off. */
 void answer(tRequest &req)
 {
     adr_pos(&req.adr, req.valuePos);
     switch (req.op) {
-    case CMD_GETFIRST: req.table->writeIndex(&req.adr, &req.index); break;
-    case CMD_GETNEXT: req.table->writeIndex(&req.adr, &req.next); break;
+    case CMD_GETFIRST: answerWalk(req, req.index); break;
+    case CMD_GETNEXT: answerWalk(req, req.next); break;
     case CMD_GET: answerValue(req); break;
     default: break;
     }
@@ -215,7 +226,8 @@ void answer(tRequest &req)
 
 uint32_t cpudefendCmdProcess(unsigned char *bufRx, uint32_t lenRx)
 {
-    tRequest req{};
+    tRequest req;
+    memset(&req, 0, sizeof req); // an initialiser would clear the first member of a union only
     req.len = lenRx;
     adr_start(&req.adr, bufRx, lenRx);
     if (!decode(req))

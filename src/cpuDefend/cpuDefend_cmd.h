@@ -22,16 +22,14 @@ union tCmdValue {
     U_INT8 counter;
 };
 
-/**
- * One table of the management API. A call that is null has no handler: its requests are
- * decoded, checked and answered with CPUDEFEND_FAIL.
- */
+/** One table of the management API. Calls that no function code leads to are null. */
 struct tCmdTable {
     uint8_t indexNum; /**< index count that a request must state */
     const char *indexNumError = "\r\n indexNum %d err in func %s in line %d!";
     bool (*readIndex)(adr_t *adr, tCmdIndex *idx); /**< false: past the end, or no such name */
     void (*writeIndex)(adr_t *adr, const tCmdIndex *idx) = nullptr;
-    tNmKind (*kind)(uint32_t cmd) = nullptr;
+    bool walkNeedsInteger = false; /**< a walk is answered to a request for an integer only */
+    tNmKind (*kind)(uint32_t cmd);
     int32_t (*getFirst)(tCmdIndex *idx) = nullptr;
     int32_t (*getNext)(tCmdIndex *idx, tCmdIndex *next) = nullptr;
     int32_t (*get)(tCmdIndex *idx, uint32_t cmd, tCmdValue *value) = nullptr;

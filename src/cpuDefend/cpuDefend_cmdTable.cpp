@@ -56,6 +56,12 @@ bool readSlot(adr_t *adr, tCmdIndex *idx)
     return readInt(adr, &idx->slot.sysId) && readInt(adr, &idx->slot.slotId);
 }
 
+void writeSlot(adr_t *adr, const tCmdIndex *idx)
+{
+    writeInt(adr, idx->slot.sysId);
+    writeInt(adr, idx->slot.slotId);
+}
+
 bool readPolicy(adr_t *adr, tCmdIndex *idx)
 {
     return readName(adr, idx->policy.name, &idx->policy.len);
@@ -70,6 +76,12 @@ bool readUserDefined(adr_t *adr, tCmdIndex *idx)
 {
     return readName(adr, idx->userDefined.policyName, &idx->userDefined.policyNameLen) &&
            readInt(adr, &idx->userDefined.index);
+}
+
+void writeUserDefined(adr_t *adr, const tCmdIndex *idx)
+{
+    writeName(adr, idx->userDefined.policyName, idx->userDefined.policyNameLen);
+    writeInt(adr, idx->userDefined.index);
 }
 
 bool readCarPkt(adr_t *adr, tCmdIndex *idx)
@@ -93,6 +105,16 @@ bool readSrcTrace(adr_t *adr, tCmdIndex *idx)
            readBytes(adr, &key.searchBit, sizeof key.searchBit);
 }
 
+void writeSrcTrace(adr_t *adr, const tCmdIndex *idx)
+{
+    const tcpuDefendSrcTraceIdx &key = idx->srcTrace;
+    writeInt(adr, key.ifUnit);
+    writeBytes(adr, key.srcIp, sizeof key.srcIp);
+    writeBytes(adr, &key.pktType, sizeof key.pktType);
+    writeBytes(adr, key.srcMac, sizeof key.srcMac);
+    writeBytes(adr, &key.searchBit, sizeof key.searchBit);
+}
+
 /* ---- Handlers, each called with its table's member of the index -------------------------- */
 
 template <auto Handler, auto Member> int32_t first(tCmdIndex *idx)
@@ -108,6 +130,12 @@ template <auto Handler, auto Member> int32_t next(tCmdIndex *idx, tCmdIndex *nex
 template <auto Handler, auto Member> int32_t access(tCmdIndex *idx, uint32_t cmd, tCmdValue *value)
 {
     return Handler(&(idx->*Member), cmd, value);
+}
+
+template <int32_t (*Handler)(tcpuDefendSlotIdx *, uint32_t, octetstring *)>
+int32_t accessSlot(tCmdIndex *idx, uint32_t cmd, tCmdValue *value)
+{
+    return Handler(&idx->slot, cmd, &value->octets);
 }
 
 /** The global table has one row, unit 0. */
@@ -132,6 +160,14 @@ constexpr tCmdTable global = {
 constexpr tCmdTable slot = {
     .indexNum = 2,
     .readIndex = readSlot,
+    .writeIndex = writeSlot,
+    .walkNeedsInteger = true,
+    .kind = cpuDefendSlotAttrKind,
+    .getFirst = first<cpuDefendSlotGetFirst, &tCmdIndex::slot>,
+    .getNext = next<cpuDefendSlotGetNext, &tCmdIndex::slot>,
+    .get = accessSlot<cpuDefendSlotGetApi>,
+    .set = accessSlot<cpuDefendSlotSetApi>,
+    .sync = accessSlot<cpuDefendSlotSyncApi>,
 };
 
 constexpr tCmdTable policy = {
@@ -149,6 +185,13 @@ constexpr tCmdTable policy = {
 constexpr tCmdTable userDefined = {
     .indexNum = 3,
     .readIndex = readUserDefined,
+    .writeIndex = writeUserDefined,
+    .kind = cpuDefendUserDefinedAttrKind,
+    .getFirst = first<cpuDefendUserDefinedGetFirst, &tCmdIndex::userDefined>,
+    .getNext = next<cpuDefendUserDefinedGetNext, &tCmdIndex::userDefined>,
+    .get = access<cpuDefendUserDefinedGetApi, &tCmdIndex::userDefined>,
+    .set = access<cpuDefendUserDefinedSetApi, &tCmdIndex::userDefined>,
+    .sync = access<cpuDefendUserDefinedSyncApi, &tCmdIndex::userDefined>,
 };
 
 constexpr tCmdTable carPkt = {
@@ -166,6 +209,11 @@ constexpr tCmdTable carPkt = {
 constexpr tCmdTable srcTrace = {
     .indexNum = 5,
     .readIndex = readSrcTrace,
+    .writeIndex = writeSrcTrace,
+    .kind = cpuDefendSrcTraceAttrKind,
+    .getFirst = first<cpuDefendSrcTraceGetFirst, &tCmdIndex::srcTrace>,
+    .getNext = next<cpuDefendSrcTraceGetNext, &tCmdIndex::srcTrace>,
+    .get = access<cpuDefendSrcTraceGetApi, &tCmdIndex::srcTrace>,
 };
 
 /** By function code, from 1 on. */

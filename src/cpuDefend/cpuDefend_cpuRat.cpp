@@ -1,12 +1,69 @@
 /**
  * CPU-rate policy switching of the system as a whole.
+ *
+ * The system goes by the highest threshold below the usage, a slot (in the slot table's file) by
+ * the highest one above it; they also read the usage in different units. Both are wanted so.
  */
-#include "cpuDefend.h"
+#include <stdio.h>
 
-static int32_t sampleDue(void *, uintptr_t, uintptr_t)
+#include "cpuDefend.h"
+#include "cpuDefend_level.h"
+
+namespace
+{
+
+constexpr uint32_t CPU_SELECTOR = 1; // in hundredths of a percent
+constexpr uint32_t PER_PERCENT = 100;
+
+int32_t sampleDue(void *, uintptr_t, uintptr_t)
 {
     return cpuDefendCpuRatControlSysTimeOut();
 }
+
+/** Replace the level's policy in one place, a slot or the system. */
+void replace(tSlotIndex *pSlotIndex, tCpuDefendPolicyEntry *newPolicy)
+{
+    cpuDefendLevelRemove(pSlotIndex, gCpuDefend.cpuRatControl, gCpuDefend.selectedPosition);
+    if (newPolicy)
+        cpuDefendHwAdd(pSlotIndex, newPolicy);
+}
+
+/** Replace it wherever the system's level is in force; slots in CPU-rate mode have their own. */
+void replaceAll(tCpuDefendPolicyEntry *newPolicy)
+{
+    if (list_empty(&gCpuDefend.slotList)) {
+        replace(nullptr, newPolicy);
+        return;
+    }
+    list_for_each_entry(tCpuDefendSlotEntry, slot, &gCpuDefend.slotList, node)
+    {
+        tSlotIndex index = cpuDefendSlotIndex(slot);
+        if (slot->policyMode == CPUDEFEND_FIXED)
+            replace(&index, newPolicy);
+    }
+}
+
+void report(uint32_t usage, const tCpuDefendPolicyEntry *policy, uint8_t match)
+{
+    if (cpuDefendTest == 0)
+        return;
+    printf("\r\n [cpuDefend]policy is change!cpuRat=%d,now policyName is %.*s,match=%d..",
+           static_cast<int>(usage), policy->policyNameLen,
+           reinterpret_cast<const char *>(policy->policyName), match);
+}
+
+void switchTo(uint8_t match, uint32_t usage)
+{
+    tCpuDefendPolicyEntry *newPolicy = cpuDefendLevelPolicy(gCpuDefend.cpuRatControl, match);
+    if (match != 0 && !newPolicy)
+        return; // nothing to switch to: the next sample tries again
+    replaceAll(newPolicy);
+    if (newPolicy)
+        report(usage, newPolicy, match);
+    gCpuDefend.selectedPosition = match;
+}
+
+} // namespace
 
 void cpuDefendCpuRatControlSysTimerStart()
 {
@@ -17,5 +74,15 @@ void cpuDefendCpuRatControlSysTimerStart()
 int32_t cpuDefendCpuRatControlSysTimeOut()
 {
     cpuDefendCpuRatControlSysTimerStart(); // first: the sampling goes on whatever the mode
+    if (gCpuDefend.policyMode != CPUDEFEND_CPURAT_CONTROL || cpuDefendIsSlave())
+        return 0;
+    uint32_t reading;
+    if (zynHwCpuGet(CPU_SELECTOR, HW_CPU_USED, &reading) != 0)
+        return 0;
+    const uint32_t usage = reading / PER_PERCENT;
+    const uint8_t match = cpuDefendLevelSelect(
+        gCpuDefend.cpuRatControl, [usage](uint8_t threshold) { return threshold < usage; });
+    if (match != gCpuDefend.selectedPosition)
+        switchTo(match, usage);
     return 0;
 }

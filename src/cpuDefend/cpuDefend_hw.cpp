@@ -1,8 +1,6 @@
 /**
  * Hardware programming: a policy's ACLs, rules and CAR entries, into a slot or the system.
  */
-#include <string.h>
-
 #include "cpuDefend.h"
 
 namespace
@@ -114,17 +112,16 @@ private:
     int32_t result_ = 0;
 };
 
-/** A slave card leaves the hardware to the master. */
-bool isSlave()
+} // namespace
+
+bool cpuDefendIsSlave()
 {
     return zynHwScalarGet(0, HW_SYS_SWRUNNINGROLEISSLAVE, nullptr) == 0;
 }
 
-} // namespace
-
 int32_t cpuDefendHwAdd(tSlotIndex *pSlotIndex, tCpuDefendPolicyEntry *pPolicy)
 {
-    if (isSlave())
+    if (cpuDefendIsSlave())
         return 0;
     const int32_t result = Pass(hwAdd, pSlotIndex).run(pPolicy);
     pPolicy->refCount++; // whatever the calls returned
@@ -133,7 +130,7 @@ int32_t cpuDefendHwAdd(tSlotIndex *pSlotIndex, tCpuDefendPolicyEntry *pPolicy)
 
 int32_t cpuDefendHwDel(tSlotIndex *pSlotIndex, const uint8_t *name, uint32_t nameLen)
 {
-    if (isSlave())
+    if (cpuDefendIsSlave())
         return 0;
     tCpuDefendPolicyEntry *pPolicy = cpuDefendPolicyEntryGet(name, nameLen);
     if (!pPolicy)

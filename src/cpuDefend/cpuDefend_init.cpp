@@ -5,6 +5,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -103,13 +104,19 @@ bool failed(const char *format, int line)
     return false;
 }
 
+/** Whether select can wait for a socket. One numbered 0 counts as a failure. */
+bool isUsable(int fd)
+{
+    return fd > 0 && fd < FD_SETSIZE;
+}
+
 /** The netlink socket that reports links. */
 bool openNetlink()
 {
     sockaddr_nl address{};
     address.nl_family = AF_NETLINK;
     gCpuDefend.rtSock = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_ROUTE);
-    if (gCpuDefend.rtSock <= 0)
+    if (!isUsable(gCpuDefend.rtSock))
         return failed("rtSock failed in line %d in func %s", __LINE__);
     if (bind(gCpuDefend.rtSock, reinterpret_cast<sockaddr *>(&address), sizeof address) < 0)
         return failed("rtSock bind failed in line %d in func %s", __LINE__);
@@ -136,7 +143,7 @@ bool openChannel()
 {
     unlink(CPUDEFEND_CMD_SOCKET);
     gCpuDefend.cmdSock = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (gCpuDefend.cmdSock <= 0)
+    if (!isUsable(gCpuDefend.cmdSock))
         return failed("cmdSock failed in line %d in func %s", __LINE__);
     if (bindPrivately(gCpuDefend.cmdSock) < 0) {
         CPUDEFEND_DEBUG("[cpudefend] bind failed!\r\n");
@@ -165,7 +172,8 @@ void release()
     free(gCpuDefend.carPktTable);
     free(gCpuDefend.srcTraceTable);
     free(gCpuDefend.slotTable);
-    OsixDeleteSem(gCpuDefend.cpuDefendSem);
+    if (gCpuDefend.cpuDefendSem)
+        OsixDeleteSem(gCpuDefend.cpuDefendSem);
     memset(&gCpuDefend, 0, sizeof gCpuDefend);
 }
 

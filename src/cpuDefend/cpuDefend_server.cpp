@@ -18,7 +18,7 @@ constexpr uint32_t LENGTH_LEN = 4;
 constexpr int RECEIVE_LOW_WATER = 30; // bytes
 constexpr int64_t PATIENCE = 1000;    // ms for all of a request, and for all of a reply
 
-/** Milliseconds of real time: a client's patience is not a matter of the timers' clock. */
+/** Milliseconds of real time, whatever clock the timers have. */
 int64_t now()
 {
     timespec time;
@@ -26,20 +26,36 @@ int64_t now()
     return int64_t{time.tv_sec} * 1000 + time.tv_nsec / 1000000;
 }
 
-/** What to do after a transfer that moved nothing. @return whether to try again */
-bool retry(int fd, short event, int64_t deadline)
+/** How long one client may keep us waiting. The second begins when it first does. */
+class Patience
 {
-    if (errno == EINTR)
-        return true;
-    if (errno != EAGAIN)
+public:
+    /** After a transfer that moved nothing: wait for @a event. @return whether to try again */
+    bool retry(int fd, short event)
+    {
+        if (errno == EINTR)
+            return true;
+        if (errno != EAGAIN)
+            return false;
+        const int64_t left = remaining();
+        pollfd wait{fd, event, 0};
+        if (left > 0 && poll(&wait, 1, static_cast<int>(left)) != 0)
+            return true; // also when cut by a signal: the next transfer tells
+        errno = ETIMEDOUT;
         return false;
-    const int64_t left = deadline - now();
-    pollfd wait{fd, event, 0};
-    if (left > 0 && poll(&wait, 1, static_cast<int>(left)) != 0)
-        return true; // also when cut by a signal: the next transfer tells
-    errno = ETIMEDOUT;
-    return false;
-}
+    }
+
+private:
+    int64_t remaining()
+    {
+        const int64_t time = now();
+        if (deadline_ == 0)
+            deadline_ = time + PATIENCE;
+        return deadline_ - time;
+    }
+
+    int64_t deadline_ = 0; // 0: it has not kept us waiting yet
+};
 
 /** A request as it arrives: its length, then its body. */
 struct tFrame {
@@ -54,7 +70,7 @@ struct tFrame {
  * once: mostly that is the whole request.
  * @return false with errno set
  */
-bool receive(int fd, tFrame &frame, uint32_t wanted, int64_t deadline)
+bool receive(int fd, tFrame &frame, uint32_t wanted, Patience &patience)
 {
     while (frame.received < wanted) {
         const ssize_t got = recv(fd, frame.bytes + frame.received,
@@ -64,7 +80,7 @@ bool receive(int fd, tFrame &frame, uint32_t wanted, int64_t deadline)
         } else if (got == 0) {
             errno = ECONNRESET;
             return false;
-        } else if (!retry(fd, POLLIN, deadline)) {
+        } else if (!patience.retry(fd, POLLIN)) {
             return false;
         }
     }
@@ -74,7 +90,7 @@ bool receive(int fd, tFrame &frame, uint32_t wanted, int64_t deadline)
 /** Send the length and the body. @return bytes sent, fewer than both with errno set */
 uint32_t sendReply(int fd, unsigned char *length, unsigned char *body, uint32_t bodyLen)
 {
-    const int64_t deadline = now() + PATIENCE;
+    Patience patience;
     iovec pieces[2] = {{length, LENGTH_LEN}, {body, bodyLen}};
     msghdr message{};
     message.msg_iov = pieces;
@@ -83,7 +99,7 @@ uint32_t sendReply(int fd, unsigned char *length, unsigned char *body, uint32_t 
     while (sent < LENGTH_LEN + bodyLen) {
         const ssize_t moved = sendmsg(fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (moved < 0) {
-            if (!retry(fd, POLLOUT, deadline))
+            if (!patience.retry(fd, POLLOUT))
                 break;
             continue;
         }
@@ -121,13 +137,13 @@ uint32_t lengthOf(tFrame &frame)
     return adr_getuint32(&adr, &length) == 0 ? length : 0;
 }
 
-bool receiveBody(int fd, tFrame &frame, uint32_t len, int64_t deadline)
+bool receiveBody(int fd, tFrame &frame, uint32_t len, Patience &patience)
 {
     if (len > CPUDEFEND_CMD_MAXLEN) {
         errno = EMSGSIZE;
         return false;
     }
-    return receive(fd, frame, LENGTH_LEN + len, deadline);
+    return receive(fd, frame, LENGTH_LEN + len, patience);
 }
 
 int32_t failed(const char *what)
@@ -140,13 +156,13 @@ int32_t serve(int fd)
 {
     tFrame frame;
     frame.received = 0;
-    const int64_t deadline = now() + PATIENCE;
+    Patience patience;
     if (setsockopt(fd, SOL_SOCKET, SO_RCVLOWAT, &RECEIVE_LOW_WATER, sizeof RECEIVE_LOW_WATER) != 0)
         return failed("\r\n cpudefendCmdServer setsockopt failed!");
-    if (!receive(fd, frame, LENGTH_LEN, deadline))
+    if (!receive(fd, frame, LENGTH_LEN, patience))
         return failed("\r\n cpudefendCmdServer recv buflen failed!");
     const uint32_t len = lengthOf(frame);
-    if (!receiveBody(fd, frame, len, deadline))
+    if (!receiveBody(fd, frame, len, patience))
         return failed("\r\n cpudefendCmdServer recv buf failed!");
     const uint32_t replyLen = cpudefendCmdProcess(frame.body(), len);
     if (replyLen == 0)

@@ -24,7 +24,7 @@ static void runTimers()
 /** Receive one netlink datagram. Only the kernel (port 0) is listened to. */
 static void receiveNotification()
 {
-    alignas(nlmsghdr) unsigned char buf[NOTIFY_BUFFER_LEN];
+    unsigned char buf[NOTIFY_BUFFER_LEN];
     sockaddr_nl sender{};
     socklen_t senderLen = sizeof sender;
     const ssize_t len = recvfrom(gCpuDefend.rtSock, buf, sizeof buf, 0,

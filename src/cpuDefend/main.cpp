@@ -2,6 +2,7 @@
  * The daemon: [maxPolicyNumber [maxSlotNumber]].
  */
 #include <fcntl.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -31,6 +32,7 @@ static uint32_t number(const char *text)
 int main(int argc, char *argv[])
 {
     zynCatchSegFault();
+    signal(SIGPIPE, SIG_IGN); // nobody who reads our messages may end us by going away
     if (!takeStandardDescriptors() || zynPlatformInit(argv) != 0)
         return -1;
     const uint32_t maxPolicyNumber = argc >= 2 ? number(argv[1]) : CPUDEFEND_DEFAULT_POLICYNUM;

@@ -1,8 +1,8 @@
 /**
  * The management API: get, set, sync and walk of each table.
  *
- * Every function but the Show ones takes gCpuDefend.cpuDefendSem for its whole run. A value is
- * passed as a pointer: to an octetstring for a string attribute, to an unsigned 32-bit number
+ * Every get, set, sync and walk takes gCpuDefend.cpuDefendSem while it looks at the tables. A value
+ * is passed as a pointer: to an octetstring for a string attribute, to an unsigned 32-bit number
  * (or anything that begins with one) for a numeric attribute. cpuDefend*AttrKind tells which; the
  * dispatcher uses it to keep unfit values away from the handlers.
  *
@@ -30,6 +30,17 @@ int32_t cpuDefendGlobalSetApi(uint32_t index, uint32_t attrId, octetstring *valu
 int32_t cpuDefendGlobalSyncApi(uint32_t index, uint32_t attrId, octetstring *value);
 tNmKind cpuDefendGlobalAttrKind(uint32_t attrId);
 
+/* Slots. A walk goes from a slot to the next greater one in the order of creation. */
+int32_t cpuDefendSlotGetApi(tcpuDefendSlotIdx *idx, uint32_t attrId, octetstring *value);
+int32_t _cpuDefendSlotSetApi(tcpuDefendSlotIdx *idx, uint32_t attrId, octetstring *value,
+                             uint32_t flag);
+int32_t cpuDefendSlotSetApi(tcpuDefendSlotIdx *idx, uint32_t attrId, octetstring *value);
+int32_t cpuDefendSlotSyncApi(tcpuDefendSlotIdx *idx, uint32_t attrId, octetstring *value);
+int32_t cpuDefendSlotGetFirst(tcpuDefendSlotIdx *idx);
+int32_t cpuDefendSlotGetNext(tcpuDefendSlotIdx *slotIdx, tcpuDefendSlotIdx *nextSlotId);
+int32_t cpuDefendSlotShow();
+tNmKind cpuDefendSlotAttrKind(uint32_t attrId);
+
 /* Policies. A walk visits them in byte-wise order of their names. */
 int32_t cpuDefendPolicyGetApi(tCpuDefendPolicyIdx *nameIdx, uint32_t cmd, void *var);
 int32_t _cpuDefendPolicySetApi(tCpuDefendPolicyIdx *nameIdx, uint32_t cmd, void *var,
@@ -41,6 +52,21 @@ int32_t cpuDefendPolicyGetNext(tCpuDefendPolicyIdx *nameIdx, tCpuDefendPolicyIdx
 int32_t cpuDefendPolicyShow();
 tNmKind cpuDefendPolicyAttrKind(uint32_t cmd);
 
+/* User-defined rules. A walk visits them by length of the policy name, then name, then index. */
+int32_t cpuDefendUserDefinedGetApi(tcpuDefendUserDefinedIdx *userDefinedIdx, uint32_t cmd,
+                                   void *var);
+int32_t _cpuDefendUserDefinedSetApi(tcpuDefendUserDefinedIdx *userDefinedIdx, uint32_t cmd,
+                                    void *var, uint32_t flag);
+int32_t cpuDefendUserDefinedSetApi(tcpuDefendUserDefinedIdx *userDefinedIdx, uint32_t cmd,
+                                   void *var);
+int32_t cpuDefendUserDefinedSyncApi(tcpuDefendUserDefinedIdx *userDefinedIdx, uint32_t cmd,
+                                    void *var);
+int32_t cpuDefendUserDefinedGetFirst(tcpuDefendUserDefinedIdx *userDefinedIdx);
+int32_t cpuDefendUserDefinedGetNext(tcpuDefendUserDefinedIdx *userDefinedIdx,
+                                    tcpuDefendUserDefinedIdx *nextUserDefinedIdx);
+int32_t cpuDefendUserDefinedShow(); /**< @return what its last printf returned */
+tNmKind cpuDefendUserDefinedAttrKind(uint32_t cmd);
+
 /* CAR entries. A walk visits them by length of the policy name, then name, then packet type. */
 int32_t cpuDefendCarPktGetApi(tcpuDefendCarPktIdx *carPktIdx, uint32_t cmd, void *var);
 int32_t _cpuDefendCarPktSetApi(tcpuDefendCarPktIdx *carPktIdx, uint32_t cmd, void *var,
@@ -51,6 +77,20 @@ int32_t cpuDefendCarPktGetFirst(tcpuDefendCarPktIdx *carPktIdx);
 int32_t cpuDefendCarPktGetNext(tcpuDefendCarPktIdx *carPktIdx, tcpuDefendCarPktIdx *nextCarPktIdx);
 int32_t cpuDefendCarPktShow();
 tNmKind cpuDefendCarPktAttrKind(uint32_t cmd);
+
+/* Traced sources, read only. A walk visits them in key order, filtered by the index's searchBit. */
+int32_t cpuDefendSrcTraceGetApi(tcpuDefendSrcTraceIdx *srcTraceIdx, uint32_t cmd, void *var);
+int32_t cpuDefendSrcTraceGetFirst(tcpuDefendSrcTraceIdx *srcTraceIdx);
+int32_t cpuDefendSrcTraceGetNext(tcpuDefendSrcTraceIdx *srcTraceIdx,
+                                 tcpuDefendSrcTraceIdx *nextSrcTraceIdx);
+int32_t cpuDefendSrcTraceShow();
+int32_t cpuDefendSrcTraceShow2();
+tNmKind cpuDefendSrcTraceAttrKind(uint32_t cmd);
+
+/* Debugging entries, for a console. */
+int32_t cpuDefendSlotTest(); /**< makes two slots and binds the policy "test" to them. @return 0 */
+void testcpuDefend();
+void ade(); /**< all of the tables' console tests */
 
 /**
  * Where a per-table synchronisation to the standby card goes: called before each change, a

@@ -59,6 +59,42 @@ void nmAnswerOctets(void *value, const uint8_t *bytes, uint32_t len)
     memmove(octets->pBuf, bytes, octets->len);
 }
 
+bool nmIsName(const octetstring *value, const uint8_t *name, uint8_t len)
+{
+    return value->len == len && memcmp(value->pBuf, name, len) == 0;
+}
+
+void nmStoreName(uint8_t (&name)[CPUDEFEND_NAME_MAXLEN], uint8_t *len, const octetstring *value)
+{
+    const uint32_t wanted = value ? value->len : 0;
+    *len = static_cast<uint8_t>(wanted < sizeof name ? wanted : sizeof name);
+    memset(name, 0, sizeof name);
+    if (*len != 0)
+        memcpy(name, value->pBuf, *len);
+}
+
+int32_t nmFindPolicy(const octetstring *value, tCpuDefendPolicyEntry **policy)
+{
+    *policy = nullptr;
+    if (value->len == 0)
+        return CPUDEFEND_OK;
+    *policy = cpuDefendPolicyEntryGet(value->pBuf, value->len);
+    return *policy ? CPUDEFEND_OK : CPUDEFEND_ENONAME;
+}
+
+bool nmPolicyIsBound(const uint8_t *name, uint32_t len)
+{
+    const tCpuDefendPolicyEntry *policy = cpuDefendPolicyEntryGet(name, len);
+    return policy && policy->refCount != 0;
+}
+
+void *nmAvlAfter(avl_tree_t *tree, const void *key)
+{
+    avl_index_t where;
+    void *found = avl_find(tree, key, &where);
+    return found ? avl_next(tree, found) : avl_nearest(tree, where, AVL_AFTER);
+}
+
 NmText::NmText(const uint8_t *name, uint32_t len)
 {
     memcpy(text, name, len);

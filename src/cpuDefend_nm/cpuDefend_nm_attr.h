@@ -70,6 +70,37 @@ octetstring *nmOctets(void *value);
 /** Answer @a value with at most as many of the @a len bytes at @a bytes as it asked for. */
 void nmAnswerOctets(void *value, const uint8_t *bytes, uint32_t len);
 
+/** Whether the bytes in @a value are that name. */
+bool nmIsName(const octetstring *value, const uint8_t *name, uint8_t len);
+
+/** Store the bytes in @a value, cut to 32, as a name; null stands for the empty name. */
+void nmStoreName(uint8_t (&name)[CPUDEFEND_NAME_MAXLEN], uint8_t *len, const octetstring *value);
+
+/**
+ * Find the policy that @a value names.
+ * @param policy receives it; null for the empty name or when there is none
+ * @return CPUDEFEND_OK, or CPUDEFEND_ENONAME
+ */
+int32_t nmFindPolicy(const octetstring *value, tCpuDefendPolicyEntry **policy);
+
+/** Whether there is a policy of that name and it is programmed anywhere. */
+bool nmPolicyIsBound(const uint8_t *name, uint32_t len);
+
+/** The record of @a tree that follows @a key, which need not be in it; null after the last. */
+void *nmAvlAfter(avl_tree_t *tree, const void *key);
+
+/** Delete the traced sources that @a concerns. */
+template <typename Concerns> void nmDeleteSrcTraces(Concerns concerns)
+{
+    void *next;
+    for (void *found = avl_first(&gCpuDefend.srcTraceList); found; found = next) {
+        auto *entry = static_cast<tCpuDefendSrcTraceEntry *>(found);
+        next = avl_next(&gCpuDefend.srcTraceList, found);
+        if (concerns(entry))
+            cpuDefendSrcTraceEntryDel(entry);
+    }
+}
+
 /** A name as text for printing. */
 struct NmText {
     NmText(const uint8_t *name, uint32_t len);

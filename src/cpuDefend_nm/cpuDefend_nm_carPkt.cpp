@@ -4,7 +4,6 @@
  * Nothing here programs hardware, and the entries of a bound policy cannot be changed at all.
  */
 #include <stdio.h>
-#include <string.h>
 
 #include "cpuDefend_child.h"
 #include "cpuDefend_nm_attr.h"
@@ -43,13 +42,6 @@ tCpuDefendCarPktEntry *find(const tcpuDefendCarPktIdx *idx)
     return cpuDefendCarPktEntryGet(idx->policyName, idx->policyNameLen, idx->pktType);
 }
 
-bool isBound(const tcpuDefendCarPktIdx *idx)
-{
-    const tCpuDefendPolicyEntry *pPolicy =
-        cpuDefendPolicyEntryGet(idx->policyName, idx->policyNameLen);
-    return pPolicy && pPolicy->refCount != 0;
-}
-
 uint8_t withBits(uint8_t mask, uint8_t bits, bool on)
 {
     return static_cast<uint8_t>(on ? mask | bits : mask & ~bits);
@@ -85,9 +77,7 @@ int32_t answerWalk(const tCpuDefendCarPktEntry *entry, tcpuDefendCarPktIdx *idx)
 {
     if (!entry)
         return CPUDEFEND_FAIL;
-    const tCpuDefendPolicyEntry *pPolicy = entry->policyEntry;
-    idx->policyNameLen = pPolicy->policyNameLen;
-    memcpy(idx->policyName, pPolicy->policyName, pPolicy->policyNameLen);
+    cpuDefendChildName(entry, idx);
     idx->pktType = entry->pktType;
     return CPUDEFEND_OK;
 }
@@ -117,7 +107,7 @@ int32_t _cpuDefendCarPktSetApi(tcpuDefendCarPktIdx *carPktIdx, uint32_t cmd, voi
     tCpuDefendCarPktEntry *entry = find(carPktIdx);
     if (!entry)
         return CPUDEFEND_ENOENTRY;
-    if (isBound(carPktIdx))
+    if (nmPolicyIsBound(carPktIdx->policyName, carPktIdx->policyNameLen))
         return CPUDEFEND_EBOUND;
     if (cmd > CPUDEFEND_CARPKT_TOTALPKTPPS || (attrs[cmd].checks & READ_ONLY))
         return CPUDEFEND_FAIL;
@@ -146,9 +136,7 @@ int32_t cpuDefendCarPktSyncApi(tcpuDefendCarPktIdx *carPktIdx, uint32_t cmd, voi
 int32_t cpuDefendCarPktGetFirst(tcpuDefendCarPktIdx *carPktIdx)
 {
     NmLock lock;
-    list_head *list = &gCpuDefend.carPktList;
-    return answerWalk(list_empty(list) ? nullptr
-                                       : list_entry(list->next, tCpuDefendCarPktEntry, node),
+    return answerWalk(cpuDefendChildFirst<tCpuDefendCarPktEntry>(&gCpuDefend.carPktList),
                       carPktIdx);
 }
 

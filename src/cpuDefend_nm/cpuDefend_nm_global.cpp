@@ -1,8 +1,9 @@
 /**
  * Management of the system-wide attributes.
  */
-#include <string.h>
+#include <stdio.h>
 
+#include "cpuDefend_level.h"
 #include "cpuDefend_nm_attr.h"
 
 namespace
@@ -48,41 +49,177 @@ bool isReadable(uint32_t attrId)
            attrId != CPUDEFEND_GLOBAL_SYNCSTATE;
 }
 
-/** Take the system-wide policy out of the hardware and forget its name. */
-int32_t unbind()
+/** A set of one attribute. */
+struct tChange {
+    uint32_t attrId;
+    octetstring *value;
+    uint32_t flag;
+};
+
+int32_t sync(const tChange &change, uint32_t extraFlag = 0)
 {
+    return zynHwScalarSync(0, SYNC_BASE + change.attrId, change.value, change.flag | extraFlag);
+}
+
+/**
+ * Program something wherever it is in force for the system: on the system itself while there is
+ * no slot, else on each slot that @a concerns. @return the last call's result, 0 without one
+ */
+template <typename Concerns, typename Program>
+int32_t everywhere(Concerns concerns, Program program)
+{
+    if (list_empty(&gCpuDefend.slotList))
+        return program(nullptr, nullptr);
     int32_t result = 0;
-    if (gCpuDefend.policyNameLen != 0)
-        result = cpuDefendHwDel(nullptr, gCpuDefend.policyName, gCpuDefend.policyNameLen);
-    gCpuDefend.policyNameLen = 0;
-    memset(gCpuDefend.policyName, 0, sizeof gCpuDefend.policyName);
+    list_for_each_entry(tCpuDefendSlotEntry, slot, &gCpuDefend.slotList, node)
+    {
+        tSlotIndex index = cpuDefendSlotIndex(slot);
+        if (concerns(slot))
+            result = program(&index, slot);
+    }
     return result;
 }
 
-int32_t bind(tCpuDefendPolicyEntry *pPolicy)
+/** Slots with a fixed policy of their own keep it. */
+bool followsSystem(const tCpuDefendSlotEntry *slot)
 {
-    gCpuDefend.policyNameLen = pPolicy->policyNameLen;
-    memcpy(gCpuDefend.policyName, pPolicy->policyName, pPolicy->policyNameLen);
-    return cpuDefendHwAdd(nullptr, pPolicy);
+    return slot->policyNameLen == 0;
 }
 
-int32_t setPolicy(const octetstring *value, uint32_t flag)
+/** Slots in CPU-rate mode have levels of their own. */
+bool followsSystemLevel(const tCpuDefendSlotEntry *slot)
 {
-    if (value->len == gCpuDefend.policyNameLen &&
-        memcmp(value->pBuf, gCpuDefend.policyName, value->len) == 0)
+    return slot->policyMode == CPUDEFEND_FIXED;
+}
+
+/** Take the system-wide policy, if there is one, out of the hardware and forget its name. */
+int32_t unbind()
+{
+    if (gCpuDefend.policyNameLen == 0)
+        return 0;
+    const int32_t result =
+        everywhere(followsSystem, [](tSlotIndex *index, const tCpuDefendSlotEntry *) {
+            return cpuDefendHwDel(index, gCpuDefend.policyName, gCpuDefend.policyNameLen);
+        });
+    nmStoreName(gCpuDefend.policyName, &gCpuDefend.policyNameLen, nullptr);
+    return result;
+}
+
+int32_t setPolicy(const tChange &change)
+{
+    tCpuDefendPolicyEntry *policy;
+    if (nmIsName(change.value, gCpuDefend.policyName, gCpuDefend.policyNameLen))
         return CPUDEFEND_OK;
-    tCpuDefendPolicyEntry *pPolicy = nullptr;
-    if (value->len != 0) {
-        pPolicy = cpuDefendPolicyEntryGet(value->pBuf, value->len);
-        if (!pPolicy)
-            return CPUDEFEND_ENONAME;
-    }
-    int32_t result =
-        zynHwScalarSync(0, SYNC_BASE + CPUDEFEND_GLOBAL_POLICY, value, flag | ZYN_SYNC_OCTETS);
-    if (result != 0)
+    int32_t result = nmFindPolicy(change.value, &policy);
+    if (result == CPUDEFEND_OK)
+        result = sync(change, ZYN_SYNC_OCTETS);
+    if (result != CPUDEFEND_OK)
         return result;
     result = unbind();
-    return pPolicy ? bind(pPolicy) : result;
+    if (!policy)
+        return result;
+    nmStoreName(gCpuDefend.policyName, &gCpuDefend.policyNameLen, change.value);
+    return everywhere(followsSystem, [policy](tSlotIndex *index, const tCpuDefendSlotEntry *) {
+        return cpuDefendHwAdd(index, policy);
+    });
+}
+
+int32_t resetSrcTrace(const tChange &change)
+{
+    const int32_t result = sync(change);
+    if (result == 0)
+        nmDeleteSrcTraces([](const tCpuDefendSrcTraceEntry *) { return true; });
+    return result;
+}
+
+int32_t setDebug(const tChange &change)
+{
+    gCpuDefend.cpuDefendDebug = static_cast<uint8_t>(nmNumber(change.value));
+    return CPUDEFEND_OK;
+}
+
+/** Into CPU-rate mode unbinds the policy; the next sample selects a level. Back binds nothing. */
+int32_t setPolicyMode(const tChange &change)
+{
+    const uint32_t mode = nmNumber(change.value);
+    if (mode == gCpuDefend.policyMode)
+        return CPUDEFEND_OK;
+    const int32_t result = sync(change);
+    if (result != 0)
+        return result;
+    gCpuDefend.policyMode = static_cast<uint8_t>(mode);
+    if (gCpuDefend.policyMode != CPUDEFEND_CPURAT_CONTROL)
+        return CPUDEFEND_OK;
+    gCpuDefend.selectedPosition = 0;
+    return unbind();
+}
+
+int32_t setThreshold(const tChange &change, uint32_t position)
+{
+    const uint32_t value = nmNumber(change.value);
+    uint8_t &threshold = gCpuDefend.cpuRatControl[position - 1].cpuRat;
+    if (value == threshold)
+        return CPUDEFEND_OK;
+    const int32_t result = sync(change);
+    if (cpuDefendTest != 0)
+        printf("cpuRat=%d,ret=%d,\r\n", static_cast<int>(value), result);
+    if (result == 0)
+        threshold = static_cast<uint8_t>(value);
+    return result;
+}
+
+/** Take the policy of a level that is in force out of the hardware. */
+int32_t removeLevel(uint32_t position)
+{
+    return everywhere(followsSystemLevel,
+                      [position](tSlotIndex *index, const tCpuDefendSlotEntry *slot) {
+                          // Wanted: on slots, the removal of L2 names the policy of L1.
+                          const uint32_t named = slot && position == 2 ? 1 : position;
+                          return cpuDefendLevelRemove(index, gCpuDefend.cpuRatControl, named);
+                      });
+}
+
+int32_t setLevelName(const tChange &change, uint32_t position)
+{
+    tCpuDefendCpuRatControl &level = gCpuDefend.cpuRatControl[position - 1];
+    tCpuDefendPolicyEntry *policy;
+    if (nmIsName(change.value, level.policyName, level.policyNameLen))
+        return CPUDEFEND_OK;
+    int32_t result = nmFindPolicy(change.value, &policy);
+    if (result == CPUDEFEND_OK)
+        result = sync(change, ZYN_SYNC_OCTETS);
+    if (result != CPUDEFEND_OK)
+        return result;
+    if (gCpuDefend.selectedPosition == position) {
+        result = removeLevel(position);
+        gCpuDefend.selectedPosition = 0;
+    }
+    nmStoreName(level.policyName, &level.policyNameLen, change.value);
+    return result;
+}
+
+int32_t applySyncState(const tChange &change)
+{
+    cpuDefendSyncRcv(change.value->pBuf, static_cast<int32_t>(change.value->len));
+    return CPUDEFEND_OK;
+}
+
+int32_t set(const tChange &change)
+{
+    switch (change.attrId) {
+    case CPUDEFEND_GLOBAL_POLICY: return setPolicy(change);
+    case CPUDEFEND_GLOBAL_RESETSRCTRACE: return resetSrcTrace(change);
+    case CPUDEFEND_GLOBAL_DEBUG: return setDebug(change);
+    case CPUDEFEND_GLOBAL_POLICYMODE: return setPolicyMode(change);
+    case CPUDEFEND_GLOBAL_L1CPURAT: return setThreshold(change, 1);
+    case CPUDEFEND_GLOBAL_L1POLICYNAME: return setLevelName(change, 1);
+    case CPUDEFEND_GLOBAL_L2CPURAT: return setThreshold(change, 2);
+    case CPUDEFEND_GLOBAL_L2POLICYNAME: return setLevelName(change, 2);
+    case CPUDEFEND_GLOBAL_L3CPURAT: return setThreshold(change, 3);
+    case CPUDEFEND_GLOBAL_L3POLICYNAME: return setLevelName(change, 3);
+    case CPUDEFEND_GLOBAL_SYNCSTATE: return applySyncState(change);
+    default: return CPUDEFEND_FAIL;
+    }
 }
 
 } // namespace
@@ -104,13 +241,7 @@ int32_t cpuDefendGlobalGetApi(uint32_t, uint32_t attrId, octetstring *value)
 int32_t _cpuDefendGlobalSetApi(uint32_t, uint32_t attrId, octetstring *value, uint32_t flag)
 {
     NmLock lock;
-    switch (attrId) {
-    case CPUDEFEND_GLOBAL_POLICY: return setPolicy(value, flag);
-    case CPUDEFEND_GLOBAL_DEBUG:
-        nmAttrStoreNumber(attrs[attrId], &gCpuDefend, nmNumber(value));
-        return CPUDEFEND_OK;
-    default: return CPUDEFEND_FAIL;
-    }
+    return set({attrId, value, flag});
 }
 
 int32_t cpuDefendGlobalSetApi(uint32_t index, uint32_t attrId, octetstring *value)

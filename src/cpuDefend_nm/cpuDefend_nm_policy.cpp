@@ -13,7 +13,6 @@ namespace
 {
 
 constexpr uint32_t SYNC_BASE = 8002;
-constexpr uint8_t STATUS_CREATED = 3;
 constexpr uint32_t PRIORITY_READ = 3; // bytes of priority that a get returns
 
 /** What a set looks at. */
@@ -76,7 +75,7 @@ int32_t create(const tCpuDefendPolicyIdx *nameIdx, tCpuDefendPolicyEntry *pPolic
         pPolicy = cpuDefendPolicyEntryAdd(nameIdx->name, nameIdx->len);
     if (!pPolicy)
         return CPUDEFEND_ENOMEM;
-    pPolicy->policyStatus = STATUS_CREATED; // also for a policy that was there already
+    pPolicy->policyStatus = CPUDEFEND_STATUS_CREATED; // also for a policy that was there already
     return CPUDEFEND_OK;
 }
 
@@ -90,7 +89,7 @@ int32_t setRowStatus(const tCpuDefendPolicyIdx *nameIdx, tCpuDefendPolicyEntry *
     if (status == CPUDEFEND_ROW_DESTROY)
         return cpuDefendPolicyEntryDel(pPolicy);
     if (status == CPUDEFEND_ROW_ACTIVATE)
-        pPolicy->policyStatus = CPUDEFEND_ROW_ACTIVATE;
+        pPolicy->policyStatus = CPUDEFEND_STATUS_ACTIVE;
     return CPUDEFEND_OK;
 }
 
@@ -222,10 +221,7 @@ int32_t cpuDefendPolicyGetNext(tCpuDefendPolicyIdx *nameIdx, tCpuDefendPolicyIdx
     key.policyNameLen = static_cast<uint8_t>(nameIdx->len);
     memcpy(key.policyName, nameIdx->name, nameIdx->len);
     NmLock lock;
-    avl_index_t where;
-    void *found = avl_find(&gCpuDefend.policyList, &key, &where);
-    found = found ? avl_next(&gCpuDefend.policyList, found)
-                  : avl_nearest(&gCpuDefend.policyList, where, AVL_AFTER);
+    void *found = nmAvlAfter(&gCpuDefend.policyList, &key);
     if (!found)
         return CPUDEFEND_FAIL;
     nameOf(static_cast<tCpuDefendPolicyEntry *>(found), nextNameIdx);

@@ -1,0 +1,288 @@
+/**
+ * Management of slots. Their records are made elsewhere; here they are found, bound, switched and
+ * walked.
+ */
+#include <stdio.h>
+
+#include "cpuDefend_level.h"
+#include "cpuDefend_nm_attr.h"
+
+namespace
+{
+
+constexpr uint32_t SYNC_BASE = 8001;
+
+#define NUMBER(id, field) NM_ATTR_NUMBER(id, tCpuDefendSlotEntry, field, 0)
+#define OCTETS(id, field) NM_ATTR_OCTETS(id, tCpuDefendSlotEntry, field, field##Len, 0)
+
+constexpr tNmAttr attrs[] = {
+    OCTETS(CPUDEFEND_SLOT_POLICY, policyName),
+    NM_ATTR_NO_FIELD(CPUDEFEND_SLOT_RESETSRCTRACE, NM_ANY, 0),
+    NUMBER(CPUDEFEND_SLOT_POLICYMODE, policyMode),
+    NUMBER(CPUDEFEND_SLOT_L1CPURAT, cpuRatControl[0].cpuRat),
+    OCTETS(CPUDEFEND_SLOT_L1POLICYNAME, cpuRatControl[0].policyName),
+    NUMBER(CPUDEFEND_SLOT_L2CPURAT, cpuRatControl[1].cpuRat),
+    OCTETS(CPUDEFEND_SLOT_L2POLICYNAME, cpuRatControl[1].policyName),
+    NUMBER(CPUDEFEND_SLOT_L3CPURAT, cpuRatControl[2].cpuRat),
+    OCTETS(CPUDEFEND_SLOT_L3POLICYNAME, cpuRatControl[2].policyName),
+};
+static_assert(nmAttrsInOrder(attrs));
+
+#undef NUMBER
+#undef OCTETS
+
+/** A set of one attribute of one slot. */
+struct tChange {
+    tCpuDefendSlotEntry *entry;
+    const tcpuDefendSlotIdx *idx;
+    uint32_t attrId;
+    octetstring *value;
+    uint32_t flag;
+};
+
+tCpuDefendSlotEntry *find(const tcpuDefendSlotIdx *idx)
+{
+    return cpuDefendSlotEntryGet(idx->sysId, idx->slotId);
+}
+
+int32_t sync(const tChange &change, uint32_t extraFlag = 0)
+{
+    const tSlotIndex slot{change.idx->sysId, change.idx->slotId, 0};
+    return zynHwSlotSync(&slot, SYNC_BASE + change.attrId, change.value, change.flag | extraFlag);
+}
+
+/** Take the fixed policy out of the hardware; it stays bound when that fails. */
+int32_t unbind(tCpuDefendSlotEntry *entry, tSlotIndex *index)
+{
+    if (entry->policyNameLen == 0)
+        return 0;
+    const int32_t result = cpuDefendHwDel(index, entry->policyName, entry->policyNameLen);
+    if (result != 0)
+        return result;
+    entry->policyEntry = nullptr;
+    nmStoreName(entry->policyName, &entry->policyNameLen, nullptr);
+    return 0;
+}
+
+int32_t setPolicy(const tChange &change)
+{
+    tCpuDefendSlotEntry *entry = change.entry;
+    tCpuDefendPolicyEntry *policy;
+    if (nmIsName(change.value, entry->policyName, entry->policyNameLen))
+        return CPUDEFEND_OK;
+    int32_t result = nmFindPolicy(change.value, &policy);
+    if (result == CPUDEFEND_OK)
+        result = sync(change, ZYN_SYNC_OCTETS);
+    if (result != CPUDEFEND_OK)
+        return result;
+    tSlotIndex index = cpuDefendSlotIndex(entry);
+    result = unbind(entry, &index);
+    if (!policy)
+        return result;
+    result = cpuDefendHwAdd(&index, policy);
+    if (result != 0)
+        return result;
+    entry->policyEntry = policy;
+    nmStoreName(entry->policyName, &entry->policyNameLen, change.value);
+    return CPUDEFEND_OK;
+}
+
+int32_t resetSrcTrace(const tChange &change)
+{
+    const tCpuDefendSlotEntry *slot = change.entry;
+    const int32_t result = sync(change);
+    if (result != 0)
+        return result;
+    if (slot->policyEntry && slot->policyEntry->srcTraceEnable == CPUDEFEND_ENABLE)
+        nmDeleteSrcTraces([slot](const tCpuDefendSrcTraceEntry *trace) {
+            return trace->sysId == slot->sysId && trace->slotId == slot->slotId;
+        });
+    return CPUDEFEND_OK;
+}
+
+/** Into CPU-rate mode also unbinds the system's policy; the slot's own stays programmed. */
+int32_t setPolicyMode(const tChange &change)
+{
+    tCpuDefendSlotEntry *entry = change.entry;
+    const uint32_t mode = nmNumber(change.value);
+    if (mode == entry->policyMode)
+        return CPUDEFEND_OK;
+    const int32_t result = sync(change);
+    if (result != 0)
+        return result;
+    entry->policyMode = static_cast<uint8_t>(mode);
+    if (entry->policyMode != CPUDEFEND_CPURAT_CONTROL)
+        return CPUDEFEND_OK;
+    entry->selectedPosition = 0;
+    unsigned char none = 0;
+    octetstring empty{&none, 0};
+    return cpuDefendGlobalSetApi(0, CPUDEFEND_GLOBAL_POLICY, &empty);
+}
+
+int32_t setThreshold(const tChange &change, uint32_t position)
+{
+    uint8_t &threshold = change.entry->cpuRatControl[position - 1].cpuRat;
+    if (nmNumber(change.value) == threshold)
+        return CPUDEFEND_OK;
+    const int32_t result = sync(change);
+    if (result == 0)
+        threshold = static_cast<uint8_t>(nmNumber(change.value));
+    return result;
+}
+
+/** The level's policy leaves the hardware if it is in force; the next samples program the new. */
+int32_t setLevelName(const tChange &change, uint32_t position)
+{
+    tCpuDefendSlotEntry *entry = change.entry;
+    tCpuDefendCpuRatControl &level = entry->cpuRatControl[position - 1];
+    tCpuDefendPolicyEntry *policy;
+    if (nmIsName(change.value, level.policyName, level.policyNameLen))
+        return CPUDEFEND_OK;
+    int32_t result = nmFindPolicy(change.value, &policy);
+    if (result == CPUDEFEND_OK)
+        result = sync(change);
+    if (result != CPUDEFEND_OK)
+        return result;
+    if (entry->selectedPosition == position) {
+        tSlotIndex index = cpuDefendSlotIndex(entry);
+        result = cpuDefendLevelRemove(&index, entry->cpuRatControl, position);
+        entry->selectedPosition = 0;
+    }
+    nmStoreName(level.policyName, &level.policyNameLen, change.value);
+    return result;
+}
+
+int32_t set(const tChange &change)
+{
+    switch (change.attrId) {
+    case CPUDEFEND_SLOT_POLICY: return setPolicy(change);
+    case CPUDEFEND_SLOT_RESETSRCTRACE: return resetSrcTrace(change);
+    case CPUDEFEND_SLOT_POLICYMODE: return setPolicyMode(change);
+    case CPUDEFEND_SLOT_L1CPURAT: return setThreshold(change, 1);
+    case CPUDEFEND_SLOT_L1POLICYNAME: return setLevelName(change, 1);
+    case CPUDEFEND_SLOT_L2CPURAT: return setThreshold(change, 2);
+    case CPUDEFEND_SLOT_L2POLICYNAME: return setLevelName(change, 2);
+    case CPUDEFEND_SLOT_L3CPURAT: return setThreshold(change, 3);
+    case CPUDEFEND_SLOT_L3POLICYNAME: return setLevelName(change, 3);
+    default: return CPUDEFEND_FAIL;
+    }
+}
+
+bool isAfter(const tCpuDefendSlotEntry *entry, const tcpuDefendSlotIdx *idx)
+{
+    return entry->sysId > idx->sysId || (entry->sysId == idx->sysId && entry->slotId > idx->slotId);
+}
+
+int32_t answerWalk(const tCpuDefendSlotEntry *entry, tcpuDefendSlotIdx *idx)
+{
+    idx->sysId = entry->sysId;
+    idx->slotId = entry->slotId;
+    return CPUDEFEND_OK;
+}
+
+} // namespace
+
+tNmKind cpuDefendSlotAttrKind(uint32_t attrId)
+{
+    return nmAttrKind(attrs, attrId);
+}
+
+int32_t cpuDefendSlotGetApi(tcpuDefendSlotIdx *idx, uint32_t attrId, octetstring *value)
+{
+    NmLock lock;
+    const tCpuDefendSlotEntry *entry = find(idx);
+    if (!entry)
+        return CPUDEFEND_ENOSLOT;
+    if (attrId <= CPUDEFEND_SLOT_L3POLICYNAME && attrId != CPUDEFEND_SLOT_RESETSRCTRACE)
+        nmAttrGet(attrs[attrId], entry, value);
+    return CPUDEFEND_OK;
+}
+
+int32_t _cpuDefendSlotSetApi(tcpuDefendSlotIdx *idx, uint32_t attrId, octetstring *value,
+                             uint32_t flag)
+{
+    NmLock lock;
+    tCpuDefendSlotEntry *entry = find(idx);
+    return entry ? set({entry, idx, attrId, value, flag}) : CPUDEFEND_ENOSLOT;
+}
+
+int32_t cpuDefendSlotSetApi(tcpuDefendSlotIdx *idx, uint32_t attrId, octetstring *value)
+{
+    return _cpuDefendSlotSetApi(idx, attrId, value, NM_FLAG_SET);
+}
+
+int32_t cpuDefendSlotSyncApi(tcpuDefendSlotIdx *idx, uint32_t attrId, octetstring *value)
+{
+    return _cpuDefendSlotSetApi(idx, attrId, value, NM_FLAG_SYNC);
+}
+
+int32_t cpuDefendSlotGetFirst(tcpuDefendSlotIdx *idx)
+{
+    NmLock lock;
+    if (list_empty(&gCpuDefend.slotList))
+        return CPUDEFEND_FAIL;
+    return answerWalk(list_entry(gCpuDefend.slotList.next, tCpuDefendSlotEntry, node), idx);
+}
+
+/** Wanted: the list is not sorted, so a slot behind a greater one is never visited. */
+int32_t cpuDefendSlotGetNext(tcpuDefendSlotIdx *slotIdx, tcpuDefendSlotIdx *nextSlotId)
+{
+    NmLock lock;
+    list_for_each_entry(tCpuDefendSlotEntry, entry, &gCpuDefend.slotList, node)
+    {
+        if (isAfter(entry, slotIdx))
+            return answerWalk(entry, nextSlotId);
+    }
+    return CPUDEFEND_FAIL;
+}
+
+/* ---- Debugging entries ------------------------------------------------------------------ */
+
+int32_t cpuDefendSlotShow()
+{
+    tcpuDefendSlotIdx idx{};
+    int32_t result = cpuDefendSlotGetFirst(&idx);
+    printf("sysId=%d,slotId=%d,\r\n", static_cast<int>(idx.sysId), static_cast<int>(idx.slotId));
+    while (result == CPUDEFEND_OK) {
+        result = cpuDefendSlotGetNext(&idx, &idx);
+        printf("sysId=%d,slotId=%d,ret=%d,\r\n", static_cast<int>(idx.sysId),
+               static_cast<int>(idx.slotId), result);
+    }
+    return CPUDEFEND_OK;
+}
+
+static int32_t addTestSlot(uint32_t sysId, uint32_t slotId)
+{
+    {
+        NmLock lock;
+        if (!cpuDefendSlotEntryAdd(sysId, slotId))
+            puts("pSlotEntry is null!\r");
+    }
+    unsigned char name[] = {'t', 'e', 's', 't'};
+    octetstring value{name, sizeof name};
+    tcpuDefendSlotIdx idx{sysId, slotId};
+    return cpuDefendSlotSetApi(&idx, CPUDEFEND_SLOT_POLICY, &value);
+}
+
+int32_t cpuDefendSlotTest()
+{
+    addTestSlot(1, 0);
+    printf("cpuDefendSlotTest ret=%d,\r\n", addTestSlot(1, 1));
+    return 0;
+}
+
+void testcpuDefend()
+{
+    printf("1.d=%d,\r\n", 3);
+    printf("2.d=%d,\r\n", 2);
+    printf("3.d=%d,\r\n", 2);
+    printf("4.d=%d,\r\n", 2);
+}
+
+void ade()
+{
+    cpuDefendCarPktShow();
+    testcpuDefend();
+    cpuDefendSlotTest();
+    cpuDefendSrcTraceShow2();
+}
