@@ -115,3 +115,9 @@ int32_t cpuMeterRead(tCpuMeter *meter, const char *path, uint32_t scale, uint32_
     *usage = meter->usage;
     return 0;
 }
+
+int32_t cpuMetersRead(tCpuMeters *meters, const char *path, uint32_t selector, uint32_t *usage)
+{
+    static const uint32_t scales[] = {100, 10000};
+    return cpuMeterRead(&meters->meter[selector], path, scales[selector], usage);
+}

@@ -66,6 +66,14 @@ typedef struct tCpuMeter {
  */
 int32_t cpuMeterRead(tCpuMeter *meter, const char *path, uint32_t scale, uint32_t *usage);
 
+/** The two readers of zynHwCpuGet, by selector: 0 in percent, 1 in hundredths of a percent. */
+typedef struct tCpuMeters {
+    tCpuMeter meter[2];
+} tCpuMeters;
+
+/** Read the usage as zynHwCpuGet does. @param selector 0 or 1; the rest as in cpuMeterRead */
+int32_t cpuMetersRead(tCpuMeters *meters, const char *path, uint32_t selector, uint32_t *usage);
+
 #ifdef __cplusplus
 }
 #endif

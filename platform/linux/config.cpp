@@ -41,9 +41,12 @@ public:
 private:
     void readKey(Config &config, const toml::key &key, const toml::node &value) const;
     std::string readString(const std::string &key, const toml::node &value) const;
-    std::vector<std::string> readPorts(const toml::node &value) const;
-    void checkPort(const std::string &port, const std::vector<std::string> &before,
-                   const toml::node &at) const;
+    uint32_t readNumber(const std::string &key, const toml::node &value) const;
+    void readPorts(Config &config, const PortConfig &place, const toml::node &value) const;
+    void checkPort(const Config &config, const std::string &port, const toml::node &at) const;
+    void readSlots(Config &config, const toml::node &value) const;
+    void readSlot(Config &config, const toml::table &slot) const;
+    [[noreturn]] void failUnknown(const toml::key &key) const;
 
     template <class Table>
     auto readChoice(const std::string &key, const toml::node &value, const Table &table) const
@@ -68,39 +71,87 @@ std::string Reader::readString(const std::string &key, const toml::node &value) 
     fail(value.source(), key + " is not a string");
 }
 
-void Reader::checkPort(const std::string &port, const std::vector<std::string> &before,
-                       const toml::node &at) const
+uint32_t Reader::readNumber(const std::string &key, const toml::node &value) const
+{
+    auto number = value.value_exact<int64_t>();
+    if (number && *number >= 0 && *number <= UINT32_MAX)
+        return static_cast<uint32_t>(*number);
+    fail(value.source(), key + " is not a number from 0 to 4294967295");
+}
+
+void Reader::checkPort(const Config &config, const std::string &port, const toml::node &at) const
 {
     if (port.empty() || port.size() >= IFNAMSIZ || port.find('\0') != std::string::npos)
         fail(at.source(), "\"" + port + "\" cannot be the name of a port");
-    if (std::find(before.begin(), before.end(), port) != before.end())
-        fail(at.source(), "port \"" + port + "\" stands there twice");
+    for (const PortConfig &before : config.ports)
+        if (before.name == port)
+            fail(at.source(), "port \"" + port + "\" stands there twice");
 }
 
-std::vector<std::string> Reader::readPorts(const toml::node &value) const
+/** @param place where the ports are; its name is not looked at */
+void Reader::readPorts(Config &config, const PortConfig &place, const toml::node &value) const
 {
     const toml::array *array = value.as_array();
     if (!array || array->empty())
         fail(value.source(), "ports is not a list of at least one port name");
-    std::vector<std::string> ports;
     for (const toml::node &element : *array) {
         std::string port = readString("a port", element);
-        checkPort(port, ports, element);
-        ports.push_back(std::move(port));
+        checkPort(config, port, element);
+        config.ports.push_back({std::move(port), place.sys, place.slot});
     }
-    return ports;
+}
+
+void Reader::readSlot(Config &config, const toml::table &slot) const
+{
+    PortConfig place;
+    const toml::node *ports = nullptr;
+    for (const auto &[key, value] : slot) {
+        if (key == "sys")
+            place.sys = readNumber("sys", value);
+        else if (key == "slot")
+            place.slot = readNumber("slot", value);
+        else if (key == "ports")
+            ports = &value;
+        else
+            failUnknown(key);
+    }
+    if (place.sys == 0 && place.slot == 0)
+        fail(slot.source(), "slot 0 of system 0 is the system itself, not a slot");
+    for (const PortConfig &before : config.ports)
+        if (before.sys == place.sys && before.slot == place.slot)
+            fail(slot.source(), "slot " + std::to_string(place.slot) + " of system " +
+                                    std::to_string(place.sys) + " stands there twice");
+    if (!ports)
+        fail(slot.source(), "no key \"ports\"");
+    readPorts(config, place, *ports);
+}
+
+void Reader::readSlots(Config &config, const toml::node &value) const
+{
+    const toml::array *array = value.as_array();
+    if (!array || !array->is_homogeneous<toml::table>())
+        fail(value.source(), "slot is not written as [[slot]]");
+    for (const toml::node &element : *array)
+        readSlot(config, *element.as_table());
+}
+
+void Reader::failUnknown(const toml::key &key) const
+{
+    fail(key.source(), "unknown key \"" + std::string(key.str()) + "\"");
 }
 
 void Reader::readKey(Config &config, const toml::key &key, const toml::node &value) const
 {
     if (key == "ports")
-        config.ports = readPorts(value);
+        readPorts(config, {}, value);
+    else if (key == "slot")
+        readSlots(config, value);
     else if (key == "mode")
         config.mode = readChoice("mode", value, modes);
     else if (key == "role")
         config.role = readChoice("role", value, roles);
     else
-        fail(key.source(), "unknown key \"" + std::string(key.str()) + "\"");
+        failUnknown(key);
 }
 
 Config Reader::read(std::string_view text) const

@@ -4,6 +4,7 @@
 #ifndef ZYNLINUX_CONFIG_H
 #define ZYNLINUX_CONFIG_H
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,8 +21,15 @@ enum class Mode {
 
 enum class Role { Master, Slave };
 
+/** A protected port and its place in the chassis. */
+struct PortConfig {
+    std::string name;
+    uint32_t sys = 0;  /**< system (chassis) number */
+    uint32_t slot = 0; /**< slot number; 0 of system 0: the port is the system's own */
+};
+
 struct Config {
-    std::vector<std::string> ports; /**< interface names; at least one, none twice */
+    std::vector<PortConfig> ports; /**< at least one, no name twice */
     Mode mode = Mode::Auto;
     Role role = Role::Master;
 };

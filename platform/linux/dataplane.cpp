@@ -43,7 +43,7 @@ __attribute__((format(printf, 2, 0))) int keepLog(libbpf_print_level level, cons
 Failure loadFailure(int error)
 {
     std::string reason = std::strerror(error);
-    if (geteuid() != 0)
+    if (error == EPERM || error == EACCES)
         reason += " (this takes root, or the capabilities CAP_BPF, CAP_NET_ADMIN and CAP_PERFMON)";
     return Failure("load the packet program into the kernel", reason + "\n" + libraryLog);
 }

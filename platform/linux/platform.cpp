@@ -1,10 +1,10 @@
 /**
- * The contract with the daemon, on a Linux host.
+ * The layer behind the contract with the daemon, on a Linux host.
  */
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <map>
 #include <memory>
 #include <new>
 
@@ -13,9 +13,8 @@
 #include "cpuusage.h"
 #include "dataplane.h"
 #include "failure.h"
-#include "zynacl.h"
-#include "zynhwal.h"
-#include "zynif.h"
+#include "journal.h"
+#include "layer.h"
 
 namespace zynlinux
 {
@@ -25,7 +24,6 @@ namespace
 
 constexpr char configEnvironment[] = "CPUDEFEND_PLATFORM";
 constexpr char configPath[] = "/etc/cpudefend/platform.toml";
-constexpr uint32_t packetTypes = 59; // numbers that an entry may bear, 0 to 58
 
 /** What the configured host is protected by. */
 struct Layer {
@@ -33,18 +31,20 @@ struct Layer {
 
     Role role;
     DataPlane plane;
-    CarTable system; /**< entries of the system as a whole */
+    CarTable system;                       /**< entries of the system as a whole */
+    std::map<uint32_t, PortConfig> places; /**< of the ports, by interface index */
 };
 
-std::unique_ptr<Layer> layer;
-tCpuMeter cpuMeters[2]; // by selector
+std::unique_ptr<Layer> host;
+tCpuMeters cpuMeters;
 
 Layer::Layer(const Config &config) : role(config.role)
 {
-    for (const std::string &name : config.ports) {
-        const Port &port = plane.attach(name, config.mode);
+    for (const PortConfig &configured : config.ports) {
+        const Port &port = plane.attach(configured.name, config.mode);
+        places[port.ifindex] = configured;
         std::string why = port.whyGeneric.empty() ? "" : " (native: " + port.whyGeneric + ")";
-        std::fprintf(stderr, "[platform] port %s is protected in %s mode%s\n", name.c_str(),
+        std::fprintf(stderr, "[platform] port %s is protected in %s mode%s\n", port.name.c_str(),
                      modeName(port.mode), why.c_str());
     }
 }
@@ -52,34 +52,15 @@ Layer::Layer(const Config &config) : role(config.role)
 std::string configFile()
 {
     const char *path = std::getenv(configEnvironment);
-    return path ? path : configPath;
+    return path && *path != '\0' ? path : configPath;
 }
 
-/** 0, or the code for an entry that cannot be programmed. */
-int32_t checkEntry(const tHwCpuDefendPktCarEntry &entry)
+/** 0, or the code for an entry that cannot be programmed here. */
+int32_t checkCar(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry &entry)
 {
-    if (entry.pktType >= packetTypes)
-        return EINVAL;
-    if (entry.op != ZYN_HW_OP_DENY && entry.op != ZYN_HW_OP_PERMIT)
-        return EINVAL;
-    return entry.pktType < CPD_TYPES ? 0 : ENOTSUP;
-}
-
-int32_t addEntry(const tHwCpuDefendPktCarEntry &entry)
-try {
-    layer->system.add(entry);
-    layer->plane.enforce(entry.pktType, &entry);
-    return 0;
-} catch (const std::bad_alloc &) {
-    return ENOMEM;
-}
-
-int32_t removeEntry(const tHwCpuDefendPktCarEntry &entry)
-{
-    if (!layer->system.remove(entry))
-        return ENOENT;
-    layer->plane.enforce(entry.pktType, layer->system.inForce(entry.pktType));
-    return 0;
+    if (!host)
+        return ENODEV;
+    return slot == nullptr && entry.pktType < CPD_TYPES ? 0 : ENOTSUP;
 }
 
 } // namespace
@@ -88,89 +69,66 @@ int32_t removeEntry(const tHwCpuDefendPktCarEntry &entry)
 
 using namespace zynlinux;
 
-extern "C" {
-
 int32_t zynPlatformInit(char *const *)
 try {
-    layer.reset();
-    layer = std::make_unique<Layer>(readConfig(configFile()));
-    return 0;
+    host.reset();
+    host = std::make_unique<Layer>(readConfig(configFile()));
+    return journalInit();
 } catch (const std::exception &failure) {
     std::fprintf(stderr, "%s\n", failure.what());
     return -1;
 }
 
-int32_t zynScalarSetApi(uint32_t index, uint32_t cmd, tHwApiFunc *func)
-{
-    if (index != 0 || cmd != 0 || !func || !func->arg)
-        return EINVAL;
-    if (func->hwCmd != HW_SYS_CPUDEFENDPKTCARADD && func->hwCmd != HW_SYS_CPUDEFENDPKTCARDEL)
-        return EINVAL;
-    if (!layer)
-        return ENODEV;
-    const auto &entry = *static_cast<const tHwCpuDefendPktCarEntry *>(func->arg);
-    if (int32_t refused = checkEntry(entry))
+int32_t layer::carAdd(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry &entry) noexcept
+try {
+    if (int32_t refused = checkCar(slot, entry))
         return refused;
-    return func->hwCmd == HW_SYS_CPUDEFENDPKTCARADD ? addEntry(entry) : removeEntry(entry);
+    host->system.add(entry);
+    host->plane.enforce(entry.pktType, &entry);
+    return 0;
+} catch (const std::bad_alloc &) {
+    return ENOMEM;
 }
 
-int32_t zynHwSlotSet(const tSlotIndex *slot, uint32_t cmd, void *arg, int32_t)
+int32_t layer::carDel(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry &entry) noexcept
 {
-    if (!slot || !arg)
-        return EINVAL;
-    if (cmd != HW_SLOT_CPUDEFENDPKTCARADD && cmd != HW_SLOT_CPUDEFENDPKTCARDEL)
-        return EINVAL;
-    return ENOTSUP; // all ports belong to the system
+    if (int32_t refused = checkCar(slot, entry))
+        return refused;
+    if (!host->system.remove(entry))
+        return ENOENT;
+    host->plane.enforce(entry.pktType, host->system.inForce(entry.pktType));
+    return 0;
 }
 
-int32_t acl_cpudefend_add(const tSlotIndex *, uint16_t, uint32_t, uint32_t, uint32_t, uint32_t)
+int32_t layer::aclAdd(const tSlotIndex *, const tAclSetting &) noexcept
 {
     return ENOTSUP;
 }
 
-int32_t acl_cpudefend_del(const tSlotIndex *, uint16_t, uint32_t, uint32_t, uint32_t, uint32_t)
+int32_t layer::aclDel(const tSlotIndex *, const tAclSetting &) noexcept
 {
     return ENOTSUP;
 }
 
-int32_t zynHwScalarGet(uint32_t, uint32_t id, void *)
+bool layer::isSlave() noexcept
 {
-    Role role = layer ? layer->role : Role::Master;
-    switch (id) {
-    case HW_SYS_SWRUNNINGROLEISMASTER: return role == Role::Master ? 0 : 1;
-    case HW_SYS_SWRUNNINGROLEISSLAVE: return role == Role::Slave ? 0 : 1;
-    default: return EINVAL;
-    }
+    return host && host->role == Role::Slave;
 }
 
-int32_t zynHwCpuGet(uint32_t selector, uint32_t id, uint32_t *value)
+int32_t layer::cpuUsage(uint32_t selector, uint32_t *value) noexcept
 {
-    constexpr uint32_t scales[] = {100, 10000};
-    if (selector > 1 || id != HW_CPU_USED || !value)
-        return EINVAL;
-    return cpuMeterRead(&cpuMeters[selector], "/proc/stat", scales[selector], value);
+    return cpuMetersRead(&cpuMeters, "/proc/stat", selector, value);
 }
 
-int32_t zynHwScalarSync(uint32_t, uint32_t, const void *, uint32_t)
+int32_t layer::place(uint32_t ifUnit, tPhyIfInfo *info) noexcept
 {
-    return 0;
-}
-
-int32_t zynHwSlotSync(const tSlotIndex *, uint32_t, const void *, uint32_t)
-{
-    return 0;
-}
-
-int32_t sysIndexTrans(uint32_t ifUnit, uint32_t mode, tPhyIfInfo *info)
-{
-    if (!layer || mode != SYS_INDEX_TRANS_PHY || !info)
-        return EINVAL;
-    const auto &ports = layer->plane.ports();
-    auto known = [=](const Port &port) { return port.ifindex == ifUnit; };
-    if (std::none_of(ports.begin(), ports.end(), known))
+    if (!host)
         return ENODEV;
-    *info = {};
+    auto port = host->places.find(ifUnit);
+    if (port == host->places.end())
+        return ENODEV;
+    info->unit = port->second.sys;
+    info->slot = port->second.slot;
     info->port = ifUnit;
     return 0;
-}
 }

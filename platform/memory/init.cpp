@@ -64,15 +64,6 @@ int32_t roleInit(const char *role)
     return 0;
 }
 
-int32_t journalInit(const char *path)
-{
-    int32_t error = path != nullptr ? journalOpen(path) : 0;
-    if (error == 0)
-        return 0;
-    fprintf(stderr, "cpuDefend: couldn't open the journal %s: %s\n", path, strerror(error));
-    return -1;
-}
-
 } // namespace
 
 const char *linuxPlatformAsked(const char *configured, const char *standard)
@@ -94,5 +85,5 @@ int32_t zynPlatformInit(char *const argv[])
         return -1;
     }
     int32_t result = roleInit(setting("CPUDEFEND_ROLE"));
-    return result != 0 ? result : journalInit(setting("CPUDEFEND_JOURNAL"));
+    return result != 0 ? result : journalInit();
 }

@@ -1,5 +1,5 @@
 /**
- * The journal of the memory layer: one JSON object per line for every call. docs/journal.md
+ * The journal of a hardware layer: one JSON object per line for every call. docs/journal.md
  * describes the lines.
  *
  * A line is written between journalBegin and journalEnd, member by member; while no journal is
@@ -17,6 +17,13 @@
  * @return 0 or an errno value
  */
 int32_t journalOpen(const char *path);
+
+/**
+ * Open the journal that the environment variable CPUDEFEND_JOURNAL names; without one, or with an
+ * empty one, there is none.
+ * @return 0, or -1 with the reason printed on standard error
+ */
+int32_t journalInit();
 
 /** Close the journal, if one is open. The next one starts at number 1. */
 void journalClose();

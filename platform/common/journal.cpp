@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -127,6 +128,20 @@ int32_t journalOpen(const char *path)
     signal(SIGXFSZ, SIG_IGN);
     journal.fd = fd;
     return 0;
+}
+
+int32_t journalInit()
+{
+    const char *path = getenv("CPUDEFEND_JOURNAL");
+    if (path == nullptr || *path == '\0') {
+        journalClose();
+        return 0;
+    }
+    int32_t error = journalOpen(path);
+    if (error == 0)
+        return 0;
+    fprintf(stderr, "cpuDefend: couldn't open the journal %s: %s\n", path, strerror(error));
+    return -1;
 }
 
 void journalClose()

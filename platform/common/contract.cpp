@@ -1,0 +1,350 @@
+/**
+ * The contract with the daemon: refuse, ask the layer, tell the journal.
+ */
+#include "contract.h"
+
+#include <errno.h>
+#include <string.h>
+
+#include "journal.h"
+#include "layer.h"
+#include "zynacl.h"
+
+namespace
+{
+
+constexpr uint32_t pktTypeMax = 58;
+constexpr int32_t flagApply = 3; // to the running hardware
+
+// What a synchronisation id stands for, where the flag does not tell.
+constexpr uint32_t syncGlobalReset = 8011;
+constexpr uint32_t syncSlotReset = 8002;
+constexpr uint32_t syncSlotLevelNames[] = {8005, 8007, 8009};
+
+/* ---- Failures to order ---------------------------------------------------------------- */
+
+struct tFailure {
+    uint32_t wait; /**< calls until it is due, itself included; 0: a free place */
+    int32_t code;
+};
+
+tFailure failures[16];
+
+/** Count a call. @return 0, or the result that was ordered for it */
+int32_t orderedResult()
+{
+    int32_t result = 0;
+    for (tFailure &failure : failures) {
+        if (failure.wait != 0 && --failure.wait == 0)
+            result = failure.code;
+    }
+    return result;
+}
+
+/** The result of a call: what was ordered, or else what acting gives. */
+template <class Act> int32_t perform(Act act)
+{
+    int32_t result = orderedResult();
+    return result != 0 ? result : act();
+}
+
+/* ---- What no hardware could do -------------------------------------------------------- */
+
+/** System 0 with slot 0 is the system itself and can't be addressed as a slot. */
+bool isSlot(const tSlotIndex *slot)
+{
+    return slot != nullptr && slot->type == 0 && (slot->sys != 0 || slot->slot != 0);
+}
+
+bool isTarget(const tSlotIndex *slot)
+{
+    return slot == nullptr || isSlot(slot);
+}
+
+bool isCar(const tHwCpuDefendPktCarEntry *entry)
+{
+    return entry != nullptr && entry->pktType <= pktTypeMax &&
+           (entry->op == ZYN_HW_OP_PERMIT || entry->op == ZYN_HW_OP_DENY);
+}
+
+bool isAcl(const layer::tAclSetting &acl)
+{
+    if (acl.acl == 0)
+        return false;
+    if (acl.action == ZYN_HW_OP_DENY)
+        return acl.cir == 0 && acl.cbs == 0 && acl.ebs == 0;
+    return acl.action == ZYN_HW_OP_PERMIT;
+}
+
+bool isSlotCommand(uint32_t cmd)
+{
+    return cmd == HW_SLOT_CPUDEFENDPKTCARADD || cmd == HW_SLOT_CPUDEFENDPKTCARDEL;
+}
+
+bool isSystemCommand(uint32_t cmd)
+{
+    return cmd == HW_SYS_CPUDEFENDPKTCARADD || cmd == HW_SYS_CPUDEFENDPKTCARDEL;
+}
+
+int32_t carSet(const tSlotIndex *slot, bool add, const void *arg)
+{
+    auto *entry = static_cast<const tHwCpuDefendPktCarEntry *>(arg);
+    if (!isCar(entry))
+        return EINVAL;
+    return add ? layer::carAdd(slot, *entry) : layer::carDel(slot, *entry);
+}
+
+int32_t slotSet(const tSlotIndex *slot, uint32_t cmd, const void *arg, int32_t flag)
+{
+    if (!isSlot(slot) || !isSlotCommand(cmd) || flag != flagApply)
+        return EINVAL;
+    return carSet(slot, cmd == HW_SLOT_CPUDEFENDPKTCARADD, arg);
+}
+
+int32_t systemSet(uint32_t index, uint32_t cmd, const tHwApiFunc *func)
+{
+    if (index != 0 || cmd != 0 || func == nullptr || !isSystemCommand(func->hwCmd))
+        return EINVAL;
+    if (func->action != 0 || func->res != 0 || func->argLen != 0 || func->flag != 0)
+        return EINVAL;
+    return carSet(nullptr, func->hwCmd == HW_SYS_CPUDEFENDPKTCARADD, func->arg);
+}
+
+int32_t aclSet(const tSlotIndex *slot, bool add, const layer::tAclSetting &acl)
+{
+    if (!isTarget(slot) || !isAcl(acl))
+        return EINVAL;
+    return add ? layer::aclAdd(slot, acl) : layer::aclDel(slot, acl);
+}
+
+int32_t roleGet(uint32_t index, uint32_t id)
+{
+    if (index != 0)
+        return EINVAL;
+    switch (id) {
+    case HW_SYS_SWRUNNINGROLEISMASTER: return layer::isSlave() ? 1 : 0;
+    case HW_SYS_SWRUNNINGROLEISSLAVE: return layer::isSlave() ? 0 : 1;
+    default: return EINVAL;
+    }
+}
+
+int32_t cpuGet(uint32_t selector, uint32_t id, uint32_t *value)
+{
+    if (selector > 1 || id != HW_CPU_USED || value == nullptr)
+        return EINVAL;
+    return layer::cpuUsage(selector, value);
+}
+
+int32_t indexTrans(uint32_t ifUnit, uint32_t mode, tPhyIfInfo *info)
+{
+    if (mode != SYS_INDEX_TRANS_PHY || info == nullptr)
+        return EINVAL;
+    tPhyIfInfo found = {};
+    int32_t result = layer::place(ifUnit, &found);
+    if (result == 0)
+        *info = found;
+    return result;
+}
+
+/* ---- Members of a line ---------------------------------------------------------------- */
+
+void journalFunc(const tHwApiFunc *func)
+{
+    if (func == nullptr) {
+        journalNull("func");
+        return;
+    }
+    journalObject("func");
+    journalId("hwCmd", func->hwCmd);
+    journalNumber("action", func->action);
+    journalNumber("res", func->res);
+    journalNumber("argLen", func->argLen);
+    journalNumber("flag", func->flag);
+    journalObjectEnd();
+}
+
+void journalPlace(const tPhyIfInfo *info)
+{
+    if (info == nullptr) {
+        journalNull("info");
+        return;
+    }
+    journalObject("info");
+    journalNumber("unit", info->unit);
+    journalNumber("slot", info->slot);
+    journalNumber("port", info->port);
+    journalNumber("channel", info->channel);
+    journalNumber("virtualnum", info->virtualnum);
+    journalNumber("endType", info->endType);
+    journalNumber("card", info->card);
+    journalObjectEnd();
+}
+
+bool isLevelName(uint32_t scalarId)
+{
+    for (uint32_t id : syncSlotLevelNames)
+        if (id == scalarId)
+            return true;
+    return false;
+}
+
+/** The members of a synchronisation. What a reset carries means nothing and is not looked at. */
+void journalSync(uint32_t scalarId, const void *value, uint32_t flag, bool octets, bool reset)
+{
+    journalNumber("scalarId", scalarId);
+    if (value == nullptr || reset) {
+        journalNull("value");
+    } else if (octets) {
+        journalOctets("value", static_cast<const octetstring *>(value));
+    } else {
+        uint32_t number;
+        memcpy(&number, value, sizeof number);
+        journalNumber("value", number);
+    }
+    journalNumber("flag", flag);
+}
+
+/** Either of the ACL calls. */
+int32_t aclCall(const char *call, const tSlotIndex *slot, bool add, const layer::tAclSetting &acl)
+{
+    int32_t result = perform([&] { return aclSet(slot, add, acl); });
+    if (journalBegin(call)) {
+        journalSlot("slot", slot);
+        journalNumber("acl", acl.acl);
+        journalNumber("action", acl.action);
+        journalNumber("cir", acl.cir);
+        journalNumber("cbs", acl.cbs);
+        journalNumber("ebs", acl.ebs);
+        journalEnd(result);
+    }
+    return result;
+}
+
+} // namespace
+
+/* ---- Scripting ------------------------------------------------------------------------ */
+
+int32_t contractFailAt(uint32_t n, int32_t code)
+{
+    if (n == 0 || code == 0)
+        return EINVAL;
+    for (tFailure &failure : failures) {
+        if (failure.wait == 0) {
+            failure = {n, code};
+            return 0;
+        }
+    }
+    return ENOSPC;
+}
+
+void contractFailNone()
+{
+    memset(failures, 0, sizeof failures);
+}
+
+/* ---- The contract --------------------------------------------------------------------- */
+
+int32_t zynHwSlotSet(const tSlotIndex *slot, uint32_t cmd, void *arg, int32_t flag)
+{
+    int32_t result = perform([&] { return slotSet(slot, cmd, arg, flag); });
+    if (journalBegin("zynHwSlotSet")) {
+        journalSlot("slot", slot);
+        journalId("cmd", cmd);
+        journalNumber("flag", flag);
+        void *entry = isSlotCommand(cmd) ? arg : nullptr;
+        journalCar("entry", static_cast<const tHwCpuDefendPktCarEntry *>(entry));
+        journalEnd(result);
+    }
+    return result;
+}
+
+int32_t zynScalarSetApi(uint32_t index, uint32_t cmd, tHwApiFunc *func)
+{
+    int32_t result = perform([&] { return systemSet(index, cmd, func); });
+    if (journalBegin("zynScalarSetApi")) {
+        journalNull("slot");
+        journalNumber("index", index);
+        journalNumber("cmd", cmd);
+        journalFunc(func);
+        void *entry = func != nullptr && isSystemCommand(func->hwCmd) ? func->arg : nullptr;
+        journalCar("entry", static_cast<const tHwCpuDefendPktCarEntry *>(entry));
+        journalEnd(result);
+    }
+    return result;
+}
+
+int32_t zynHwScalarGet(uint32_t index, uint32_t id, void * /*value*/)
+{
+    int32_t result = perform([&] { return roleGet(index, id); });
+    if (journalBegin("zynHwScalarGet")) {
+        journalNumber("index", index);
+        journalId("id", id);
+        journalEnd(result);
+    }
+    return result;
+}
+
+int32_t zynHwCpuGet(uint32_t selector, uint32_t id, uint32_t *value)
+{
+    int32_t result = perform([&] { return cpuGet(selector, id, value); });
+    if (journalBegin("zynHwCpuGet")) {
+        journalNumber("selector", selector);
+        journalId("id", id);
+        if (result == 0)
+            journalNumber("value", *value);
+        else
+            journalNull("value");
+        journalEnd(result);
+    }
+    return result;
+}
+
+// There is no standby card: synchronisation is accepted and goes nowhere but into the journal.
+
+int32_t zynHwScalarSync(uint32_t index, uint32_t scalarId, const void *value, uint32_t flag)
+{
+    int32_t result = perform([] { return 0; });
+    if (journalBegin("zynHwScalarSync")) {
+        journalNumber("index", index);
+        journalSync(scalarId, value, flag, (flag & ZYN_SYNC_OCTETS) != 0,
+                    scalarId == syncGlobalReset);
+        journalEnd(result);
+    }
+    return result;
+}
+
+int32_t zynHwSlotSync(const tSlotIndex *slot, uint32_t scalarId, const void *value, uint32_t flag)
+{
+    int32_t result = perform([&] { return isSlot(slot) ? 0 : EINVAL; });
+    if (journalBegin("zynHwSlotSync")) {
+        journalSlot("slot", slot);
+        journalSync(scalarId, value, flag, (flag & ZYN_SYNC_OCTETS) != 0 || isLevelName(scalarId),
+                    scalarId == syncSlotReset);
+        journalEnd(result);
+    }
+    return result;
+}
+
+int32_t acl_cpudefend_add(const tSlotIndex *slot, uint16_t acl, uint32_t action, uint32_t cir,
+                          uint32_t cbs, uint32_t ebs)
+{
+    return aclCall("acl_cpudefend_add", slot, true, {acl, action, cir, cbs, ebs});
+}
+
+int32_t acl_cpudefend_del(const tSlotIndex *slot, uint16_t acl, uint32_t action, uint32_t cir,
+                          uint32_t cbs, uint32_t ebs)
+{
+    return aclCall("acl_cpudefend_del", slot, false, {acl, action, cir, cbs, ebs});
+}
+
+int32_t sysIndexTrans(uint32_t ifUnit, uint32_t mode, tPhyIfInfo *info)
+{
+    int32_t result = perform([&] { return indexTrans(ifUnit, mode, info); });
+    if (journalBegin("sysIndexTrans")) {
+        journalNumber("ifUnit", ifUnit);
+        journalNumber("mode", mode);
+        journalPlace(result == 0 ? info : nullptr);
+        journalEnd(result);
+    }
+    return result;
+}
