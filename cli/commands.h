@@ -4,6 +4,7 @@
 #ifndef CPUDEFENDCTL_COMMANDS_H
 #define CPUDEFENDCTL_COMMANDS_H
 
+#include <map>
 #include <ostream>
 #include <span>
 #include <stdexcept>
@@ -41,7 +42,22 @@ private:
 };
 
 /** What an argument is, for its check and its completion. */
-enum class ArgKind { NewPolicy, Policy, PktType, PolicySettings, CarSettings, OnOff };
+enum class ArgKind {
+    NewPolicy,
+    Policy,
+    PktType,
+    Rule,
+    Slot,
+    Interface,
+    Ip4,
+    Mac,
+    OnOff,
+    PolicySettings,
+    CarSettings,
+    RuleSettings,
+    SlotSettings,
+    SystemSettings
+};
 
 struct Arg {
     ArgKind kind;
@@ -49,13 +65,18 @@ struct Arg {
     const char *help;
     bool required = true;
 
-    bool isSettings() const
-    {
-        return kind == ArgKind::PolicySettings || kind == ArgKind::CarSettings;
-    }
+    bool isSettings() const { return kind >= ArgKind::PolicySettings; }
 
     /** The attributes that settings may name. */
     std::span<const cpudefend::Attribute> attributes() const;
+};
+
+/** An option that only some commands have. */
+struct Option {
+    ArgKind kind;
+    const char *name;
+    const char *value; /**< what the help calls its value */
+    const char *help;
 };
 
 /** What a command works on. */
@@ -64,6 +85,14 @@ struct Context {
     Format format;
     std::ostream &out;
     std::ostream &err;
+    std::map<std::string, std::string> options = {}; /**< the command's own that were given */
+
+    /** @return the option's value, or null when it was not given */
+    const std::string *option(const char *name) const
+    {
+        const auto found = options.find(name);
+        return found == options.end() ? nullptr : &found->second;
+    }
 };
 
 using Words = std::vector<std::string>;
@@ -76,6 +105,7 @@ struct Command {
 
     /** @param words the arguments in order; throws CommandFailed */
     void (*run)(Context &context, const Words &words);
+    std::vector<Option> options = {};
 };
 
 struct Object {

@@ -4,6 +4,7 @@
 #include <set>
 
 #include "cli/commands.h"
+#include "cli/values.h"
 
 namespace ctl
 {
@@ -17,9 +18,19 @@ using Candidates = std::vector<std::string>;
 
 constexpr const char *kOptions[] = {"--help", "--json", "--socket", "--timeout", "--version"};
 
+/** The option of a command of that name; null when none has such a one. */
+const Option *findOption(const std::string &name)
+{
+    for (const Command &command : commands())
+        for (const Option &option : command.options)
+            if (option.name == name)
+                return &option;
+    return nullptr;
+}
+
 bool takesWord(const std::string &option)
 {
-    return option == "--socket" || option == "--timeout";
+    return option == "--socket" || option == "--timeout" || findOption(option);
 }
 
 /** The words that are not options, the last word always among them. */
@@ -45,7 +56,19 @@ Candidates policies(cpudefend::Client &client)
     }
 }
 
-Candidates settings(const Arg &arg)
+Candidates slots(cpudefend::Client &client)
+{
+    Candidates names;
+    try {
+        for (const cpudefend::SlotIndex &slot : client.slots())
+            names.push_back(slotText(slot));
+    } catch (const cpudefend::Error &) {
+        return {};
+    }
+    return names;
+}
+
+Candidates settings(const Arg &arg, cpudefend::Client &client)
 {
     Candidates candidates;
     for (const Attribute &attribute : arg.attributes()) {
@@ -55,6 +78,9 @@ Candidates settings(const Arg &arg)
         candidates.push_back(key);
         for (const cpudefend::Choice &choice : attribute.choices)
             candidates.push_back(key + std::string(choice.word));
+        if (attribute.kind == cpudefend::Kind::Policy)
+            for (const std::string &name : policies(client))
+                candidates.push_back(key + name);
     }
     return candidates;
 }
@@ -69,20 +95,36 @@ void keepOneStep(Candidates *candidates, const std::string &current)
     });
 }
 
-Candidates candidatesFor(const Arg &arg, cpudefend::Client &client)
+/** Values of what is no setting. */
+Candidates valuesOf(ArgKind kind, cpudefend::Client &client)
 {
-    switch (arg.kind) {
-    case ArgKind::NewPolicy: return {};
+    switch (kind) {
     case ArgKind::Policy: return policies(client);
+    case ArgKind::Slot: return slots(client);
     case ArgKind::PktType: {
         const auto names = cpudefend::pktTypeNames();
         return {names.begin(), names.end()};
     }
     case ArgKind::OnOff: return {"on", "off"};
-    case ArgKind::PolicySettings:
-    case ArgKind::CarSettings: break;
+    default: return {};
     }
-    return settings(arg);
+}
+
+Candidates candidatesFor(const Arg &arg, cpudefend::Client &client)
+{
+    return arg.isSettings() ? settings(arg, client) : valuesOf(arg.kind, client);
+}
+
+Words pathOf(const Command &command)
+{
+    return *command.object ? Words{command.object, command.verb} : Words{command.verb};
+}
+
+/** Whether the words before the last agree with the path, as far as both go. */
+bool leadsTo(const Words &words, const Words &path)
+{
+    const auto shared = static_cast<std::ptrdiff_t>(std::min(words.size() - 1, path.size()));
+    return std::equal(path.begin(), path.begin() + shared, words.begin());
 }
 
 /** The words that can follow @a words in the tree, its last word not counted. */
@@ -90,11 +132,9 @@ Candidates following(const Words &words, cpudefend::Client &client)
 {
     std::set<std::string> next;
     for (const Command &command : commands()) {
-        Words path = *command.object ? Words{command.object, command.verb} : Words{command.verb};
+        const Words path = pathOf(command);
         const std::size_t done = words.size() - 1;
-        const std::size_t shared = std::min(done, path.size());
-        if (!std::equal(path.begin(), path.begin() + static_cast<std::ptrdiff_t>(shared),
-                        words.begin()))
+        if (!leadsTo(words, path))
             continue;
         if (done < path.size()) {
             next.insert(path[done]);
@@ -109,6 +149,30 @@ Candidates following(const Words &words, cpudefend::Client &client)
     return {next.begin(), next.end()};
 }
 
+/** The options of the program, and of the command that the words name. */
+Candidates optionsFor(const Words &words)
+{
+    Candidates names{std::begin(kOptions), std::end(kOptions)};
+    for (const Command &command : commands()) {
+        if (words.size() <= pathOf(command).size() || !leadsTo(words, pathOf(command)))
+            continue;
+        for (const Option &option : command.options)
+            names.push_back(option.name);
+    }
+    return names;
+}
+
+/** What the last word may be. */
+Candidates candidatesFor(const Words &words, cpudefend::Client &client)
+{
+    const Option *before = words.size() > 1 ? findOption(words[words.size() - 2]) : nullptr;
+    if (before)
+        return valuesOf(before->kind, client);
+    if (words.back().starts_with("-"))
+        return optionsFor(withoutOptions(words));
+    return following(withoutOptions(words), client);
+}
+
 } // namespace
 
 std::vector<std::string> complete(const Words &words, cpudefend::Client &client)
@@ -116,9 +180,7 @@ std::vector<std::string> complete(const Words &words, cpudefend::Client &client)
     if (words.empty())
         return {};
     const std::string &current = words.back();
-    Candidates candidates = current.starts_with("-")
-                                ? Candidates{std::begin(kOptions), std::end(kOptions)}
-                                : following(withoutOptions(words), client);
+    Candidates candidates = candidatesFor(words, client);
     std::erase_if(candidates,
                   [&](const std::string &candidate) { return !candidate.starts_with(current); });
     keepOneStep(&candidates, current);

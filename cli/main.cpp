@@ -28,6 +28,7 @@ struct Options {
 struct Entry {
     CLI::App *parser;
     std::vector<CLI::Option *> args;
+    std::vector<CLI::Option *> options;
 };
 
 /** The settings that a command takes, for the end of its help. */
@@ -48,7 +49,7 @@ std::string settingsHelp(const Arg &arg)
 
 Entry addCommand(CLI::App *parent, const Command &command)
 {
-    Entry entry{parent->add_subcommand(command.verb, command.help), {}};
+    Entry entry{parent->add_subcommand(command.verb, command.help), {}, {}};
     for (const Arg &arg : command.args) {
         CLI::Option *option = entry.parser->add_option(arg.name)->description(arg.help);
         option->required(arg.required)->type_name("");
@@ -58,6 +59,8 @@ Entry addCommand(CLI::App *parent, const Command &command)
         }
         entry.args.push_back(option);
     }
+    for (const Option &own : command.options)
+        entry.options.push_back(entry.parser->add_option(own.name, own.help)->type_name(own.value));
     return entry;
 }
 
@@ -103,6 +106,9 @@ int run(const Options &options, const std::vector<Entry> &entries)
         Words words;
         for (const CLI::Option *arg : entries[i].args)
             words.insert(words.end(), arg->results().begin(), arg->results().end());
+        for (const CLI::Option *option : entries[i].options)
+            if (!option->empty())
+                context.options[option->get_name()] = option->results().back();
         commands()[i].run(context, words);
     }
     return std::cout.flush() ? kExitDone : kExitRefused;

@@ -26,10 +26,16 @@ std::string join(const std::vector<uint32_t> &numbers)
     return text;
 }
 
+bool isNothing(const Cell &cell)
+{
+    return std::holds_alternative<std::monostate>(cell);
+}
+
 std::string textOf(const Cell &cell)
 {
     return std::visit(
-        Overload{[](const std::string &text) { return text.empty() ? "-" : printable(text); },
+        Overload{[](std::monostate) { return std::string("-"); },
+                 [](const std::string &text) { return text.empty() ? "-" : printable(text); },
                  [](uint32_t number) { return std::to_string(number); },
                  [](bool on) { return std::string(on ? "on" : "off"); },
                  [](const Pool &pool) {
@@ -41,7 +47,8 @@ std::string textOf(const Cell &cell)
 
 Json jsonOf(const Cell &cell)
 {
-    return std::visit(Overload{[](const Pool &pool) {
+    return std::visit(Overload{[](std::monostate) { return Json(nullptr); },
+                               [](const Pool &pool) {
                                    return Json{{"used", pool.used}, {"max", pool.max}};
                                },
                                [](const auto &value) { return Json(value); }},
@@ -68,7 +75,7 @@ void writeSheet(std::ostream &out, const Record &record)
         width = std::max(width, field.name.size());
     for (const Field &field : record) {
         out << field.name << std::string(width - field.name.size() + 2, ' ') << textOf(field.cell);
-        if (!field.unit.empty())
+        if (!field.unit.empty() && !isNothing(field.cell))
             out << ' ' << field.unit;
         out << '\n';
     }
@@ -111,7 +118,10 @@ std::vector<Column> layOut(const std::vector<Record> &records)
     std::vector<Column> columns;
     for (std::size_t i = 0; i < records[0].size(); ++i) {
         const Field &head = records[0][i];
-        Column column{std::holds_alternative<uint32_t>(head.cell), {std::string(head.name)}};
+        const bool hasNumbers = std::ranges::any_of(records, [i](const Record &record) {
+            return std::holds_alternative<uint32_t>(record[i].cell);
+        });
+        Column column{hasNumbers, {std::string(head.name)}};
         if (!head.unit.empty())
             column.lines[0] += " (" + std::string(head.unit) + ")";
         for (const Record &record : records)

@@ -21,7 +21,8 @@ struct Pool {
     uint32_t max;
 };
 
-using Cell = std::variant<std::string, uint32_t, bool, Pool, std::vector<uint32_t>>;
+/** What stands in a cell; nothing where the daemon does not tell. */
+using Cell = std::variant<std::monostate, std::string, uint32_t, bool, Pool, std::vector<uint32_t>>;
 
 struct Field {
     std::string_view name;

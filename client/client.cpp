@@ -20,9 +20,25 @@ struct Functions {
 
 /**
  * A table of the daemon: its functions, and its index as items on the wire. A further table is a
- * further specialization, and a line at the end of this file.
+ * further specialization, and lines at the end of this file.
  */
 template <class Index> struct Table;
+
+template <std::size_t N> std::string octetsOf(const std::array<uint8_t, N> &bytes)
+{
+    return {bytes.begin(), bytes.end()};
+}
+
+template <std::size_t N> std::array<uint8_t, N> bytesOf(const Item &item)
+{
+    const auto &octets = std::get<std::string>(item);
+    std::array<uint8_t, N> bytes;
+    if (octets.size() != N)
+        throw Error(Failure::ReplyMalformed, "the daemon's reply makes no sense: its index has a "
+                                             "field of another length");
+    std::copy(octets.begin(), octets.end(), bytes.begin());
+    return bytes;
+}
 
 template <> struct Table<GlobalIndex> {
     static constexpr Functions functions{0, 0, CPUDEFEND_GLOBAL_GETAPI, CPUDEFEND_GLOBAL_SETAPI};
@@ -36,6 +52,7 @@ template <> struct Table<PolicyIndex> {
     static constexpr Functions functions{CPUDEFEND_POLICY_GETFIRST, CPUDEFEND_POLICY_GETNEXT,
                                          CPUDEFEND_POLICY_GETAPI, CPUDEFEND_POLICY_SETAPI};
     static constexpr uint8_t indexCount = 2;
+    static constexpr int32_t endOfWalk = CPUDEFEND_FAIL;
 
     static std::vector<Item> items(const PolicyIndex &index)
     {
@@ -51,6 +68,7 @@ template <> struct Table<CarPktIndex> {
     static constexpr Functions functions{CPUDEFEND_CARPKT_GETFIRST, CPUDEFEND_CARPKT_GETNEXT,
                                          CPUDEFEND_CARPKT_GETAPI, CPUDEFEND_CARPKT_SETAPI};
     static constexpr uint8_t indexCount = 3;
+    static constexpr int32_t endOfWalk = CPUDEFEND_FAIL;
 
     static std::vector<Item> items(const CarPktIndex &index)
     {
@@ -59,6 +77,55 @@ template <> struct Table<CarPktIndex> {
     static CarPktIndex index(const std::vector<Item> &items)
     {
         return {std::get<std::string>(items[1]), std::get<uint32_t>(items[2])};
+    }
+};
+
+template <> struct Table<RuleIndex> {
+    static constexpr Functions functions{
+        CPUDEFEND_USERDEFINED_GETFIRST, CPUDEFEND_USERDEFINED_GETNEXT, CPUDEFEND_USERDEFINED_GETAPI,
+        CPUDEFEND_USERDEFINED_SETAPI};
+    static constexpr uint8_t indexCount = 3;
+    static constexpr int32_t endOfWalk = CPUDEFEND_FAIL;
+
+    static std::vector<Item> items(const RuleIndex &index)
+    {
+        return {static_cast<uint32_t>(index.policy.size()), index.policy, index.index};
+    }
+    static RuleIndex index(const std::vector<Item> &items)
+    {
+        return {std::get<std::string>(items[1]), std::get<uint32_t>(items[2])};
+    }
+};
+
+template <> struct Table<SlotIndex> {
+    static constexpr Functions functions{CPUDEFEND_SLOT_GETFIRST, CPUDEFEND_SLOT_GETNEXT,
+                                         CPUDEFEND_SLOT_GETAPI, CPUDEFEND_SLOT_SETAPI};
+    static constexpr uint8_t indexCount = 2;
+    static constexpr int32_t endOfWalk = CPUDEFEND_FAIL;
+
+    static std::vector<Item> items(const SlotIndex &index) { return {index.system, index.slot}; }
+    static SlotIndex index(const std::vector<Item> &items)
+    {
+        return {std::get<uint32_t>(items[0]), std::get<uint32_t>(items[1])};
+    }
+};
+
+template <> struct Table<SourceIndex> {
+    static constexpr Functions functions{CPUDEFEND_SRCTRACE_GETFIRST, CPUDEFEND_SRCTRACE_GETNEXT,
+                                         CPUDEFEND_SRCTRACE_GETAPI, 0};
+    static constexpr uint8_t indexCount = 5;
+    static constexpr int32_t endOfWalk = CPUDEFEND_ENOENTRY;
+
+    static std::vector<Item> items(const SourceIndex &index)
+    {
+        return {index.interface, octetsOf(index.ip),
+                std::string(1, static_cast<char>(index.pktType)), octetsOf(index.mac),
+                std::string(1, static_cast<char>(index.filter))};
+    }
+    static SourceIndex index(const std::vector<Item> &items)
+    {
+        return {std::get<uint32_t>(items[0]), bytesOf<4>(items[1]), bytesOf<1>(items[2])[0],
+                bytesOf<6>(items[3]), bytesOf<1>(items[4])[0]};
     }
 };
 
@@ -116,16 +183,16 @@ template <class Index> std::optional<Index> Client::walk(uint32_t function, cons
     for (const Item &item : request.index)
         request.answer.push_back(typeOf(item));
     const Reply reply = call(std::move(request));
-    if (reply.code == CPUDEFEND_FAIL)
+    if (reply.code == Table<Index>::endOfWalk)
         return std::nullopt;
     if (reply.code != CPUDEFEND_OK)
         throw Error(reply.code);
     return Table<Index>::index(reply.answer);
 }
 
-template <class Index> std::optional<Index> Client::first()
+template <class Index> std::optional<Index> Client::first(const Index &from)
 {
-    return walk(Table<Index>::functions.first, Index{});
+    return walk(Table<Index>::functions.first, from);
 }
 
 template <class Index> std::optional<Index> Client::next(const Index &index)
@@ -133,16 +200,21 @@ template <class Index> std::optional<Index> Client::next(const Index &index)
     return walk(Table<Index>::functions.next, index);
 }
 
-bool Client::policyExists(const std::string &name)
+template <class Index> bool Client::exists(const Index &index, uint32_t attributeId)
 {
     try {
-        get(PolicyIndex{name}, CPUDEFEND_POLICY_ENTRYSTATUS, 0);
+        get(index, attributeId, 0);
     } catch (const Error &error) {
         if (error.code() == CPUDEFEND_ENOENTRY)
             return false;
         throw;
     }
     return true;
+}
+
+bool Client::policyExists(const std::string &name)
+{
+    return exists(PolicyIndex{name}, CPUDEFEND_POLICY_ENTRYSTATUS);
 }
 
 std::vector<std::string> Client::policyNames()
@@ -158,16 +230,69 @@ std::vector<std::string> Client::policyNames()
 std::vector<uint32_t> Client::carPktTypes(const std::string &policy)
 {
     std::vector<uint32_t> types;
-    for (uint32_t type = 0; type < CPUDEFEND_PKTTYPE_MAX; ++type) {
-        try {
-            get(CarPktIndex{policy, type}, CPUDEFEND_CARPKT_MODE, 0);
+    for (uint32_t type = 0; type < CPUDEFEND_PKTTYPE_MAX; ++type)
+        if (exists(CarPktIndex{policy, type}, CPUDEFEND_CARPKT_MODE))
             types.push_back(type);
-        } catch (const Error &error) {
-            if (error.code() != CPUDEFEND_ENOENTRY)
-                throw;
-        }
-    }
     return types;
+}
+
+// One by one for the same reason.
+std::vector<uint32_t> Client::ruleIndexes(const std::string &policy)
+{
+    std::vector<uint32_t> indexes;
+    if (!first<RuleIndex>())
+        return indexes;
+    for (uint32_t index = 0; index <= UINT8_MAX; ++index)
+        if (ruleExists({policy, index}))
+            indexes.push_back(index);
+    return indexes;
+}
+
+bool Client::ruleExists(const RuleIndex &index)
+{
+    return exists(index, CPUDEFEND_USERDEFINED_ENTRYSTATUS);
+}
+
+void Client::createRule(const RuleIndex &index)
+{
+    set(index, CPUDEFEND_USERDEFINED_ENTRYSTATUS, uint32_t{CPUDEFEND_ROW_CREATE});
+}
+
+void Client::destroyRule(const RuleIndex &index)
+{
+    set(index, CPUDEFEND_USERDEFINED_ENTRYSTATUS, uint32_t{CPUDEFEND_ROW_DESTROY});
+}
+
+std::vector<SlotIndex> Client::slots()
+{
+    std::vector<SlotIndex> slots;
+    for (auto index = first<SlotIndex>(); index; index = next(*index))
+        slots.push_back(*index);
+    return slots;
+}
+
+// Interfaces 2^31 apart have no order in the daemon, and could lead a walk round in a circle.
+std::vector<SourceIndex> Client::sources(const SourceIndex &filter)
+{
+    std::vector<SourceIndex> sources;
+    for (auto index = first(filter); index; index = next(*index)) {
+        SourceIndex source = *index;
+        source.filter = 0;
+        if (std::ranges::find(sources, source) != sources.end())
+            break;
+        sources.push_back(source);
+    }
+    return sources;
+}
+
+void Client::resetSources()
+{
+    set(GlobalIndex{}, CPUDEFEND_GLOBAL_RESETSRCTRACE, 0u);
+}
+
+void Client::resetSources(const SlotIndex &slot)
+{
+    set(slot, CPUDEFEND_SLOT_RESETSRCTRACE, 0u);
 }
 
 void Client::createPolicy(const std::string &name)
@@ -190,6 +315,11 @@ void Client::bind(const std::string &name)
     set(GlobalIndex{}, CPUDEFEND_GLOBAL_POLICY, name);
 }
 
+void Client::bind(const SlotIndex &slot, const std::string &name)
+{
+    set(slot, CPUDEFEND_SLOT_POLICY, name);
+}
+
 void Client::unbind()
 {
     bind("");
@@ -201,21 +331,35 @@ std::string Client::boundPolicy()
         get(GlobalIndex{}, CPUDEFEND_GLOBAL_POLICY, CPUDEFEND_NAME_MAXLEN));
 }
 
-template Value Client::get(const GlobalIndex &, uint32_t, std::size_t);
-template Value Client::get(const PolicyIndex &, uint32_t, std::size_t);
-template Value Client::get(const CarPktIndex &, uint32_t, std::size_t);
-template Value Client::get(const GlobalIndex &, const Attribute &);
-template Value Client::get(const PolicyIndex &, const Attribute &);
-template Value Client::get(const CarPktIndex &, const Attribute &);
-template SetResult Client::set(const GlobalIndex &, uint32_t, const Value &);
-template SetResult Client::set(const PolicyIndex &, uint32_t, const Value &);
-template SetResult Client::set(const CarPktIndex &, uint32_t, const Value &);
-template std::optional<PolicyIndex> Client::first();
-template std::optional<CarPktIndex> Client::first();
-template std::optional<PolicyIndex> Client::next(const PolicyIndex &);
-template std::optional<CarPktIndex> Client::next(const CarPktIndex &);
-template Request requestFor(uint32_t, const GlobalIndex &);
-template Request requestFor(uint32_t, const PolicyIndex &);
-template Request requestFor(uint32_t, const CarPktIndex &);
+std::string Client::boundPolicy(const SlotIndex &slot)
+{
+    return std::get<std::string>(get(slot, CPUDEFEND_SLOT_POLICY, CPUDEFEND_NAME_MAXLEN));
+}
+
+#define READABLE(Index)                                                                            \
+    template Value Client::get(const Index &, uint32_t, std::size_t);                              \
+    template Value Client::get(const Index &, const Attribute &);                                  \
+    template Request requestFor(uint32_t, const Index &)
+#define SETTABLE(Index) template SetResult Client::set(const Index &, uint32_t, const Value &)
+#define WALKABLE(Index)                                                                            \
+    template std::optional<Index> Client::first(const Index &);                                    \
+    template std::optional<Index> Client::next(const Index &)
+
+READABLE(GlobalIndex);
+READABLE(PolicyIndex);
+READABLE(CarPktIndex);
+READABLE(RuleIndex);
+READABLE(SlotIndex);
+READABLE(SourceIndex);
+SETTABLE(GlobalIndex);
+SETTABLE(PolicyIndex);
+SETTABLE(CarPktIndex);
+SETTABLE(RuleIndex);
+SETTABLE(SlotIndex);
+WALKABLE(PolicyIndex);
+WALKABLE(CarPktIndex);
+WALKABLE(RuleIndex);
+WALKABLE(SlotIndex);
+WALKABLE(SourceIndex);
 
 } // namespace cpudefend

@@ -46,6 +46,11 @@ std::string codeText(int32_t code)
     const auto known = std::ranges::find(kCodeTexts, code, &CodeText::code);
     if (known != kCodeTexts.end())
         return std::string(known->text);
+    return platformCodeText(code);
+}
+
+std::string platformCodeText(int32_t code)
+{
     char text[64];
     std::snprintf(text, sizeof text, "the platform answered with code %d (0x%08X)", code,
                   static_cast<unsigned>(code));

@@ -58,6 +58,9 @@ std::span<const CodeText> codeTexts();
 /** @return what the code says, as the second half of a sentence; for any code */
 std::string codeText(int32_t code);
 
+/** The same for a code that is known to come from the platform, whatever it is elsewhere. */
+std::string platformCodeText(int32_t code);
+
 } // namespace cpudefend
 
 #endif

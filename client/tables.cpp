@@ -13,6 +13,7 @@ namespace
 {
 
 constexpr auto ReadOnly = Access::ReadOnly;
+constexpr auto ByCommand = Access::ByCommand;
 constexpr auto Settable = Access::Settable;
 constexpr uint32_t kMax8 = UINT8_MAX;
 constexpr uint32_t kMax16 = UINT16_MAX;
@@ -22,10 +23,17 @@ constexpr std::string_view kKbits = "kbit/s";
 constexpr std::string_view kBytes = "bytes";
 constexpr std::string_view kPps = "packets/s";
 constexpr std::string_view kPackets = "packets";
+constexpr std::string_view kPercent = "percent";
+
+constexpr uint32_t kAnyUse = 101; // a threshold above every CPU use
+constexpr uint32_t kIp4Length = 4;
+constexpr uint32_t kPacketLength = 80;
 
 constexpr std::array kOnOff{Choice{"on", CPUDEFEND_ENABLE}, Choice{"off", CPUDEFEND_DISABLE}};
 constexpr std::array kActions{Choice{"deny", CPUDEFEND_ENABLE},
                               Choice{"permit", CPUDEFEND_DISABLE}};
+// Of a rule, unlike a CAR entry, every number but 0 denies.
+constexpr std::array kRuleActions{Choice{"permit", 0}, Choice{"deny", CPUDEFEND_ENABLE}};
 constexpr std::array kCarModes{Choice{"default", CPUDEFEND_CARPKTMODE_DEFAULT},
                                Choice{"pps", CPUDEFEND_CARPKTMODE_PPS},
                                Choice{"cir", CPUDEFEND_CARPKTMODE_CIR}};
@@ -45,12 +53,34 @@ constexpr Attribute onOff(std::string_view name, uint32_t id, std::string_view h
     return {name, id, Kind::Switch, Settable, 0, 0, "", help, kOnOff};
 }
 
+constexpr Attribute policyName(std::string_view name, uint32_t id, Access access,
+                               std::string_view help)
+{
+    return {name, id, Kind::Policy, access, 0, CPUDEFEND_NAME_MAXLEN, "", help, {}};
+}
+
+constexpr Attribute policyMode(uint32_t id)
+{
+    return {"mode",      id, Kind::Choice, Settable,
+            0,           0,  "",           "fixed: the bound policy; cpu-rate: chosen by CPU use",
+            kPolicyModes};
+}
+
+constexpr std::string_view kSystemThreshold = "the level is for a CPU use above this";
+constexpr std::string_view kSlotThreshold = "the level is for a CPU use below this; 101 is any";
+constexpr std::string_view kLevelPolicy = "policy of the level; nothing for none";
+
 constexpr std::array kGlobal{
-    Attribute{"policy", CPUDEFEND_GLOBAL_POLICY, Kind::Text, Settable, 0, CPUDEFEND_NAME_MAXLEN, "",
-              "policy bound to the system"},
-    Attribute{"mode", CPUDEFEND_GLOBAL_POLICYMODE, Kind::Choice, Settable, 0, 0, "",
-              "fixed: the bound policy; cpu-rate: chosen by CPU use", kPolicyModes},
-    onOff("debug", CPUDEFEND_GLOBAL_DEBUG, "the daemon prints diagnostics"),
+    policyName("policy", CPUDEFEND_GLOBAL_POLICY, ByCommand, "policy bound to the system"),
+    policyMode(CPUDEFEND_GLOBAL_POLICYMODE),
+    number("l1-threshold", CPUDEFEND_GLOBAL_L1CPURAT, Settable, 100, kPercent, kSystemThreshold),
+    policyName("l1-policy", CPUDEFEND_GLOBAL_L1POLICYNAME, Settable, kLevelPolicy),
+    number("l2-threshold", CPUDEFEND_GLOBAL_L2CPURAT, Settable, 100, kPercent, kSystemThreshold),
+    policyName("l2-policy", CPUDEFEND_GLOBAL_L2POLICYNAME, Settable, kLevelPolicy),
+    number("l3-threshold", CPUDEFEND_GLOBAL_L3CPURAT, Settable, 100, kPercent, kSystemThreshold),
+    policyName("l3-policy", CPUDEFEND_GLOBAL_L3POLICYNAME, Settable, kLevelPolicy),
+    Attribute{"debug", CPUDEFEND_GLOBAL_DEBUG, Kind::Switch, ByCommand, 0, 0, "",
+              "the daemon prints diagnostics", kOnOff},
     number("policies-max", CPUDEFEND_GLOBAL_MAXPOLICYNUM, ReadOnly, kMax32, "",
            "policies there is room for"),
     number("policies-used", CPUDEFEND_GLOBAL_USEPOLICYNUM, ReadOnly, kMax32, "",
@@ -128,6 +158,43 @@ constexpr std::array kCarPkt{
            "byte rate of the type, a statistic"),
 };
 
+constexpr std::array kRule{
+    Attribute{"status", CPUDEFEND_USERDEFINED_ENTRYSTATUS, Kind::Word, ReadOnly, 0, 0, "", "active",
+              kStatuses},
+    Attribute{"action", CPUDEFEND_USERDEFINED_DENY, Kind::Choice, Settable, 0, 0, "",
+              "permit within the rate, or deny", kRuleActions},
+    number("ip4-acl", CPUDEFEND_USERDEFINED_IP4ACL, Settable, kMax16, "",
+           "ACL of the IPv4 packets, 0 for none"),
+    number("ip6-acl", CPUDEFEND_USERDEFINED_IP6ACL, Settable, kMax16, "",
+           "ACL of the IPv6 packets, 0 for none"),
+    number("cir", CPUDEFEND_USERDEFINED_CIR, Settable, kMax32, kKbits, "rate that is permitted"),
+    number("cbs", CPUDEFEND_USERDEFINEDT_CBS, Settable, kMax32, kBytes, "its burst"),
+};
+
+constexpr std::array kSlot{
+    policyName("policy", CPUDEFEND_SLOT_POLICY, ByCommand, "policy bound to the slot"),
+    policyMode(CPUDEFEND_SLOT_POLICYMODE),
+    number("l1-threshold", CPUDEFEND_SLOT_L1CPURAT, Settable, kAnyUse, kPercent, kSlotThreshold),
+    policyName("l1-policy", CPUDEFEND_SLOT_L1POLICYNAME, Settable, kLevelPolicy),
+    number("l2-threshold", CPUDEFEND_SLOT_L2CPURAT, Settable, kAnyUse, kPercent, kSlotThreshold),
+    policyName("l2-policy", CPUDEFEND_SLOT_L2POLICYNAME, Settable, kLevelPolicy),
+    number("l3-threshold", CPUDEFEND_SLOT_L3CPURAT, Settable, kAnyUse, kPercent, kSlotThreshold),
+    policyName("l3-policy", CPUDEFEND_SLOT_L3POLICYNAME, Settable, kLevelPolicy),
+};
+
+constexpr std::array kSource{
+    number("outer-vlan", CPUDEFEND_SRCTRACE_OUTERVLAN, ReadOnly, kMax16, "",
+           "outer VLAN of the last packet, 0 for none"),
+    number("inner-vlan", CPUDEFEND_SRCTRACE_INNERVLAN, ReadOnly, kMax16, "",
+           "inner VLAN of the last packet, 0 for none"),
+    Attribute{"destination", CPUDEFEND_SRCTRACE_DSTIP, Kind::Ip4, ReadOnly, kIp4Length, kIp4Length,
+              "", "where the last packet went"},
+    number("total", CPUDEFEND_SRCTRACE_TOTALNUM, ReadOnly, kMax32, kPackets,
+           "packets of the type, from all sources, up to the last one"),
+    Attribute{"data", CPUDEFEND_SRCTRACE_PTKDATA, Kind::Packet, ReadOnly, 0, kPacketLength, "",
+              "first bytes of the last packet"},
+};
+
 constexpr std::array<std::string_view, CPUDEFEND_PKTTYPE_MAX> kPktTypes{
     "dot1x",      "arp",          "igmpsnoop",    "stpcustomer",  "gvrp",       "udld",
     "vtp",        "igmp",         "alb",          "dhcpsnoopip",  "y1731",      "telnet",
@@ -157,6 +224,21 @@ std::span<const Attribute> policyAttributes()
 std::span<const Attribute> carPktAttributes()
 {
     return kCarPkt;
+}
+
+std::span<const Attribute> ruleAttributes()
+{
+    return kRule;
+}
+
+std::span<const Attribute> slotAttributes()
+{
+    return kSlot;
+}
+
+std::span<const Attribute> sourceAttributes()
+{
+    return kSource;
 }
 
 const Attribute *findAttribute(std::span<const Attribute> attributes, std::string_view name)

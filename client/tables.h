@@ -16,12 +16,15 @@ namespace cpudefend
 
 /** What a value means, and so how it is written and read. */
 enum class Kind : uint8_t {
-    Number, /**< an integer */
-    Choice, /**< an integer that stands for a word; the last word stands for all other integers */
-    Switch, /**< a Choice of on and off */
-    Word,   /**< an integer that stands for a word; other integers stand for themselves */
-    Text,   /**< bytes to be read as text */
-    Numbers /**< bytes, each a number */
+    Number,  /**< an integer */
+    Choice,  /**< an integer that stands for a word; the last word stands for all other integers */
+    Switch,  /**< a Choice of on and off */
+    Word,    /**< an integer that stands for a word; other integers stand for themselves */
+    Text,    /**< bytes to be read as text; this kind and those below are bytes on the wire */
+    Policy,  /**< the name of a policy, empty for none */
+    Numbers, /**< bytes, each a number */
+    Ip4,     /**< an IPv4 address */
+    Packet   /**< the first bytes of a packet; all zero when none was kept */
 };
 
 struct Choice {
@@ -29,26 +32,33 @@ struct Choice {
     uint32_t number;
 };
 
-enum class Access : uint8_t { ReadOnly, Settable };
+enum class Access : uint8_t {
+    ReadOnly,
+    ByCommand, /**< has a command of its own that changes it, and is no setting */
+    Settable
+};
 
 struct Attribute {
     std::string_view name;
     uint32_t id;
     Kind kind;
     Access access;
-    uint32_t min; /**< least number, or fewest bytes of Text and Numbers */
+    uint32_t min; /**< least number, or fewest bytes */
     uint32_t max; /**< greatest number, or most bytes */
     std::string_view unit;
     std::string_view help;
     std::span<const Choice> choices = {};
 
-    bool isOctets() const { return kind == Kind::Text || kind == Kind::Numbers; }
+    bool isOctets() const { return kind >= Kind::Text; }
     bool isSettable() const { return access == Access::Settable; }
 };
 
 std::span<const Attribute> globalAttributes();
 std::span<const Attribute> policyAttributes();
 std::span<const Attribute> carPktAttributes();
+std::span<const Attribute> ruleAttributes();
+std::span<const Attribute> slotAttributes();
+std::span<const Attribute> sourceAttributes();
 
 /** @return the attribute of that name, or null */
 const Attribute *findAttribute(std::span<const Attribute> attributes, std::string_view name);

@@ -29,7 +29,8 @@ std::string bashCompletes(const std::string &line)
 
 TEST(Complete, CommandsComeFromTheTree)
 {
-    EXPECT_EQ(completed({""}), (Candidates{"bind", "car", "debug", "policy", "show", "unbind"}));
+    EXPECT_EQ(completed({""}), (Candidates{"bind", "car", "debug", "policy", "rule", "set", "show",
+                                           "slot", "source", "unbind"}));
     EXPECT_EQ(completed({"policy", ""}), (Candidates{"add", "del", "list", "set", "show"}));
     EXPECT_EQ(completed({"car", "s"}), (Candidates{"set", "show"}));
     EXPECT_EQ(completed({"--json", "--timeout", "3", "un"}), Candidates{"unbind"});
@@ -59,6 +60,35 @@ TEST(Complete, PolicyNamesComeFromTheDaemon)
     EXPECT_EQ(completed({"bind", ""}), (Candidates{"default", "edge"}));
     EXPECT_EQ(completed({"car", "list", "e"}), Candidates{"edge"});
     EXPECT_TRUE(completed({"policy", "add", ""}).empty());
+}
+
+TEST(Complete, PoliciesOfLevelsComeFromTheDaemon)
+{
+    DaemonProcess daemon;
+    EXPECT_EQ(completed({"set", "l1-"}), (Candidates{"l1-threshold=", "l1-policy="}));
+    EXPECT_EQ(completed({"set", "l1-policy="}), Candidates{"l1-policy=default"});
+    EXPECT_EQ(completed({"rule", "add", "default", "1", "action="}),
+              (Candidates{"action=permit", "action=deny"}));
+    EXPECT_TRUE(completed({"set", "deb"}).empty());
+}
+
+TEST(Complete, OptionsOfACommandComeBehindIt)
+{
+    EXPECT_EQ(completed({"source", "list", "--i"}), (Candidates{"--interface", "--ip"}));
+    EXPECT_EQ(completed({"bind", "edge", "--sl"}), Candidates{"--slot"});
+    EXPECT_EQ(completed({"source", "list", "--type", "dhcpc"}), Candidates{"dhcpclient"});
+    EXPECT_TRUE(completed({"policy", "list", "--sl"}).empty());
+    EXPECT_TRUE(completed({"--sl"}).empty());
+    EXPECT_TRUE(completed({"source", "list", "--ip", ""}).empty());
+}
+
+TEST(Complete, SlotsComeFromTheDaemon)
+{
+    EXPECT_TRUE(completed({"slot", "show", ""}).empty()); // none runs yet
+    DaemonProcess daemon({}, {}, CPUDEFEND_TEST_SLOT_DAEMON);
+    EXPECT_EQ(completed({"slot", "show", ""}), (Candidates{"1/5", "1/9"}));
+    EXPECT_EQ(completed({"unbind", "--slot", "1/9"}), Candidates{"1/9"});
+    EXPECT_EQ(completed({"bind", "--slot", "1/5", "d"}), Candidates{"default"});
 }
 
 TEST(Complete, TheBinaryAnswersTheShell)

@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <stdexcept>
@@ -102,15 +103,35 @@ void expectFailure(const std::vector<std::string> &args, int status, const std::
     EXPECT_EQ(outcome.err, "cpudefendctl: " + message + "\n");
 }
 
-CtlTest::CtlTest()
+std::string outputWithWarning(const std::vector<std::string> &args, const std::string &message)
+{
+    SCOPED_TRACE(commandLine(args));
+    const Outcome outcome = runCtl(args);
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.err, "cpudefendctl: warning: " + message + "\n");
+    return outcome.out;
+}
+
+CtlTest::CtlTest(const std::string &program)
     : journal_("/tmp/cli-test-journal." + std::to_string(getpid())),
-      daemon_({}, {{"CPUDEFEND_JOURNAL", journal_}})
+      daemon_({}, {{"CPUDEFEND_JOURNAL", journal_}}, program)
 {
 }
 
 CtlTest::~CtlTest()
 {
     unlink(journal_.c_str());
+}
+
+bool CtlTest::journalGets(const std::string &text) const
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (journal(text).empty()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        usleep(10000);
+    }
+    return true;
 }
 
 std::vector<std::string> CtlTest::journal(const std::string &text) const

@@ -30,16 +30,31 @@ std::string ctlOutput(const std::vector<std::string> &args);
 class CtlTest : public testing::Test
 {
 protected:
-    CtlTest();
+    /** @param program the daemon's executable; the real one where nothing else is said */
+    explicit CtlTest(const std::string &program = "");
     ~CtlTest() override;
 
     /** The journal's lines so far that contain @a text. */
     std::vector<std::string> journal(const std::string &text) const;
 
+    /** Wait until the journal has a line that contains @a text, for at most 10 seconds. */
+    bool journalGets(const std::string &text) const;
+
 private:
     std::string journal_;
     DaemonProcess daemon_;
 };
+
+/** The same with the slots and the traced sources of slot_daemon.cpp. */
+class SlotTest : public CtlTest
+{
+protected:
+    SlotTest() : CtlTest(CPUDEFEND_TEST_SLOT_DAEMON) {}
+};
+
+/** A command that must succeed in silence, but for just the warning @a message. @return its output
+ */
+std::string outputWithWarning(const std::vector<std::string> &args, const std::string &message);
 
 /** A command that must succeed and say nothing. */
 void expectDone(const std::vector<std::string> &args);

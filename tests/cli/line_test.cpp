@@ -34,10 +34,16 @@ TEST(Ctl, EveryCommandOptionAndSettingHasHelp)
                           attribute.isSettable())
                     << attribute.name;
         }
+        for (const ctl::Option &option : command.options)
+            for (const char *text : {option.name, option.value, option.help})
+                EXPECT_NE(help.find(text), std::string::npos) << option.name << ' ' << text;
     }
     const std::string help = ctlOutput({"--help"});
-    for (const char *text : {"print JSON", "the daemon's socket", "seconds to wait", "Exit status",
-                             "Named sets of limits", "Limits of a policy for a packet type"})
+    for (const char *text :
+         {"print JSON", "the daemon's socket", "seconds to wait", "Exit status",
+          "Named sets of limits", "Limits of a policy for a packet type",
+          "Limits of a policy for what an ACL selects", "Line cards with a policy of their own",
+          "Who sent the packets of a flood"})
         EXPECT_NE(help.find(text), std::string::npos) << text;
 }
 
@@ -60,6 +66,15 @@ TEST(Ctl, AWrongCommandLineEndsWith2)
         {"bind"},
         {"unbind", "a"},
         {"debug"},
+        {"set"},
+        {"rule", "add", "a"},
+        {"rule", "set", "a", "1"},
+        {"slot", "set", "1/1"},
+        {"slot", "list", "1/1"},
+        {"source", "show", "1", "192.0.2.1", "arp"},
+        {"source", "list", "1"},
+        {"bind", "a", "--slot"},
+        {"policy", "list", "--slot", "1/1"},
     };
     for (const auto &words : kWrong) {
         const Outcome outcome = runCtl(words);
@@ -75,7 +90,7 @@ TEST(Ctl, APolicyMayBeNamedLikeACommand)
     DaemonProcess daemon;
     expectDone({"policy", "add", "show"});
     expectDone({"bind", "show"});
-    EXPECT_TRUE(ctlOutput({"show"}).starts_with("policy       show\n"));
+    EXPECT_TRUE(ctlOutput({"show"}).starts_with("policy        show\n"));
 }
 
 TEST(Ctl, NoDaemonEndsWith3)
@@ -138,10 +153,11 @@ TEST(Ctl, ABindThatTheHardwareTookInPartSaysSo)
     });
     expectFailure({"--socket", daemon.path(), "bind", "edge"}, 1,
                   "couldn't bind policy edge to the system in full: the hardware layer refused "
-                  "part of it (code -1); the policy is bound now");
-    expectFailure({"--socket", daemon.path(), "bind", "core"}, 1,
-                  "couldn't bind policy core to the system: the daemon does not have this setting, "
-                  "does not let it be changed, or cannot take this value");
+                  "part of it (code -1); policy edge is bound now");
+    expectFailure(
+        {"--socket", daemon.path(), "bind", "core"}, 1,
+        "couldn't bind policy core to the system: the platform refused it (code -1); policy "
+        "edge is bound now");
 }
 
 TEST(Ctl, TheManualNamesEveryCommandSettingAndStatus)
@@ -156,7 +172,10 @@ TEST(Ctl, TheManualNamesEveryCommandSettingAndStatus)
         names("| `" + (*command.object ? std::string(command.object) + " " : "") + command.verb);
         for (const ctl::Arg &arg : command.args)
             for (const cpudefend::Attribute &attribute : arg.attributes())
-                names("`" + std::string(attribute.name) + "`");
+                if (attribute.isSettable() || arg.kind != ctl::ArgKind::SystemSettings)
+                    names("`" + std::string(attribute.name) + "`");
+        for (const ctl::Option &option : command.options)
+            names("[" + std::string(option.name) + " " + option.value + "]");
     }
     for (const int status :
          {ctl::kExitDone, ctl::kExitRefused, ctl::kExitUsage, ctl::kExitUnreachable})

@@ -28,7 +28,8 @@ std::string shown(const Attribute &attribute, const Value &value)
 
 TEST(Values, EverySettableAttributeReadsBackItsOwnText)
 {
-    for (const auto attributes : {globalAttributes(), policyAttributes(), carPktAttributes()})
+    for (const auto attributes : {globalAttributes(), policyAttributes(), carPktAttributes(),
+                                  ruleAttributes(), slotAttributes()})
         for (const Attribute &attribute : attributes)
             for (const Choice &choice : attribute.choices) {
                 EXPECT_EQ(parseValue(attribute, choice.word), Value(choice.number));
@@ -44,6 +45,8 @@ TEST(Values, OtherNumbersThanThoseOfTheWords)
     EXPECT_EQ(shown(named(carPktAttributes(), "action"), 0u), "action  permit\n");
     EXPECT_EQ(shown(named(carPktAttributes(), "mode"), 7u), "mode  7\n");
     EXPECT_EQ(shown(named(globalAttributes(), "mode"), 2u), "mode  fixed\n");
+    // Of a rule, everything but 0 denies.
+    EXPECT_EQ(shown(named(ruleAttributes(), "action"), 2u), "action  deny\n");
 }
 
 TEST(Values, TextIsBoundedInBytes)
@@ -62,6 +65,16 @@ TEST(Values, PriorityIsThreeNumbers)
         EXPECT_THROW(parseValue(priority, wrong), BadValue) << wrong;
 }
 
+TEST(Values, APacketThatWasNotKeptIsNothing)
+{
+    const Attribute &data = named(sourceAttributes(), "data");
+    EXPECT_EQ(shown(data, std::string(80, '\0')), "data  -\n");
+    EXPECT_EQ(shown(data, std::string("\0\xff\x10", 3)), "data  00ff10\n");
+    EXPECT_EQ(shown(named(sourceAttributes(), "destination"), std::string("\xc0\0\2\1", 4)),
+              "destination  192.0.2.1\n");
+    EXPECT_THROW(parseValue(data, "00"), BadValue);
+}
+
 TEST(Printable, KeepsTextAndEscapesTheRest)
 {
     EXPECT_EQ(printable("plain ~ text"), "plain ~ text");
@@ -71,6 +84,18 @@ TEST(Printable, KeepsTextAndEscapesTheRest)
     EXPECT_EQ(printable("\xc3"), "\\xC3");            // cut short
     EXPECT_EQ(printable("\x80x\xff"), "\\x80x\\xFF"); // no UTF-8
     EXPECT_EQ(printable(std::string_view("\0", 1)), "\\x00");
+}
+
+TEST(Writer, WhatIsNotKnownIsADashAndNull)
+{
+    const std::vector<Record> records{{{"a", std::monostate(), "bytes"}}, {{"a", 20u, "bytes"}}};
+    std::ostringstream sheet, table, json;
+    write(sheet, Format::Text, Layout::Sheet, {records[0]});
+    write(table, Format::Text, Layout::Table, records);
+    write(json, Format::Json, Layout::Table, {records[0]});
+    EXPECT_EQ(sheet.str(), "a  -\n");
+    EXPECT_EQ(table.str(), "a (bytes)\n        -\n       20\n");
+    EXPECT_EQ(json.str(), "[\n  {\n    \"a\": null\n  }\n]\n");
 }
 
 TEST(Writer, TextAndJsonCarryTheSameFields)

@@ -84,6 +84,34 @@ TEST_F(ClientTest, ASetIsReadBack)
               Value("\1\2\3"));
 }
 
+TEST_F(ClientTest, RulesAreMadeWalkedAndDestroyed)
+{
+    client.createPolicy("b");
+    for (const RuleIndex &rule : {RuleIndex{"default", 2}, {"b", 9}, {"b", 3}})
+        client.createRule(rule);
+    EXPECT_EQ(client.first<RuleIndex>(), (RuleIndex{"b", 3}));
+    EXPECT_EQ(client.next(RuleIndex{"b", 3}), (RuleIndex{"b", 9}));
+    EXPECT_EQ(client.next(RuleIndex{"b", 9}), (RuleIndex{"default", 2}));
+    EXPECT_EQ(client.next(RuleIndex{"default", 2}), std::nullopt);
+    EXPECT_EQ(client.ruleIndexes("b"), (std::vector<uint32_t>{3, 9}));
+    client.set(RuleIndex{"b", 3}, CPUDEFEND_USERDEFINED_IP4ACL, 70000u);
+    EXPECT_EQ(client.get(RuleIndex{"b", 3}, CPUDEFEND_USERDEFINED_IP4ACL, 0), Value(4464u));
+    client.destroyRule({"b", 3});
+    EXPECT_FALSE(client.ruleExists({"b", 3}));
+    EXPECT_EQ(codeOf([&] { client.createRule({"core", 1}); }), CPUDEFEND_ENOPOLICY);
+    client.bind("b");
+    EXPECT_EQ(codeOf([&] { client.createRule({"b", 1}); }), CPUDEFEND_EBOUND);
+}
+
+TEST_F(ClientTest, WithoutSlotsAndSourcesTheWalksAreEmpty)
+{
+    EXPECT_TRUE(client.slots().empty());
+    EXPECT_TRUE(client.sources({}).empty());
+    EXPECT_EQ(codeOf([&] { client.boundPolicy(SlotIndex{1, 5}); }), CPUDEFEND_ENOSLOT);
+    EXPECT_EQ(codeOf([&] { client.get(SourceIndex{}, CPUDEFEND_SRCTRACE_TOTALNUM, 0); }),
+              CPUDEFEND_EBADINDEX);
+}
+
 TEST_F(ClientTest, ANameFills32BytesBothWays)
 {
     const std::string longest(CPUDEFEND_NAME_MAXLEN, 'z');
@@ -170,4 +198,71 @@ TEST(Client, AWalkThatFailsIsNotTakenForItsEnd)
     });
     Client client{Channel(daemon.path())};
     EXPECT_THROW(client.first<PolicyIndex>(), Error);
+}
+
+TEST(Client, SlotsAreWalkedAndBound)
+{
+    DaemonProcess daemon({}, {}, CPUDEFEND_TEST_SLOT_DAEMON);
+    Client client;
+    EXPECT_EQ(client.slots(), (std::vector<SlotIndex>{{1, 5}, {1, 9}}));
+    client.bind(SlotIndex{1, 2}, "default");
+    EXPECT_EQ(client.boundPolicy(SlotIndex{1, 2}), "default");
+    EXPECT_EQ(client.boundPolicy(SlotIndex{1, 5}), "");
+    EXPECT_EQ(client.boundPolicy(), "");
+}
+
+TEST(Client, SourcesAreWalkedReadAndForgotten)
+{
+    DaemonProcess daemon({}, {}, CPUDEFEND_TEST_SLOT_DAEMON);
+    Client client;
+    SourceIndex filter;
+    filter.pktType = CPUDEFEND_PKTTYPE_ARP;
+    filter.filter = 0x80 >> CPUDEFEND_SRCTRACEIDX_SEARCHPKTTYPE;
+    const auto arp = client.sources(filter);
+    ASSERT_EQ(arp.size(), 2u);
+    const std::array<uint8_t, 6> mac{0x02, 0x00, 0x5e, 0x00, 0x53, 10};
+    EXPECT_EQ(arp[0], (SourceIndex{1, {192, 0, 2, 10}, CPUDEFEND_PKTTYPE_ARP, mac}));
+    EXPECT_EQ(arp[1].interface, 4000000u);
+    EXPECT_EQ(client.get(arp[0], CPUDEFEND_SRCTRACE_DSTIP, 4), Value("\306\63\144\1"));
+    EXPECT_EQ(client.get(arp[0], CPUDEFEND_SRCTRACE_PTKDATA, 2), Value("\xa0\xa1"));
+    EXPECT_EQ(client.sources({}).size(), 4u);
+    client.resetSources();
+    EXPECT_TRUE(client.sources({}).empty());
+}
+
+namespace
+{
+
+/** Answers every walk of the sources with one of interface 5, whose MAC has this length. */
+void replyWithSource(int fd, const Bytes &request, std::size_t macLength)
+{
+    constexpr std::size_t kCodeAt = 12, kValueAt = 53;
+    Encoder answer;
+    answer.item(5u);
+    for (const std::size_t length : {std::size_t{4}, std::size_t{1}, macLength, std::size_t{1}})
+        answer.item(std::string(length, '\0'));
+    Bytes body = request;
+    std::fill_n(body.begin() + kCodeAt, 4, 0);
+    const Bytes items = answer.take();
+    std::copy(items.begin(), items.end(), body.begin() + kValueAt);
+    reply(fd, body);
+}
+
+} // namespace
+
+TEST(Client, AWalkOfSourcesThatGoesRoundInACircleEnds)
+{
+    FakeDaemon daemon([](int fd, const Bytes &request) { replyWithSource(fd, request, 6); });
+    EXPECT_EQ(Client{Channel(daemon.path())}.sources({}).size(), 1u);
+}
+
+TEST(Client, AnIndexWithAFieldOfAnotherLengthIsMalformed)
+{
+    FakeDaemon daemon([](int fd, const Bytes &request) { replyWithSource(fd, request, 5); });
+    try {
+        Client{Channel(daemon.path())}.first<SourceIndex>();
+        FAIL() << "it passed";
+    } catch (const Error &error) {
+        EXPECT_EQ(error.failure(), Failure::ReplyMalformed);
+    }
 }

@@ -38,6 +38,11 @@ TEST(CodeText, CodeOfThePlatformIsGivenAsItIs)
     EXPECT_EQ(codeText(0x01F4003F), "the platform answered with code 32768063 (0x01F4003F)");
 }
 
+TEST(CodeText, APlatformsCodeCanBeOneThatTheDaemonUsesToo)
+{
+    EXPECT_EQ(platformCodeText(22), "the platform answered with code 22 (0x00000016)");
+}
+
 TEST(Error, OfACodeSaysItsSentence)
 {
     const Error error(CPUDEFEND_EBOUND);

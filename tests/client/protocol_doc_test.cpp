@@ -77,6 +77,9 @@ std::map<std::string, Request> requestsOfTheLibrary()
 {
     const std::vector<ItemType> nothing;
     const std::vector<ItemType> number{ItemType::Number};
+    constexpr SourceIndex kArpSources{0, {}, CPUDEFEND_PKTTYPE_ARP, {}, 0x20};
+    const std::vector<ItemType> source{ItemType::Number, ItemType::Octets, ItemType::Octets,
+                                       ItemType::Octets, ItemType::Octets};
     const std::vector<ItemType> policy{ItemType::Number, ItemType::Octets};
     return {
         {"get", request(1, CPUDEFEND_CARPKT_GETAPI, CarPktIndex{"default", CPUDEFEND_PKTTYPE_ARP},
@@ -89,6 +92,11 @@ std::map<std::string, Request> requestsOfTheLibrary()
         {"cut", request(6, CPUDEFEND_POLICY_GETFIRST, PolicyIndex{""}, 0, 0u, nothing)},
         {"unknown", request(7, CPUDEFEND_POLICY_GETAPI, PolicyIndex{"core"},
                             CPUDEFEND_POLICY_REFCOUNT, 0u, number)},
+        {"sources", request(9, CPUDEFEND_SRCTRACE_GETFIRST, kArpSources, 0, 0u, source)},
+        {"noslot", request(10, CPUDEFEND_SLOT_GETAPI, SlotIndex{1, 5}, CPUDEFEND_SLOT_POLICYMODE,
+                           0u, number)},
+        {"rule", request(11, CPUDEFEND_USERDEFINED_SETAPI, RuleIndex{"edge", 3},
+                         CPUDEFEND_USERDEFINED_ENTRYSTATUS, 2u, nothing)},
         {"malformed", request(8, CPUDEFEND_FUNC_MAX + 1, GlobalIndex{}, 0, 0u, nothing)},
     };
 }

@@ -37,9 +37,29 @@ TEST(Tables, CoverEveryPolicyAndCarAttributeOnce)
     EXPECT_EQ(carPktAttributes().size(), CPUDEFEND_CARPKT_TOTALPKTPPS + 1u);
 }
 
+TEST(Tables, CoverEveryAttributeOfRulesSlotsAndSources)
+{
+    EXPECT_EQ(idsOf(ruleAttributes()), upTo(CPUDEFEND_USERDEFINEDT_CBS));
+    EXPECT_EQ(ruleAttributes().size(), CPUDEFEND_USERDEFINEDT_CBS + 1u);
+    EXPECT_EQ(idsOf(sourceAttributes()), upTo(CPUDEFEND_SRCTRACE_TOTALNUM));
+    EXPECT_EQ(sourceAttributes().size(), CPUDEFEND_SRCTRACE_TOTALNUM + 1u);
+    auto slots = upTo(CPUDEFEND_SLOT_L3POLICYNAME);
+    slots.erase(CPUDEFEND_SLOT_RESETSRCTRACE); // an order, and no attribute to read
+    EXPECT_EQ(idsOf(slotAttributes()), slots);
+}
+
+TEST(Tables, CoverEveryGlobalAttributeButTheOrders)
+{
+    auto global = upTo(CPUDEFEND_GLOBAL_L3POLICYNAME);
+    global.erase(CPUDEFEND_GLOBAL_RESETSRCTRACE);
+    EXPECT_EQ(idsOf(globalAttributes()), global);
+    EXPECT_EQ(globalAttributes().size(), global.size());
+}
+
 TEST(Tables, NamesAreUniqueAndFindTheirAttribute)
 {
-    for (const auto attributes : {globalAttributes(), policyAttributes(), carPktAttributes()})
+    for (const auto attributes : {globalAttributes(), policyAttributes(), carPktAttributes(),
+                                  ruleAttributes(), slotAttributes(), sourceAttributes()})
         for (const Attribute &wanted : attributes) {
             EXPECT_EQ(findAttribute(attributes, wanted.name), &wanted) << wanted.name;
             EXPECT_EQ(&attribute(attributes, wanted.id), &wanted) << wanted.name;
