@@ -15,6 +15,16 @@ namespace
 
 constexpr size_t HEAD = 3;
 
+/** The source that the seeds ask for: no request makes one. */
+void addSource()
+{
+    const uint8_t ip[] = {10, 0, 0, 1}, mac[] = {2, 0, 0, 0, 0, 1};
+    tCpuDefendSrcTraceEntry *source = cpuDefendSrcTraceEntryAdd(7, ip, 1, mac);
+    source->sysId = 1;
+    source->slotId = 2;
+    FUZZ_REQUIRE(cpuDefendSrcTraceEntryAdd(8, ip, 0, mac));
+}
+
 /** Hand over a copy of exactly the request's size, and hold the reply to what it must keep. */
 void request(const uint8_t *body, size_t len)
 {
@@ -32,6 +42,7 @@ void request(const uint8_t *body, size_t len)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     fuzzStart();
+    addSource();
     while (size >= HEAD) {
         fuzzPass(data[0] * 10u);
         size_t len = static_cast<size_t>(data[1] << 8 | data[2]);

@@ -16,6 +16,10 @@ constexpr uint32_t POLICIES = 3; // few, so that the pools run out
 constexpr uint32_t SLOTS = 2;
 constexpr int NO_SOCKET = 1000; // stands for each socket; nothing is ever done with it
 
+/** Usage readings, up and down, one for each sample. */
+constexpr uint32_t PERCENT[] = {10, 45, 75, 95, 31, 0, 100};
+constexpr uint32_t HUNDREDTHS[] = {1000, 4500, 7500, 9500, 3100, 0, 10000};
+
 uint64_t now;
 
 uint64_t fuzzClock()
@@ -55,6 +59,32 @@ uint32_t checkPolicies()
     return count;
 }
 
+/** Sources in the tree, walked from end to end; each must know its neighbours. */
+uint32_t checkSources()
+{
+    uint32_t count = 0;
+    for (void *at = avl_first(&gCpuDefend.srcTraceList); at;
+         at = avl_next(&gCpuDefend.srcTraceList, at)) {
+        const auto *source = static_cast<const tCpuDefendSrcTraceEntry *>(at);
+        for (const avl_node_t *child : source->node.child)
+            FUZZ_REQUIRE(!child || child->parent == &source->node);
+        FUZZ_REQUIRE(count < gCpuDefend.maxSrcTraceNum);
+        ++count;
+    }
+    return count;
+}
+
+void checkSlots()
+{
+    list_for_each_entry(tCpuDefendSlotEntry, slot, &gCpuDefend.slotList, node)
+    {
+        FUZZ_REQUIRE(slot->policyNameLen <= CPUDEFEND_NAME_MAXLEN);
+        FUZZ_REQUIRE(slot->cpuRatControlTimer.link.next != nullptr);
+        for (const tCpuDefendCpuRatControl &level : slot->cpuRatControl)
+            FUZZ_REQUIRE(level.policyNameLen <= CPUDEFEND_NAME_MAXLEN);
+    }
+}
+
 } // namespace
 
 void fuzzFail(const char *condition, const char *file, int line)
@@ -66,7 +96,10 @@ void fuzzFail(const char *condition, const char *file, int line)
 void fuzzStart()
 {
     osClockSet(fuzzClock);
+    FUZZ_REQUIRE(zynMemoryUsageSet(0, PERCENT, sizeof PERCENT / sizeof *PERCENT) == 0);
+    FUZZ_REQUIRE(zynMemoryUsageSet(1, HUNDREDTHS, sizeof HUNDREDTHS / sizeof *HUNDREDTHS) == 0);
     FUZZ_REQUIRE(cpuDefendInit(POLICIES, SLOTS) == 0);
+    FUZZ_REQUIRE(cpuDefendSlotEntryAdd(1, 2));
     cpuDefenTaskStart();
     gCpuDefend.cpuDefendDebug = 1;
 }
@@ -101,6 +134,12 @@ void fuzzCheckState()
     FUZZ_REQUIRE(lengthOf(&g.userDefinedList, g.maxUserDefinedNum) +
                      lengthOf(&g.userDefinedFreeList, g.maxUserDefinedNum) ==
                  g.maxUserDefinedNum);
+    FUZZ_REQUIRE(lengthOf(&g.slotList, g.maxSlotNum) == g.useSlotNum);
+    FUZZ_REQUIRE(lengthOf(&g.slotFreeList, g.maxSlotNum) + g.useSlotNum == g.maxSlotNum);
+    FUZZ_REQUIRE(checkSources() == g.useSrcTraceNum);
+    FUZZ_REQUIRE(lengthOf(&g.srcTraceFreeList, g.maxSrcTraceNum) + g.useSrcTraceNum ==
+                 g.maxSrcTraceNum);
+    checkSlots();
     FUZZ_REQUIRE(g.policyNameLen <= CPUDEFEND_NAME_MAXLEN);
     lengthOf(&g.timerList, g.maxPolicyNum + g.maxSlotNum + 1);
     // Nobody holds the semaphore between requests: giving it back must fail.

@@ -8,7 +8,10 @@
 #include <stddef.h>
 #include <stdint.h>
 
-/** Start the daemon's state with small pools, diagnostics on (into a buffer). */
+/**
+ * Start the daemon's state with small pools and slot 1/2, diagnostics on (into a buffer) and a CPU
+ * usage that changes with every sample.
+ */
 void fuzzStart();
 
 /** Free all that fuzzStart and the requests since then have allocated. */

@@ -118,6 +118,23 @@ protected:
         return codeOf(process(request(code, attribute, index, value)).body);
     }
 
+    static void createRule(const std::string &policy, uint32_t index)
+    {
+        ASSERT_EQ(0, set(CPUDEFEND_USERDEFINED_SETAPI, CPUDEFEND_USERDEFINED_ENTRYSTATUS,
+                         childIndex(policy, index), number(CPUDEFEND_ROW_CREATE)));
+    }
+
+    /** No request makes a slot or a traced source: put one where the tables have theirs. */
+    static void addSlot(uint32_t sysId, uint32_t slotId)
+    {
+        ASSERT_NE(nullptr, cpuDefendSlotEntryAdd(sysId, slotId));
+    }
+    static tCpuDefendSrcTraceEntry *addSource(uint32_t ifUnit, const Bytes &srcIp, uint8_t pktType,
+                                              const Bytes &srcMac)
+    {
+        return cpuDefendSrcTraceEntryAdd(ifUnit, srcIp.data(), pktType, srcMac.data());
+    }
+
     static void createPolicy(const std::string &name)
     {
         ASSERT_EQ(0, set(CPUDEFEND_POLICY_SETAPI, CPUDEFEND_POLICY_ENTRYSTATUS, policyIndex(name),
@@ -194,21 +211,6 @@ TEST_F(EveryCode, OnlyTheCodeAndTheAnswersPlaceAreWritten)
         EXPECT_EQ(Bytes(body.begin() + CODE_AT + 4, body.begin() + untouched),
                   Bytes(reply.begin() + CODE_AT + 4, reply.begin() + untouched));
         EXPECT_EQ(Bytes(body.end() - 100, body.end()), Bytes(reply.end() - 100, reply.end()));
-    });
-}
-
-/** Codes whose handlers do not stand yet: each leaves this list when its handler comes. */
-class CodeWithoutHandler : public EveryCode
-{
-protected:
-    CodeWithoutHandler() : EveryCode({4, 5, 6, 7, 8, 14, 15, 16, 17, 18, 24, 25, 26}) {}
-};
-
-TEST_F(CodeWithoutHandler, IsAnsweredWithMinusOneOnceChecked)
-{
-    forEach([this] {
-        for (const Value &value : {number(1), counter(1, 2), octets("default"), unknown()})
-            expectCode(-1, request(code(), 0, index(), value, 60));
     });
 }
 
@@ -560,13 +562,326 @@ TEST_F(Dispatch, AnAnswerIsCutOffAtTheRequestsEnd)
     }
 }
 
-TEST_F(Dispatch, ASlotWalkAskedWithBytesWritesOnlyTheCode)
+TEST_F(Dispatch, SlotWalkAnswersTwoNumbers)
 {
-    const Bytes body = request(CPUDEFEND_SLOT_GETFIRST, 0, slotIndex(1, 2), octets(""), 20);
-    const Outcome outcome = process(body);
-    EXPECT_EQ(body.size(), outcome.length);
-    EXPECT_EQ(withCode(body, codeOf(outcome.body)), outcome.body);
-    EXPECT_NE(static_cast<int32_t>(CODE_AS_SENT), codeOf(outcome.body));
+    addSlot(1, 5);
+    addSlot(2, 3);
+    const Index start = slotIndex(0, 0);
+    const Bytes first = request(CPUDEFEND_SLOT_GETFIRST, 0, start, number(0), 20);
+    expectReply(answered(first, start, numberItem(1) + numberItem(5)), first);
+    const Index from = slotIndex(1, 5);
+    const Bytes next = request(CPUDEFEND_SLOT_GETNEXT, 0, from, number(0), 20);
+    expectReply(answered(next, from, numberItem(2) + numberItem(3)), next);
+    const Bytes cut = request(CPUDEFEND_SLOT_GETNEXT, 0, from, number(0));
+    expectReply(answered(cut, from, numberItem(2) + numberItem(3)), cut);
+}
+
+TEST_F(Dispatch, SlotWalkAskedForAnotherTypeWritesOnlyTheCode)
+{
+    addSlot(1, 5);
+    addSlot(2, 3);
+    for (const Value &value : {octets(""), octets("bytes"), counter(1, 2), unknown(), unknown(3)}) {
+        expectCode(0, request(CPUDEFEND_SLOT_GETFIRST, 0, slotIndex(7, 8), value, 20));
+        expectCode(0, request(CPUDEFEND_SLOT_GETNEXT, 0, slotIndex(1, 5), value, 20));
+    }
+}
+
+TEST_F(Dispatch, SlotsBehindAGreaterOneAreNotWalked)
+{
+    addSlot(1, 5);
+    addSlot(1, 2);
+    expectCode(-1, request(CPUDEFEND_SLOT_GETNEXT, 0, slotIndex(1, 5), number(0), 20));
+}
+
+TEST_F(Dispatch, UserDefinedWalkAnswersLengthNameAndIndex)
+{
+    createRule("default", 9);
+    createRule("default", 4);
+    const Bytes name = numberItem(7) + octetsItem("default");
+    for (const Value &value : {number(0), octets(""), counter(0, 0), unknown()}) {
+        const Index start = childIndex("", 0);
+        const Bytes first = request(CPUDEFEND_USERDEFINED_GETFIRST, 0, start, value, 40);
+        expectReply(answered(first, start, name + numberItem(4)), first);
+        const Index from = childIndex("default", 4);
+        const Bytes next = request(CPUDEFEND_USERDEFINED_GETNEXT, 0, from, value, 40);
+        expectReply(answered(next, from, name + numberItem(9)), next);
+    }
+}
+
+const Bytes ip{10, 0, 0, 1}, mac{2, 0, 0, 0, 0, 1}, otherMac{2, 0, 0, 0, 0, 2};
+
+/** The items of a traced source, as a walk answers them. */
+Bytes sourceItems(uint32_t ifUnit, uint8_t pktType, const Bytes &srcMac, uint8_t searchBit)
+{
+    return srcTraceIndex(ifUnit, ip, pktType, srcMac, searchBit).items;
+}
+
+TEST_F(Dispatch, SrcTraceWalkAnswersFiveItems)
+{
+    addSource(7, ip, 1, mac);
+    addSource(0x01020304, ip, 11, otherMac);
+    for (const Value &value : {number(0), octets(""), counter(0, 0), unknown()}) {
+        const Index start = srcTraceIndex(0, {0, 0, 0, 0}, 0, {0, 0, 0, 0, 0, 0}, 0);
+        const Bytes first = request(CPUDEFEND_SRCTRACE_GETFIRST, 0, start, value, 60);
+        expectReply(answered(first, start, sourceItems(7, 1, mac, 0)), first);
+        const Index from = srcTraceIndex(7, ip, 1, mac, 0);
+        const Bytes next = request(CPUDEFEND_SRCTRACE_GETNEXT, 0, from, value, 60);
+        expectReply(answered(next, from, sourceItems(0x01020304, 11, otherMac, 0)), next);
+    }
+}
+
+TEST_F(Dispatch, SrcTraceWalkHonoursItsFilterAndGivesItBack)
+{
+    addSource(7, ip, 1, mac);
+    addSource(7, ip, 11, mac);
+    addSource(8, ip, 1, otherMac);
+    const Index start = srcTraceIndex(99, ip, 1, mac, 0x2F);
+    const Bytes first = request(CPUDEFEND_SRCTRACE_GETFIRST, 0, start, number(0), 60);
+    expectReply(answered(first, start, sourceItems(7, 1, mac, 0x2F)), first);
+    const Index from = srcTraceIndex(7, ip, 1, mac, 0x2F);
+    const Bytes next = request(CPUDEFEND_SRCTRACE_GETNEXT, 0, from, number(0), 60);
+    expectReply(answered(next, from, sourceItems(8, 1, otherMac, 0x2F)), next);
+    const Index last = srcTraceIndex(8, ip, 1, otherMac, 0x20);
+    expectCode(NO_SUCH_ENTRY, request(CPUDEFEND_SRCTRACE_GETNEXT, 0, last, number(0), 60));
+}
+
+TEST_F(Dispatch, SrcTraceAnswersAreCutOffAtTheRequestsEnd)
+{
+    addSource(7, ip, 1, mac);
+    const Index start = srcTraceIndex(0, ip, 0, mac, 0);
+    for (size_t room = 0; room < 40; ++room) {
+        const Bytes body = request(CPUDEFEND_SRCTRACE_GETFIRST, 0, start, octets(""), room);
+        expectReply(answered(body, start, sourceItems(7, 1, mac, 0)), body);
+    }
+}
+
+TEST_F(Dispatch, WalksOfEmptyTablesWriteOnlyTheCode)
+{
+    for (uint32_t code : {CPUDEFEND_SLOT_GETFIRST, CPUDEFEND_SLOT_GETNEXT,
+                          CPUDEFEND_USERDEFINED_GETFIRST, CPUDEFEND_USERDEFINED_GETNEXT})
+        expectCode(-1, request(code, 0, anyIndex(code), number(1), 60));
+    for (uint32_t code : {CPUDEFEND_SRCTRACE_GETFIRST, CPUDEFEND_SRCTRACE_GETNEXT})
+        expectCode(NO_SUCH_ENTRY, request(code, 0, anyIndex(code), number(1), 60));
+}
+
+// ---- Slots, rules and traced sources ---------------------------------------------------------
+
+TEST_F(Dispatch, SlotAttributesAreSetAndRead)
+{
+    addSlot(1, 2);
+    const Index slot = slotIndex(1, 2);
+    const struct {
+        uint32_t id;
+        Value sent;
+        Bytes answer;
+    } cases[] = {{CPUDEFEND_SLOT_POLICY, octets("default"), octetsItem("default")},
+                 {CPUDEFEND_SLOT_POLICYMODE, number(0x101), numberItem(1)},
+                 {CPUDEFEND_SLOT_L1CPURAT, number(300), numberItem(44)},
+                 {CPUDEFEND_SLOT_L1POLICYNAME, octets("default"), octetsItem("default")},
+                 {CPUDEFEND_SLOT_L2CPURAT, number(60), numberItem(60)},
+                 {CPUDEFEND_SLOT_L2POLICYNAME, octets("default"), octetsItem("default")},
+                 {CPUDEFEND_SLOT_L3CPURAT, number(90), numberItem(90)},
+                 {CPUDEFEND_SLOT_L3POLICYNAME, octets("default"), octetsItem("default")}};
+    for (uint32_t code : {CPUDEFEND_SLOT_SETAPI, CPUDEFEND_SLOT_SYNCAPI})
+        for (const auto &[id, sent, answer] : cases) {
+            SCOPED_TRACE(id);
+            expectCode(0, request(code, id, slot, sent, 12));
+            const bool isName = sent.type == 0;
+            const Bytes get =
+                request(CPUDEFEND_SLOT_GETAPI, id, slot, isName ? octets("???????") : number(0));
+            if (isName)
+                expectText("default", get, slot);
+            else
+                expectReply(answered(get, slot, answer), get);
+        }
+}
+
+TEST_F(Dispatch, AnUnknownSlotIs19)
+{
+    addSlot(1, 2);
+    for (uint32_t code : {CPUDEFEND_SLOT_GETAPI, CPUDEFEND_SLOT_SETAPI, CPUDEFEND_SLOT_SYNCAPI})
+        for (const Index &index :
+             {slotIndex(2, 1), slotIndex(1, 0x102), slotIndex(0x80000001, 2)}) {
+            expectCode(19, request(code, CPUDEFEND_SLOT_POLICYMODE, index, number(7), 12));
+            expectCode(19, request(code, CPUDEFEND_SLOT_POLICY, index, octets("default"), 12));
+            expectCode(19, request(code, CPUDEFEND_SLOT_RESETSRCTRACE, index, counter(1, 2), 12));
+            expectCode(19, request(code, 77, index, octets("x"), 12));
+        }
+}
+
+TEST_F(Dispatch, UserDefinedAttributesAreSetAndRead)
+{
+    createRule("default", 7);
+    const Index rule = childIndex("default", 7);
+    const struct {
+        uint32_t id, sent, kept;
+    } cases[] = {{CPUDEFEND_USERDEFINED_DENY, 0x80000001, 1},
+                 {CPUDEFEND_USERDEFINED_IP4ACL, 70000, 4464},
+                 {CPUDEFEND_USERDEFINED_IP6ACL, 0xFFFF8001, 0x8001},
+                 {CPUDEFEND_USERDEFINED_CIR, 0xFFFFFFFE, 0xFFFFFFFE},
+                 {CPUDEFEND_USERDEFINEDT_CBS, 0x01020304, 0x01020304},
+                 {CPUDEFEND_USERDEFINED_ENTRYSTATUS, CPUDEFEND_ROW_ACTIVATE, 1}};
+    for (uint32_t code : {CPUDEFEND_USERDEFINED_SETAPI, CPUDEFEND_USERDEFINED_SYNCAPI})
+        for (const auto &[id, sent, kept] : cases) {
+            expectCode(0, request(code, id, rule, number(sent), 12));
+            const Bytes get = request(CPUDEFEND_USERDEFINED_GETAPI, id, rule, number(0));
+            expectReply(answered(get, rule, numberItem(kept)), get);
+        }
+    expectCode(0, request(CPUDEFEND_USERDEFINED_SETAPI, CPUDEFEND_USERDEFINED_ENTRYSTATUS, rule,
+                          number(CPUDEFEND_ROW_DESTROY)));
+    expectCode(NO_SUCH_ENTRY, request(CPUDEFEND_USERDEFINED_GETAPI, CPUDEFEND_USERDEFINED_CIR, rule,
+                                      number(77), 12));
+}
+
+TEST_F(Dispatch, ARuleForAPolicyThatDoesNotExistIsRefused)
+{
+    expectCode(0x03E80008, request(CPUDEFEND_USERDEFINED_SETAPI, CPUDEFEND_USERDEFINED_ENTRYSTATUS,
+                                   childIndex("nobody", 1), number(CPUDEFEND_ROW_CREATE)));
+}
+
+TEST_F(Dispatch, RulesOfABoundPolicyAreRefused)
+{
+    ASSERT_EQ(
+        0, set(CPUDEFEND_GLOBAL_SETAPI, CPUDEFEND_GLOBAL_POLICY, globalIndex(), octets("default")));
+    expectCode(0x041E0005, request(CPUDEFEND_USERDEFINED_SETAPI, CPUDEFEND_USERDEFINED_ENTRYSTATUS,
+                                   childIndex("default", 1), number(CPUDEFEND_ROW_CREATE)));
+}
+
+class Traced : public Dispatch
+{
+protected:
+    void SetUp() override
+    {
+        Dispatch::SetUp();
+        entry = addSource(7, ip, 1, mac);
+        entry->outerVlan = 0xFFF1;
+        entry->innerVlan = 2;
+        entry->totalNum = 0x89ABCDEF;
+        for (uint8_t i = 0; i < 80; ++i)
+            entry->pktData[i] = static_cast<uint8_t>(200 - i);
+        for (uint8_t i = 0; i < 4; ++i)
+            entry->dstIp[i] = static_cast<uint8_t>(0xF1 + i);
+    }
+
+    const Index index = srcTraceIndex(7, ip, 1, mac, 0);
+    tCpuDefendSrcTraceEntry *entry;
+};
+
+TEST_F(Traced, NumbersAreRead)
+{
+    const std::pair<uint32_t, uint32_t> numbers[] = {{CPUDEFEND_SRCTRACE_OUTERVLAN, 0xFFF1},
+                                                     {CPUDEFEND_SRCTRACE_INNERVLAN, 2},
+                                                     {CPUDEFEND_SRCTRACE_TOTALNUM, 0x89ABCDEF}};
+    for (const auto &[id, value] : numbers) {
+        const Bytes body = request(CPUDEFEND_SRCTRACE_GETAPI, id, index, number(0));
+        expectReply(answered(body, index, numberItem(value)), body);
+        const Bytes wide = request(CPUDEFEND_SRCTRACE_GETAPI, id, index, counter(1, 0x0BADCAFE));
+        expectReply(answered(wide, index, counterItem(value, 0x0BADCAFE)), wide);
+    }
+}
+
+TEST_F(Traced, TheDestinationIsFourBytesWhateverWasAskedFor)
+{
+    const Bytes answer{0, 0, 4, 0xF1, 0xF2, 0xF3, 0xF4};
+    for (size_t asked = 0; asked < 12; ++asked) {
+        SCOPED_TRACE(asked);
+        const Bytes body = request(CPUDEFEND_SRCTRACE_GETAPI, CPUDEFEND_SRCTRACE_DSTIP, index,
+                                   octets(std::string(asked, 'x')), 8);
+        const Bytes reply = process(body).body;
+        const auto at = reply.begin() + static_cast<long>(valueAt(index));
+        EXPECT_EQ(answer, Bytes(at, at + 7));
+        EXPECT_EQ(Bytes(3, 0xAA), Bytes(reply.end() - 3, reply.end()));
+    }
+}
+
+TEST_F(Traced, ADestinationAskedForAtTheVeryEndIsCutOffThere)
+{
+    for (size_t asked = 0; asked < 4; ++asked) {
+        const Bytes body = request(CPUDEFEND_SRCTRACE_GETAPI, CPUDEFEND_SRCTRACE_DSTIP, index,
+                                   octets(std::string(asked, 'x')));
+        expectReply(answered(body, index, {0, 0, 4, 0xF1, 0xF2, 0xF3, 0xF4}), body);
+    }
+}
+
+TEST_F(Traced, PacketDataIsReadUpTo80Bytes)
+{
+    const std::string data(entry->pktData, entry->pktData + 80);
+    for (size_t asked : {0u, 1u, 3u, 4u, 10u, 79u, 80u, 200u, 1400u})
+        expectText(data.substr(0, asked),
+                   request(CPUDEFEND_SRCTRACE_GETAPI, CPUDEFEND_SRCTRACE_PTKDATA, index,
+                           octets(std::string(asked, 'x')), 4),
+                   index);
+}
+
+TEST_F(Traced, Interface0AndType0Are22)
+{
+    addSource(0, ip, 1, mac);
+    addSource(7, ip, 0, mac);
+    for (const Index &bad : {srcTraceIndex(0, ip, 1, mac, 0), srcTraceIndex(7, ip, 0, mac, 0)})
+        for (uint32_t id : {0u, 4u, 5u, 99u})
+            expectCode(22, request(CPUDEFEND_SRCTRACE_GETAPI, id, bad, number(7), 12));
+}
+
+TEST_F(Traced, TheResetOfTheSystemDeletesThem)
+{
+    for (const Value &value : {number(1), counter(1, 2), octets(""), octets("now")}) {
+        ASSERT_NE(nullptr, addSource(8, ip, 1, mac));
+        expectCode(0, request(CPUDEFEND_GLOBAL_SETAPI, CPUDEFEND_GLOBAL_RESETSRCTRACE,
+                              globalIndex(), value, 12));
+        EXPECT_EQ(0u, gCpuDefend.useSrcTraceNum);
+    }
+}
+
+TEST_F(Traced, TheResetOfASlotDeletesItsOwn)
+{
+    addSlot(1, 2);
+    entry->sysId = 1;
+    entry->slotId = 2;
+    ASSERT_EQ(0, set(CPUDEFEND_POLICY_SETAPI, CPUDEFEND_POLICY_SRCTRACEENABLE,
+                     policyIndex("default"), number(1)));
+    ASSERT_EQ(
+        0, set(CPUDEFEND_SLOT_SETAPI, CPUDEFEND_SLOT_POLICY, slotIndex(1, 2), octets("default")));
+    addSource(8, ip, 1, mac);
+    EXPECT_EQ(0, set(CPUDEFEND_SLOT_SETAPI, CPUDEFEND_SLOT_RESETSRCTRACE, slotIndex(1, 2),
+                     octets("any")));
+    EXPECT_EQ(1u, gCpuDefend.useSrcTraceNum);
+}
+
+// ---- The standby's state ---------------------------------------------------------------------
+
+std::string syncRecord(uint32_t sysId, uint32_t slotId, uint32_t position)
+{
+    const Bytes data = be32(sysId) + be32(slotId) + be32(position);
+    return std::string(data.begin(), data.end());
+}
+
+TEST_F(Dispatch, SyncStateIsAppliedBySetAndSync)
+{
+    addSlot(1, 2);
+    const std::string records =
+        syncRecord(0, 0, 0x102) + syncRecord(1, 2, 3) + syncRecord(9, 9, 1) + "half";
+    for (uint32_t code : {CPUDEFEND_GLOBAL_SETAPI, CPUDEFEND_GLOBAL_SYNCAPI}) {
+        gCpuDefend.selectedPosition = 0;
+        cpuDefendSlotEntryGet(1, 2)->selectedPosition = 0;
+        expectCode(0, request(code, CPUDEFEND_GLOBAL_SYNCSTATE, globalIndex(), octets(records)));
+        EXPECT_EQ(2, gCpuDefend.selectedPosition);
+        EXPECT_EQ(3, cpuDefendSlotEntryGet(1, 2)->selectedPosition);
+    }
+    expectCode(-1, request(CPUDEFEND_GLOBAL_GETAPI, CPUDEFEND_GLOBAL_SYNCSTATE, globalIndex(),
+                           octets(records)));
+}
+
+TEST_F(Dispatch, SyncStateOfAnyLengthIsASuccess)
+{
+    std::string records;
+    for (uint32_t i = 0; i < 120; ++i)
+        records += syncRecord(0, 0, i);
+    for (size_t length : {0u, 1u, 11u, 12u, 13u, 23u, 1440u}) {
+        gCpuDefend.selectedPosition = 200;
+        expectCode(0, request(CPUDEFEND_GLOBAL_SETAPI, CPUDEFEND_GLOBAL_SYNCSTATE, globalIndex(),
+                              octets(records.substr(0, length))));
+        EXPECT_EQ(length < 12 ? 200 : length / 12 - 1, gCpuDefend.selectedPosition) << length;
+    }
 }
 
 // ---- Set and sync ----------------------------------------------------------------------------
@@ -666,6 +981,8 @@ const std::vector<Access> toSource = accesses(26, 26, anyIndex(26));
 
 const std::vector<uint32_t> policyNumbers = {0,  3,  4,  5,  6,  7,  8,  9, 10,
                                              11, 12, 13, 14, 15, 16, 17, 18};
+const std::vector<uint32_t> ruleNumbers = {0, 1, 2, 3, 4, 5};
+const std::vector<uint32_t> slotNumbers = {2, 3, 5, 7};
 const std::vector<uint32_t> carPktNumbers = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
 
 std::vector<Attribute> joined(std::initializer_list<std::vector<Attribute>> parts)
@@ -678,8 +995,8 @@ std::vector<Attribute> joined(std::initializer_list<std::vector<Attribute>> part
 
 const std::vector<Attribute> numberAttributes =
     joined({attributes(toGlobal, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 12, 13, 14, 16, 18}),
-            attributes(toSlot, {2, 3, 5, 7}), attributes(toPolicy, policyNumbers),
-            attributes(toNoPolicy, policyNumbers), attributes(toRule, {0, 1, 2, 3, 4, 5}),
+            attributes(toSlot, slotNumbers), attributes(toPolicy, policyNumbers),
+            attributes(toNoPolicy, policyNumbers), attributes(toRule, ruleNumbers),
             attributes(toCarPkt, carPktNumbers), attributes(toNoCarPkt, carPktNumbers),
             attributes(toSource, {0, 1, 4})});
 
@@ -743,7 +1060,9 @@ TEST_F(Misfit, AMissingValueIsMinusOne)
     const std::vector<uint32_t> withoutCase = {21, 100, 0xFFFFFFFF};
     for (const Attribute &attribute :
          joined({numberAttributes, octetsAttributes, attributes(toPolicy, withoutCase),
-                 attributes(toCarPkt, withoutCase), attributes(toGlobal, {11, 21, 0xFFFFFFFF})}))
+                 attributes(toCarPkt, withoutCase), attributes(toRule, withoutCase),
+                 attributes(toSource, withoutCase), attributes(toSlot, {1, 9, 0xFFFFFFFF}),
+                 attributes(toGlobal, {11, 21, 0xFFFFFFFF})}))
         for (const auto &[code, index] : attribute.by)
             for (uint8_t type : {1, 3, 5, 9, 255})
                 if (!isGlobalSet(code))
@@ -779,9 +1098,13 @@ TEST_F(Misfit, ACounterOnAnIntegerAttributeSetsItsHighWord)
 
 TEST_F(Misfit, EveryIntegerAttributeIsReadAsACounterToo)
 {
+    addSlot(1, 2);
+    createRule("default", 1);
     for (const Attribute &attribute :
          joined({attributes({{1, globalIndex()}}, {1, 5, 6, 12, 13, 14}),
+                 attributes({{6, slotIndex(1, 2)}}, slotNumbers),
                  attributes({{11, policyIndex("default")}}, policyNumbers),
+                 attributes({{16, childIndex("default", 1)}}, ruleNumbers),
                  attributes({{21, childIndex("default", 1)}}, carPktNumbers)})) {
         const auto &[code, index] = attribute.by.front();
         const Bytes plain = request(code, attribute.id, index, number(0));
@@ -794,27 +1117,58 @@ TEST_F(Misfit, EveryIntegerAttributeIsReadAsACounterToo)
 
 TEST_F(Misfit, TheResetAttributesTakeAnyValue)
 {
-    EXPECT_EQ(NM_ANY, cpuDefendGlobalAttrKind(CPUDEFEND_GLOBAL_RESETSRCTRACE));
-    const Index index = globalIndex();
-    for (const Value &value : {number(1), counter(1, 2), octets(""), octets("now")})
-        expectCode(
-            -1, request(CPUDEFEND_GLOBAL_GETAPI, CPUDEFEND_GLOBAL_RESETSRCTRACE, index, value, 12));
+    addSlot(1, 2);
+    for (const Value &value : {number(1), counter(1, 2), octets(""), octets("now")}) {
+        const Index system = globalIndex();
+        expectCode(-1, request(CPUDEFEND_GLOBAL_GETAPI, CPUDEFEND_GLOBAL_RESETSRCTRACE, system,
+                               value, 12));
+        for (uint32_t code : {CPUDEFEND_GLOBAL_SETAPI, CPUDEFEND_GLOBAL_SYNCAPI})
+            expectCode(0, request(code, CPUDEFEND_GLOBAL_RESETSRCTRACE, system, value, 12));
+        for (uint32_t code : {CPUDEFEND_SLOT_SETAPI, CPUDEFEND_SLOT_SYNCAPI})
+            expectCode(0, request(code, CPUDEFEND_SLOT_RESETSRCTRACE, slotIndex(1, 2), value, 12));
+    }
+}
+
+/** The standby card is told a number, never the place of bytes in a buffer. */
+TEST_F(Misfit, AResetAskedForWithBytesIsSynchronisedAsZero)
+{
+    addSlot(1, 2);
+    const struct {
+        uint32_t code, id;
+        Index index;
+    } resets[] = {{CPUDEFEND_GLOBAL_SETAPI, CPUDEFEND_GLOBAL_RESETSRCTRACE, globalIndex()},
+                  {CPUDEFEND_GLOBAL_SYNCAPI, CPUDEFEND_GLOBAL_RESETSRCTRACE, globalIndex()},
+                  {CPUDEFEND_SLOT_SETAPI, CPUDEFEND_SLOT_RESETSRCTRACE, slotIndex(1, 2)},
+                  {CPUDEFEND_SLOT_SYNCAPI, CPUDEFEND_SLOT_RESETSRCTRACE, slotIndex(1, 2)}};
+    for (const auto &[code, id, index] : resets) {
+        expectCode(0, request(code, id, index, octets("bytes"), 12));
+        EXPECT_EQ(0u, scripted::calls.back().number);
+        expectCode(0, request(code, id, index, number(77), 12));
+        EXPECT_EQ(77u, scripted::calls.back().number);
+        expectCode(0, request(code, id, index, counter(78, 5), 12));
+        EXPECT_EQ(78u, scripted::calls.back().number);
+    }
 }
 
 TEST_F(Misfit, AGetOfAnIdWithoutACaseReturnsTheValueAsItWas)
 {
+    addSlot(1, 2);
+    createRule("default", 1);
+    addSource(7, {10, 0, 0, 1}, 1, {2, 0, 0, 0, 0, 1});
     const std::pair<Value, Bytes> values[] = {{number(0xA1B2C3D4), numberItem(0xA1B2C3D4)},
                                               {counter(0xA1B2C3D4, 5), counterItem(0xA1B2C3D4, 5)},
                                               {octets("as it was"), octetsItem("as it was")},
                                               {octets(""), octetsItem("")}};
+    std::vector<Attribute> without;
+    for (uint32_t code : {6u, 11u, 16u, 21u, 26u})
+        for (uint32_t id : {19u, 20u, 255u, 0x80000000u, 0xFFFFFFFFu})
+            without.push_back({{{code, anyIndex(code)}}, id});
+    without.push_back({{{6, slotIndex(1, 2)}}, CPUDEFEND_SLOT_RESETSRCTRACE});
     for (const auto &[value, answer] : values)
-        for (uint32_t id : {19u, 20u, 255u, 0x80000000u, 0xFFFFFFFFu}) {
-            const Index policy = policyIndex("default");
-            const Bytes body = request(CPUDEFEND_POLICY_GETAPI, id, policy, value, 12);
-            expectReply(answered(body, policy, answer), body);
-            const Index car = childIndex("default", 1);
-            const Bytes carBody = request(CPUDEFEND_CARPKT_GETAPI, id, car, value, 12);
-            expectReply(answered(carBody, car, answer), carBody);
+        for (const Attribute &attribute : without) {
+            const auto &[code, index] = attribute.by.front();
+            const Bytes body = request(code, attribute.id, index, value, 12);
+            expectReply(answered(body, index, answer), body);
         }
 }
 
@@ -827,9 +1181,14 @@ TEST_F(Misfit, AGetOfAnIdWithoutACaseStillLooksForItsEntry)
 
 TEST_F(Misfit, ASetOfAnIdWithoutACaseIsMinusOne)
 {
+    addSlot(1, 2);
+    createRule("default", 1);
     for (const Value &value : {number(1), counter(1, 2), octets("text")}) {
         expectCode(-1, request(CPUDEFEND_POLICY_SETAPI, 19, policyIndex("default"), value, 12));
         expectCode(-1, request(CPUDEFEND_CARPKT_SETAPI, 11, childIndex("default", 1), value, 12));
+        expectCode(-1,
+                   request(CPUDEFEND_USERDEFINED_SETAPI, 6, childIndex("default", 1), value, 12));
+        expectCode(-1, request(CPUDEFEND_SLOT_SETAPI, 9, slotIndex(1, 2), value, 12));
         expectCode(-1, request(CPUDEFEND_GLOBAL_SETAPI, 21, globalIndex(), value, 12));
         expectCode(-1, request(CPUDEFEND_GLOBAL_GETAPI, 21, globalIndex(), value, 12));
     }
@@ -896,6 +1255,17 @@ TEST_F(Misfit, NumbersThatAreCutLeaveTheFieldsBesideAlone)
                          {{CPUDEFEND_CARPKT_QUEUE, 0xFFFFFF07},
                           {CPUDEFEND_CARPKT_PRIORITY, 0xFFFFFF07},
                           {CPUDEFEND_CARPKT_DENY, 0xFFFFFF01}});
+    addSlot(1, 2);
+    expectNeighboursKept(CPUDEFEND_SLOT_GETAPI, slotIndex(1, 2), slotNumbers,
+                         {{CPUDEFEND_SLOT_POLICYMODE, 0xFFFFFF07},
+                          {CPUDEFEND_SLOT_L1CPURAT, 0xFFFFFF07},
+                          {CPUDEFEND_SLOT_L2CPURAT, 0xFFFFFF07},
+                          {CPUDEFEND_SLOT_L3CPURAT, 0xFFFFFF07}});
+    createRule("default", 1);
+    expectNeighboursKept(CPUDEFEND_USERDEFINED_GETAPI, childIndex("default", 1), ruleNumbers,
+                         {{CPUDEFEND_USERDEFINED_DENY, 0xFFFFFF07},
+                          {CPUDEFEND_USERDEFINED_IP4ACL, 0xFFFF1234},
+                          {CPUDEFEND_USERDEFINED_IP6ACL, 0xFFFF1234}});
     const tCpuDefendPolicyEntry *entry =
         cpuDefendPolicyEntryGet(reinterpret_cast<const uint8_t *>("default"), 7);
     EXPECT_EQ(0, memcmp(entry->priority, "\0\0\0\0", 4));

@@ -175,7 +175,7 @@ void carEntries(Conversation &c)
     c.say("CAR get as bytes", CPUDEFEND_CARPKT_GETAPI, CPUDEFEND_CARPKT_CIR, car, octets("abcd"));
 }
 
-/** Slots, rules and traced sources. */
+/** Each kind of value with each code of the tables of slots, rules and traced sources. */
 void otherTables(Conversation &c)
 {
     for (uint32_t code : {4u, 5u, 6u, 7u, 8u, 14u, 15u, 16u, 17u, 18u, 24u, 25u, 26u}) {
@@ -183,6 +183,161 @@ void otherTables(Conversation &c)
         c.say(name + " with a number", code, 1, anyIndex(code), number(0x01020304), 30);
         c.say(name + " with bytes", code, 1, anyIndex(code), octets("bytes"), 30);
         c.say(name + " without a value", code, 1, anyIndex(code), unknown(), 30);
+    }
+}
+
+/** The daemon has no slot of its own accord. */
+void slots(Conversation &c)
+{
+    const Index slot = slotIndex(1, 0x100);
+    for (uint32_t id = 0; id <= 9; ++id) {
+        const bool isName = id == 0 || id == 4 || id == 6 || id == 8;
+        const Value value = isName ? octets("default") : number(1);
+        c.say("slot get, " + attribute(id), CPUDEFEND_SLOT_GETAPI, id, slot, value);
+        c.say("slot set, " + attribute(id), id % 2 ? CPUDEFEND_SLOT_SETAPI : CPUDEFEND_SLOT_SYNCAPI,
+              id, slot, value);
+    }
+}
+
+void readRule(Conversation &c, const std::string &comment, const Index &rule)
+{
+    for (uint32_t id = 0; id <= 6; ++id)
+        c.say(comment + ", " + attribute(id), CPUDEFEND_USERDEFINED_GETAPI, id, rule,
+              id % 2 ? counter(1, 0x89ABCDEF) : number(0x5A5A5A5A));
+}
+
+void ruleRows(Conversation &c)
+{
+    const struct {
+        const char *comment, *policy;
+        uint32_t index, status;
+    } rows[] = {
+        {"create", "edge", 3, CPUDEFEND_ROW_CREATE},
+        {"create one that goes before it", "edge", 1, CPUDEFEND_ROW_CREATE},
+        {"create one that exists", "edge", 3, CPUDEFEND_ROW_CREATE},
+        {"create with an index beyond a byte", "edge", 258, CPUDEFEND_ROW_CREATE},
+        {"create on another policy", "default", 7, CPUDEFEND_ROW_CREATE},
+        {"create without its policy", "nobody", 1, CPUDEFEND_ROW_CREATE},
+        {"activate", "edge", 3, CPUDEFEND_ROW_ACTIVATE},
+        {"activate one that is not there", "edge", 9, CPUDEFEND_ROW_ACTIVATE},
+        {"destroy one that is not there", "edge", 258, CPUDEFEND_ROW_DESTROY},
+        {"destroy", "edge", 1, CPUDEFEND_ROW_DESTROY},
+        {"a status that is none", "edge", 3, 3},
+    };
+    for (const auto &[comment, policy, index, status] : rows)
+        c.say(std::string("rule: ") + comment, CPUDEFEND_USERDEFINED_SETAPI,
+              CPUDEFEND_USERDEFINED_ENTRYSTATUS, childIndex(policy, index), number(status));
+}
+
+void rules(Conversation &c)
+{
+    const Index rule = childIndex("edge", 3);
+    ruleRows(c);
+    readRule(c, "rule get", rule);
+    for (uint32_t id = 1; id <= 6; ++id)
+        c.say("rule set, " + attribute(id),
+              id % 2 ? CPUDEFEND_USERDEFINED_SETAPI : CPUDEFEND_USERDEFINED_SYNCAPI, id, rule,
+              number(70000 + id));
+    readRule(c, "rule get again", rule);
+    c.say("rule get, no such index", CPUDEFEND_USERDEFINED_GETAPI, CPUDEFEND_USERDEFINED_CIR,
+          childIndex("edge", 258), number(7));
+    c.say("first rule", CPUDEFEND_USERDEFINED_GETFIRST, 0, childIndex("", 0), unknown(), 40);
+    for (uint32_t index : {0u, 2u, 3u, 0xFFFFFFFFu})
+        c.say("rule after edge " + std::to_string(index), CPUDEFEND_USERDEFINED_GETNEXT, 0,
+              childIndex("edge", index), number(0), 40);
+    c.say("after the last rule", CPUDEFEND_USERDEFINED_GETNEXT, 0, childIndex("default", 7),
+          number(0), 40);
+    c.say("rules in use: adds and deletes", CPUDEFEND_GLOBAL_GETAPI,
+          CPUDEFEND_GLOBAL_USEUSERDEFINEDNUM, global, number(0));
+}
+
+void rulesWhileBound(Conversation &c)
+{
+    const Index rule = childIndex("edge", 3);
+    c.say("bind a policy with rules", CPUDEFEND_GLOBAL_SETAPI, CPUDEFEND_GLOBAL_POLICY, global,
+          octets("edge"));
+    c.say("bound: rule change refused", CPUDEFEND_USERDEFINED_SETAPI, CPUDEFEND_USERDEFINED_CIR,
+          rule, number(1));
+    for (uint32_t status : {CPUDEFEND_ROW_ACTIVATE, CPUDEFEND_ROW_CREATE, CPUDEFEND_ROW_DESTROY})
+        c.say("bound: rule status " + std::to_string(status) + " refused",
+              CPUDEFEND_USERDEFINED_SYNCAPI, CPUDEFEND_USERDEFINED_ENTRYSTATUS, rule,
+              number(status));
+    c.say("bound: a rule without its index is still missing first", CPUDEFEND_USERDEFINED_SETAPI, 6,
+          childIndex("edge", 9), number(1));
+    c.say("unbind it", CPUDEFEND_GLOBAL_SYNCAPI, CPUDEFEND_GLOBAL_POLICY, global, octets(""));
+}
+
+void levels(Conversation &c)
+{
+    const auto get = [&c](const std::string &comment, uint32_t id) {
+        c.say(comment + ", " + attribute(id), CPUDEFEND_GLOBAL_GETAPI, id, global,
+              isGlobalName(id) ? octets("........") : number(0x0F0F0F0F));
+    };
+    const auto set = [&c](const std::string &comment, uint32_t id, const Value &value) {
+        c.say(comment + ", " + attribute(id),
+              id % 3 ? CPUDEFEND_GLOBAL_SETAPI : CPUDEFEND_GLOBAL_SYNCAPI, id, global, value);
+    };
+    // Thresholds that no usage exceeds: no level is ever selected.
+    for (uint32_t id : {14u, 16u, 18u})
+        set("a threshold cut to a byte", id, number(0x1FF));
+    for (uint32_t id : {15u, 17u, 19u}) {
+        set("a level without its policy", id, octets("nobody"));
+        set("a level's policy", id, octets(id == 17 ? "b" : "edge"));
+    }
+    for (uint32_t id = 13; id <= 20; ++id)
+        get("levels", id);
+    set("bind before the mode changes", 0, octets("default"));
+    set("CPU-rate mode", 13, number(1));
+    get("the policy is unbound", 0);
+    get("the mode", 13);
+    set("fixed mode again", 13, number(0x100));
+    get("the mode", 13);
+    get("nothing is bound again", 0);
+}
+
+/** Positions that the standby learns from its peer; the system is in fixed mode. */
+void syncState(Conversation &c)
+{
+    const auto say = [&c](const std::string &comment, uint32_t code, const Bytes &records) {
+        c.say("state of the peer: " + comment, code, CPUDEFEND_GLOBAL_SYNCSTATE, global,
+              octets(std::string(records.begin(), records.end())));
+    };
+    const auto record = [](uint32_t sysId, uint32_t slotId, uint32_t position) {
+        return be32(sysId) + be32(slotId) + be32(position);
+    };
+    say("none", CPUDEFEND_GLOBAL_SETAPI, {});
+    say("half a record", CPUDEFEND_GLOBAL_SETAPI, be32(0) + be32(0));
+    say("the system and a slot that is not there", CPUDEFEND_GLOBAL_SYNCAPI,
+        record(1, 2, 3) + record(0, 0, 0x102) + be32(0));
+    c.say("the level in force is removed, and is not there", CPUDEFEND_GLOBAL_SETAPI,
+          CPUDEFEND_GLOBAL_L2POLICYNAME, global, octets(""));
+    c.say("the count of bindings has no floor", CPUDEFEND_POLICY_GETAPI, CPUDEFEND_POLICY_REFCOUNT,
+          policyIndex("b"), number(0));
+    c.say("no level is in force any more", CPUDEFEND_GLOBAL_SETAPI, CPUDEFEND_GLOBAL_L2POLICYNAME,
+          global, octets("default"));
+    c.say("a level that is not in force", CPUDEFEND_GLOBAL_SETAPI, CPUDEFEND_GLOBAL_L2POLICYNAME,
+          global, octets(""));
+}
+
+void sources(Conversation &c)
+{
+    for (const Value &value : {number(1), counter(1, 2), octets("any")})
+        c.say("reset source tracing", CPUDEFEND_GLOBAL_SETAPI, CPUDEFEND_GLOBAL_RESETSRCTRACE,
+              global, value);
+    const Bytes ip{10, 0, 0, 1}, mac{2, 0, 0, 0, 0, 1};
+    for (uint8_t filter : {0x00, 0x20, 0xFF}) {
+        const Index index = srcTraceIndex(7, ip, 1, mac, filter);
+        c.say("first source", CPUDEFEND_SRCTRACE_GETFIRST, 0, index, number(0), 40);
+        c.say("next source", CPUDEFEND_SRCTRACE_GETNEXT, 0, index, number(0), 40);
+    }
+    for (uint32_t id = 0; id <= 5; ++id) {
+        const Value value = id == 2 || id == 3 ? octets("....") : number(7);
+        const std::string what = "source get, " + attribute(id);
+        c.say(what, CPUDEFEND_SRCTRACE_GETAPI, id, srcTraceIndex(7, ip, 1, mac, 0), value);
+        c.say(what + ", interface 0", CPUDEFEND_SRCTRACE_GETAPI, id,
+              srcTraceIndex(0, ip, 1, mac, 0), value);
+        c.say(what + ", type 0", CPUDEFEND_SRCTRACE_GETAPI, id, srcTraceIndex(7, ip, 0, mac, 0),
+              value);
     }
 }
 
@@ -260,6 +415,12 @@ std::vector<Exchange> conversation()
     walks(c);
     carEntries(c);
     otherTables(c);
+    slots(c);
+    rules(c);
+    rulesWhileBound(c);
+    levels(c);
+    syncState(c);
+    sources(c);
     destroyed(c);
     malformedFields(c);
     malformedFrames(c);

@@ -22,22 +22,23 @@ namespace
 
 using Clock = std::chrono::steady_clock;
 
-/** The command line: the emulator's words, where there is one, then the daemon's. */
-std::vector<std::string> commandLine(const std::vector<std::string> &args)
+/** The command line: the emulator's words, where there is one, then the program's. */
+std::vector<std::string> commandLine(const std::string &program,
+                                     const std::vector<std::string> &args)
 {
     std::vector<std::string> words;
     std::istringstream emulator(CPUDEFEND_TEST_EMULATOR);
     for (std::string word; emulator >> word;)
         words.push_back(word);
-    words.push_back(CPUDEFEND_TEST_DAEMON);
+    words.push_back(program.empty() ? CPUDEFEND_TEST_DAEMON : program);
     words.insert(words.end(), args.begin(), args.end());
     return words;
 }
 
-pid_t start(const std::vector<std::string> &args, const std::map<std::string, std::string> &env,
-            int errFd)
+pid_t start(const std::string &program, const std::vector<std::string> &args,
+            const std::map<std::string, std::string> &env, int errFd)
 {
-    std::vector<std::string> words = commandLine(args);
+    std::vector<std::string> words = commandLine(program, args);
     const pid_t pid = fork();
     if (pid != 0)
         return pid;
@@ -89,10 +90,11 @@ bool readFully(int fd, void *buf, size_t len)
 
 } // namespace
 
-DaemonProcess::DaemonProcess(std::vector<std::string> args, std::map<std::string, std::string> env)
+DaemonProcess::DaemonProcess(std::vector<std::string> args, std::map<std::string, std::string> env,
+                             const std::string &program)
     : errFd_(openErrors())
 {
-    pid_ = start(args, env, errFd_);
+    pid_ = start(program, args, env, errFd_);
     const auto deadline = Clock::now() + std::chrono::seconds(20);
     while (Clock::now() < deadline) {
         const int fd = connectToDaemon();
@@ -141,7 +143,7 @@ int runDaemon(const std::vector<std::string> &args, const std::map<std::string, 
               int seconds, std::string *errors)
 {
     const int errFd = openErrors();
-    const pid_t pid = start(args, env, errFd);
+    const pid_t pid = start("", args, env, errFd);
     const auto deadline = Clock::now() + std::chrono::seconds(seconds);
     int status = 0;
     int result = -1;

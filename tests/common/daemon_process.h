@@ -15,9 +15,13 @@
 class DaemonProcess
 {
 public:
-    /** @param args arguments; @param env variables added to the environment */
+    /**
+     * @param args arguments; @param env variables added to the environment
+     * @param program the executable; the daemon that this build made where nothing else is said
+     */
     explicit DaemonProcess(std::vector<std::string> args = {},
-                           std::map<std::string, std::string> env = {});
+                           std::map<std::string, std::string> env = {},
+                           const std::string &program = "");
     ~DaemonProcess();
     DaemonProcess(const DaemonProcess &) = delete;
     DaemonProcess &operator=(const DaemonProcess &) = delete;

@@ -147,7 +147,7 @@ int32_t zynHwScalarGet(uint32_t, uint32_t id, void *)
 {
     Record record = about(Call::ScalarGet, nullptr, id, 0);
     const uint32_t held = script.slave ? HW_SYS_SWRUNNINGROLEISSLAVE : HW_SYS_SWRUNNINGROLEISMASTER;
-    record.result = id == held ? 0 : 1;
+    record.result = id == held && !script.noRole ? 0 : 1;
     calls.push_back(record);
     return record.result;
 }

@@ -44,7 +44,8 @@ struct Record {
 
 /** What the next calls are answered with. */
 struct Script {
-    bool slave = false; /**< the role of this card */
+    bool slave = false;  /**< the role of this card */
+    bool noRole = false; /**< neither master nor slave, as while the cards make out who is */
     /** Result of the nth recorded programming or synchronisation call (from 0) of all. */
     std::map<size_t, int32_t> failAt;
     /** Result of every call of a kind, unless failAt speaks. */

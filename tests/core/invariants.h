@@ -8,7 +8,11 @@
  * - A policy that is free is all zero behind its link.
  * - A rule or CAR entry in use is on the list of its policy, in order, or, left over from a
  *   destroyed policy, on no policy's list.
- * - The timer list is sound and in order, and its timers belong to records in use.
+ * - The tree of traced sources is in order, and a free record of it is all zero behind its link.
+ * - Rules, CAR entries and slots point to a policy record of the pool, slots perhaps to none. No
+ *   name is longer than its field.
+ * - The timer list is sound and in order, its timers belong to records in use, and every timer
+ *   that is linked is on it.
  */
 #ifndef INVARIANTS_H
 #define INVARIANTS_H
@@ -119,6 +123,7 @@ public:
         cars_.expectCount(g.useCarPktNum);
         traces();
         slots();
+        names();
         timers();
         return found_;
     }
@@ -148,13 +153,21 @@ private:
                 policies_.complain("a free record is not clear");
     }
 
-    static bool clear(const tCpuDefendPolicyEntry &policy)
+    template <typename T> static bool clear(const T &record)
     {
-        const char *at = reinterpret_cast<const char *>(&policy);
-        for (size_t i = sizeof(list_head); i < sizeof policy; i++)
+        const char *at = reinterpret_cast<const char *>(&record);
+        for (size_t i = sizeof(list_head); i < sizeof record; i++)
             if (at[i] != 0)
                 return false;
         return true;
+    }
+
+    /** Whether it is one of the policy pool, in use or free. */
+    bool isPolicyRecord(const tCpuDefendPolicyEntry *policy) const
+    {
+        const uintptr_t offset =
+            reinterpret_cast<uintptr_t>(policy) - reinterpret_cast<uintptr_t>(g.policyTable);
+        return offset % sizeof *policy == 0 && offset / sizeof *policy < g.maxPolicyNum;
     }
 
     /** Check rules or CAR entries. @return how many are on no policy's list */
@@ -177,6 +190,8 @@ private:
         uint32_t leftover = 0;
         for (const list_head *link : all) {
             const T *child = list_entry(link, const T, node);
+            if (!isPolicyRecord(child->policyEntry))
+                census.complain("one points to no policy record");
             if (owner.count(child))
                 continue;
             leftover++;
@@ -240,12 +255,20 @@ private:
     void traces()
     {
         uint32_t n = 0;
+        const void *before = nullptr;
         for (void *at = avl_first(&g.srcTraceList); at && n < g.maxSrcTraceNum;
-             at = avl_next(&g.srcTraceList, at), n++)
+             at = avl_next(&g.srcTraceList, at), n++) {
             traces_.add(at, Place::Used);
+            if (before && cpuDefendSrcTraceCmp(before, at) >= 0)
+                traces_.complain("the tree is out of order");
+            before = at;
+        }
         for (const list_head *link :
-             links("free traces", g.srcTraceFreeList, g.maxSrcTraceNum, found_))
+             links("free traces", g.srcTraceFreeList, g.maxSrcTraceNum, found_)) {
             traces_.add(link, Place::Free);
+            if (!clear(*list_entry(link, const tCpuDefendSrcTraceEntry, freeNode)))
+                traces_.complain("a free record is not clear");
+        }
         traces_.finish();
         traces_.expectCount(g.useSrcTraceNum);
     }
@@ -258,6 +281,40 @@ private:
             slots_.add(link, Place::Free);
         slots_.finish();
         slots_.expectCount(g.useSlotNum);
+        for (uint32_t i = 0; i < g.maxSlotNum; i++)
+            if (g.slotTable[i].policyEntry && !isPolicyRecord(g.slotTable[i].policyEntry))
+                slots_.complain("one points to no policy record");
+    }
+
+    void name(const char *what, uint8_t len)
+    {
+        if (len > CPUDEFEND_NAME_MAXLEN)
+            found_.push_back(std::string(what) + ": a name is too long");
+    }
+
+    void names()
+    {
+        name("system", g.policyNameLen);
+        for (const tCpuDefendCpuRatControl &level : g.cpuRatControl)
+            name("system", level.policyNameLen);
+        for (uint32_t i = 0; i < g.maxSlotNum; i++) {
+            name("slots", g.slotTable[i].policyNameLen);
+            for (const tCpuDefendCpuRatControl &level : g.slotTable[i].cpuRatControl)
+                name("slots", level.policyNameLen);
+        }
+        for (uint32_t i = 0; i < g.maxPolicyNum; i++)
+            name("policies", g.policyTable[i].policyNameLen);
+    }
+
+    /** Timers that are linked, wherever to. */
+    uint32_t linkedTimers() const
+    {
+        uint32_t n = g.cpuRatControlTimer.link.next != nullptr;
+        for (uint32_t i = 0; i < g.maxPolicyNum; i++)
+            n += g.policyTable[i].srcTraceTimer.link.next != nullptr;
+        for (uint32_t i = 0; i < g.maxSlotNum; i++)
+            n += g.slotTable[i].cpuRatControlTimer.link.next != nullptr;
+        return n;
     }
 
     /** A slot's timer keeps running when the slot is deleted: its callback sees to that. */
@@ -275,8 +332,10 @@ private:
     void timers()
     {
         uint64_t before = 0;
-        for (const list_head *link :
-             links("timers", g.timerList, 1 + g.maxPolicyNum + g.maxSlotNum, found_)) {
+        const auto all = links("timers", g.timerList, 1 + g.maxPolicyNum + g.maxSlotNum, found_);
+        if (all.size() != linkedTimers())
+            found_.push_back("timers: one that is linked is not on the list");
+        for (const list_head *link : all) {
             const tTimerNode *timer = list_entry(link, const tTimerNode, link);
             if (!mayRun(timer))
                 found_.push_back("timers: one of a record not in use is armed");

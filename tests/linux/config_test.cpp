@@ -1,5 +1,6 @@
 #include <fstream>
 #include <gtest/gtest.h>
+#include <tuple>
 
 #include "config.h"
 #include "failure.h"
@@ -19,10 +20,20 @@ std::string failureOf(std::string_view text)
     return "no failure";
 }
 
+using Places = std::vector<std::tuple<std::string, uint32_t, uint32_t>>;
+
+Places placesOf(const Config &config)
+{
+    Places places;
+    for (const PortConfig &port : config.ports)
+        places.emplace_back(port.name, port.sys, port.slot);
+    return places;
+}
+
 TEST(PlatformFile, PortsAloneMakeAnAutomaticMaster)
 {
     Config config = parseConfig("ports = [\"eth0\", \"eth1\"]", "p.toml");
-    EXPECT_EQ(config.ports, (std::vector<std::string>{"eth0", "eth1"}));
+    EXPECT_EQ(placesOf(config), (Places{{"eth0", 0, 0}, {"eth1", 0, 0}}));
     EXPECT_EQ(config.mode, Mode::Auto);
     EXPECT_EQ(config.role, Role::Master);
 }
@@ -35,6 +46,25 @@ TEST(PlatformFile, ModeAndRoleAreRead)
     EXPECT_EQ(config.role, Role::Slave);
     EXPECT_EQ(parseConfig("ports = ['a']\nmode = 'native'\n", "p").mode, Mode::Native);
     EXPECT_EQ(parseConfig("ports = ['a']\nrole = 'master'\n", "p").role, Role::Master);
+}
+
+TEST(PlatformFile, SlotsPutTheirPortsInPlace)
+{
+    Config config = parseConfig("ports = ['a']\n"
+                                "[[slot]]\nslot = 1\nports = ['b', 'c']\n"
+                                "[[slot]]\nsys = 1\nslot = 0\nports = ['d']\n"
+                                "[[slot]]\nports = ['e']\nsys = 4294967295\nslot = 4294967295\n",
+                                "p.toml");
+    EXPECT_EQ(
+        placesOf(config),
+        (Places{
+            {"a", 0, 0}, {"b", 0, 1}, {"c", 0, 1}, {"d", 1, 0}, {"e", UINT32_MAX, UINT32_MAX}}));
+}
+
+TEST(PlatformFile, SlotsNeedNoPortOfTheSystem)
+{
+    Config config = parseConfig("[[slot]]\nslot = 3\nports = ['a']\n", "p.toml");
+    EXPECT_EQ(placesOf(config), (Places{{"a", 0, 3}}));
 }
 
 struct Wrong {
@@ -65,7 +95,30 @@ const Wrong wrongs[] = {
     {"UnfinishedString", "ports = ['a']\nmode = 'auto\n", "line 2: "},
     {"DuplicateKey", "ports = ['a']\nports = ['b']\n", "line 2: "},
     {"UnknownKey", "ports = ['a']\n# x\nprots = ['b']\n", "line 3: unknown key \"prots\""},
-    {"UnknownTable", "ports = ['a']\n[slot]\nid = 1\n", "line 2: unknown key \"slot\""},
+    {"UnknownTable", "ports = ['a']\n[card]\nid = 1\n", "line 2: unknown key \"card\""},
+    {"SlotNotInAList", "ports = ['a']\n[slot]\nslot = 1\n",
+     "line 2: slot is not written as [[slot]]"},
+    {"SlotANumber", "ports = ['a']\nslot = 1\n", "line 2: slot is not written as [[slot]]"},
+    {"SlotsOfNumbers", "ports = ['a']\nslot = [1]\n", "line 2: slot is not written as [[slot]]"},
+    {"SlotUnknownKey", "[[slot]]\nslot = 1\nports = ['a']\nmode = 'native'\n",
+     "line 4: unknown key \"mode\""},
+    {"SlotIsTheSystem", "ports = ['a']\n[[slot]]\nsys = 0\nslot = 0\nports = ['b']\n",
+     "line 2: slot 0 of system 0 is the system itself, not a slot"},
+    {"SlotWithoutNumber", "\n[[slot]]\nports = ['b']\n",
+     "line 2: slot 0 of system 0 is the system itself, not a slot"},
+    {"SlotTwice", "[[slot]]\nslot = 1\nports = ['a']\n[[slot]]\nslot = 1\nports = ['b']\n",
+     "line 4: slot 1 of system 0 stands there twice"},
+    {"SlotWithoutPorts", "ports = ['a']\n[[slot]]\nslot = 1\n", "line 2: no key \"ports\""},
+    {"SlotEmptyPorts", "[[slot]]\nslot = 1\nports = []\n",
+     "line 3: ports is not a list of at least one port name"},
+    {"SlotNegative", "[[slot]]\nslot = -1\nports = ['a']\n",
+     "line 2: slot is not a number from 0 to 4294967295"},
+    {"SystemTooGreat", "[[slot]]\nsys = 4294967296\nslot = 1\nports = ['a']\n",
+     "line 2: sys is not a number from 0 to 4294967295"},
+    {"SlotAString", "[[slot]]\nslot = '1'\nports = ['a']\n",
+     "line 2: slot is not a number from 0 to 4294967295"},
+    {"PortInTwoPlaces", "ports = ['a']\n[[slot]]\nslot = 1\nports = ['b', 'a']\n",
+     "line 4: port \"a\" stands there twice"},
     {"NoPorts", "mode = 'auto'\n", "no key \"ports\""},
     {"Empty", "", "no key \"ports\""},
     {"EmptyPorts", "\nports = []\n", "line 2: ports is not a list of at least one port name"},

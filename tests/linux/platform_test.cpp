@@ -16,6 +16,9 @@
 #include "bpf_probe.h"
 #include "counters.h"
 #include "frame.h"
+#include "journal.h"
+#include "memory/scratch.h"
+#include "platform_file.h"
 #include "test_net.h"
 #include "zynacl.h"
 #include "zynhwal.h"
@@ -23,20 +26,9 @@
 
 using namespace zynlinux;
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
 
 namespace
 {
-
-bool within(std::chrono::milliseconds limit, const std::function<bool()> &condition)
-{
-    for (auto end = Clock::now() + limit; Clock::now() < end;) {
-        if (condition())
-            return true;
-        std::this_thread::sleep_for(1ms);
-    }
-    return condition();
-}
 
 /** The kernel's id of the XDP program on a port, 0 for none. */
 uint32_t programOn(const char *port, int flags = 0)
@@ -45,27 +37,6 @@ uint32_t programOn(const char *port, int flags = 0)
     bpf_xdp_query_id(static_cast<int>(if_nametoindex(port)), flags, &id);
     return id;
 }
-
-/** A platform file that lasts as long as this. */
-class PlatformFile
-{
-public:
-    explicit PlatformFile(const std::string &text)
-    {
-        std::ofstream(path_) << text;
-        setenv("CPUDEFEND_PLATFORM", path_.c_str(), 1);
-    }
-    ~PlatformFile()
-    {
-        std::remove(path_.c_str());
-        unsetenv("CPUDEFEND_PLATFORM");
-    }
-
-    const std::string &path() const { return path_; }
-
-private:
-    std::string path_ = "/tmp/platform-test-" + std::to_string(getpid()) + ".toml";
-};
 
 struct Outcome {
     int32_t result;
@@ -259,6 +230,73 @@ TEST_F(PlatformOnWire, ConfiguredPortsAreTranslatedAndNoOthers)
     EXPECT_NE(sysIndexTrans(0, SYS_INDEX_TRANS_PHY, &info), 0);
     EXPECT_NE(sysIndexTrans(unit, 5, &info), 0);
     EXPECT_EQ(info.port, UINT32_MAX);
+}
+
+TEST_F(PlatformOnWire, PortOfASlotIsTranslatedToIt)
+{
+    PlatformFile file("ports = [\"port0\"]\n[[slot]]\nsys = 2\nslot = 7\nports = [\"peer0\"]\n");
+    ASSERT_EQ(init().result, 0);
+    EXPECT_NE(programOn(peerPort), 0u);
+    uint32_t unit = if_nametoindex(peerPort);
+    tPhyIfInfo info;
+    std::memset(&info, 0xff, sizeof info);
+    ASSERT_EQ(sysIndexTrans(unit, SYS_INDEX_TRANS_PHY, &info), 0);
+    EXPECT_EQ(info.unit, 2u);
+    EXPECT_EQ(info.slot, 7u);
+    EXPECT_EQ(info.port, unit);
+    EXPECT_EQ(info.channel, 0u);
+    EXPECT_EQ(info.virtualnum, 0u);
+    EXPECT_EQ(info.endType, 0u);
+    EXPECT_EQ(info.card, 0u);
+    ASSERT_EQ(sysIndexTrans(if_nametoindex(protectedPort), SYS_INDEX_TRANS_PHY, &info), 0);
+    EXPECT_EQ(info.unit, 0u);
+    EXPECT_EQ(info.slot, 0u);
+}
+
+TEST_F(PlatformOnWire, JournalTellsWhatCameOfEachCall)
+{
+    Scratch scratch;
+    const std::string path = scratch.path("journal");
+    setenv("CPUDEFEND_JOURNAL", path.c_str(), 1);
+    Outcome outcome = start("[[slot]]\nslot = 7\nports = [\"peer0\"]\n");
+    unsetenv("CPUDEFEND_JOURNAL");
+    ASSERT_EQ(outcome.result, 0) << outcome.text;
+    tSlotIndex slot{0, 7, 0};
+    auto entry = arpEntry(50);
+    tPhyIfInfo info;
+    EXPECT_EQ(add(entry), 0);
+    EXPECT_EQ(remove(entry), 0);
+    EXPECT_EQ(remove(entry), ENOENT);
+    EXPECT_EQ(zynHwSlotSet(&slot, HW_SLOT_CPUDEFENDPKTCARADD, &entry, 3), ENOTSUP);
+    EXPECT_EQ(acl_cpudefend_add(nullptr, 2000, ZYN_HW_OP_DENY, 0, 0, 0), ENOTSUP);
+    EXPECT_EQ(sysIndexTrans(if_nametoindex(peerPort), SYS_INDEX_TRANS_PHY, &info), 0);
+    journalClose();
+
+    const std::vector<std::pair<const char *, const char *>> expected = {
+        {"zynScalarSetApi", "\"result\":0}"},    {"zynScalarSetApi", "\"result\":0}"},
+        {"zynScalarSetApi", "\"result\":2}"},    {"zynHwSlotSet", "\"result\":95}"},
+        {"acl_cpudefend_add", "\"result\":95}"}, {"sysIndexTrans", "{\"unit\":0,\"slot\":7,"}};
+    std::istringstream text(scratch.read("journal"));
+    for (const auto &[call, part] : expected) {
+        std::string line;
+        ASSERT_TRUE(std::getline(text, line)) << call;
+        EXPECT_NE(line.find(std::string("\"call\":\"") + call + '"'), std::string::npos) << line;
+        EXPECT_NE(line.find(part), std::string::npos) << line;
+    }
+    std::string more;
+    EXPECT_FALSE(std::getline(text, more)) << more;
+}
+
+TEST_F(PlatformOnWire, JournalThatCannotBeOpenedIsAnError)
+{
+    setenv("CPUDEFEND_JOURNAL", "/nonexistent/journal", 1);
+    Outcome outcome = start();
+    unsetenv("CPUDEFEND_JOURNAL");
+    EXPECT_EQ(outcome.result, -1);
+    EXPECT_NE(outcome.text.find("cpuDefend: couldn't open the journal /nonexistent/journal: "
+                                "No such file or directory\n"),
+              std::string::npos)
+        << outcome.text;
 }
 
 TEST_F(PlatformOnWire, CpuUsageIsReadBySelector)

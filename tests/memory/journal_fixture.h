@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "memory/journal.h"
+#include "journal.h"
 #include "memory_fixture.h"
 #include "scratch.h"
 

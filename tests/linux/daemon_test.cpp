@@ -1,0 +1,172 @@
+/**
+ * The daemon on this data plane, as a process of its own: what it asks of the layer, and what the
+ * layer answers, as its journal tells.
+ */
+#include <chrono>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <nlohmann/json.hpp>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+
+#include "bpf_probe.h"
+#include "channel/request.h"
+#include "cpuDefend_nm.h"
+#include "daemon_process.h"
+#include "memory/scratch.h"
+#include "platform_file.h"
+#include "test_net.h"
+
+using namespace std::chrono_literals;
+using nlohmann::json;
+
+namespace
+{
+
+class DaemonOnWire : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        if (std::string why = enterNameSpace(); !why.empty())
+            GTEST_SKIP() << why;
+        SKIP_WITHOUT_BPF();
+        makeWire();
+    }
+
+    /** @param more lines of the platform file */
+    void start(const std::string &more = "")
+    {
+        file.emplace(std::string("ports = [\"") + protectedPort + "\"]\n" + more);
+        daemon.emplace(
+            std::vector<std::string>{},
+            std::map<std::string, std::string>{{"CPUDEFEND_PLATFORM", file->path()},
+                                               {"CPUDEFEND_JOURNAL", scratch.path("journal")}});
+    }
+
+    /** Set a global attribute over the socket. @return the return code */
+    int32_t setGlobal(uint32_t attribute, const channel::Value &value)
+    {
+        Bytes reply;
+        Bytes body =
+            channel::request(CPUDEFEND_GLOBAL_SETAPI, attribute, channel::globalIndex(), value, 64);
+        if (!::exchange(body, &reply) || reply.size() < channel::CODE_AT + 4)
+            return INT32_MIN;
+        uint32_t code = 0;
+        for (size_t i = 0; i < 4; i++)
+            code = code << 8 | reply[channel::CODE_AT + i];
+        return static_cast<int32_t>(code);
+    }
+
+    /** The journal's whole lines of a call. */
+    std::vector<json> journal(const std::string &call) const
+    {
+        std::vector<json> found;
+        std::string text = scratch.read("journal");
+        text.resize(text.rfind('\n') + 1); // the daemon may be writing
+        std::istringstream all(text);
+        for (std::string line; std::getline(all, line);) {
+            json object = json::parse(line);
+            if (object.at("call") == call)
+                found.push_back(std::move(object));
+        }
+        return found;
+    }
+
+    Scratch scratch;
+    std::optional<PlatformFile> file;
+    std::optional<DaemonProcess> daemon;
+};
+
+TEST_F(DaemonOnWire, ReadsTheKernelsCpuUsageInCpuRateMode)
+{
+    start();
+    ASSERT_EQ(setGlobal(CPUDEFEND_GLOBAL_POLICYMODE, channel::number(1)), 0);
+    ASSERT_TRUE(within(10s, [&] { return journal("zynHwCpuGet").size() >= 2; }));
+    for (const json &line : journal("zynHwCpuGet")) {
+        EXPECT_EQ(line.at("selector"), 1);
+        EXPECT_EQ(line.at("id"), "HW_CPU_USED");
+        EXPECT_EQ(line.at("result"), 0);
+        EXPECT_LE(line.at("value").get<uint32_t>(), 10000u);
+    }
+}
+
+TEST_F(DaemonOnWire, BindingIsProgrammedSynchronisedAndJournaled)
+{
+    start();
+    ASSERT_EQ(setGlobal(CPUDEFEND_GLOBAL_POLICY, channel::octets("default")), 0);
+    auto syncs = journal("zynHwScalarSync");
+    ASSERT_EQ(syncs.size(), 1u);
+    EXPECT_EQ(syncs[0].at("scalarId"), 8000);
+    EXPECT_EQ(syncs[0].at("value"), "default");
+    EXPECT_EQ(syncs[0].at("result"), 0);
+
+    auto entries = journal("zynScalarSetApi");
+    ASSERT_EQ(entries.size(), 10u);
+    for (size_t type = 0; type < entries.size(); type++) {
+        EXPECT_EQ(entries[type].at("func").at("hwCmd"), "HW_SYS_CPUDEFENDPKTCARADD");
+        EXPECT_EQ(entries[type].at("entry").at("pktType"), type);
+        EXPECT_EQ(entries[type].at("result"), 0) << type;
+    }
+}
+
+TEST_F(DaemonOnWire, SlaveProgramsNothing)
+{
+    start("role = \"slave\"\n");
+    ASSERT_EQ(setGlobal(CPUDEFEND_GLOBAL_POLICY, channel::octets("default")), 0);
+    auto roles = journal("zynHwScalarGet");
+    ASSERT_FALSE(roles.empty());
+    for (const json &line : roles)
+        EXPECT_EQ(line.at("result"), line.at("id") == "HW_SYS_SWRUNNINGROLEISSLAVE" ? 0 : 1);
+    EXPECT_TRUE(journal("zynScalarSetApi").empty());
+}
+
+/** Keep for this process, and all that it starts, the capabilities of the service alone. */
+bool keepServiceCapabilities()
+{
+    for (unsigned long capability = 0; prctl(PR_CAPBSET_READ, capability) >= 0; capability++) {
+        bool kept =
+            capability == CAP_NET_ADMIN || capability == CAP_PERFMON || capability == CAP_BPF;
+        if (!kept && prctl(PR_CAPBSET_DROP, capability) != 0)
+            return false;
+    }
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0;
+}
+
+TEST_F(DaemonOnWire, NeedsOnlyTheCapabilitiesOfItsService)
+{
+    pid_t child = fork();
+    if (child == 0) {
+        EXPECT_TRUE(keepServiceCapabilities());
+        start();
+        EXPECT_EQ(setGlobal(CPUDEFEND_GLOBAL_POLICY, channel::octets("default")), 0);
+        auto entries = journal("zynScalarSetApi");
+        EXPECT_EQ(entries.size(), 10u);
+        for (const json &line : entries)
+            EXPECT_EQ(line.at("result"), 0);
+        daemon.reset();
+        _exit(HasFailure() ? 1 : 0);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(DaemonOnWire, JournalThatCannotBeOpenedKeepsTheDaemonFromStarting)
+{
+    PlatformFile own(std::string("ports = [\"") + protectedPort + "\"]\n");
+    std::string errors;
+    EXPECT_EQ(runDaemon({}, {{"CPUDEFEND_PLATFORM", own.path()}, {"CPUDEFEND_JOURNAL", "/none/j"}},
+                        20, &errors),
+              255);
+    EXPECT_NE(errors.find("couldn't open the journal /none/j: No such file or directory\n"),
+              std::string::npos)
+        << errors;
+}
+
+} // namespace
