@@ -2,8 +2,11 @@
  * Requests per second over the real socket (connect, request, reply, close), beside a bare
  * accept, recv, send, close loop that answers the same bytes. Both are asked in turn, round by
  * round, so that a machine whose speed drifts slows them alike; the medians and the ratio are
- * printed. Then the daemon's resident memory and its time from start to an accepting socket.
+ * printed, once with client and server on a CPU each, where waking the other one counts most, and
+ * once on the same CPU, where nothing but work does. Then the daemon's resident memory and its time
+ * from start to an accepting socket.
  */
+#include <sched.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -111,10 +114,24 @@ double median(std::vector<double> values)
     return values[values.size() / 2];
 }
 
-void compareWithBareLoop()
+/** Keep a process on one CPU; a process id of 0 is this one. */
+void pin(pid_t pid, unsigned cpu)
+{
+    cpu_set_t cpus;
+    CPU_ZERO(&cpus);
+    CPU_SET(cpu, &cpus);
+    if (sched_setaffinity(pid, sizeof cpus, &cpus) != 0)
+        fail("bench: couldn't choose a CPU");
+}
+
+/** Ask both servers in turn, with the client on CPU 0. */
+void compareWithBareLoop(const char *where, unsigned serverCpu)
 {
     const pid_t bare = startBareServer();
     DaemonProcess daemon;
+    pin(0, 0);
+    pin(bare, serverCpu);
+    pin(daemon.pid(), serverCpu);
     const sockaddr_un bareAddress = addressOf(BARE_SOCKET);
     const sockaddr_un daemonAddress = addressOf(CPUDEFEND_CMD_SOCKET);
     std::vector<double> bareRate, daemonRate, ratio;
@@ -128,7 +145,7 @@ void compareWithBareLoop()
     kill(bare, SIGKILL);
     waitpid(bare, nullptr, 0);
     unlink(BARE_SOCKET);
-    printf("channel, requests/s     bare loop %.0f   daemon %.0f   ratio %.3f (medians of %d)\n",
+    printf("requests/s, %s   bare loop %.0f   daemon %.0f   ratio %.3f (medians of %d)\n", where,
            median(bareRate), median(daemonRate), median(ratio), ROUNDS);
 }
 
@@ -167,7 +184,9 @@ void measureStart()
 
 int main()
 {
-    compareWithBareLoop();
+    if (sysconf(_SC_NPROCESSORS_ONLN) > 1)
+        compareWithBareLoop("two CPUs", 1);
+    compareWithBareLoop("one CPU ", 0);
     measureMemory();
     measureStart();
 }
