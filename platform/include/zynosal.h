@@ -2,8 +2,8 @@
  * OS layer: what the daemon needs of its operating system.
  *
  * Lists, AVL trees, a timer list, a semaphore, the cursor over management messages, the
- * up-time clock and diagnostics. Nothing here allocates but OsixCreateMSem and
- * zynCatchSegFault, nothing here throws, and nothing but the semaphore may be used from more than one thread.
+ * up-time clock and diagnostics. Nothing here allocates but OsixCreateMSem and zynCatchSegFault,
+ * nothing here throws, and nothing but the semaphore may be used from more than one thread.
  *
  * A port replaces platform/osal by a library with these functions; the records below are laid
  * out by this header and shared with the daemon.
