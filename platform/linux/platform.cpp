@@ -60,7 +60,7 @@ int32_t checkCar(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry &entry)
 {
     if (!host)
         return ENODEV;
-    return slot == nullptr && entry.pktType < CPD_TYPES ? 0 : ENOTSUP;
+    return slot == nullptr && cpd_classified(entry.pktType) ? 0 : ENOTSUP;
 }
 
 } // namespace

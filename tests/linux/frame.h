@@ -9,6 +9,8 @@
 #include <initializer_list>
 #include <vector>
 
+#include "bpf/cpudefend_shared.h"
+
 using Mac = std::array<uint8_t, 6>;
 
 constexpr Mac broadcast = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
@@ -28,6 +30,13 @@ struct Ipv4 {
     uint16_t fragment = 0;     /**< flags and offset */
     uint16_t optionBytes = 0;  /**< bytes behind the fixed header, whatever the IHL says */
     uint16_t payloadBytes = 8; /**< what the total length counts behind the header */
+};
+
+/** What an IPv6 header says, where it is not the usual. */
+struct Ipv6 {
+    uint8_t next;
+    uint16_t payloadBytes = 200; /**< what it counts behind itself; the frame may hold less */
+    uint8_t version = 6;
 };
 
 class Frame
@@ -71,7 +80,35 @@ public:
         u8({192, 0, 2, 1, 192, 0, 2, 2});
         for (unsigned i = 0; i < ip.optionBytes; i++)
             u8({1}); // no operation
-        headerEnd_ = bytes_.size();
+        return carries(ip.protocol);
+    }
+
+    /** An ethertype and an IPv6 header. */
+    Frame &ipv6(const Ipv6 &ip)
+    {
+        u16(0x86dd).u8({ip.version * 16u, 0, 0, 0}).u16(ip.payloadBytes).u8({ip.next, 64});
+        u16(0x2001).u16(0x0db8).zeros(11).u8({1});
+        u16(0x2001).u16(0x0db8).zeros(11).u8({2});
+        return carries(ip.next);
+    }
+
+    /** An extension header of so many bytes, whose length field has that value. */
+    Frame &extension(uint8_t next, unsigned length, size_t bytes = 8)
+    {
+        return u8({next, length}).zeros(bytes - 2).carries(next);
+    }
+
+    /** A fragment header; the offset counts eights of bytes. */
+    Frame &fragment(uint8_t next, unsigned offset, unsigned more)
+    {
+        return u8({next, 0}).u16(offset << 3 | more).zeros(4).carries(next);
+    }
+
+    /** What stands here is enough for a type, which more of the frame can make another. */
+    Frame &general(int type)
+    {
+        general_ = type;
+        generalFrom_ = bytes_.size();
         return *this;
     }
 
@@ -79,6 +116,12 @@ public:
     Frame &udp(unsigned source, unsigned destination)
     {
         return u16(source).u16(destination).decided().u16(8).u16(0);
+    }
+
+    /** A TCP header: two ports, and the rest of it. */
+    Frame &tcp(unsigned source, unsigned destination)
+    {
+        return u16(source).u16(destination).decided().zeros(8).u16(0x5002).zeros(6);
     }
 
     /** Padded to the shortest Ethernet frame. */
@@ -91,12 +134,20 @@ public:
 
     const std::vector<uint8_t> &bytes() const { return bytes_; }
     size_t decidedBy() const { return decided_; }
-    size_t ipv4End() const { return headerEnd_; }
+
+    /** The type of what is left when the frame is cut off before it is decided. */
+    int cutType(size_t length) const { return length < generalFrom_ ? CPD_NO_TYPE : general_; }
 
 private:
+    Frame &carries(uint8_t protocol)
+    {
+        return general(protocol == 2 ? CPD_IGMP : protocol == 6 ? CPD_TCP : CPD_NO_TYPE);
+    }
+
     std::vector<uint8_t> bytes_;
     size_t decided_ = 0;
-    size_t headerEnd_ = 0;
+    int general_ = CPD_NO_TYPE;
+    size_t generalFrom_ = 0;
 };
 
 #endif

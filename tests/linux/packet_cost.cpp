@@ -67,7 +67,19 @@ void measure()
 
     DataPlane plane;
     print("bare drop", nanoseconds(bare.get(), arp));
-    print("TCP, no type: passed", nanoseconds(plane.program(), tcp));
+    Frame udp(host);
+    udp.ipv4({.protocol = 17}).udp(40000, 50000).zeros(40);
+    Frame gre(host);
+    gre.ipv4({.protocol = 47}).zeros(40);
+    Frame options(host);
+    options.ipv6({.next = 0}).extension(60, 0).extension(17, 0).udp(40000, 123).zeros(40);
+
+    print("ethertype of no type: passed",
+          nanoseconds(plane.program(), Frame(host).u16(0x88b5).zeros(46)));
+    print("GRE, no type: passed", nanoseconds(plane.program(), gre));
+    print("UDP, no type: passed", nanoseconds(plane.program(), udp));
+    print("TCP, no entry: passed", nanoseconds(plane.program(), tcp));
+    print("IPv6, two extension headers, no entry: passed", nanoseconds(plane.program(), options));
     print("ARP, no entry: passed", nanoseconds(plane.program(), arp));
     print("DHCP, no entry: passed", nanoseconds(plane.program(), dhcp));
     auto e = entry(200, ZYN_HW_CAR_PPS);

@@ -1,6 +1,8 @@
 /**
  * The contract with the daemon, on ports of the test's own.
  */
+#include <algorithm>
+#include <array>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -327,11 +329,28 @@ TEST_F(PlatformOnWire, WrongCallsAreRefused)
     EXPECT_EQ(add(entry), EINVAL);
 }
 
+constexpr std::array<uint32_t, 11> noFrames = {33, 40, 42, 48, 49, 51, 53, 54, 55, 57, 58};
+
+TEST_F(PlatformOnWire, EntriesOfEveryTypeThatFramesAreOfAreProgrammed)
+{
+    ASSERT_EQ(start().result, 0);
+    for (uint32_t type = 0; type < 59; type++) {
+        if (std::find(noFrames.begin(), noFrames.end(), type) != noFrames.end())
+            continue;
+        auto entry = arpEntry(1);
+        entry.pktType = type;
+        EXPECT_EQ(add(entry), 0) << type;
+        EXPECT_EQ(remove(entry), 0) << type;
+        EXPECT_EQ(remove(entry), ENOENT) << type;
+    }
+}
+
 TEST_F(PlatformOnWire, WhatThisLayerCannotDoIsNotSupported)
 {
     ASSERT_EQ(start().result, 0);
     auto entry = arpEntry(1);
-    for (uint32_t type : {10u, 58u}) {
+    // No frame is of these types; 58 is no type of packets but all of them.
+    for (uint32_t type : noFrames) {
         entry.pktType = type;
         EXPECT_EQ(add(entry), ENOTSUP);
         EXPECT_EQ(remove(entry), ENOTSUP);

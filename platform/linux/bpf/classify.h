@@ -20,12 +20,50 @@
 #define VLAN_TAGS_MAX 2
 #define VLAN_STACKED 0x9100 /* outer tag before IEEE 802.1ad gave it 0x88a8 */
 #define LENGTH_MAX 1500     /* IEEE 802.3, 3.2.6: up to this it is a length, not an ethertype */
+
+#define ETHERTYPE_CFM 0x8902 /* IEEE 802.1Q, clause 21; ITU-T G.8013 */
+#define CFM_CCM 1            /* the first and the last operation code of IEEE 802.1Q, clause 21 */
+#define CFM_LTM 5
+#define CFM_RAPS 40 /* ITU-T G.8032 */
+#define SLOW_OAM 3  /* subtype of the slow protocols: IEEE 802.3, annex 57A */
+
 #define IPV4_HEADER_MIN 20
 #define IPV4_FRAGMENT_OFFSET 0x1fff
+#define IPV6_FRAGMENT_OFFSET 0xfff8
+#define IPV6_EXTENSIONS_MAX 6
+
+#define PROTOCOL_HOP_BY_HOP 0
+#define PROTOCOL_ICMP 1
 #define PROTOCOL_IGMP 2
+#define PROTOCOL_TCP 6
 #define PROTOCOL_UDP 17
-#define DHCP_SERVER_PORT 67 /* RFC 2131, 4.1 */
-#define DHCP_CLIENT_PORT 68
+#define PROTOCOL_ROUTING 43
+#define PROTOCOL_FRAGMENT 44
+#define PROTOCOL_AH 51
+#define PROTOCOL_ICMPV6 58
+#define PROTOCOL_DESTINATION_OPTIONS 60
+#define PROTOCOL_OSPF 89
+#define PROTOCOL_PIM 103
+#define PROTOCOL_VRRP 112
+
+#define PORT_FTP_DATA 20
+#define PORT_FTP 21
+#define PORT_TELNET 23
+#define PORT_DHCP_SERVER 67 /* RFC 2131, 4.1 */
+#define PORT_DHCP_CLIENT 68
+#define PORT_NTP 123
+#define PORT_SNMP 161
+#define PORT_SNMP_TRAP 162
+#define PORT_BGP 179
+#define PORT_RIP 520
+#define PORT_RIPNG 521
+#define PORT_DHCP6_CLIENT 546 /* RFC 8415, 7.2 */
+#define PORT_DHCP6_SERVER 547
+#define PORT_LDP 646
+#define PORT_BFD 3784      /* RFC 5881, 4 */
+#define PORT_BFD_ECHO 3785 /* RFC 5881, 4 */
+#define PORT_BFD_MULTIHOP 4784
+#define PORT_BFD_LAG 6784
 
 /* IGMP messages that tell of a host's membership: RFC 1112, RFC 2236, RFC 3376. */
 #define IGMP_V1_REPORT 0x12
@@ -33,11 +71,17 @@
 #define IGMP_V2_LEAVE 0x17
 #define IGMP_V3_REPORT 0x22
 
-#define LLC_BRIDGE 0x42 /* IEEE 802.1: bridge spanning tree protocol, also used by GARP */
-#define LLC_SNAP 0xaa
-#define LLC_UI 0x03
+/* DSAP, SSAP and control field of unnumbered information. */
+#define LLC_BRIDGE 0x424203 /* IEEE 802.1: spanning tree, also GARP */
+#define LLC_SNAP 0xaaaa03
+#define LLC_OSI 0xfefe03
+#define NLPID_ISIS 0x83 /* ISO/IEC 10589, clause 9 */
+
+#define OUI_UDLD 0x00000c
+#define OUI_EAPS 0x00e02b
 #define SNAP_PID_UDLD 0x0111 /* RFC 5171 */
 #define SNAP_PID_VTP 0x2003
+#define SNAP_PID_EAPS 0x00bb /* RFC 3619 */
 
 struct vlan_tag {
     __be16 tci;
@@ -68,9 +112,34 @@ struct ipv4_header {
     __be32 destination;
 };
 
+struct ipv6_header {
+    __u8 version;
+    __u8 label[3];
+    __be16 payload_length;
+    __u8 next_header;
+    __u8 hop_limit;
+    __u8 source[16];
+    __u8 destination[16];
+};
+
+/* The first eight bytes of an extension header: RFC 8200, 4; RFC 4302, 2. */
+struct extension_header {
+    __u8 next_header;
+    __u8 length; /* not in the fragment header */
+    __be16 fragment;
+    __u8 rest[4];
+};
+
 struct ports {
     __be16 source;
     __be16 destination;
+};
+
+/* What an IP header carries. */
+struct upper {
+    const void *at;
+    __u32 room; /* bytes that the packet says there are; 0 where they belong to a later fragment */
+    __u8 protocol;
 };
 
 static __always_inline int is_vlan(__be16 proto)
@@ -85,62 +154,69 @@ static __always_inline int same_address(const __u8 *a, const __u8 *b)
     return x[0] == y[0] && x[1] == y[1] && x[2] == y[2];
 }
 
-/* Group addresses of IEEE 802.1: 01:80:c2:00:00:xx. */
-static __always_inline int is_bridge_group(const __u8 *address, __u8 last)
+static __always_inline int is_address(const __u8 *address, __u16 high, __u16 middle, __u16 low)
 {
     const __u16 *a = (const __u16 *)address;
-    return a[0] == bpf_htons(0x0180) && a[1] == bpf_htons(0xc200) && a[2] == bpf_htons(last);
+    return a[0] == bpf_htons(high) && a[1] == bpf_htons(middle) && a[2] == bpf_htons(low);
 }
 
-/* 01:00:0c:cc:cc:cc, which UDLD and VTP share. */
-static __always_inline int is_snap_group(const __u8 *address)
+/* Bridge protocols go to group addresses of IEEE 802.1, 01:80:c2:00:00:xx. */
+static __always_inline int classify_bridge(const struct ethhdr *eth)
 {
-    const __u16 *a = (const __u16 *)address;
-    return a[0] == bpf_htons(0x0100) && a[1] == bpf_htons(0x0ccc) && a[2] == bpf_htons(0xcccc);
-}
-
-static __always_inline int classify_bridge(const struct ethhdr *eth, const struct llc_header *llc)
-{
-    if (llc->dsap != LLC_BRIDGE || llc->ssap != LLC_BRIDGE || llc->control != LLC_UI)
+    if (!is_address(eth->h_dest, 0x0180, 0xc200, eth->h_dest[5]))
         return CPD_NO_TYPE;
-    return eth->h_dest[5] == 0x00 ? CPD_STPCUSTOMER : CPD_GVRP;
-}
-
-static __always_inline int classify_snap(const struct llc_header *llc, const void *end,
-                                         __u32 length)
-{
-    const struct snap_header *snap = (const void *)(llc + 1);
-    if ((const void *)(snap + 1) > end || length < sizeof(*llc) + sizeof(*snap))
-        return CPD_NO_TYPE;
-    if (llc->dsap != LLC_SNAP || llc->ssap != LLC_SNAP || llc->control != LLC_UI)
-        return CPD_NO_TYPE;
-    if (snap->oui[0] != 0x00 || snap->oui[1] != 0x00 || snap->oui[2] != 0x0c)
-        return CPD_NO_TYPE;
-    switch (bpf_ntohs(snap->pid)) {
-    case SNAP_PID_UDLD: return CPD_UDLD;
-    case SNAP_PID_VTP: return CPD_VTP;
+    switch (eth->h_dest[5]) {
+    case 0x00: return CPD_STPCUSTOMER;
+    case 0x08: return CPD_STPPROVIDER;
+    case 0x21: return CPD_GVRP;
     default: return CPD_NO_TYPE;
     }
 }
 
-/* An IEEE 802.3 frame of the given length: an LLC header, and SNAP behind it. */
+static __always_inline int classify_snap(const struct ethhdr *eth, const void *next,
+                                         const void *end, __u32 length)
+{
+    const struct snap_header *snap = next;
+    if ((const void *)(snap + 1) > end || length < sizeof(*snap))
+        return CPD_NO_TYPE;
+    __u32 oui = snap->oui[0] << 16 | snap->oui[1] << 8 | snap->oui[2];
+    __u16 pid = bpf_ntohs(snap->pid);
+    if (oui == OUI_EAPS && pid == SNAP_PID_EAPS && is_address(eth->h_dest, 0x00e0, 0x2b00, 0x0004))
+        return CPD_EAPS;
+    if (oui != OUI_UDLD || !is_address(eth->h_dest, 0x0100, 0x0ccc, 0xcccc))
+        return CPD_NO_TYPE;
+    if (pid == SNAP_PID_UDLD)
+        return CPD_UDLD;
+    return pid == SNAP_PID_VTP ? CPD_VTP : CPD_NO_TYPE;
+}
+
+static __always_inline int classify_osi(const __u8 *nlpid, const void *end, __u32 length)
+{
+    if ((const void *)(nlpid + 1) > end || length < 1)
+        return CPD_NO_TYPE;
+    return *nlpid == NLPID_ISIS ? CPD_ISIS : CPD_NO_TYPE;
+}
+
+/* An IEEE 802.3 frame of the given length: an LLC header, and what it announces. */
 static __always_inline int classify_llc(const struct ethhdr *eth, const void *next, const void *end,
                                         __u32 length)
 {
     const struct llc_header *llc = next;
     if ((const void *)(llc + 1) > end || length < sizeof(*llc))
         return CPD_NO_TYPE;
-    if (is_bridge_group(eth->h_dest, 0x00) || is_bridge_group(eth->h_dest, 0x21))
-        return classify_bridge(eth, llc);
-    if (is_snap_group(eth->h_dest))
-        return classify_snap(llc, end, length);
-    return CPD_NO_TYPE;
+    length -= sizeof(*llc);
+    switch (llc->dsap << 16 | llc->ssap << 8 | llc->control) {
+    case LLC_BRIDGE: return classify_bridge(eth);
+    case LLC_SNAP: return classify_snap(eth, llc + 1, end, length);
+    case LLC_OSI: return classify_osi((const void *)(llc + 1), end, length);
+    default: return CPD_NO_TYPE;
+    }
 }
 
-/* IGMP, with what follows the IPv4 header (nothing that can be read: null). */
-static __always_inline int classify_igmp(const __u8 *message)
+static __always_inline int classify_igmp(const struct upper *ip, const void *end)
 {
-    if (!message)
+    const __u8 *message = ip->at;
+    if (ip->room < 1 || (const void *)(message + 1) > end)
         return CPD_IGMP;
     switch (*message) {
     case IGMP_V1_REPORT:
@@ -151,9 +227,82 @@ static __always_inline int classify_igmp(const __u8 *message)
     }
 }
 
-static __always_inline int is_dhcp_port(__be16 port)
+static __always_inline int tcp_service(__be16 port)
 {
-    return port == bpf_htons(DHCP_SERVER_PORT) || port == bpf_htons(DHCP_CLIENT_PORT);
+    switch (bpf_ntohs(port)) {
+    case PORT_FTP_DATA:
+    case PORT_FTP: return CPD_FTP;
+    case PORT_TELNET: return CPD_TELNET;
+    case PORT_BGP: return CPD_BGP;
+    case PORT_LDP: return CPD_LDP;
+    default: return CPD_TCP;
+    }
+}
+
+static __always_inline int classify_tcp(const struct upper *ip, const void *end)
+{
+    const struct ports *ports = ip->at;
+    if (ip->room < sizeof(*ports) || (const void *)(ports + 1) > end)
+        return CPD_TCP;
+    int type = tcp_service(ports->destination);
+    return type != CPD_TCP ? type : tcp_service(ports->source);
+}
+
+/* Services whose packets have their port at one end, whichever. */
+static __always_inline int udp_service(__be16 port, int v6)
+{
+    switch (bpf_ntohs(port)) {
+    case PORT_NTP: return v6 ? CPD_SNTP6 : CPD_NTP;
+    case PORT_SNMP:
+    case PORT_SNMP_TRAP: return CPD_SNMP;
+    case PORT_RIP: return v6 ? CPD_NO_TYPE : CPD_RIP;
+    case PORT_RIPNG: return v6 ? CPD_RIP6 : CPD_NO_TYPE;
+    case PORT_LDP: return CPD_LDP;
+    default: return CPD_NO_TYPE;
+    }
+}
+
+static __always_inline int udp_source(__be16 port, int v6)
+{
+    switch (bpf_ntohs(port)) {
+    case PORT_DHCP_CLIENT: return v6 ? CPD_NO_TYPE : CPD_DHCPCLIENT;
+    case PORT_DHCP_SERVER: return v6 ? CPD_NO_TYPE : CPD_DHCPSERVER;
+    case PORT_DHCP6_CLIENT:
+    case PORT_DHCP6_SERVER: return v6 ? CPD_DHCPSNOOPIP6 : CPD_NO_TYPE;
+    default: return udp_service(port, v6);
+    }
+}
+
+static __always_inline int udp_destination(__be16 port, int v6)
+{
+    switch (bpf_ntohs(port)) {
+    case PORT_DHCP_CLIENT:
+    case PORT_DHCP_SERVER: return v6 ? CPD_NO_TYPE : CPD_DHCPSNOOPIP;
+    case PORT_DHCP6_CLIENT: return v6 ? CPD_DHCP6REPLY : CPD_NO_TYPE;
+    case PORT_DHCP6_SERVER: return v6 ? CPD_DHCP6REQUEST : CPD_NO_TYPE;
+    case PORT_BFD:
+    case PORT_BFD_ECHO:
+    case PORT_BFD_MULTIHOP: return v6 ? CPD_BFD6 : CPD_BFD;
+    case PORT_BFD_LAG: return CPD_BFDETHER;
+    default: return udp_service(port, v6);
+    }
+}
+
+/* The destination says what a packet is; the source where that says nothing, and for DHCP, where
+ * it says from whom it is. */
+static __always_inline int classify_udp(const struct upper *ip, const void *end, int v6)
+{
+    const struct ports *ports = ip->at;
+    if (ip->room < sizeof(*ports) || (const void *)(ports + 1) > end)
+        return CPD_NO_TYPE;
+    int type = udp_destination(ports->destination, v6);
+    if (type == CPD_NO_TYPE)
+        return udp_source(ports->source, v6);
+    if (type != CPD_DHCPSNOOPIP)
+        return type;
+    if (ports->source == bpf_htons(PORT_DHCP_CLIENT))
+        return CPD_DHCPCLIENT;
+    return ports->source == bpf_htons(PORT_DHCP_SERVER) ? CPD_DHCPSERVER : CPD_DHCPSNOOPIP;
 }
 
 static __always_inline int classify_ipv4(const void *next, const void *end)
@@ -161,30 +310,120 @@ static __always_inline int classify_ipv4(const void *next, const void *end)
     const struct ipv4_header *ip = next;
     if ((const void *)(ip + 1) > end || ip->version_ihl >> 4 != 4)
         return CPD_NO_TYPE;
-    if (ip->protocol != PROTOCOL_UDP && ip->protocol != PROTOCOL_IGMP)
-        return CPD_NO_TYPE;
-
     __u32 header = (ip->version_ihl & 0x0f) * 4;
     __u32 total = bpf_ntohs(ip->total_length);
-    const __u8 *payload = (const __u8 *)next + header;
-    if (header < IPV4_HEADER_MIN || total < header || (const void *)payload > end)
+    struct upper up = {(const __u8 *)next + header, total - header, ip->protocol};
+    if (header < IPV4_HEADER_MIN || total < header || up.at > end)
         return CPD_NO_TYPE;
-    int first = !(ip->fragment & bpf_htons(IPV4_FRAGMENT_OFFSET));
+    if (ip->fragment & bpf_htons(IPV4_FRAGMENT_OFFSET))
+        up.room = 0;
 
-    if (ip->protocol == PROTOCOL_IGMP)
-        return classify_igmp(first && total > header && (const void *)(payload + 1) <= end ? payload
-                                                                                           : 0);
-    const struct ports *ports = (const void *)payload;
-    if (!first || total < header + sizeof(*ports) || (const void *)(ports + 1) > end)
-        return CPD_NO_TYPE;
-    return is_dhcp_port(ports->source) || is_dhcp_port(ports->destination) ? CPD_DHCPSNOOPIP
-                                                                           : CPD_NO_TYPE;
+    switch (up.protocol) {
+    case PROTOCOL_ICMP: return CPD_ICMP;
+    case PROTOCOL_IGMP: return classify_igmp(&up, end);
+    case PROTOCOL_TCP: return classify_tcp(&up, end);
+    case PROTOCOL_UDP: return classify_udp(&up, end, 0);
+    case PROTOCOL_OSPF: return CPD_OSPF;
+    case PROTOCOL_PIM: return CPD_PIM;
+    case PROTOCOL_VRRP: return CPD_VRRP;
+    default: return CPD_NO_TYPE;
+    }
 }
 
-/* A learning packet of adaptive load balancing goes from an address to itself. */
-static __always_inline int classify_loopback(const struct ethhdr *eth)
+static __always_inline int is_extension(__u8 protocol)
 {
-    return same_address(eth->h_dest, eth->h_source) ? CPD_ALB : CPD_NO_TYPE;
+    return protocol == PROTOCOL_HOP_BY_HOP || protocol == PROTOCOL_ROUTING ||
+           protocol == PROTOCOL_FRAGMENT || protocol == PROTOCOL_AH ||
+           protocol == PROTOCOL_DESTINATION_OPTIONS;
+}
+
+static __always_inline __u32 extension_size(__u8 protocol, __u8 length)
+{
+    if (protocol == PROTOCOL_FRAGMENT)
+        return sizeof(struct extension_header);
+    return protocol == PROTOCOL_AH ? (length + 2) * 4 : (length + 1) * 8;
+}
+
+/* Go past an extension header. Returns 0 when it is not all there. */
+static __always_inline int step_over(struct upper *up, const void *end)
+{
+    const struct extension_header *header = up->at;
+    if ((const void *)(header + 1) > end)
+        return 0;
+    __u32 size = extension_size(up->protocol, header->length);
+    if (size > up->room)
+        return 0;
+    up->room -= size;
+    up->at = (const __u8 *)up->at + size;
+    if (up->protocol == PROTOCOL_FRAGMENT && header->fragment & bpf_htons(IPV6_FRAGMENT_OFFSET))
+        up->room = 0;
+    up->protocol = header->next_header;
+    return up->at <= end;
+}
+
+static __always_inline int classify_ipv6(const void *next, const void *end)
+{
+    const struct ipv6_header *ip = next;
+    if ((const void *)(ip + 1) > end || ip->version >> 4 != 6)
+        return CPD_NO_TYPE;
+    struct upper up = {ip + 1, bpf_ntohs(ip->payload_length), ip->next_header};
+#pragma clang loop unroll(full)
+    for (int i = 0; i < IPV6_EXTENSIONS_MAX && is_extension(up.protocol); i++)
+        if (!step_over(&up, end))
+            return CPD_NO_TYPE;
+
+    switch (up.protocol) {
+    case PROTOCOL_TCP: return classify_tcp(&up, end);
+    case PROTOCOL_UDP: return classify_udp(&up, end, 1);
+    case PROTOCOL_ICMPV6: return CPD_ICMPV6;
+    case PROTOCOL_OSPF: return CPD_OSPF6;
+    case PROTOCOL_PIM: return CPD_PIM6;
+    case PROTOCOL_VRRP: return CPD_VRRP6;
+    default: return CPD_NO_TYPE;
+    }
+}
+
+/* Connectivity fault management; message is its common header: level and version, then the code. */
+static __always_inline int classify_cfm(const struct ethhdr *eth, const __u8 *message,
+                                        const void *end)
+{
+    if ((const void *)(message + 2) > end)
+        return CPD_Y1731;
+    if (message[1] >= CFM_CCM && message[1] <= CFM_LTM)
+        return CPD_OAM;
+    int ring = is_address(eth->h_dest, 0x0119, 0xa700, eth->h_dest[5]);
+    return message[1] == CFM_RAPS && ring ? CPD_ERP : CPD_Y1731;
+}
+
+static __always_inline int classify_slow(const __u8 *subtype, const void *end)
+{
+    return (const void *)(subtype + 1) <= end && *subtype == SLOW_OAM ? CPD_EFM : CPD_NO_TYPE;
+}
+
+/* By the ethertype, or length, behind the tags. */
+static __always_inline int classify_payload(const struct ethhdr *eth, __u16 proto, const void *next,
+                                            const void *end)
+{
+    switch (proto) {
+    case ETH_P_IP: return classify_ipv4(next, end);
+    case ETH_P_ARP: return CPD_ARP;
+    case ETH_P_IPV6: return classify_ipv6(next, end);
+    case ETH_P_SLOW: return classify_slow(next, end);
+    case ETH_P_MPLS_UC:
+    case ETH_P_MPLS_MC: return CPD_MPLS;
+    case ETH_P_PPP_DISC: return CPD_PPPOE;
+    case ETH_P_PAE: return CPD_DOT1X;
+    case ETH_P_LLDP: return CPD_LLDP;
+    case ETHERTYPE_CFM: return classify_cfm(eth, next, end);
+    /* A learning packet of adaptive load balancing goes from an address to itself. */
+    case ETH_P_LOOPBACK: return same_address(eth->h_dest, eth->h_source) ? CPD_ALB : CPD_LOOPBACK;
+    case ETH_P_LOOP: /* what learning packets bore before; also a length */
+        if (same_address(eth->h_dest, eth->h_source))
+            return CPD_ALB;
+        break;
+    default: break;
+    }
+    return proto > LENGTH_MAX ? CPD_NO_TYPE : classify_llc(eth, next, end, proto);
 }
 
 static __always_inline int classify(const void *data, const void *end)
@@ -193,6 +432,8 @@ static __always_inline int classify(const void *data, const void *end)
     const void *next = eth + 1;
     if (next > end)
         return CPD_NO_TYPE;
+    if (is_address(eth->h_dest, 0x0100, 0x0ccd, 0xcdd0))
+        return CPD_BPDUTUNNEL;
     __be16 proto = eth->h_proto;
 
 #pragma clang loop unroll(full)
@@ -203,18 +444,7 @@ static __always_inline int classify(const void *data, const void *end)
         proto = tag->proto;
         next = tag + 1;
     }
-
-    switch (bpf_ntohs(proto)) {
-    case ETH_P_IP: return classify_ipv4(next, end);
-    case ETH_P_ARP: return CPD_ARP;
-    case ETH_P_PAE: return CPD_DOT1X;
-    case ETH_P_LOOP: /* what learning packets bore before ETH_P_LOOPBACK */
-    case ETH_P_LOOPBACK: return classify_loopback(eth);
-    default: break;
-    }
-    if (bpf_ntohs(proto) > LENGTH_MAX)
-        return CPD_NO_TYPE;
-    return classify_llc(eth, next, end, bpf_ntohs(proto));
+    return classify_payload(eth, bpf_ntohs(proto), next, end);
 }
 
 #endif

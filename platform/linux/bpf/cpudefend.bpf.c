@@ -83,6 +83,31 @@ static __always_inline void count(__u32 type, __u64 octets, int passed)
     }
 }
 
+static __always_inline int in_force(__u32 type)
+{
+    struct cpd_rule *rule = bpf_map_lookup_elem(&cpudefend_rules, &type);
+    return rule && *(volatile __u32 *)&rule->flags;
+}
+
+/* The type that stands in for one without an entry: DHCP snooping for the directions of DHCP. */
+static __always_inline int stand_in(int type)
+{
+    switch (type) {
+    case CPD_DHCPCLIENT:
+    case CPD_DHCPSERVER: return CPD_DHCPSNOOPIP;
+    case CPD_DHCP6REPLY:
+    case CPD_DHCP6REQUEST: return CPD_DHCPSNOOPIP6;
+    default: return CPD_NO_TYPE;
+    }
+}
+
+/* The type by which a frame is policed and counted. */
+static __always_inline int policed_as(int type)
+{
+    int other = stand_in(type);
+    return other != CPD_NO_TYPE && !in_force(type) && in_force(other) ? other : type;
+}
+
 /* Frames in several buffers are welcome: their headers are in the first. */
 SEC("xdp.frags")
 int cpudefend_xdp(struct xdp_md *ctx)
@@ -90,6 +115,7 @@ int cpudefend_xdp(struct xdp_md *ctx)
     int type = classify((const void *)(long)ctx->data, (const void *)(long)ctx->data_end);
     if (type == CPD_NO_TYPE)
         return XDP_PASS;
+    type = policed_as(type);
     __u64 octets = bpf_xdp_get_buff_len(ctx);
     int passed = admit(type, octets);
     count(type, octets, passed);

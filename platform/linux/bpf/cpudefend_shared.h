@@ -23,8 +23,75 @@ enum cpd_type {
     CPD_IGMP,
     CPD_ALB,
     CPD_DHCPSNOOPIP,
+    CPD_Y1731,
+    CPD_TELNET,
+    CPD_TCP,
+    CPD_FTP,
+    CPD_ICMP,
+    CPD_ICMPV6,
+    CPD_SNMP,
+    CPD_NTP,
+    CPD_BPDUTUNNEL,
+    CPD_OSPF,
+    CPD_OSPF6,
+    CPD_DHCPCLIENT,
+    CPD_DHCPSERVER,
+    CPD_DHCP6REPLY,
+    CPD_OAM,
+    CPD_DHCP6REQUEST,
+    CPD_RIP,
+    CPD_RIP6,
+    CPD_LDP,
+    CPD_MPLS,
+    CPD_BFD,
+    CPD_BFD6,
+    CPD_BGP,
+    CPD_SNTP,
+    CPD_SNTP6,
+    CPD_PIM,
+    CPD_PIM6,
+    CPD_VRRP,
+    CPD_VRRP6,
+    CPD_ERP,
+    CPD_DLIP,
+    CPD_STPPROVIDER,
+    CPD_ESR,
+    CPD_EAPS,
+    CPD_ISIS,
+    CPD_BFDETHER,
+    CPD_LOOPBACK,
+    CPD_EFM,
+    CPD_RLINK,
+    CPD_RTRUNK,
+    CPD_LLDP,
+    CPD_SGM,
+    CPD_PPPOE,
+    CPD_FLUSH,
+    CPD_ISS,
+    CPD_ISSSYNC,
+    CPD_DHCPSNOOPIP6,
+    CPD_DHCPSNOOPARP,
     CPD_TYPES /* how many there are */
 };
+
+/* Whether there are frames that the program takes for this type: not of those that have no
+ * published format, or one that another type has. */
+static inline int cpd_classified(__u32 type)
+{
+    switch (type) {
+    case CPD_SNTP:
+    case CPD_DLIP:
+    case CPD_ESR:
+    case CPD_RLINK:
+    case CPD_RTRUNK:
+    case CPD_SGM:
+    case CPD_FLUSH:
+    case CPD_ISS:
+    case CPD_ISSSYNC:
+    case CPD_DHCPSNOOPARP: return 0;
+    default: return type < CPD_TYPES;
+    }
+}
 
 /* The two policers that a rule may put in force, and what a token of each is. */
 enum cpd_kind {
