@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -365,6 +366,24 @@ TEST(DaemonService, ClientsThatHangUpAreSurvived)
         close(client);
     }
     expectServing();
+    EXPECT_TRUE(daemon.running());
+}
+
+TEST(DaemonService, AReaderOfItsMessagesThatGoesAwayDoesNotEndIt)
+{
+    int pipeEnds[2];
+    ASSERT_EQ(0, pipe2(pipeEnds, O_CLOEXEC));
+    DaemonProcess daemon({}, {}, "", pipeEnds[1]);
+    close(pipeEnds[0]);
+    const int fd = connectToDaemon();
+    ASSERT_GE(fd, 0);
+    const uint8_t tooLong[] = {0, 0, 0x10, 0}; // what is reported on standard error
+    ASSERT_EQ(static_cast<ssize_t>(sizeof tooLong),
+              send(fd, tooLong, sizeof tooLong, MSG_NOSIGNAL));
+    uint8_t none;
+    EXPECT_EQ(0, recv(fd, &none, sizeof none, 0));
+    close(fd);
+    EXPECT_EQ(1u, globalCount(CPUDEFEND_GLOBAL_USEPOLICYNUM));
     EXPECT_TRUE(daemon.running());
 }
 

@@ -91,8 +91,8 @@ bool readFully(int fd, void *buf, size_t len)
 } // namespace
 
 DaemonProcess::DaemonProcess(std::vector<std::string> args, std::map<std::string, std::string> env,
-                             const std::string &program)
-    : errFd_(openErrors())
+                             const std::string &program, int errFd)
+    : errFd_(errFd >= 0 ? errFd : openErrors())
 {
     pid_ = start(program, args, env, errFd_);
     const auto deadline = Clock::now() + std::chrono::seconds(20);

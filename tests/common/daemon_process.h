@@ -18,10 +18,11 @@ public:
     /**
      * @param args arguments; @param env variables added to the environment
      * @param program the executable; the daemon that this build made where nothing else is said
+     * @param errFd   takes its standard error, and is closed with the object; -1 for a file
      */
     explicit DaemonProcess(std::vector<std::string> args = {},
                            std::map<std::string, std::string> env = {},
-                           const std::string &program = "");
+                           const std::string &program = "", int errFd = -1);
     ~DaemonProcess();
     DaemonProcess(const DaemonProcess &) = delete;
     DaemonProcess &operator=(const DaemonProcess &) = delete;

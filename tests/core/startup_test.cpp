@@ -1,6 +1,7 @@
 // Start-up: the pools, what is made in which order, and what a failure leaves behind.
 #include <fcntl.h>
 #include <linux/netlink.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -367,9 +368,18 @@ struct SocketFailure {
 };
 
 static const SocketFailure socketFailures[] = {
-    {"socket", 0, -1, 0},     {"socket", 0, 0, 0},     {"bind", 0, -1, 1},
-    {"setsockopt", 0, -1, 1}, {"setsockopt", 0, 1, 1}, {"socket", 1, -1, 1},
-    {"socket", 1, 0, 1},      {"bind", 1, -1, 2},      {"listen", 0, -1, 2},
+    {"socket", 0, -1, 0},
+    {"socket", 0, 0, 0},
+    {"bind", 0, -1, 1},
+    {"setsockopt", 0, -1, 1},
+    {"setsockopt", 0, 1, 1},
+    {"socket", 1, -1, 1},
+    {"socket", 1, 0, 1},
+    {"bind", 1, -1, 2},
+    {"listen", 0, -1, 2},
+    // Beyond what select can wait for.
+    {"socket", 0, FD_SETSIZE, 0},
+    {"socket", 1, FD_SETSIZE, 1},
 };
 
 class SocketFailures : public StartUp, public testing::WithParamInterface<SocketFailure>
@@ -397,7 +407,7 @@ TEST_P(SocketFailures, AreSilentAndReleaseAllButTheSockets)
 static std::string title(const testing::TestParamInfo<SocketFailure> &failure)
 {
     const SocketFailure &row = failure.param;
-    const char *result = row.result < 0 ? "Minus1" : row.result > 0 ? "1" : "0";
+    const std::string result = row.result < 0 ? "Minus1" : std::to_string(row.result);
     return row.function + std::to_string(row.nth) + "Gives" + result;
 }
 
