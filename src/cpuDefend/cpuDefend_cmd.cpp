@@ -179,14 +179,12 @@ int32_t call(tRequest &req)
     }
     if (!valueFits(req))
         return CPUDEFEND_FAIL;
-    if (req.op == CMD_GET)
+    if (isGet(req))
         return table.get(&req.index, req.cmd, req.value);
     if (req.valueType == ADR_OCTETS && table.kind(req.cmd) == NM_ANY)
         req.cell.number = 0; // a reset looks at no value, but the standby card gets a number
-    switch (req.op) {
-    case CMD_SET: return table.set(&req.index, req.cmd, req.value);
-    default: return table.sync(&req.index, req.cmd, req.value);
-    }
+    const auto handler = req.op == CMD_SET ? table.set : table.sync;
+    return handler(&req.index, req.cmd, req.value);
 }
 
 void answerValue(tRequest &req)
