@@ -3,7 +3,8 @@
 //
 // An input is a row of packets of 88 bytes, the last one filled up with zeros: time to let pass
 // before it (in 10 ms), flags (see below), the interface unit in four bytes, an offset, a VLAN id
-// and the frame.
+// and the frame. With the top bit of the offset it comes in by the platform's hook, cut to as many
+// bytes as the VLAN id says.
 
 #include <string.h>
 
@@ -101,20 +102,62 @@ uint32_t unitOf(const uint8_t *row)
            static_cast<uint32_t>(row[4]) << 8 | row[5];
 }
 
-/** Hand over a copy of exactly 80 bytes, which must come back as it was. */
-void packet(const uint8_t *row, uint8_t flags)
+bool throughHook(const uint8_t *row)
 {
-    const auto frame = std::make_unique<uint8_t[]>(CPUDEFEND_PKTDATA_LEN);
-    memcpy(frame.get(), row + FRAME_AT, CPUDEFEND_PKTDATA_LEN);
-    const uint32_t before = gCpuDefend.useSrcTraceNum;
-    OsixTakeSem(gCpuDefend.cpuDefendSem, OSIX_WAIT_FOREVER);
+    return (row[6] & 0x80) != 0;
+}
+
+/** Of the frame of a row. The routine gets all that it may read, the hook any length. */
+uint32_t lengthOf(const uint8_t *row)
+{
+    return throughHook(row) && row[7] < CPUDEFEND_PKTDATA_LEN ? row[7] : CPUDEFEND_PKTDATA_LEN;
+}
+
+/** Give the hook a frame of @a length bytes. @return whether it did as it must */
+bool hook(const uint8_t *row, uint8_t *frame, uint32_t length)
+{
+    packet_rxpktinfo info{};
+    info.pkt_dataoffset = row[6] & 0x7F;
+    info.pkt_innervid = static_cast<uint16_t>(row[7] << 8 | row[6]);
+    info.pkt_outervid = static_cast<uint16_t>(~info.pkt_innervid);
+    const auto protocol = static_cast<uint16_t>(ethertypes[row[1] & TYPE]);
     const int32_t code =
-        cpuDefendSrcTracePktData(unitOf(row), ethertypes[flags & TYPE], frame.get(),
-                                 row[6] % CPUDEFEND_PKTDATA_LEN, row[7], row[6]);
+        cpuDefendSrcTracePkt(unitOf(row), protocol, &info, frame, static_cast<int32_t>(length));
+    const bool traced =
+        placed && !(row[1] & UNTRACED) && length > 0 && info.pkt_dataoffset < CPUDEFEND_PKTDATA_LEN;
+    return code == (traced ? 0 : -1);
+}
+
+/** Give the routine a frame of 80 bytes. @return whether it did as it must */
+bool routine(const uint8_t *row, const uint8_t *frame)
+{
+    const uint32_t before = gCpuDefend.useSrcTraceNum;
+    const int32_t code = cpuDefendSrcTracePktData(unitOf(row), ethertypes[row[1] & TYPE], frame,
+                                                  row[6] % CPUDEFEND_PKTDATA_LEN, row[7], row[6]);
+    return code == (placed && !(row[1] & UNTRACED) ? 0 : -1) &&
+           (code == 0 || gCpuDefend.useSrcTraceNum == before);
+}
+
+/** Hand over a copy of the frame, of exactly its length, which must come back as it was. */
+void packet(const uint8_t *row)
+{
+    const uint32_t length = lengthOf(row);
+    const auto frame = std::make_unique<uint8_t[]>(length);
+    memcpy(frame.get(), row + FRAME_AT, length);
+    OsixTakeSem(gCpuDefend.cpuDefendSem, OSIX_WAIT_FOREVER);
+    FUZZ_REQUIRE(throughHook(row) ? hook(row, frame.get(), length) : routine(row, frame.get()));
     OsixGiveSem(gCpuDefend.cpuDefendSem);
-    FUZZ_REQUIRE(code == (placed && !(flags & UNTRACED) ? 0 : -1));
-    FUZZ_REQUIRE(code == 0 || gCpuDefend.useSrcTraceNum == before);
-    FUZZ_REQUIRE(memcmp(frame.get(), row + FRAME_AT, CPUDEFEND_PKTDATA_LEN) == 0);
+    FUZZ_REQUIRE(memcmp(frame.get(), row + FRAME_AT, length) == 0);
+}
+
+/** What is recorded of VLANs that the hook cut has 12 bits; the routine's has 8. */
+void checkVlans()
+{
+    for (void *at = avl_first(&gCpuDefend.srcTraceList); at;
+         at = avl_next(&gCpuDefend.srcTraceList, at)) {
+        const auto *source = static_cast<const tCpuDefendSrcTraceEntry *>(at);
+        FUZZ_REQUIRE(source->innerVlan <= 0x0FFF && source->outerVlan <= 0x0FFF);
+    }
 }
 
 /** Tracing on or off for the two policies, the copies of packets too. */
@@ -141,7 +184,8 @@ void serve(const uint8_t *row)
     switchTracing(flags);
     if (flags & RESET)
         reset(flags);
-    packet(row, flags);
+    packet(row);
+    checkVlans();
     if (flags & WALK)
         walk(row[7]);
     fuzzCheckState();

@@ -95,6 +95,9 @@ def packet_seeds():
     yield row(tagged, SLOT | DATA, offset=18) * 5
     yield row(arp(), ARP | SLOT, offset=79) * 5
     yield row(ipv4(6, options=10), SLOT, offset=50) * 5
+    for offset, length in ((14, 42), (14, 80), (79, 80), (80, 80), (14, 0), (14, 13)):
+        yield row(arp(), ARP | SLOT | DATA, offset=0x80 | offset, last=length) * 5
+    yield row(tagged, SLOT | DATA, offset=0x80 | 18, last=46) * 5
     yield b"".join(row(arp(), ARP | SLOT, unit) * 4 for unit in (1, 0x80000000, 0x40000001, 3))
     yield b"".join(row(arp(), ARP | SLOT | WALK, unit, last=0x80) * 4 for unit in range(1, 6))
     yield row(arp(), ARP | SLOT) * 4 + row(arp(), ARP | SLOT | RESET) * 2

@@ -97,7 +97,7 @@ struct tCpuDefendCarPktEntry {
     uint32_t pktSrcTraceTotalNum;
     uint32_t pktSrcTraceNum;      /**< packets of the current window */
     uint32_t pktSrcTraceAlarmNum; /**< packets of the current window */
-    uint32_t pktPassNum;
+    uint32_t pktPassNum;          /**< as of the last cpuDefendHwCarCount, as the next */
     uint32_t pktDropNum;
     tCpuDefendPolicyEntry *policyEntry;
 };
@@ -162,7 +162,7 @@ struct tCpuDefendSystem {
     list_head slotFreeList;
     int32_t cmdSock; /**< management channel, listening */
     int32_t rtSock;  /**< netlink, link group */
-    int32_t pktSock; /**< never opened */
+    int32_t pktSock; /**< the platform's packets; 0 without a source of them */
     uint32_t maxPolicyNum;
     uint32_t maxUserDefinedNum;
     uint32_t maxCarPktNum;
@@ -186,6 +186,15 @@ struct tCpuDefendSystem {
     tCpuDefendCarPktEntry *carPktTable;
     tCpuDefendSrcTraceEntry *srcTraceTable;
     tCpuDefendSlotEntry *slotTable;
+    /* Of what is in no pool, as its number is not known at start-up. */
+    uint32_t useHwItemNum;      /**< held by the hardware */
+    uint32_t useLinkNum;        /**< ports that are there and in a slot */
+    uint32_t useBindingNum;     /**< of policies to places, as configured */
+    uint32_t useFollowedNum;    /**< the same, when cpuDefendFollow last saw to them */
+    uint32_t useWantedNum;      /**< what these stand for */
+    uint32_t hwChangeNum;       /**< policies programmed and removed */
+    uint32_t followedChangeNum; /**< the same, when cpuDefendFollow last saw to them */
+    uint8_t followsCards;       /**< 1 once a card has a slot's record */
 };
 
 extern tCpuDefendSystem gCpuDefend;
@@ -212,10 +221,16 @@ int32_t cpuDefendInit(uint32_t maxPolicyNumber, uint32_t maxSlotNumber);
 /** The event loop. Does not return. */
 [[noreturn]] void cpuDefenTask();
 
-/** Start the sampling timer, as the event loop does before its first turn. */
+/**
+ * What the event loop does before its first turn: start the sampling timer, open the platform's
+ * source of packets, look for cards.
+ */
 void cpuDefenTaskStart();
 
-/** One turn of the event loop: due timers, then at most one second's wait for a socket. */
+/**
+ * One turn of the event loop: due timers, then at most one second's wait for a socket, then what
+ * has come. Of packets a turn and a second take a limited number.
+ */
 void cpuDefenTaskTurn();
 
 /** Walk a buffer of netlink messages. @return 0 */
@@ -311,6 +326,24 @@ tSlotIndex cpuDefendSlotIndex(const tCpuDefendSlotEntry *pSlotEntry);
  *  result of programming the new policy, 0 without one */
 int32_t cpuDefendCpuRatControlSlotTimeOut(tCpuDefendSlotEntry *pSlotEntry);
 
+/* ---- Cards ---------------------------------------------------------------------------- */
+
+/**
+ * Ask the kernel for its links: records of slots are made and released as their ports are there.
+ * Asked again it mends what lost messages left.
+ */
+void cpuDefendCardStart();
+
+/** Take note of links coming and going. @param buf netlink messages; the last one may be cut */
+void cpuDefendCardNotify(const unsigned char *buf, int32_t len);
+
+/**
+ * Have the hardware hold what binding all that is bound afresh would program, and the policies'
+ * refCount say so. Does nothing until a card has a slot's record, nor on a slave card. What the
+ * hardware refuses is tried again when the bindings change or a policy is programmed or removed.
+ */
+void cpuDefendFollow();
+
 /* ---- Source tracing ------------------------------------------------------------------- */
 
 /** Close a counting window of the policy's CAR entries and open the next. @return 0 */
@@ -351,7 +384,15 @@ int32_t cpuDefendSrcTraceEntryDel(tCpuDefendSrcTraceEntry *pSrcTrace);
 int32_t cpuDefendSrcTracePktData(uint32_t ifUnit, uint32_t protocol, const unsigned char *buf,
                                  uint32_t offSet, uint16_t innervid, uint16_t outervid);
 
-/** Where a platform's packets come in. It does nothing yet. @return 0 */
+/**
+ * Where a platform's packets come in: each goes to cpuDefendSrcTracePktData.
+ * @param ifUnit    interface unit on which it arrived
+ * @param protocol  ethertype behind the VLAN tags
+ * @param rxpktInfo offset of the network header, and VLAN ids in the low 12 bits
+ * @param buf       the frame from its destination address on; what a short one lacks counts as 0
+ * @param length    readable bytes at @a buf
+ * @return its result; -1 also without a frame, and for an offset outside of what is looked at
+ */
 int32_t cpuDefendSrcTracePkt(uint32_t ifUnit, uint16_t protocol, packet_rxpktinfo *rxpktInfo,
                              unsigned char *buf, int32_t length);
 
@@ -373,6 +414,9 @@ int32_t cpuDefendHwAdd(tSlotIndex *pSlotIndex, tCpuDefendPolicyEntry *pPolicy);
  *         on a slave card
  */
 int32_t cpuDefendHwDel(tSlotIndex *pSlotIndex, const uint8_t *name, uint32_t nameLen);
+
+/** Add to the entry's counters what it has counted since, wherever it is programmed. */
+void cpuDefendHwCarCount(const tCpuDefendCarPktEntry *pCarPkt);
 
 /** Whether this card is the slave, which leaves the hardware to the master. */
 bool cpuDefendIsSlave();

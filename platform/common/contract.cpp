@@ -48,6 +48,20 @@ template <class Act> int32_t perform(Act act)
     return result != 0 ? result : act();
 }
 
+/* ---- Changes -------------------------------------------------------------------------- */
+
+uint32_t changeDepth; // changes that have begun and not ended
+
+/** A change as long as this lives; within another one it is a part of that. */
+class Change
+{
+public:
+    Change() { zynHwChangeBegin(); }
+    ~Change() { zynHwChangeEnd(); }
+    Change(const Change &) = delete;
+    Change &operator=(const Change &) = delete;
+};
+
 /* ---- What no hardware could do -------------------------------------------------------- */
 
 /** System 0 with slot 0 is the system itself and can't be addressed as a slot. */
@@ -91,6 +105,7 @@ int32_t carSet(const tSlotIndex *slot, bool add, const void *arg)
     auto *entry = static_cast<const tHwCpuDefendPktCarEntry *>(arg);
     if (!isCar(entry))
         return EINVAL;
+    Change change;
     return add ? layer::carAdd(slot, *entry) : layer::carDel(slot, *entry);
 }
 
@@ -114,7 +129,21 @@ int32_t aclSet(const tSlotIndex *slot, bool add, const layer::tAclSetting &acl)
 {
     if (!isTarget(slot) || !isAcl(acl))
         return EINVAL;
+    Change change;
     return add ? layer::aclAdd(slot, acl) : layer::aclDel(slot, acl);
+}
+
+int32_t carCount(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry *entry,
+                 layer::tCarCounts *counts)
+{
+    if (!isTarget(slot) || !isCar(entry))
+        return EINVAL;
+    return layer::carCount(slot, *entry, counts);
+}
+
+U_INT8 halves(uint64_t count)
+{
+    return {static_cast<uint32_t>(count >> 32), static_cast<uint32_t>(count)};
 }
 
 int32_t roleGet(uint32_t index, uint32_t id)
@@ -178,6 +207,24 @@ void journalPlace(const tPhyIfInfo *info)
     journalNumber("endType", info->endType);
     journalNumber("card", info->card);
     journalObjectEnd();
+}
+
+/** The members of what was counted; null without. */
+void journalCounts(const layer::tCarCounts *counts)
+{
+    static const struct {
+        const char *key;
+        uint64_t layer::tCarCounts::*count;
+    } members[] = {{"passPkt", &layer::tCarCounts::passPkt},
+                   {"dropPkt", &layer::tCarCounts::dropPkt},
+                   {"passOct", &layer::tCarCounts::passOct},
+                   {"dropOct", &layer::tCarCounts::dropOct}};
+    for (const auto &member : members) {
+        if (counts != nullptr)
+            journalCount(member.key, counts->*member.count);
+        else
+            journalNull(member.key);
+    }
 }
 
 bool isLevelName(uint32_t scalarId)
@@ -268,6 +315,39 @@ int32_t zynScalarSetApi(uint32_t index, uint32_t cmd, tHwApiFunc *func)
         journalFunc(func);
         void *entry = func != nullptr && isSystemCommand(func->hwCmd) ? func->arg : nullptr;
         journalCar("entry", static_cast<const tHwCpuDefendPktCarEntry *>(entry));
+        journalEnd(result);
+    }
+    return result;
+}
+
+void zynHwChangeBegin(void)
+{
+    if (changeDepth++ == 0)
+        layer::changeBegin();
+}
+
+void zynHwChangeEnd(void)
+{
+    if (changeDepth == 0)
+        return; // none has begun
+    if (--changeDepth == 0)
+        layer::changeEnd();
+}
+
+int32_t zynHwCarCount(const tSlotIndex *slot, tHwCpuDefendPktCarEntry *entry)
+{
+    layer::tCarCounts counts = {};
+    int32_t result = perform([&] { return carCount(slot, entry, &counts); });
+    if (result == 0) {
+        entry->PassPkt = halves(counts.passPkt);
+        entry->DropPkt = halves(counts.dropPkt);
+        entry->PassOct = halves(counts.passOct);
+        entry->DropOct = halves(counts.dropOct);
+    }
+    if (journalBegin("zynHwCarCount")) {
+        journalSlot("slot", slot);
+        journalCar("entry", entry);
+        journalCounts(result == 0 ? &counts : nullptr);
         journalEnd(result);
     }
     return result;

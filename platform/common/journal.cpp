@@ -187,6 +187,12 @@ void journalNumber(const char *key, int64_t number)
     print("%" PRId64, number);
 }
 
+void journalCount(const char *key, uint64_t count)
+{
+    putKey(key);
+    print("%" PRIu64, count);
+}
+
 void journalNull(const char *key)
 {
     putKey(key);

@@ -36,6 +36,7 @@ void journalObject(const char *key);
 void journalObjectEnd();
 
 void journalNumber(const char *key, int64_t number);
+void journalCount(const char *key, uint64_t count);
 void journalNull(const char *key);
 
 /** A hardware command or condition: by its name, or as a number when it has none. */

@@ -31,6 +31,22 @@ int32_t carDel(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry &entry) noe
 int32_t aclAdd(const tSlotIndex *slot, const tAclSetting &acl) noexcept;
 int32_t aclDel(const tSlotIndex *slot, const tAclSetting &acl) noexcept;
 
+/** Counters of an entry, each a number that only grows. */
+struct tCarCounts {
+    uint64_t passPkt;
+    uint64_t dropPkt;
+    uint64_t passOct;
+    uint64_t dropOct;
+};
+
+/** What the newest entry with these settings counted since this was last asked. */
+int32_t carCount(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry &entry,
+                 tCarCounts *counts) noexcept;
+
+/** The outermost change begins, or ends. A call outside of a change stands between the two. */
+void changeBegin() noexcept;
+void changeEnd() noexcept;
+
 /** Whether this card is the slave. */
 bool isSlave() noexcept;
 

@@ -90,6 +90,26 @@ enum {
 int32_t zynPlatformInit(char *const argv[]);
 
 /**
+ * A descriptor that turns readable when the layer has work of its own to do (a signal, a time
+ * that is up, a port that comes or goes); the event loop then calls zynPlatformRun.
+ * @return the descriptor, which stays the layer's, or -1 for a layer without such work
+ */
+int32_t zynPlatformFd(void);
+
+/** Do the work that is due; none is no error. It may end the process, when it was told to. */
+void zynPlatformRun(void);
+
+/**
+ * Begin a change: what is added and removed until its end is put in force together then, so that
+ * every packet is judged by all that was in force before, or by all that is after. Changes nest;
+ * the outermost one counts. A call outside of a change is one by itself.
+ */
+void zynHwChangeBegin(void);
+
+/** End a change. A layer that cannot put it in force says so on standard error. */
+void zynHwChangeEnd(void);
+
+/**
  * Add or remove a CAR entry of a slot.
  *
  * Entries form a multiset per slot. An added entry covers an older one of the same packet type;
@@ -111,6 +131,15 @@ int32_t zynHwSlotSet(const tSlotIndex *slot, uint32_t cmd, void *arg, int32_t fl
  * @param func  hwCmd HW_SYS_CPUDEFENDPKTCARADD or _DEL, arg the tHwCpuDefendPktCarEntry
  */
 int32_t zynScalarSetApi(uint32_t index, uint32_t cmd, tHwApiFunc *func);
+
+/**
+ * Take what the newest entry with these settings has counted while it was in force, since it was
+ * added or since this was last asked.
+ * @param slot  the slot, or null for the system as a whole
+ * @param entry the settings; receives PassPkt, DropPkt, PassOct and DropOct
+ * @return 0, or ENOENT when there is no such entry; the counters are then untouched
+ */
+int32_t zynHwCarCount(const tSlotIndex *slot, tHwCpuDefendPktCarEntry *entry);
 
 /**
  * Ask for a condition of this card.

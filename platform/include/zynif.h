@@ -47,6 +47,24 @@ struct packet_rxpktinfo {
     uint32_t pkt_flags;
 };
 
+/**
+ * Open the source of packets that reached the CPU, or were dropped on their way to it.
+ * @return a descriptor above 0 that turns readable when there are packets, and stays the layer's;
+ *         0 when the platform has no such source
+ */
+int32_t zynPktOpen(void);
+
+/**
+ * Take the next packet. Does not block.
+ * @param info     receives what is known of it
+ * @param protocol receives the ethertype behind the VLAN tags; 0 for a frame with a length there
+ * @param buf      receives the frame from its destination address on, zero-filled past its end
+ * @param size     bytes at @a buf
+ * @return the length of the frame in bytes, which may be more than @a size; 0 when there is none
+ */
+int32_t zynPktRecv(struct packet_rxpktinfo *info, uint16_t *protocol, unsigned char *buf,
+                   uint32_t size);
+
 #ifdef __cplusplus
 }
 static_assert(sizeof(packet_rxpktinfo) == 56);

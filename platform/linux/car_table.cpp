@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <tuple>
+#include <utility>
 
 namespace zynlinux
 {
@@ -24,27 +25,47 @@ bool sameSettings(const tHwCpuDefendPktCarEntry &a, const tHwCpuDefendPktCarEntr
 
 void CarTable::add(const tHwCpuDefendPktCarEntry &entry)
 {
-    entries_[entry.pktType].push_back(entry);
+    entries_[entry.pktType].push_back({entry, {}});
+}
+
+CarEntry *CarTable::find(const tHwCpuDefendPktCarEntry &entry)
+{
+    auto type = entries_.find(entry.pktType);
+    if (type == entries_.end())
+        return nullptr;
+    auto &list = type->second;
+    auto newest = std::find_if(list.rbegin(), list.rend(), [&](const CarEntry &each) {
+        return sameSettings(each.settings, entry);
+    });
+    return newest == list.rend() ? nullptr : &*newest;
 }
 
 bool CarTable::remove(const tHwCpuDefendPktCarEntry &entry)
 {
+    const CarEntry *newest = find(entry);
+    if (!newest)
+        return false;
     auto type = entries_.find(entry.pktType);
-    if (type == entries_.end())
-        return false;
-    auto &list = type->second;
-    auto newest = std::find_if(list.rbegin(), list.rend(),
-                               [&](const auto &each) { return sameSettings(each, entry); });
-    if (newest == list.rend())
-        return false;
-    list.erase(std::next(newest).base());
+    type->second.erase(type->second.begin() + (newest - type->second.data()));
+    if (type->second.empty())
+        entries_.erase(type);
     return true;
 }
 
-const tHwCpuDefendPktCarEntry *CarTable::inForce(uint32_t pktType) const
+const CarEntry *CarTable::inForce(uint32_t pktType) const
 {
     auto type = entries_.find(pktType);
-    return type == entries_.end() || type->second.empty() ? nullptr : &type->second.back();
+    return type == entries_.end() ? nullptr : &type->second.back();
+}
+
+CarEntry *CarTable::inForce(uint32_t pktType)
+{
+    return const_cast<CarEntry *>(std::as_const(*this).inForce(pktType));
+}
+
+bool CarTable::empty() const
+{
+    return entries_.empty();
 }
 
 } // namespace zynlinux

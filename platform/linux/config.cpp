@@ -23,6 +23,10 @@ constexpr std::array<std::pair<const char *, Mode>, 3> modes = {
     {{"auto", Mode::Auto}, {"native", Mode::Native}, {"generic", Mode::Generic}}};
 constexpr std::array<std::pair<const char *, Role>, 2> roles = {
     {{"master", Role::Master}, {"slave", Role::Slave}}};
+constexpr std::array<std::pair<const char *, OnStop>, 2> stops = {
+    {{"remove", OnStop::Remove}, {"leave", OnStop::Leave}}};
+constexpr std::array<std::pair<const char *, AclFamily>, 2> families = {
+    {{"ipv4", AclFamily::Ipv4}, {"ipv6", AclFamily::Ipv6}}};
 
 /** One file being read: knows its name for the messages. */
 class Reader
@@ -41,11 +45,19 @@ public:
 private:
     void readKey(Config &config, const toml::key &key, const toml::node &value) const;
     std::string readString(const std::string &key, const toml::node &value) const;
-    uint32_t readNumber(const std::string &key, const toml::node &value) const;
+    uint32_t readNumber(const std::string &key, const toml::node &value, uint32_t low,
+                        uint32_t high) const;
+    std::string readPin(const toml::node &value) const;
     void readPorts(Config &config, const PortConfig &place, const toml::node &value) const;
     void checkPort(const Config &config, const std::string &port, const toml::node &at) const;
     void readSlots(Config &config, const toml::node &value) const;
     void readSlot(Config &config, const toml::table &slot) const;
+    void checkSlot(const Config &config, const PortConfig &place, const toml::table &slot) const;
+    void readAcls(Config &config, const toml::node &value) const;
+    AclList readAcl(const toml::table &table) const;
+    std::vector<AclRule> readRules(AclFamily family, const toml::node &value) const;
+    AclRule readRule(AclFamily family, const toml::node &value) const;
+    const toml::node &need(const toml::table &table, const char *key) const;
     [[noreturn]] void failUnknown(const toml::key &key) const;
 
     template <class Table>
@@ -71,12 +83,24 @@ std::string Reader::readString(const std::string &key, const toml::node &value) 
     fail(value.source(), key + " is not a string");
 }
 
-uint32_t Reader::readNumber(const std::string &key, const toml::node &value) const
+uint32_t Reader::readNumber(const std::string &key, const toml::node &value, uint32_t low,
+                            uint32_t high) const
 {
     auto number = value.value_exact<int64_t>();
-    if (number && *number >= 0 && *number <= UINT32_MAX)
+    if (number && *number >= low && *number <= high)
         return static_cast<uint32_t>(*number);
-    fail(value.source(), key + " is not a number from 0 to 4294967295");
+    fail(value.source(),
+         key + " is not a number from " + std::to_string(low) + " to " + std::to_string(high));
+}
+
+std::string Reader::readPin(const toml::node &value) const
+{
+    std::string folder = readString("pin", value);
+    if (folder == "none")
+        return {};
+    if (!folder.starts_with('/') || folder.find('\0') != std::string::npos)
+        fail(value.source(), "pin is \"" + folder + "\", not a folder from / on or \"none\"");
+    return folder;
 }
 
 void Reader::checkPort(const Config &config, const std::string &port, const toml::node &at) const
@@ -101,29 +125,29 @@ void Reader::readPorts(Config &config, const PortConfig &place, const toml::node
     }
 }
 
-void Reader::readSlot(Config &config, const toml::table &slot) const
+void Reader::checkSlot(const Config &config, const PortConfig &place, const toml::table &slot) const
 {
-    PortConfig place;
-    const toml::node *ports = nullptr;
-    for (const auto &[key, value] : slot) {
-        if (key == "sys")
-            place.sys = readNumber("sys", value);
-        else if (key == "slot")
-            place.slot = readNumber("slot", value);
-        else if (key == "ports")
-            ports = &value;
-        else
-            failUnknown(key);
-    }
     if (place.sys == 0 && place.slot == 0)
         fail(slot.source(), "slot 0 of system 0 is the system itself, not a slot");
     for (const PortConfig &before : config.ports)
         if (before.sys == place.sys && before.slot == place.slot)
             fail(slot.source(), "slot " + std::to_string(place.slot) + " of system " +
                                     std::to_string(place.sys) + " stands there twice");
-    if (!ports)
-        fail(slot.source(), "no key \"ports\"");
-    readPorts(config, place, *ports);
+}
+
+void Reader::readSlot(Config &config, const toml::table &slot) const
+{
+    PortConfig place;
+    for (const auto &[key, value] : slot) {
+        if (key == "sys")
+            place.sys = readNumber("sys", value, 0, slotNumberMax);
+        else if (key == "slot")
+            place.slot = readNumber("slot", value, 0, slotNumberMax);
+        else if (key != "ports")
+            failUnknown(key);
+    }
+    checkSlot(config, place, slot);
+    readPorts(config, place, need(slot, "ports"));
 }
 
 void Reader::readSlots(Config &config, const toml::node &value) const
@@ -131,8 +155,63 @@ void Reader::readSlots(Config &config, const toml::node &value) const
     const toml::array *array = value.as_array();
     if (!array || !array->is_homogeneous<toml::table>())
         fail(value.source(), "slot is not written as [[slot]]");
+    if (array->size() > slotsMax)
+        fail((*array)[slotsMax].source(), "more than " + std::to_string(slotsMax) + " slots");
     for (const toml::node &element : *array)
         readSlot(config, *element.as_table());
+}
+
+AclRule Reader::readRule(AclFamily family, const toml::node &value) const
+try {
+    return parseAclRule(readString("a rule", value), family);
+} catch (const AclError &error) {
+    fail(value.source(), error.what());
+}
+
+std::vector<AclRule> Reader::readRules(AclFamily family, const toml::node &value) const
+{
+    const toml::array *array = value.as_array();
+    if (!array || array->empty())
+        fail(value.source(), "rules is not a list of at least one rule");
+    if (array->size() > aclRulesMax)
+        fail((*array)[aclRulesMax].source(),
+             "more than " + std::to_string(aclRulesMax) + " rules in an ACL");
+    std::vector<AclRule> rules;
+    for (const toml::node &element : *array)
+        rules.push_back(readRule(family, element));
+    return rules;
+}
+
+const toml::node &Reader::need(const toml::table &table, const char *key) const
+{
+    if (const toml::node *value = table.get(key))
+        return *value;
+    fail(table.source(), std::string("no key \"") + key + "\"");
+}
+
+AclList Reader::readAcl(const toml::table &table) const
+{
+    for (const auto &[key, value] : table)
+        if (key != "number" && key != "family" && key != "rules")
+            failUnknown(key);
+    AclList list;
+    list.number = static_cast<uint16_t>(readNumber("number", need(table, "number"), 1, UINT16_MAX));
+    list.family = readChoice("family", need(table, "family"), families);
+    list.rules = readRules(list.family, need(table, "rules"));
+    return list;
+}
+
+void Reader::readAcls(Config &config, const toml::node &value) const
+{
+    const toml::array *array = value.as_array();
+    if (!array || !array->is_homogeneous<toml::table>())
+        fail(value.source(), "acl is not written as [[acl]]");
+    for (const toml::node &element : *array) {
+        AclList list = readAcl(*element.as_table());
+        uint16_t number = list.number;
+        if (!config.acls.emplace(number, std::move(list)).second)
+            fail(element.source(), "acl " + std::to_string(number) + " stands there twice");
+    }
 }
 
 void Reader::failUnknown(const toml::key &key) const
@@ -150,6 +229,14 @@ void Reader::readKey(Config &config, const toml::key &key, const toml::node &val
         config.mode = readChoice("mode", value, modes);
     else if (key == "role")
         config.role = readChoice("role", value, roles);
+    else if (key == "pin")
+        config.pin = readPin(value);
+    else if (key == "grace")
+        config.grace = readNumber("grace", value, 0, graceMax);
+    else if (key == "on_stop")
+        config.onStop = readChoice("on_stop", value, stops);
+    else if (key == "acl")
+        readAcls(config, value);
     else
         failUnknown(key);
 }

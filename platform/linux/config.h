@@ -5,9 +5,12 @@
 #define ZYNLINUX_CONFIG_H
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "acl.h"
 
 namespace zynlinux
 {
@@ -21,6 +24,13 @@ enum class Mode {
 
 enum class Role { Master, Slave };
 
+/** What becomes of the protection when the daemon is told to stop. */
+enum class OnStop { Remove, Leave };
+
+constexpr uint32_t slotNumberMax = 255; /**< of a system and of a slot: the daemon keeps 8 bits */
+constexpr size_t slotsMax = 31;
+constexpr uint32_t graceMax = 86400;
+
 /** A protected port and its place in the chassis. */
 struct PortConfig {
     std::string name;
@@ -32,6 +42,10 @@ struct Config {
     std::vector<PortConfig> ports; /**< at least one, no name twice */
     Mode mode = Mode::Auto;
     Role role = Role::Master;
+    std::string pin = "/sys/fs/bpf/cpudefend"; /**< folder of what is pinned; empty: nothing is */
+    uint32_t grace = 60; /**< seconds until what is not bound again after a start is dropped */
+    OnStop onStop = OnStop::Remove;
+    std::map<uint16_t, AclList> acls; /**< by number */
 };
 
 /**

@@ -19,7 +19,7 @@ bool isCounters(int map)
     uint32_t size = sizeof info;
     return bpf_obj_get_info_by_fd(map, &info, &size) == 0 &&
            std::strcmp(info.name, countersMapName) == 0 && info.type == BPF_MAP_TYPE_PERCPU_ARRAY &&
-           info.max_entries == CPD_TYPES && info.value_size == sizeof(cpd_counters);
+           info.max_entries == CPD_STATS && info.value_size == sizeof(cpd_stats);
 }
 
 /** Ids of the maps that a program uses. */
@@ -61,19 +61,37 @@ Descriptor findCounters(const char *port)
     return Descriptor();
 }
 
-std::vector<cpd_counters> readCounters(int map)
+namespace
 {
-    int cpus = libbpf_num_possible_cpus();
-    if (cpus < 1)
-        return {};
-    std::vector<cpd_counters> perCpu(static_cast<size_t>(cpus));
+
+/** Sum one element over the CPUs. @return false when it cannot be read */
+bool readSum(int map, uint32_t key, cpd_counters *sum)
+{
+    static const int cpus = std::max(1, libbpf_num_possible_cpus());
+    std::vector<cpd_stats> perCpu(static_cast<size_t>(cpus));
+    *sum = {};
+    if (bpf_map_lookup_elem(map, &key, perCpu.data()) != 0)
+        return false;
+    for (const cpd_stats &cpu : perCpu)
+        *sum += cpu.counters;
+    return true;
+}
+
+} // namespace
+
+cpd_counters readCounters(int map, uint32_t target, uint32_t type)
+{
+    cpd_counters sum;
+    readSum(map, cpd_stats_index(target, static_cast<int>(type)), &sum);
+    return sum;
+}
+
+std::vector<cpd_counters> readCounters(int map, uint32_t target)
+{
     std::vector<cpd_counters> sums(CPD_TYPES);
-    for (uint32_t type = 0; type < CPD_TYPES; type++) {
-        if (bpf_map_lookup_elem(map, &type, perCpu.data()) != 0)
+    for (uint32_t type = 0; type < CPD_TYPES; type++)
+        if (!readSum(map, cpd_stats_index(target, static_cast<int>(type)), &sums[type]))
             return {};
-        for (const cpd_counters &cpu : perCpu)
-            sums[type] += cpu;
-    }
     return sums;
 }
 

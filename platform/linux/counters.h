@@ -24,11 +24,15 @@ constexpr char countersMapName[] = "cpudefend_stats";
 Descriptor findCounters(const char *port);
 
 /**
- * Read them, summed over the CPUs.
- * @param map DataPlane::counters() or the result of findCounters
- * @return CPD_TYPES records by packet type; empty when that failed (errno says why)
+ * Read those of one packet type, summed over the CPUs.
+ * @param map    DataPlane::counters() or the result of findCounters
+ * @param target 0 for the system, else a slot's number
+ * @return all 0 when that failed
  */
-std::vector<cpd_counters> readCounters(int map);
+cpd_counters readCounters(int map, uint32_t target, uint32_t type);
+
+/** Read those of all packet types. @return CPD_TYPES records; empty when that failed */
+std::vector<cpd_counters> readCounters(int map, uint32_t target = 0);
 
 } // namespace zynlinux
 

@@ -1,22 +1,19 @@
 #include "dataplane.h"
 
-#include <atomic>
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <net/if.h>
+#include <set>
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
-#include <linux/if_link.h>
 
 #include "cpudefend.skel.h"
 #include "failure.h"
-#include "policer_settings.h"
 
 namespace zynlinux
 {
@@ -27,6 +24,8 @@ namespace
 /** The end of what the BPF library had to say: kept back, and shown only with a failure. */
 std::string libraryLog;
 constexpr size_t libraryLogMax = 4096; // the verifier alone can fill megabytes
+
+constexpr uint64_t samplesPerSecond = 10'000; // of a packet type, on a CPU
 
 __attribute__((format(printf, 2, 0))) int keepLog(libbpf_print_level level, const char *format,
                                                   va_list arguments)
@@ -48,44 +47,39 @@ Failure loadFailure(int error)
     return Failure("load the packet program into the kernel", reason + "\n" + libraryLog);
 }
 
-/** Elements of a map that user space shares with the program. */
-template <class Element> Element *share(bpf_map *map)
+/** Samples for each of the kernel's ticks, whose length the coarse clock's resolution tells. */
+uint32_t samplesPerTick()
 {
-    size_t size = sizeof(Element) * bpf_map__max_entries(map);
-    void *memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, bpf_map__fd(map), 0);
-    if (memory == MAP_FAILED)
-        throw Failure(std::string("share the map ") + bpf_map__name(map), errno);
-    return static_cast<Element *>(memory);
+    timespec tick{};
+    clock_getres(CLOCK_MONOTONIC_COARSE, &tick);
+    auto ns = static_cast<uint64_t>(tick.tv_nsec);
+    return std::max<uint32_t>(1, static_cast<uint32_t>(samplesPerSecond * ns / 1'000'000'000));
 }
 
-template <class Element> void unshare(Element *elements)
+constexpr char infoName[] = "cpudefend_info";
+constexpr uint32_t onlyElement = 0;
+
+/** Whether maps lie pinned that this program can go on with. */
+bool canTakeOver(const PinFolder &pins)
 {
-    if (elements)
-        munmap(elements, sizeof(Element) * CPD_TYPES);
+    Descriptor map = pins.open(infoName);
+    auto info = std::make_unique<cpd_info>();
+    bpf_map_info shape{};
+    uint32_t size = sizeof shape;
+    return map.get() >= 0 && bpf_obj_get_info_by_fd(map.get(), &shape, &size) == 0 &&
+           shape.value_size == sizeof *info &&
+           bpf_map_lookup_elem(map.get(), &onlyElement, info.get()) == 0 &&
+           info->layout == CPD_LAYOUT && info->size == sizeof *info;
 }
 
-/** Attach the program in the port's mode. @return 0 or an errno value */
-int link(Port &port, int program)
+void check(int result, const char *what)
 {
-    LIBBPF_OPTS(bpf_link_create_opts, options);
-    options.flags = port.mode == Mode::Native ? XDP_FLAGS_DRV_MODE : XDP_FLAGS_SKB_MODE;
-    int fd = bpf_link_create(program, static_cast<int>(port.ifindex), BPF_XDP, &options);
-    if (fd < 0)
-        return errno;
-    port.link = Descriptor(fd);
-    return 0;
+    if (result != 0)
+        throw Failure(what, errno);
 }
 
-std::string attachReason(int error)
-{
-    if (error == EBUSY || error == EEXIST)
-        return "another XDP program is on it";
-    if (error == EOPNOTSUPP)
-        return "its driver does not have it";
-    return std::strerror(error);
-}
+} // namespace
 
-/** The clock of bpf_ktime_get_ns. */
 uint64_t monotonicNow()
 {
     timespec now;
@@ -93,80 +87,161 @@ uint64_t monotonicNow()
     return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
 }
 
-/** The policers that an entry puts in force. */
-uint32_t policersOf(const tHwCpuDefendPktCarEntry &entry)
-{
-    uint32_t flags = 0;
-    if (entry.res & (ZYN_HW_CAR_CIR | ZYN_HW_CAR_CBS))
-        flags |= CPD_RULE_BYTES;
-    if (entry.res & ZYN_HW_CAR_PPS || flags == 0)
-        flags |= CPD_RULE_PACKETS;
-    return flags;
-}
-
-} // namespace
-
-DataPlane::DataPlane() : skeleton_(nullptr, cpudefend_bpf__destroy)
+DataPlane::DataPlane(const PinFolder &pins)
+    : skeleton_(nullptr, cpudefend_bpf__destroy), info_(std::make_unique<cpd_info>())
 {
     libraryLog.clear();
     libbpf_set_print(keepLog);
-    skeleton_.reset(cpudefend_bpf__open_and_load());
-    if (!skeleton_)
-        throw loadFailure(errno);
-    rules_ = share<cpd_rule>(skeleton_->maps.cpudefend_rules);
-    states_ = share<cpd_state>(skeleton_->maps.cpudefend_state);
+    takenOver_ = canTakeOver(pins);
+    if (!takenOver_) // of another layout, or left half done: its links still hold what it needs
+        for (const std::string &name : pins.names("cpudefend_"))
+            pins.unpin(name);
+    load(pins);
+
+    bpf_map *meter = skeleton_->maps.cpudefend_meter;
+    void *memory = mmap(nullptr, sizeof(cpd_policer) * CPD_POLICERS, PROT_READ | PROT_WRITE,
+                        MAP_SHARED, bpf_map__fd(meter), 0);
+    if (memory == MAP_FAILED)
+        throw Failure("share the policers with the packet program", errno);
+    policers_ = static_cast<cpd_policer *>(memory);
+
+    int info = bpf_map__fd(skeleton_->maps.cpudefend_info);
+    if (takenOver_) {
+        check(bpf_map_lookup_elem(info, &onlyElement, info_.get()), "read what was left pinned");
+        return;
+    }
+    info_->layout = CPD_LAYOUT;
+    info_->size = sizeof *info_;
+    info_->targets[0].used = 1;
+    saveInfo();
 }
 
 DataPlane::~DataPlane()
 {
-    unshare(rules_);
-    unshare(states_);
+    if (policers_)
+        munmap(policers_, sizeof(cpd_policer) * CPD_POLICERS);
 }
 
-const Port &DataPlane::attach(const std::string &name, Mode mode)
+void DataPlane::load(const PinFolder &pins)
 {
-    uint32_t ifindex = if_nametoindex(name.c_str());
-    if (ifindex == 0)
-        throw Failure("protect port " + name, errno);
-
-    Port port{name, ifindex, mode == Mode::Auto ? Mode::Native : mode, {}, Descriptor()};
-    int error = link(port, program());
-    if (error != 0 && mode == Mode::Auto && error != EBUSY && error != EEXIST) {
-        port.mode = Mode::Generic;
-        port.whyGeneric = attachReason(error);
-        error = link(port, program());
+    skeleton_.reset(cpudefend_bpf__open());
+    if (!skeleton_)
+        throw loadFailure(errno);
+    skeleton_->rodata->samples_per_tick = samplesPerTick();
+    bpf_map *map;
+    bpf_object__for_each_map(map, skeleton_->obj)
+    {
+        std::string name = bpf_map__name(map);
+        if (pins.pins() && name.starts_with("cpudefend_"))
+            check(bpf_map__set_pin_path(map, pins.path(name).c_str()), "name a pinned map");
     }
-    if (error != 0)
-        throw Failure("protect port " + name + " in " + modeName(port.mode) + " mode",
-                      attachReason(error));
-    ports_.push_back(std::move(port));
-    return ports_.back();
+    if (int error = cpudefend_bpf__load(skeleton_.get()))
+        throw loadFailure(-error);
 }
 
-void DataPlane::setPolicer(uint32_t type, cpd_kind kind, const cpd_settings &settings)
+void DataPlane::saveInfo()
 {
-    std::atomic_ref<__u64> word(states_[type].word[kind]);
-    cpd_settings *sets = rules_[type].settings[kind];
-    __u64 seen = word.load();
-    const cpd_settings before = sets[seen & 1];
-    // Packets are judged by the set that the word's turn selects, so the other one is free.
-    sets[~seen & 1] = settings;
-    while (!word.compare_exchange_weak(seen, carryOver(seen, before, settings, monotonicNow()))) {
+    check(bpf_map_update_elem(bpf_map__fd(skeleton_->maps.cpudefend_info), &onlyElement,
+                              info_.get(), BPF_ANY),
+          "keep what the next daemon has to know");
+}
+
+int DataPlane::newPolicy(const cpd_policy &policy) const
+{
+    int map = bpf_map_create(BPF_MAP_TYPE_ARRAY, "cpudefend_rule", sizeof(uint32_t),
+                             sizeof(cpd_policy), 1, nullptr);
+    if (map < 0)
+        throw Failure("make room for a policy in the kernel", errno);
+    Descriptor made(map);
+    check(bpf_map_update_elem(map, &onlyElement, &policy, BPF_ANY), "hand a policy to the kernel");
+    return made.release();
+}
+
+void DataPlane::replace(const std::map<uint32_t, const cpd_policy *> &policies)
+{
+    int rules = bpf_map__fd(skeleton_->maps.cpudefend_rules);
+    std::vector<uint32_t> targets;
+    std::vector<int> maps;
+    std::vector<Descriptor> owned;
+    for (const auto &[target, policy] : policies) {
+        if (!policy)
+            continue;
+        owned.emplace_back(newPolicy(*policy));
+        targets.push_back(target);
+        maps.push_back(owned.back().get());
     }
+    // In one batch the kernel waits only once for the packets that are still being judged.
+    auto count = static_cast<uint32_t>(targets.size());
+    if (count != 0)
+        check(bpf_map_update_batch(rules, targets.data(), maps.data(), &count, nullptr),
+              "put a policy in force");
+    for (const auto &[target, policy] : policies)
+        if (!policy && bpf_map_delete_elem(rules, &target) != 0 && errno != ENOENT)
+            throw Failure("take a policy away", errno);
 }
 
-void DataPlane::enforce(uint32_t type, const tHwCpuDefendPktCarEntry *entry)
+Descriptor DataPlane::makeTables(uint32_t set)
 {
-    uint32_t flags = 0;
-    if (entry && entry->op == ZYN_HW_OP_DENY)
-        flags = CPD_RULE_DENY;
-    else if (entry)
-        flags = policersOf(*entry);
-    if (flags & CPD_RULE_PACKETS)
-        setPolicer(type, CPD_PACKETS, packetSettings(entry->pps));
-    if (flags & CPD_RULE_BYTES)
-        setPolicer(type, CPD_BYTES, byteSettings(entry->cir, entry->cbs));
-    std::atomic_ref<__u32>(rules_[type].flags).store(flags);
+    Descriptor map(bpf_map_create(BPF_MAP_TYPE_ARRAY, "cpudefend_table", sizeof(uint32_t),
+                                  sizeof(cpd_tables), 1, nullptr));
+    if (map.get() < 0)
+        throw Failure("make room for ACL tables in the kernel", errno);
+    int fd = map.get();
+    check(bpf_map_update_elem(bpf_map__fd(skeleton_->maps.cpudefend_acls), &set, &fd, BPF_ANY),
+          "make room for ACL tables in the kernel");
+    return map;
+}
+
+void DataPlane::fillTables(const Descriptor &made, const cpd_tables &tables)
+{
+    check(bpf_map_update_elem(made.get(), &onlyElement, &tables, BPF_ANY),
+          "hand ACL tables to the kernel");
+}
+
+void DataPlane::dropTables(uint32_t set)
+{
+    bpf_map_delete_elem(bpf_map__fd(skeleton_->maps.cpudefend_acls), &set);
+}
+
+void DataPlane::placePort(uint32_t ifindex, uint32_t target)
+{
+    check(bpf_map_update_elem(bpf_map__fd(skeleton_->maps.cpudefend_ports), &ifindex, &target,
+                              BPF_ANY),
+          "say which slot a port is in");
+    placeNear(ifindex, target + 1);
+}
+
+void DataPlane::forgetPort(uint32_t ifindex)
+{
+    placeNear(ifindex, 0);
+    bpf_map_delete_elem(bpf_map__fd(skeleton_->maps.cpudefend_ports), &ifindex);
+}
+
+/** Where the program looks first. @param place the target, counted from 1; 0: nowhere here */
+void DataPlane::placeNear(uint32_t ifindex, __u32 place)
+{
+    if (ifindex < CPD_NEAR)
+        check(bpf_map_update_elem(bpf_map__fd(skeleton_->maps.cpudefend_near), &ifindex, &place,
+                                  BPF_ANY),
+              "say which slot a port is in");
+}
+
+void DataPlane::setAddresses(const std::vector<Address> &addresses)
+{
+    int map = bpf_map__fd(skeleton_->maps.cpudefend_local);
+    const uint8_t present = 1;
+    std::set<Address> wanted(addresses.begin(), addresses.end());
+    for (const Address &each : wanted)
+        check(bpf_map_update_elem(map, each.data(), &present, BPF_ANY), "tell an own address");
+
+    std::vector<Address> stale;
+    Address key;
+    for (int result = bpf_map_get_next_key(map, nullptr, key.data()); result == 0;
+         result = bpf_map_get_next_key(map, key.data(), key.data()))
+        if (!wanted.contains(key))
+            stale.push_back(key);
+    for (const Address &each : stale)
+        bpf_map_delete_elem(map, each.data());
 }
 
 int DataPlane::program() const
@@ -174,9 +249,19 @@ int DataPlane::program() const
     return bpf_program__fd(skeleton_->progs.cpudefend_xdp);
 }
 
+int DataPlane::tcProgram() const
+{
+    return bpf_program__fd(skeleton_->progs.cpudefend_tc);
+}
+
 int DataPlane::counters() const
 {
     return bpf_map__fd(skeleton_->maps.cpudefend_stats);
+}
+
+int DataPlane::samples() const
+{
+    return bpf_map__fd(skeleton_->maps.cpudefend_ring);
 }
 
 } // namespace zynlinux

@@ -1,78 +1,98 @@
 /**
- * The packet program in the kernel: loading it, attaching it to ports, telling it the rules.
+ * The packet program in the kernel, and the maps through which it is told what to do.
  */
 #ifndef ZYNLINUX_DATAPLANE_H
 #define ZYNLINUX_DATAPLANE_H
 
+#include <array>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "bpf/acl_lookup.h"
 #include "bpf/cpudefend_shared.h"
-#include "config.h"
 #include "descriptor.h"
-#include "zynhwal.h"
+#include "pin_folder.h"
 
 struct cpudefend_bpf;
 
 namespace zynlinux
 {
 
-/** A port with the program on it. */
-struct Port {
-    std::string name;
-    uint32_t ifindex;
-    Mode mode;              /**< Native or Generic, as it came to be */
-    std::string whyGeneric; /**< what kept it from the native mode; empty when nothing did */
-    Descriptor link;
-};
+/** An address as the program looks it up: IPv6, or IPv4 mapped into it (RFC 4291, 2.5.5.2). */
+using Address = std::array<uint8_t, 16>;
+
+/** A nanosecond count of the clock that the program reads. */
+uint64_t monotonicNow();
 
 /**
- * The program, its maps and its attachments. All of them end with this object, and so with the
- * process, however that ends: nothing is pinned.
+ * The program and its maps. Pinned, the maps outlive this object and are found again by the next
+ * one; otherwise they end with it.
  */
 class DataPlane
 {
 public:
-    /** Load the program; it is on no port yet. @throw Failure */
-    DataPlane();
+    /**
+     * Load the program; it is on no port yet.
+     * @param pins must outlast this object
+     * @throw Failure
+     */
+    explicit DataPlane(const PinFolder &pins);
     ~DataPlane();
     DataPlane(const DataPlane &) = delete;
     DataPlane &operator=(const DataPlane &) = delete;
 
+    /** What is kept for the next daemon; after a change it has to be saved. */
+    cpd_info &info() { return *info_; }
+    void saveInfo();
+
+    /** Whether the maps were found pinned, by a daemon of this layout. */
+    bool takenOver() const { return takenOver_; }
+
+    /** CPD_POLICERS of them, shared with the program. */
+    cpd_policer *policers() { return policers_; }
+
     /**
-     * Put the program on a port.
-     * @return the port, which belongs to this object
-     * @throw Failure for an unknown port, one that another program holds, or a mode that its
-     *        driver does not have
+     * Put policies in force, each in place of what its target had; null takes away. When this
+     * returns, no packet is judged by the former ones any more.
+     * @throw Failure
      */
-    const Port &attach(const std::string &name, Mode mode);
-
-    const std::vector<Port> &ports() const { return ports_; }
+    void replace(const std::map<uint32_t, const cpd_policy *> &policies);
 
     /**
-     * Put an entry in force for a packet type, in place of what is. Every packet is judged by the
-     * one or the other, except that while an entry with both policers replaces another one like it
-     * the two policers follow each other.
-     * @param type  below CPD_TYPES
-     * @param entry null lets the type pass
+     * Make a set of tables, below CPD_TABLE_SETS, that policies may refer to; empty at first. The
+     * kernel takes its time for this, as for dropping one.
+     * @throw Failure
      */
-    void enforce(uint32_t type, const tHwCpuDefendPktCarEntry *entry);
+    Descriptor makeTables(uint32_t set);
+    void dropTables(uint32_t set);
 
-    /** For test runs. */
-    int program() const;
+    /** Fill a set that no policy in force refers to. @throw Failure */
+    void fillTables(const Descriptor &made, const cpd_tables &tables);
 
-    /** For readCounters (counters.h). */
-    int counters() const;
+    /** Which target a port belongs to; it is the system without being told. @throw Failure */
+    void placePort(uint32_t ifindex, uint32_t target);
+    void forgetPort(uint32_t ifindex);
+
+    /** The host's own addresses, in place of those told before. @throw Failure */
+    void setAddresses(const std::vector<Address> &addresses);
+
+    int program() const;   /**< for ports and test runs */
+    int tcProgram() const; /**< behind it, where queue and priority are set */
+    int counters() const;  /**< the map of counters, see counters.h */
+    int samples() const;   /**< the ring of samples */
 
 private:
-    void setPolicer(uint32_t type, cpd_kind kind, const cpd_settings &settings);
+    void load(const PinFolder &pins);
+    int newPolicy(const cpd_policy &policy) const;
+    void placeNear(uint32_t ifindex, __u32 place);
 
     std::unique_ptr<cpudefend_bpf, void (*)(cpudefend_bpf *)> skeleton_;
-    std::vector<Port> ports_;
-    cpd_rule *rules_ = nullptr; /**< the maps themselves, CPD_TYPES elements each */
-    cpd_state *states_ = nullptr;
+    std::unique_ptr<cpd_info> info_;
+    bool takenOver_ = false;
+    cpd_policer *policers_ = nullptr;
 };
 
 } // namespace zynlinux

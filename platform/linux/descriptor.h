@@ -26,6 +26,9 @@ public:
 
     int get() const { return fd_; }
 
+    /** Give it up: it is the caller's from now on. */
+    int release() { return std::exchange(fd_, -1); }
+
 private:
     int fd_;
 };

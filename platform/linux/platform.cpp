@@ -1,20 +1,25 @@
 /**
  * The layer behind the contract with the daemon, on a Linux host.
  */
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <map>
+#include <cstring>
 #include <memory>
 #include <new>
 
-#include "car_table.h"
 #include "config.h"
 #include "cpuusage.h"
 #include "dataplane.h"
+#include "events.h"
 #include "failure.h"
 #include "journal.h"
 #include "layer.h"
+#include "pin_folder.h"
+#include "ports.h"
+#include "protection.h"
+#include "samples.h"
 
 namespace zynlinux
 {
@@ -26,26 +31,138 @@ constexpr char configEnvironment[] = "CPUDEFEND_PLATFORM";
 constexpr char configPath[] = "/etc/cpudefend/platform.toml";
 
 /** What the configured host is protected by. */
-struct Layer {
-    explicit Layer(const Config &config);
+class Host
+{
+public:
+    /** Load everything; no port is protected yet. @throw Failure */
+    explicit Host(const std::string &file);
 
-    Role role;
-    DataPlane plane;
-    CarTable system;                       /**< entries of the system as a whole */
-    std::map<uint32_t, PortConfig> places; /**< of the ports, by interface index */
+    /** Protect the ports. @throw Failure */
+    void start();
+
+    /** Leave nothing behind of a start that failed; what was there before stays. */
+    void abandon();
+
+    bool isSlave() const { return config_.role == Role::Slave; }
+    int eventDescriptor() const { return events_.descriptor(); }
+    void handleEvents();
+
+    Protection &protection() { return protection_; }
+    const Ports &ports() const { return ports_; }
+    Samples &samples() { return samples_; }
+    int sampleDescriptor() const { return plane_.samples(); }
+
+private:
+    static Protection::Slots slotsOf(const Config &config);
+    void warnOfUnusedPorts() const;
+    void reload();
+    [[noreturn]] void stop();
+
+    std::string file_;
+    Config config_;
+    PinFolder pins_;
+    DataPlane plane_;
+    Ports ports_;
+    Protection protection_;
+    Samples samples_;
+    Events events_;
 };
 
-std::unique_ptr<Layer> host;
+std::unique_ptr<Host> host;
 tCpuMeters cpuMeters;
 
-Layer::Layer(const Config &config) : role(config.role)
+Host::Host(const std::string &file)
+    : file_(file), config_(readConfig(file)), pins_(config_.pin), plane_(pins_),
+      ports_(config_, plane_, pins_), protection_(plane_, ports_, config_.acls, slotsOf(config_)),
+      samples_(plane_.samples())
 {
-    for (const PortConfig &configured : config.ports) {
-        const Port &port = plane.attach(configured.name, config.mode);
-        places[port.ifindex] = configured;
-        std::string why = port.whyGeneric.empty() ? "" : " (native: " + port.whyGeneric + ")";
-        std::fprintf(stderr, "[platform] port %s is protected in %s mode%s\n", port.name.c_str(),
-                     modeName(port.mode), why.c_str());
+}
+
+void Host::start()
+{
+    plane_.setAddresses(hostAddresses());
+    ports_.start();
+    protection_.dropFormerSlots();
+    protection_.prepare();
+    warnOfUnusedPorts();
+    if (!protection_.hasInherited())
+        return;
+    std::fprintf(stderr,
+                 "[platform] what a former daemon programmed stays in force for %u seconds, or "
+                 "until it is bound again\n",
+                 config_.grace);
+    if (config_.grace == 0)
+        protection_.dropInherited();
+    else
+        events_.alarmIn(config_.grace);
+}
+
+void Host::abandon()
+{
+    if (plane_.takenOver())
+        return;
+    ports_.stop();
+    pins_.clear();
+}
+
+Protection::Slots Host::slotsOf(const Config &config)
+{
+    Protection::Slots slots;
+    for (const PortConfig &port : config.ports)
+        if (port.sys != 0 || port.slot != 0)
+            slots.emplace(port.sys, port.slot);
+    return slots;
+}
+
+/** While there are slots, policies are programmed into these alone. */
+void Host::warnOfUnusedPorts() const
+{
+    if (slotsOf(config_).empty())
+        return;
+    for (const PortConfig &port : config_.ports)
+        if (port.sys == 0 && port.slot == 0)
+            std::fprintf(stderr,
+                         "[platform] warning: port %s is in no slot; while a slot has ports, "
+                         "nothing is programmed for it\n",
+                         port.name.c_str());
+}
+
+/** ACLs are taken from the platform file anew; the rest of it counts at the next start. */
+void Host::reload()
+try {
+    protection_.reload(readConfig(file_).acls);
+    std::fprintf(stderr, "[platform] ACLs are those of %s now\n", file_.c_str());
+} catch (const std::exception &failure) {
+    std::fprintf(stderr, "%s; the ACLs stay as they were\n", failure.what());
+}
+
+void Host::stop()
+{
+    bool leave = config_.onStop == OnStop::Leave && pins_.pins();
+    std::fprintf(stderr, "[platform] stopping; the protection %s\n",
+                 leave ? "stays in force" : "ends");
+    if (!leave) {
+        ports_.stop();
+        pins_.clear();
+    }
+    journalClose();
+    std::exit(EXIT_SUCCESS);
+}
+
+void Host::handleEvents()
+{
+    Events::Happened happened = events_.take();
+    if (happened.stop)
+        stop();
+    if (happened.network) {
+        ports_.refresh();
+        plane_.setAddresses(hostAddresses());
+    }
+    if (happened.reload)
+        reload();
+    if (happened.timeUp && protection_.hasInherited()) {
+        std::fprintf(stderr, "[platform] what was not bound again is dropped\n");
+        protection_.dropInherited();
     }
 }
 
@@ -55,12 +172,15 @@ std::string configFile()
     return path && *path != '\0' ? path : configPath;
 }
 
-/** 0, or the code for an entry that cannot be programmed here. */
-int32_t checkCar(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry &entry)
-{
-    if (!host)
-        return ENODEV;
-    return slot == nullptr && cpd_classified(entry.pktType) ? 0 : ENOTSUP;
+/** Call the host's protection; nothing may be thrown out of the layer. */
+template <class Call> int32_t ask(Call call) noexcept
+try {
+    return host ? call(host->protection()) : ENODEV;
+} catch (const std::bad_alloc &) {
+    return ENOMEM;
+} catch (const std::exception &failure) {
+    std::fprintf(stderr, "%s\n", failure.what());
+    return EIO;
 }
 
 } // namespace
@@ -72,47 +192,100 @@ using namespace zynlinux;
 int32_t zynPlatformInit(char *const *)
 try {
     host.reset();
-    host = std::make_unique<Layer>(readConfig(configFile()));
-    return journalInit();
+    if (journalInit() != 0)
+        return -1;
+    auto starting = std::make_unique<Host>(configFile());
+    try {
+        starting->start();
+    } catch (...) {
+        starting->abandon();
+        throw;
+    }
+    host = std::move(starting);
+    return 0;
 } catch (const std::exception &failure) {
     std::fprintf(stderr, "%s\n", failure.what());
     return -1;
 }
 
-int32_t layer::carAdd(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry &entry) noexcept
+int32_t zynPlatformFd()
+{
+    return host ? host->eventDescriptor() : -1;
+}
+
+void zynPlatformRun()
 try {
-    if (int32_t refused = checkCar(slot, entry))
-        return refused;
-    host->system.add(entry);
-    host->plane.enforce(entry.pktType, &entry);
-    return 0;
+    if (host)
+        host->handleEvents();
+} catch (const std::exception &failure) {
+    std::fprintf(stderr, "%s\n", failure.what());
+}
+
+int32_t zynPktOpen()
+{
+    return host ? host->sampleDescriptor() : 0;
+}
+
+int32_t zynPktRecv(packet_rxpktinfo *info, uint16_t *protocol, unsigned char *buf, uint32_t size)
+try {
+    cpd_sample sample;
+    if (!host || !host->samples().take(&sample))
+        return 0;
+    *info = {};
+    info->pkt_inport = sample.ifindex;
+    std::memcpy(info->pkt_srcaddr, sample.data + 6, 6);
+    info->pkt_outervid = sample.outer_tci & 0x0fff; // IEEE 802.1Q, 9.6: the VLAN id of a tag
+    info->pkt_innervid = sample.inner_tci & 0x0fff;
+    info->pkt_outerpri = static_cast<uint8_t>(sample.outer_tci >> 13);
+    info->pkt_innerpri = static_cast<uint8_t>(sample.inner_tci >> 13);
+    info->pkt_dataoffset = sample.network_offset;
+    *protocol = sample.ethertype;
+    std::memset(buf, 0, size);
+    std::memcpy(buf, sample.data, std::min<size_t>(size, sizeof sample.data));
+    return static_cast<int32_t>(sample.length);
 } catch (const std::bad_alloc &) {
-    return ENOMEM;
+    return 0;
+}
+
+int32_t layer::carAdd(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry &entry) noexcept
+{
+    return ask([&](Protection &protection) { return protection.carAdd(slot, entry); });
 }
 
 int32_t layer::carDel(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry &entry) noexcept
 {
-    if (int32_t refused = checkCar(slot, entry))
-        return refused;
-    if (!host->system.remove(entry))
-        return ENOENT;
-    host->plane.enforce(entry.pktType, host->system.inForce(entry.pktType));
-    return 0;
+    return ask([&](Protection &protection) { return protection.carDel(slot, entry); });
 }
 
-int32_t layer::aclAdd(const tSlotIndex *, const tAclSetting &) noexcept
+int32_t layer::carCount(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry &entry,
+                        tCarCounts *counts) noexcept
 {
-    return ENOTSUP;
+    return ask([&](Protection &protection) { return protection.carCount(slot, entry, counts); });
 }
 
-int32_t layer::aclDel(const tSlotIndex *, const tAclSetting &) noexcept
+int32_t layer::aclAdd(const tSlotIndex *slot, const tAclSetting &acl) noexcept
 {
-    return ENOTSUP;
+    return ask([&](Protection &protection) { return protection.aclAdd(slot, acl); });
+}
+
+int32_t layer::aclDel(const tSlotIndex *slot, const tAclSetting &acl) noexcept
+{
+    return ask([&](Protection &protection) { return protection.aclDel(slot, acl); });
+}
+
+void layer::changeBegin() noexcept
+{
+    ask([](Protection &protection) { return protection.changeBegin(), 0; });
+}
+
+void layer::changeEnd() noexcept
+{
+    ask([](Protection &protection) { return protection.changeEnd(), 0; });
 }
 
 bool layer::isSlave() noexcept
 {
-    return host && host->role == Role::Slave;
+    return host && host->isSlave();
 }
 
 int32_t layer::cpuUsage(uint32_t selector, uint32_t *value) noexcept
@@ -122,13 +295,11 @@ int32_t layer::cpuUsage(uint32_t selector, uint32_t *value) noexcept
 
 int32_t layer::place(uint32_t ifUnit, tPhyIfInfo *info) noexcept
 {
-    if (!host)
+    const PortConfig *port = host ? host->ports().find(ifUnit) : nullptr;
+    if (!port)
         return ENODEV;
-    auto port = host->places.find(ifUnit);
-    if (port == host->places.end())
-        return ENODEV;
-    info->unit = port->second.sys;
-    info->slot = port->second.slot;
+    info->unit = port->sys;
+    info->slot = port->slot;
     info->port = ifUnit;
     return 0;
 }

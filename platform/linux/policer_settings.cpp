@@ -53,7 +53,7 @@ cpd_settings packetSettings(uint32_t pps)
         return closed;
     uint32_t shift = shiftFor(pps, unitsPerPacket);
     uint64_t token = tokenTime(pps, shift, 0);
-    return {token << CPD_COST_BITS, (packetBucket(pps) * token) << CPD_TURN_BITS, shift, 0};
+    return {token << CPD_COST_BITS, packetBucket(pps) * token, shift, 0};
 }
 
 cpd_settings byteSettings(uint32_t cir, uint32_t cbs)
@@ -64,20 +64,35 @@ cpd_settings byteSettings(uint32_t cir, uint32_t cbs)
     uint32_t shift = shiftFor(rate, unitsPerByte);
     uint64_t cost = tokenTime(rate, shift, CPD_COST_BITS);
     uint64_t depth = static_cast<uint64_t>((Wide{cbs} * cost) >> CPD_COST_BITS);
-    return {cost, depth << CPD_TURN_BITS, shift, 0};
+    return {cost, depth, shift, 0};
 }
+
+namespace
+{
+
+/** A time in the units of one policer as what it is worth in those of another. */
+uint64_t convert(uint64_t units, const cpd_settings &from, const cpd_settings &to)
+{
+    return static_cast<uint64_t>(std::min<Wide>(Wide{units} * to.cost / from.cost, to.depth));
+}
+
+} // namespace
 
 uint64_t carryOver(uint64_t word, const cpd_settings &before, const cpd_settings &after,
                    uint64_t now)
 {
-    uint64_t debt = 0;
-    if (before.cost != 0) {
-        uint64_t credit = before.depth - std::min(before.depth, cpd_debt(word, &before, now));
-        Wide carried = Wide{credit} * after.cost / before.cost;
-        debt = after.depth - static_cast<uint64_t>(std::min<Wide>(carried, after.depth));
-    }
-    uint64_t full = cpd_units(now, &after) + debt;
-    return (full & ~CPD_TURN_MASK) | ((word + 1) & CPD_TURN_MASK);
+    uint64_t credit = before.depth - std::min(before.depth, cpd_debt(word, &before, now));
+    return cpd_units(now, &after) + after.depth - convert(credit, before, after);
+}
+
+uint64_t chargeLate(uint64_t word, const cpd_settings &settings, const LateUse &use, uint64_t now)
+{
+    uint64_t unused = cpd_debt(use.wordThen, &use.settings, now);
+    uint64_t used = cpd_debt(use.wordNow, &use.settings, now);
+    if (used <= unused)
+        return word;
+    uint64_t debt = cpd_debt(word, &settings, now) + convert(used - unused, use.settings, settings);
+    return cpd_units(now, &settings) + std::min<uint64_t>(debt, settings.depth);
 }
 
 } // namespace zynlinux

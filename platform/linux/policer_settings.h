@@ -29,15 +29,28 @@ cpd_settings byteSettings(uint32_t cir, uint32_t cbs);
 
 /**
  * The state with which a policer goes on under new settings: as many tokens as it had, as far as
- * they fit, so that a change never gives a second burst. Without old settings (all zero) the
- * bucket is full.
+ * they fit, so that a change never gives a second burst.
  *
  * @param word state under the old settings, read before @a now
  * @param now  ns of the monotonic clock
- * @return the word under the new settings, with the next turn
+ * @return the word under the new settings
  */
 uint64_t carryOver(uint64_t word, const cpd_settings &before, const cpd_settings &after,
                    uint64_t now);
+
+/** What a policer was charged between two readings of its word. */
+struct LateUse {
+    cpd_settings settings;
+    uint64_t wordThen;
+    uint64_t wordNow;
+};
+
+/**
+ * The word of a policer after it was charged what its predecessor still let pass after the tokens
+ * had been carried over. A bucket does not get emptier than empty.
+ * @param now read after all the words
+ */
+uint64_t chargeLate(uint64_t word, const cpd_settings &settings, const LateUse &use, uint64_t now);
 
 } // namespace zynlinux
 

@@ -72,6 +72,18 @@ bool sameCar(const tHwCpuDefendPktCarEntry &a, const tHwCpuDefendPktCarEntry &b)
            a.queue == b.queue && a.priority == b.priority && a.op == b.op && a.res == b.res;
 }
 
+/** The newest entry with these settings, or null. */
+tCar *newestCar(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry &entry)
+{
+    tSlotIndex target = targetOf(slot);
+    list_for_each_entry(tCar, car, &cars, node)
+    {
+        if (sameTarget(car->target, target) && sameCar(car->entry, entry))
+            return car;
+    }
+    return nullptr;
+}
+
 /* ---- ACLs ----------------------------------------------------------------------------- */
 
 bool sameAcl(const tZynMemoryAcl &a, const layer::tAclSetting &b)
@@ -97,17 +109,29 @@ int32_t layer::carAdd(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry &ent
 
 int32_t layer::carDel(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry &entry) noexcept
 {
-    tSlotIndex target = targetOf(slot);
-    list_for_each_entry(tCar, car, &cars, node)
-    {
-        if (sameTarget(car->target, target) && sameCar(car->entry, entry)) {
-            list_del_init(&car->node);
-            free(car);
-            return 0;
-        }
-    }
-    return ENOENT;
+    tCar *car = newestCar(slot, entry);
+    if (car == nullptr)
+        return ENOENT;
+    list_del_init(&car->node);
+    free(car);
+    return 0;
 }
+
+/** No packet comes by here. */
+int32_t layer::carCount(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry &entry,
+                        tCarCounts *counts) noexcept
+{
+    if (newestCar(slot, entry) == nullptr)
+        return ENOENT;
+    *counts = {};
+    return 0;
+}
+
+// Nothing is judged by what is kept here, so each call may be in force at once.
+
+void layer::changeBegin() noexcept {}
+
+void layer::changeEnd() noexcept {}
 
 int32_t layer::aclAdd(const tSlotIndex *slot, const tAclSetting &acl) noexcept
 {
@@ -158,6 +182,25 @@ int32_t layer::cpuUsage(uint32_t selector, uint32_t *value) noexcept
 int32_t layer::place(uint32_t ifUnit, tPhyIfInfo *info) noexcept
 {
     info->port = ifUnit;
+    return 0;
+}
+
+/* ---- Work and packets of its own: none ------------------------------------------------ */
+
+int32_t zynPlatformFd(void)
+{
+    return -1;
+}
+
+void zynPlatformRun(void) {}
+
+int32_t zynPktOpen(void)
+{
+    return 0;
+}
+
+int32_t zynPktRecv(packet_rxpktinfo *, uint16_t *, unsigned char *, uint32_t)
+{
     return 0;
 }
 

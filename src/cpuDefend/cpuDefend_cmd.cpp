@@ -4,6 +4,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "cpuDefend_change.h"
 #include "cpuDefend_cmd.h"
 
 namespace
@@ -184,6 +185,7 @@ int32_t call(tRequest &req)
     if (req.valueType == ADR_OCTETS && table.kind(req.cmd) == NM_ANY)
         req.cell.number = 0; // a reset looks at no value, but the standby card gets a number
     const auto handler = req.op == CMD_SET ? table.set : table.sync;
+    Change change; // in force before the reply
     return handler(&req.index, req.cmd, req.value);
 }
 

@@ -1,7 +1,12 @@
 /**
- * Hardware programming: a policy's ACLs, rules and CAR entries, into a slot or the system.
+ * Hardware programming: a policy's ACLs, rules and CAR entries, into a slot or the system, and
+ * what they have counted there.
  */
-#include "cpuDefend.h"
+#include "cpuDefend_hw.h"
+
+#include <errno.h>
+
+cpuDefendArray<tHwItem> cpuDefendHwHeld(&tCpuDefendSystem::useHwItemNum);
 
 namespace
 {
@@ -16,103 +21,107 @@ struct tHwCalls {
 constexpr tHwCalls hwAdd{acl_cpudefend_add, HW_SLOT_CPUDEFENDPKTCARADD, HW_SYS_CPUDEFENDPKTCARADD};
 constexpr tHwCalls hwDel{acl_cpudefend_del, HW_SLOT_CPUDEFENDPKTCARDEL, HW_SYS_CPUDEFENDPKTCARDEL};
 
-/** One pass over a policy. Failures do not end it; the last call's result is its own. */
-class Pass
+tHwCpuDefendPktCarEntry recordOf(const tHwSetting &car)
 {
-public:
-    Pass(const tHwCalls &calls, tSlotIndex *slot) : calls_(calls), slot_(slot) {}
+    tHwCpuDefendPktCarEntry record{};
+    record.pktType = car.number;
+    record.cir = car.cir;
+    record.cbs = car.cbs;
+    record.pps = car.pps;
+    record.queue = car.queue;
+    record.priority = car.priority;
+    record.op = car.op;
+    record.res = car.bit;
+    return record;
+}
 
-    int32_t run(tCpuDefendPolicyEntry *policy)
-    {
-        whiteList(policy);
-        blackList(policy);
-        userDefined(policy);
-        list_for_each_entry(tCpuDefendCarPktEntry, car, &policy->carPktList, policyNode)
-            carEntry(car);
-        return result_;
+int32_t setSystem(uint32_t cmd, tHwCpuDefendPktCarEntry *record)
+{
+    tHwApiFunc func{};
+    func.hwCmd = cmd;
+    func.arg = record;
+    return zynScalarSetApi(0, 0, &func);
+}
+
+int32_t call(const tHwCalls &calls, tHwItem &item)
+{
+    const tHwSetting &setting = item.setting;
+    tSlotIndex *slot = item.target.slot();
+    if (setting.isAcl) // the burst is given as the excess burst too
+        return calls.acl(slot, static_cast<uint16_t>(setting.number), setting.op, setting.cir,
+                         setting.cbs, setting.cbs);
+    tHwCpuDefendPktCarEntry record = recordOf(setting);
+    return slot ? zynHwSlotSet(slot, calls.slotCmd, &record, 3) : setSystem(calls.sysCmd, &record);
+}
+
+/** The newest item that the hardware can't tell from @a item, or null. */
+tHwItem *newest(const tHwItem &item)
+{
+    for (tHwItem *held = cpuDefendHwHeld.end(); held != cpuDefendHwHeld.begin();) {
+        held--;
+        if (held->setting == item.setting && held->target == item.target)
+            return held;
     }
+    return nullptr;
+}
 
-private:
-    /** The burst is given as the excess burst too. */
-    void permit(uint16_t acl, uint32_t cir, uint32_t cbs)
-    {
-        if (acl)
-            result_ = calls_.acl(slot_, acl, ZYN_HW_OP_PERMIT, cir, cbs, cbs);
-    }
+/** Add what a newest item has counted to the CAR entry that it stands for. */
+void takeCounts(tHwItem *held)
+{
+    if (!held || !held->car)
+        return;
+    tHwCpuDefendPktCarEntry record = recordOf(held->setting);
+    if (zynHwCarCount(held->target.slot(), &record) != 0)
+        return;
+    held->car->pktPassNum += record.PassPkt.low; // both count modulo 2^32
+    held->car->pktDropNum += record.DropPkt.low;
+}
 
-    void deny(uint16_t acl)
-    {
-        if (acl)
-            result_ = calls_.acl(slot_, acl, ZYN_HW_OP_DENY, 0, 0, 0);
-    }
-
-    void whiteList(const tCpuDefendPolicyEntry *policy)
-    {
-        if (policy->whiteListEnable != CPUDEFEND_ENABLE)
-            return;
-        permit(policy->whiteListIp4Acl, policy->whiteListIp4Cir, policy->whiteListIp4Cbs);
-        permit(policy->whiteListIp6Acl, policy->whiteListIp6Cir, policy->whiteListIp6Cbs);
-    }
-
-    void blackList(const tCpuDefendPolicyEntry *policy)
-    {
-        if (policy->blackListEnable != CPUDEFEND_ENABLE)
-            return;
-        deny(policy->blackListIp4Acl);
-        deny(policy->blackListIp6Acl);
-    }
-
-    void userDefined(tCpuDefendPolicyEntry *policy)
-    {
-        if (policy->userDefinedNum == 0)
-            return;
-        list_for_each_entry(tCpuDefendUserDefinedEntry, entry, &policy->userDefinedList, policyNode)
-        {
-            if (entry->index == 0) // a rule numbered 0 is kept, but never programmed
-                continue;
-            rule(entry);
+/**
+ * The hardware gave back its newest one of what it can't tell apart. When that stood for another
+ * entry than the one whose removal was asked for, the one that is left stands for it now.
+ */
+void forget(tHwItem *gone, const tCpuDefendCarPktEntry *wanted)
+{
+    for (tHwItem *held = gone; gone->car != wanted && held-- != cpuDefendHwHeld.begin();)
+        if (held->car == wanted && held->setting == gone->setting && held->target == gone->target) {
+            held->car = gone->car;
+            break;
         }
-    }
+    cpuDefendHwHeld.remove(gone);
+}
 
-    void rule(const tCpuDefendUserDefinedEntry *entry)
-    {
-        if (entry->deny) {
-            deny(entry->ip4Acl);
-            deny(entry->ip6Acl);
-        } else {
-            permit(entry->ip4Acl, entry->cir, entry->cbs);
-            permit(entry->ip6Acl, entry->cir, entry->cbs);
-        }
-    }
-
-    void carEntry(const tCpuDefendCarPktEntry *car)
-    {
-        tHwCpuDefendPktCarEntry record{};
-        record.pktType = car->pktType;
-        record.cir = car->cir;
-        record.cbs = car->cbs;
-        record.pps = car->pps;
-        record.queue = car->queue;
-        record.priority = car->priority;
-        record.op = car->deny == CPUDEFEND_ENABLE ? ZYN_HW_OP_DENY : ZYN_HW_OP_PERMIT;
-        record.res = car->bit;
-        result_ = slot_ ? zynHwSlotSet(slot_, calls_.slotCmd, &record, 3) : setSystem(&record);
-    }
-
-    int32_t setSystem(tHwCpuDefendPktCarEntry *record)
-    {
-        tHwApiFunc func{};
-        func.hwCmd = calls_.sysCmd;
-        func.arg = record;
-        return zynScalarSetApi(0, 0, &func);
-    }
-
-    const tHwCalls &calls_;
-    tSlotIndex *slot_;
-    int32_t result_ = 0;
-};
+/** Visit what @a policy stands for at a place. @return the last visit's result, 0 without one */
+int32_t forEachItem(const tSlotIndex *pSlotIndex, tCpuDefendPolicyEntry *policy,
+                    int32_t (*visit)(tHwItem))
+{
+    int32_t result = 0;
+    const auto keep = [&result, visit](const tHwItem &item) { result = visit(item); };
+    cpuDefendHwPass(cpuDefendHwTarget(pSlotIndex), keep).run(policy);
+    return result;
+}
 
 } // namespace
+
+int32_t cpuDefendHwItemAdd(tHwItem item)
+{
+    if (item.car)
+        takeCounts(newest(item)); // it can't be asked for them while an equal one covers it
+    const int32_t result = call(hwAdd, item);
+    if (result == 0 && !cpuDefendHwHeld.append(item))
+        CPUDEFEND_DEBUG("[cpuDefend] no memory to note what is programmed!\r\n");
+    return result;
+}
+
+int32_t cpuDefendHwItemDel(tHwItem item)
+{
+    tHwItem *held = newest(item);
+    takeCounts(held);
+    const int32_t result = call(hwDel, item);
+    if (held && (result == 0 || result == ENOENT))
+        forget(held, item.car);
+    return result;
+}
 
 bool cpuDefendIsSlave()
 {
@@ -123,8 +132,9 @@ int32_t cpuDefendHwAdd(tSlotIndex *pSlotIndex, tCpuDefendPolicyEntry *pPolicy)
 {
     if (cpuDefendIsSlave())
         return 0;
-    const int32_t result = Pass(hwAdd, pSlotIndex).run(pPolicy);
+    const int32_t result = forEachItem(pSlotIndex, pPolicy, cpuDefendHwItemAdd);
     pPolicy->refCount++; // whatever the calls returned
+    gCpuDefend.hwChangeNum++;
     return result;
 }
 
@@ -135,7 +145,15 @@ int32_t cpuDefendHwDel(tSlotIndex *pSlotIndex, const uint8_t *name, uint32_t nam
     tCpuDefendPolicyEntry *pPolicy = cpuDefendPolicyEntryGet(name, nameLen);
     if (!pPolicy)
         return CPUDEFEND_ENONAME;
-    const int32_t result = Pass(hwDel, pSlotIndex).run(pPolicy);
+    const int32_t result = forEachItem(pSlotIndex, pPolicy, cpuDefendHwItemDel);
     pPolicy->refCount--; // no floor: additions and removals are paired by the callers, or not
+    gCpuDefend.hwChangeNum++;
     return result;
+}
+
+void cpuDefendHwCarCount(const tCpuDefendCarPktEntry *pCarPkt)
+{
+    for (tHwItem &held : cpuDefendHwHeld)
+        if (held.car == pCarPkt && newest(held) == &held)
+            takeCounts(&held);
 }

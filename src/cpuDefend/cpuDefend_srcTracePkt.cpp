@@ -9,7 +9,8 @@
 namespace
 {
 
-constexpr uint32_t ETH_SRC = 6; // offset of the source address in a frame
+constexpr uint32_t ETH_SRC = 6;      // offset of the source address in a frame
+constexpr uint16_t VLAN_ID = 0x0FFF; // of the tag control information, IEEE 802.1Q
 constexpr uint32_t ETHERTYPE_IPV4 = 0x0800;
 constexpr uint32_t ETHERTYPE_ARP = 0x0806;
 constexpr uint8_t ICMP = 1, IGMP = 2, TCP = 6, UDP = 17;
@@ -207,9 +208,17 @@ int32_t cpuDefendSrcTracePktData(uint32_t ifUnit, uint32_t protocol, const unsig
     return 0;
 }
 
-int32_t cpuDefendSrcTracePkt(uint32_t, uint16_t, packet_rxpktinfo *, unsigned char *, int32_t)
+int32_t cpuDefendSrcTracePkt(uint32_t ifUnit, uint16_t protocol, packet_rxpktinfo *rxpktInfo,
+                             unsigned char *buf, int32_t length)
 {
-    return 0; // packets reach the tracing routine once a platform feeds them
+    if (!rxpktInfo || !buf || length <= 0 || rxpktInfo->pkt_dataoffset >= CPUDEFEND_PKTDATA_LEN)
+        return -1;
+    unsigned char whole[CPUDEFEND_PKTDATA_LEN] = {};
+    const auto len = static_cast<uint32_t>(length);
+    memcpy(whole, buf, len < sizeof whole ? len : sizeof whole);
+    return cpuDefendSrcTracePktData(ifUnit, protocol, whole, rxpktInfo->pkt_dataoffset,
+                                    rxpktInfo->pkt_innervid & VLAN_ID,
+                                    rxpktInfo->pkt_outervid & VLAN_ID);
 }
 
 int32_t sendCpuDefendSrcTraceAlarmTrap()

@@ -1,58 +1,183 @@
 /**
  * The event loop.
  */
+#include <errno.h>
 #include <linux/netlink.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 
-#include "cpuDefend.h"
+#include "cpuDefend_change.h"
 
-static constexpr uint32_t NOTIFY_BUFFER_LEN = 1400;
-
-void cpuDefenTaskStart()
+namespace
 {
-    cpuDefendCpuRatControlSysTimerStart();
+
+constexpr uint32_t NOTIFY_BUFFER_LEN = 1400;
+
+/** What tracing may take of our time, however many packets there are. */
+constexpr uint32_t PACKETS_PER_TURN = 512; // so that the channel never waits long
+constexpr uint32_t PACKETS_PER_SECOND = 10000;
+
+/** Packets taken in the current second of the clock. */
+struct {
+    uint64_t second;
+    uint32_t taken;
+} packets;
+
+/** Looking at all links for cards: whether it is due, and when (s) it was done last. */
+struct {
+    bool due;
+    uint64_t second;
+} look;
+
+uint64_t secondNow()
+{
+    return osClockNow() / 1000;
 }
 
-static void runTimers()
+/** How many packets may still be taken in this second. */
+uint32_t packetsLeft()
 {
-    OsixTakeSem(gCpuDefend.cpuDefendSem, OSIX_WAIT_FOREVER);
+    if (packets.second != secondNow())
+        packets = {secondNow(), 0};
+    return PACKETS_PER_SECOND - packets.taken;
+}
+
+/** Look for cards if that is due, but only once in a second: there may be many links. */
+void lookForCards()
+{
+    if (!look.due || look.second == secondNow())
+        return;
+    look = {false, secondNow()};
+    cpuDefendCardStart();
+}
+
+/** Descriptors to wait for, and those that became readable. */
+class Descriptors
+{
+public:
+    Descriptors() { FD_ZERO(&set_); }
+
+    /** Wait for @a fd too, unless it is none, or beyond what select can wait for. */
+    void add(int fd)
+    {
+        if (fd < 0 || fd >= FD_SETSIZE)
+            return;
+        FD_SET(fd, &set_);
+        if (fd > max_)
+            max_ = fd;
+    }
+
+    /** One second at most, whatever the timers say: what falls due meanwhile runs next turn. */
+    void wait()
+    {
+        timeval time{1, 0};
+        if (select(max_ + 1, &set_, nullptr, nullptr, &time) <= 0)
+            FD_ZERO(&set_);
+    }
+
+    bool has(int fd) const { return fd >= 0 && fd < FD_SETSIZE && FD_ISSET(fd, &set_); }
+
+private:
+    fd_set set_;
+    int max_ = -1;
+};
+
+void runTimers()
+{
+    Change change;
     timerListCheck(&gCpuDefend.timerList);
-    OsixGiveSem(gCpuDefend.cpuDefendSem);
+    lookForCards();
 }
 
 /** Receive one netlink datagram. Only the kernel (port 0) is listened to. */
-static void receiveNotification()
+void receiveNotification()
 {
     unsigned char buf[NOTIFY_BUFFER_LEN];
     sockaddr_nl sender{};
     socklen_t senderLen = sizeof sender;
-    const ssize_t len = recvfrom(gCpuDefend.rtSock, buf, sizeof buf, 0,
-                                 reinterpret_cast<sockaddr *>(&sender), &senderLen);
-    if (len <= 0 || sender.nl_pid != 0)
+    const ssize_t received = recvfrom(gCpuDefend.rtSock, buf, sizeof buf, 0,
+                                      reinterpret_cast<sockaddr *>(&sender), &senderLen);
+    const bool lost = received < 0 && errno == ENOBUFS; // messages that found no room
+    if (!lost && (received <= 0 || sender.nl_pid != 0))
         return;
+    Change change;
+    if (lost) {
+        look.due = true;
+        lookForCards();
+        return;
+    }
+    const auto len = static_cast<int32_t>(received);
+    cpudefendNotifyRecv(buf, len);
+    cpuDefendCardNotify(buf, len);
+}
+
+/** The platform's own work. Ports may have got another place by it. */
+void runPlatform()
+{
+    Change change;
+    zynPlatformRun();
+    look.due = true;
+    lookForCards();
+}
+
+/** Hand the next packet to source tracing. @return whether there was one */
+bool tracePacket()
+{
+    packet_rxpktinfo info;
+    uint16_t protocol;
+    unsigned char buf[CPUDEFEND_PKTDATA_LEN];
+    const int32_t length = zynPktRecv(&info, &protocol, buf, sizeof buf);
+    if (length <= 0)
+        return false;
+    const auto room = static_cast<int32_t>(sizeof buf);
+    cpuDefendSrcTracePkt(info.pkt_inport, protocol, &info, buf, length < room ? length : room);
+    return true;
+}
+
+/** Trace packets as far as the turn's and the second's share go. */
+void tracePackets()
+{
+    if (gCpuDefend.pktSock <= 0)
+        return;
+    uint32_t left = packetsLeft();
+    if (left > PACKETS_PER_TURN)
+        left = PACKETS_PER_TURN;
     OsixTakeSem(gCpuDefend.cpuDefendSem, OSIX_WAIT_FOREVER);
-    cpudefendNotifyRecv(buf, static_cast<int32_t>(len));
+    for (; left > 0 && tracePacket(); left--)
+        packets.taken++;
     OsixGiveSem(gCpuDefend.cpuDefendSem);
+}
+
+} // namespace
+
+void cpuDefenTaskStart()
+{
+    cpuDefendCpuRatControlSysTimerStart();
+    packets = {};
+    look = {true, UINT64_MAX};
+    gCpuDefend.pktSock = zynPktOpen();
+    Change change;
+    lookForCards();
 }
 
 void cpuDefenTaskTurn()
 {
     runTimers();
-    fd_set readable;
-    FD_ZERO(&readable);
-    FD_SET(gCpuDefend.rtSock, &readable);
-    FD_SET(gCpuDefend.cmdSock, &readable);
-    const int maxSock =
-        gCpuDefend.rtSock > gCpuDefend.cmdSock ? gCpuDefend.rtSock : gCpuDefend.cmdSock;
-    // One second whatever the timers say: what falls due meanwhile runs in the next turn.
-    timeval wait{1, 0};
-    if (select(maxSock + 1, &readable, nullptr, nullptr, &wait) <= 0)
-        return;
-    if (FD_ISSET(gCpuDefend.cmdSock, &readable))
+    Descriptors readable;
+    const int platformFd = zynPlatformFd();
+    readable.add(gCpuDefend.rtSock);
+    readable.add(gCpuDefend.cmdSock);
+    readable.add(platformFd);
+    if (gCpuDefend.pktSock > 0 && packetsLeft() > 0)
+        readable.add(gCpuDefend.pktSock);
+    readable.wait();
+    if (readable.has(gCpuDefend.cmdSock))
         cpudefendCmdServer();
-    if (FD_ISSET(gCpuDefend.rtSock, &readable))
+    if (readable.has(platformFd))
+        runPlatform(); // before what tells of a link: the platform knows its place then
+    if (readable.has(gCpuDefend.rtSock))
         receiveNotification();
+    tracePackets(); // also without a sign of them: a source need not wake us for each
 }
 
 void cpuDefenTask()

@@ -95,6 +95,8 @@ int32_t cpuDefendCarPktGetApi(tcpuDefendCarPktIdx *carPktIdx, uint32_t cmd, void
     const tCpuDefendCarPktEntry *entry = find(carPktIdx);
     if (!entry)
         return CPUDEFEND_ENOENTRY;
+    if (cmd == CPUDEFEND_CARPKT_PASSNUM || cmd == CPUDEFEND_CARPKT_DROPNUM)
+        cpuDefendHwCarCount(entry);
     if (cmd <= CPUDEFEND_CARPKT_TOTALPKTPPS)
         nmAttrGet(attrs[cmd], entry, var);
     return CPUDEFEND_OK;

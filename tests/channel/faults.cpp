@@ -101,6 +101,8 @@ ssize_t __wrap_recvfrom(int fd, void *buf, size_t length, int flags, sockaddr *a
 
 ssize_t __wrap_sendmsg(int fd, const msghdr *message, int flags)
 {
+    if (plan.sending)
+        plan.sending();
     return fails(Call::SendMsg) ? -1 : __real_sendmsg(fd, message, flags);
 }
 

@@ -40,8 +40,9 @@ struct Plan {
     std::optional<Datagram> datagram; /**< given to the next recvfrom */
     /** Called with each accepted connection before the daemon sees it. */
     std::function<void(int)> accepted;
-    bool noWait = false;      /**< select polls instead of waiting */
-    std::optional<int> ready; /**< the next select finds this one readable, and no other */
+    std::function<void()> sending; /**< called before each sendmsg */
+    bool noWait = false;           /**< select polls instead of waiting */
+    std::optional<int> ready;      /**< the next select finds this one readable, and no other */
 
     std::vector<SelectAsked> selects;
     int lowWaterMark = 0;            /**< as last set with SO_RCVLOWAT */

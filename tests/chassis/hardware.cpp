@@ -1,5 +1,6 @@
 #include "hardware.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <sstream>
@@ -138,6 +139,47 @@ int32_t zynScalarSetApi(uint32_t index, uint32_t cmd, tHwApiFunc *func)
         (!add && func->hwCmd != HW_SYS_CPUDEFENDPKTCARDEL))
         hardware.complaints.push_back("a system call with odd arguments");
     return car(add, std::nullopt, func->arg);
+}
+
+int32_t zynHwCarCount(const tSlotIndex *slot, tHwCpuDefendPktCarEntry *entry)
+{
+    const Item item{false,      entry->pktType, entry->op,       entry->cir, entry->cbs,
+                    entry->pps, entry->queue,   entry->priority, entry->res};
+    const std::vector<Item> &items = hardware.held[placeOf(slot)];
+    if (std::find(items.begin(), items.end(), item) == items.end())
+        return ENOENT;
+    entry->PassPkt = entry->DropPkt = entry->PassOct = entry->DropOct = {};
+    return 0;
+}
+
+void zynHwChangeBegin(void)
+{
+    hardware.changeDepth++;
+}
+
+void zynHwChangeEnd(void)
+{
+    if (hardware.changeDepth == 0)
+        hardware.complaints.push_back("the end of a change that has not begun");
+    else
+        hardware.changeDepth--;
+}
+
+int32_t zynPlatformFd(void)
+{
+    return -1;
+}
+
+void zynPlatformRun(void) {}
+
+int32_t zynPktOpen(void)
+{
+    return 0;
+}
+
+int32_t zynPktRecv(packet_rxpktinfo *, uint16_t *, unsigned char *, uint32_t)
+{
+    return 0;
 }
 
 int32_t zynHwScalarGet(uint32_t, uint32_t id, void *)

@@ -58,6 +58,9 @@ struct Hardware {
     uint32_t hundredths = 0;                                 /**< what selector 1 adds to it */
     std::map<uint32_t, std::pair<uint32_t, uint32_t>> ports; /**< by interface unit */
 
+    /** Changes begun and not ended. */
+    uint32_t changeDepth = 0;
+
     /** Calls that can fail, so far: all but role queries. */
     size_t failable = 0;
     std::optional<size_t> failAt; /**< the one that does */

@@ -213,12 +213,15 @@ static uint64_t readClock()
     return clockReading;
 }
 
+/** Interface units from here on: none that this machine has, or its link would be a card. */
+static constexpr uint32_t NO_LINK = 2000000000;
+
 static uint64_t started()
 {
     hardware = Hardware();
     for (uint32_t i = 0; i < 3; i++)
-        hardware.ports[i + 1] = slotNumbers[i];
-    hardware.ports[4] = {0, 0}; // the system itself
+        hardware.ports[NO_LINK + i + 1] = slotNumbers[i];
+    hardware.ports[NO_LINK + 4] = {0, 0}; // the system itself
     clockReading = 1000;
     osClockSet(readClock);
     return clockReading;
@@ -564,7 +567,8 @@ void World::packets(const Step &s)
 void World::packet(const Step &s)
 {
     const Frame frame(s.b == 0, static_cast<uint8_t>(s.c));
-    const auto port = hardware.ports.find(s.a);
+    const uint32_t ifUnit = NO_LINK + s.a;
+    const auto port = hardware.ports.find(ifUnit);
     const bool known = port != hardware.ports.end();
     const Slot *slot = known ? model.findSlot(port->second.first, port->second.second) : nullptr;
     const Policy *policy = model.findPolicy(slot ? slot->name : model.system.name);
@@ -575,12 +579,13 @@ void World::packet(const Step &s)
     for (uint32_t i = 0; i < gCpuDefend.maxCarPktNum; i++)
         totals.push_back(gCpuDefend.carPktTable[i].pktSrcTraceTotalNum);
     expect("result", traced ? 0 : -1,
-           cpuDefendSrcTracePktData(s.a, frame.protocol, frame.bytes, 14, 0, 0));
+           cpuDefendSrcTracePktData(ifUnit, frame.protocol, frame.bytes, 14, 0, 0));
     for (uint32_t i = 0; i < gCpuDefend.maxCarPktNum; i++) {
         const tCpuDefendCarPktEntry &car = gCpuDefend.carPktTable[i];
         const bool concerned = traced && !list_empty(&car.policyNode) && car.policyNode.next &&
                                car.policyEntry == &gCpuDefend.policyTable[policy->record];
-        expect("total of packets", concerned ? totalAfter(car, totals[i], s.a, frame) : totals[i],
+        expect("total of packets",
+               concerned ? totalAfter(car, totals[i], ifUnit, frame) : totals[i],
                car.pktSrcTraceTotalNum);
     }
 }

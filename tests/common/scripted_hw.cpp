@@ -1,5 +1,6 @@
 #include "scripted_hw.h"
 
+#include <algorithm>
 #include <cstring>
 #include <sstream>
 
@@ -8,9 +9,14 @@ namespace scripted
 
 Script script;
 std::vector<Record> calls;
+std::vector<Record> counted;
+uint32_t changeDepth, changes, changesEnded;
+size_t packetsTaken, platformRuns;
+bool loneEnd;
 
-static const char *const callNames[] = {"SlotSet",    "ScalarSet", "ScalarGet", "CpuGet",
-                                        "ScalarSync", "SlotSync",  "AclAdd",    "AclDel"};
+static const char *const callNames[] = {"SlotSet", "ScalarSet",  "ScalarGet",
+                                        "CpuGet",  "ScalarSync", "SlotSync",
+                                        "AclAdd",  "AclDel",     "CarCount"};
 
 std::string Record::text() const
 {
@@ -42,6 +48,10 @@ void reset()
 {
     script = Script();
     calls.clear();
+    counted.clear();
+    changeDepth = changes = changesEnded = 0;
+    packetsTaken = platformRuns = 0;
+    loneEnd = false;
 }
 
 std::vector<Record> programming()
@@ -90,7 +100,13 @@ static Record about(Call call, const tSlotIndex *slot, uint32_t cmd, uint32_t fl
     }
     record.cmd = cmd;
     record.flag = flag;
+    record.change = changeDepth > 0 ? changes : 0;
     return record;
+}
+
+static U_INT8 halves(uint64_t number)
+{
+    return {static_cast<uint32_t>(number >> 32), static_cast<uint32_t>(number)};
 }
 
 static Record sync(Call call, const tSlotIndex *slot, uint32_t id, const void *value, uint32_t flag)
@@ -141,6 +157,71 @@ int32_t zynScalarSetApi(uint32_t, uint32_t, tHwApiFunc *func)
     record.descriptor = *func;
     memcpy(&record.car, func->arg, sizeof record.car);
     return answer(record);
+}
+
+int32_t zynHwCarCount(const tSlotIndex *slot, tHwCpuDefendPktCarEntry *entry)
+{
+    Record record = about(Call::CarCount, slot, 0, 0);
+    memcpy(&record.car, entry, sizeof record.car);
+    if (auto all = script.failAll.find(Call::CarCount); all != script.failAll.end())
+        record.result = all->second;
+    counted.push_back(record);
+    if (record.result != 0)
+        return record.result;
+    auto found = script.counts.find({record.slot, entry->pktType});
+    const Counts counts = found == script.counts.end() ? Counts{} : found->second;
+    if (found != script.counts.end())
+        script.counts.erase(found);
+    entry->PassPkt = halves(counts.passPkt);
+    entry->DropPkt = halves(counts.dropPkt);
+    entry->PassOct = halves(counts.passOct);
+    entry->DropOct = halves(counts.dropOct);
+    return 0;
+}
+
+void zynHwChangeBegin(void)
+{
+    changes += changeDepth++ == 0;
+}
+
+void zynHwChangeEnd(void)
+{
+    if (changeDepth == 0)
+        loneEnd = true;
+    else
+        changesEnded += --changeDepth == 0;
+}
+
+int32_t zynPlatformFd(void)
+{
+    return script.platformFd;
+}
+
+void zynPlatformRun(void)
+{
+    platformRuns++;
+    if (script.platform)
+        script.platform();
+}
+
+int32_t zynPktOpen(void)
+{
+    return script.pktSock;
+}
+
+int32_t zynPktRecv(packet_rxpktinfo *info, uint16_t *protocol, unsigned char *buf, uint32_t size)
+{
+    if (script.packets.empty())
+        return 0;
+    const Packet packet = script.packets.front();
+    if (script.packets.size() > 1 || !script.flood)
+        script.packets.pop_front();
+    packetsTaken++;
+    *info = packet.info;
+    *protocol = packet.protocol;
+    memset(buf, 0, size);
+    std::copy_n(packet.frame.begin(), std::min<size_t>(size, packet.frame.size()), buf);
+    return static_cast<int32_t>(packet.frame.size());
 }
 
 int32_t zynHwScalarGet(uint32_t, uint32_t id, void *)

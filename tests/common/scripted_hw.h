@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -20,7 +21,17 @@
 namespace scripted
 {
 
-enum class Call { SlotSet, ScalarSet, ScalarGet, CpuGet, ScalarSync, SlotSync, AclAdd, AclDel };
+enum class Call {
+    SlotSet,
+    ScalarSet,
+    ScalarGet,
+    CpuGet,
+    ScalarSync,
+    SlotSync,
+    AclAdd,
+    AclDel,
+    CarCount
+};
 
 /** One recorded call. Fields that the call does not have are zero. */
 struct Record {
@@ -37,9 +48,24 @@ struct Record {
     std::string octets;    /**< synchronisation calls with ZYN_SYNC_OCTETS */
     uint32_t number = 0;   /**< the other synchronisation calls */
     int32_t result = 0;    /**< what the call was answered with */
+    uint32_t change = 0;   /**< number of the change it was made in, from 1; 0 outside of any */
 
     /** On one line, for messages: "AclAdd system acl=2000 action=11 cir=16 cbs=6400 ebs=6400". */
     std::string text() const;
+};
+
+/** A target and a packet type, for what its CAR entry has counted. */
+using Counted = std::pair<std::optional<std::pair<uint32_t, uint32_t>>, uint32_t>;
+
+struct Counts {
+    uint64_t passPkt = 0, dropPkt = 0, passOct = 0, dropOct = 0;
+};
+
+/** A packet that the platform has for the daemon. */
+struct Packet {
+    packet_rxpktinfo info{};
+    uint16_t protocol = 0;
+    std::vector<uint8_t> frame;
 };
 
 /** What the next calls are answered with. */
@@ -54,10 +80,25 @@ struct Script {
     std::map<uint32_t, std::deque<uint32_t>> cpu;
     /** Interface unit to (sys, slot); others cannot be translated. */
     std::map<uint32_t, std::pair<uint32_t, uint32_t>> ports;
+    /** What entries have counted and not told yet; the others have counted nothing. */
+    std::map<Counted, Counts> counts;
+
+    int32_t pktSock = 0;            /**< the source of packets; 0: there is none */
+    std::deque<Packet> packets;     /**< taken in turn */
+    bool flood = false;             /**< the last packet stays: there is always another one */
+    int32_t platformFd = -1;        /**< for the platform's own work; -1: there is none */
+    std::function<void()> platform; /**< that work */
 };
 
 extern Script script;
 extern std::vector<Record> calls;
+extern std::vector<Record> counted; /**< calls of zynHwCarCount, which are not among the others */
+extern uint32_t changeDepth;        /**< changes begun and not ended */
+extern uint32_t changes;            /**< outermost changes begun so far */
+extern uint32_t changesEnded;       /**< of which are over */
+extern size_t packetsTaken;
+extern size_t platformRuns;
+extern bool loneEnd; /**< a change was ended that had not begun */
 
 /** Forget all calls and instructions. */
 void reset();

@@ -121,6 +121,27 @@ const Call calls[] = {
      R"("cbs":2,"ebs":3,)"},
     {"AclDenyWithARate", [] { return acl_cpudefend_del(nullptr, 1, ZYN_HW_OP_DENY, 1, 0, 0); },
      EINVAL, R"(acl_cpudefend_del","slot":null,"acl":1,"action":3,"cir":1,"cbs":0,"ebs":0,)"},
+    {"CountOfNothing", [] { return zynHwCarCount(&slot, nullptr); }, EINVAL,
+     R"(zynHwCarCount","slot":{"sys":1,"slot":2,"type":0},"entry":null,"passPkt":null,)"
+     R"("dropPkt":null,"passOct":null,"dropOct":null,)"},
+    {"CountOfTheSystemAsASlot",
+     [] {
+         tHwCpuDefendPktCarEntry entry = car(1, ZYN_HW_OP_PERMIT);
+         return zynHwCarCount(&itself, &entry);
+     },
+     EINVAL,
+     R"(zynHwCarCount","slot":{"sys":0,"slot":0,"type":0},"entry":{"pktType":1,"cir":0,"cbs":0,)"
+     R"("pps":200,"queue":0,"priority":0,"op":11,"bit":0},"passPkt":null,"dropPkt":null,)"
+     R"("passOct":null,"dropOct":null,)"},
+    {"CountOfAnUnknownType",
+     [] {
+         tHwCpuDefendPktCarEntry entry = car(59, ZYN_HW_OP_DENY);
+         return zynHwCarCount(nullptr, &entry);
+     },
+     EINVAL,
+     R"(zynHwCarCount","slot":null,"entry":{"pktType":59,"cir":0,"cbs":0,"pps":200,"queue":0,)"
+     R"("priority":0,"op":3,"bit":0},"passPkt":null,"dropPkt":null,"passOct":null,)"
+     R"("dropOct":null,)"},
     {"IsMaster", [] { return zynHwScalarGet(0, HW_SYS_SWRUNNINGROLEISMASTER, nullptr); }, 0,
      R"(zynHwScalarGet","index":0,"id":"HW_SYS_SWRUNNINGROLEISMASTER",)"},
     {"IsNoSlave", [] { return zynHwScalarGet(0, HW_SYS_SWRUNNINGROLEISSLAVE, nullptr); }, 1,

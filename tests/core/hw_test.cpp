@@ -1,4 +1,5 @@
 // Programming a policy into the hardware and out of it: every call, its order, its result.
+#include <cerrno>
 #include <cstring>
 
 #include "core_test.h"
@@ -355,4 +356,118 @@ TEST_F(HwProgramming, RoleIsAskedOnceAndFirst)
     EXPECT_EQ(scripted::calls.front().call, Call::ScalarGet);
     EXPECT_EQ(scripted::calls.front().cmd, 54u);
     EXPECT_EQ(scripted::count(Call::ScalarGet), 1u);
+}
+
+/* ---- Counters ------------------------------------------------------------------------- */
+
+class HwCounters : public HwProgramming
+{
+protected:
+    void SetUp() override
+    {
+        HwProgramming::SetUp();
+        policy = addBarePolicy("p");
+        car = addCar("p", 1);
+    }
+
+    static scripted::Counts &counts(const tSlotIndex *where)
+    {
+        scripted::Counted key{std::nullopt, 1};
+        if (where)
+            key.first = {where->sys, where->slot};
+        return scripted::script.counts[key];
+    }
+
+    std::pair<uint32_t, uint32_t> counters() const { return {car->pktPassNum, car->pktDropNum}; }
+
+    tSlotIndex other{1, 2, 0};
+    tCpuDefendPolicyEntry *policy;
+    tCpuDefendCarPktEntry *car;
+};
+
+using Numbers = std::pair<uint32_t, uint32_t>;
+
+TEST_F(HwCounters, AreSummedOverThePlaces)
+{
+    cpuDefendHwAdd(&slot, policy);
+    cpuDefendHwAdd(&other, policy);
+    cpuDefendHwAdd(nullptr, policy);
+    counts(&slot) = {10, 1, 0, 0};
+    counts(&other) = {20, 2, 0, 0};
+    counts(nullptr) = {30, 3, 0, 0};
+    cpuDefendHwCarCount(car);
+    EXPECT_EQ(counters(), Numbers(60, 6));
+    counts(&other) = {5, 0, 0, 0}; // what is new since
+    cpuDefendHwCarCount(car);
+    EXPECT_EQ(counters(), Numbers(65, 6));
+}
+
+TEST_F(HwCounters, WrapAt32Bits)
+{
+    car->pktPassNum = 0xfffffff0;
+    cpuDefendHwAdd(&slot, policy);
+    counts(&slot) = {0x100000020, 0x200000000, 0, 0};
+    cpuDefendHwCarCount(car);
+    EXPECT_EQ(counters(), Numbers(0x10, 0));
+}
+
+TEST_F(HwCounters, NobodyIsAskedWhereThePolicyIsNotProgrammed)
+{
+    car->cir = 100; // unlike any other
+    cpuDefendHwCarCount(car);
+    cpuDefendHwAdd(&slot, findPolicy("default"));
+    EXPECT_EQ(del(&slot, "p"), 0); // never added
+    cpuDefendHwCarCount(findCar("default", 2));
+    ASSERT_EQ(scripted::counted.size(), 1u);
+    EXPECT_EQ(scripted::counted[0].slot, std::pair(3u, 7u));
+    EXPECT_EQ(scripted::counted[0].car.pktType, 2u);
+}
+
+TEST_F(HwCounters, RemovalTakesTheLastCountsFirst)
+{
+    cpuDefendHwAdd(&slot, policy);
+    counts(&slot) = {10, 1, 0, 0};
+    del(&slot, "p");
+    EXPECT_EQ(counters(), Numbers(10, 1));
+    scripted::counted.clear();
+    cpuDefendHwCarCount(car);
+    EXPECT_TRUE(scripted::counted.empty());
+}
+
+TEST_F(HwCounters, ThatCannotBeReadStayAsTheyAre)
+{
+    cpuDefendHwAdd(&slot, policy);
+    counts(&slot) = {10, 1, 0, 0};
+    scripted::script.failAll[Call::CarCount] = ENOENT;
+    cpuDefendHwCarCount(car);
+    EXPECT_EQ(counters(), Numbers(0, 0));
+}
+
+TEST_F(HwCounters, GoToTheEntryThatIsInForceOfTwoThatCannotBeToldApart)
+{
+    tCpuDefendPolicyEntry *above = addBarePolicy("q");
+    tCpuDefendCarPktEntry *covering = addCar("q", 1); // the same settings
+    cpuDefendHwAdd(&slot, policy);
+    counts(&slot) = {10, 1, 0, 0};
+    cpuDefendHwAdd(&slot, above); // covers it from here on
+    EXPECT_EQ(counters(), Numbers(10, 1));
+    counts(&slot) = {20, 2, 0, 0};
+    cpuDefendHwCarCount(car);
+    EXPECT_EQ(counters(), Numbers(10, 1));
+    del(&slot, "p"); // the hardware takes the newest of the two; what is left is the covering one's
+    EXPECT_EQ(counters(), Numbers(10, 1));
+    EXPECT_EQ(covering->pktPassNum, 20u);
+    counts(&slot) = {4, 0, 0, 0};
+    cpuDefendHwCarCount(car);
+    cpuDefendHwCarCount(covering);
+    EXPECT_EQ(counters(), Numbers(10, 1));
+    EXPECT_EQ(covering->pktPassNum, 24u);
+}
+
+TEST_F(HwCounters, FailedAdditionIsNotAsked)
+{
+    scripted::script.failAll[Call::SlotSet] = 5;
+    cpuDefendHwAdd(&slot, policy);
+    cpuDefendHwCarCount(car);
+    EXPECT_TRUE(scripted::counted.empty());
 }

@@ -522,3 +522,32 @@ TEST(CarPktAttrKind, IsANumberForEveryAttribute)
     for (uint32_t id : {11u, 255u, 256u, 0xffffffffu})
         EXPECT_EQ(cpuDefendCarPktAttrKind(id), NM_ANY) << id;
 }
+
+/* ---- Counters of the hardware --------------------------------------------------------- */
+
+TEST_F(CarPktApi, GetOfACounterTakesWhatTheHardwareHasCounted)
+{
+    cpuDefendHwAdd(nullptr, policy);
+    scripted::script.counts[{std::nullopt, 1}] = {7, 3, 700, 300};
+    EXPECT_EQ(getCar("p", 1, CPUDEFEND_CARPKT_PASSNUM), (Answer<uint32_t>{0, 7}));
+    EXPECT_EQ(getCar("p", 1, CPUDEFEND_CARPKT_DROPNUM), (Answer<uint32_t>{0, 3}));
+    EXPECT_EQ(getCar("p", 1, CPUDEFEND_CARPKT_PASSNUM), (Answer<uint32_t>{0, 7}));
+    EXPECT_EQ(entry->pktPassNum, 7u);
+    EXPECT_EQ(scripted::counted.size(), 3u);
+}
+
+TEST_F(CarPktApi, GetOfAnythingElseAsksForNoCounts)
+{
+    cpuDefendHwAdd(nullptr, policy);
+    for (uint32_t id = 0; id < 12; id++)
+        if (id != CPUDEFEND_CARPKT_PASSNUM && id != CPUDEFEND_CARPKT_DROPNUM)
+            getCar("p", 1, id);
+    EXPECT_TRUE(scripted::counted.empty());
+}
+
+TEST_F(CarPktApi, CountersOfAPolicyThatIsNowhereProgrammedAreNotAskedFor)
+{
+    entry->pktPassNum = 5;
+    EXPECT_EQ(getCar("p", 1, CPUDEFEND_CARPKT_PASSNUM), (Answer<uint32_t>{0, 5}));
+    EXPECT_TRUE(scripted::counted.empty());
+}

@@ -778,23 +778,146 @@ TEST_F(SrcTracePkt, TakesNoSemaphoreAndCallsNoHardware)
     EXPECT_TRUE(scripted::calls.empty());
 }
 
-TEST_F(SrcTracePkt, PacketEntryPointDoesNothing)
-{
-    const tCpuDefendCarPktEntry *entry = addBursting(1);
-    const std::string before = image(*entry);
-    Packet packet = arp();
-    packet_rxpktinfo info{};
-    info.pkt_inport = 7;
-    info.pkt_dataoffset = 14;
-    cpuDefendSrcTracePkt(7, ARP, &info, packet.bytes.data(), 80);
-    EXPECT_EQ(image(*entry), before);
-    EXPECT_EQ(gCpuDefend.useSrcTraceNum, 0u);
-}
-
 TEST_F(SrcTracePkt, AlarmSendsNoTrap)
 {
     const tCpuDefendSystem before = gCpuDefend;
     sendCpuDefendSrcTraceAlarmTrap();
     EXPECT_EQ(image(gCpuDefend), image(before));
     EXPECT_TRUE(scripted::calls.empty());
+}
+
+/* ---- The hook that packets come in by --------------------------------------------------------
+ */
+
+class SrcTraceHook : public SrcTracePkt
+{
+protected:
+    /** Hand over @a length bytes of the packet, which nobody may read beyond. */
+    static int32_t receive(const Packet &packet, size_t length)
+    {
+        std::vector<uint8_t> frame = packet.bytes;
+        frame.resize(length);
+        Guarded memory(frame);
+        packet_rxpktinfo info{};
+        info.pkt_inport = packet.ifUnit;
+        info.pkt_dataoffset = static_cast<uint8_t>(packet.offSet);
+        info.pkt_innervid = packet.inner;
+        info.pkt_outervid = packet.outer;
+        const int32_t result =
+            cpuDefendSrcTracePkt(packet.ifUnit, static_cast<uint16_t>(packet.protocol), &info,
+                                 memory.data(), static_cast<int32_t>(length));
+        EXPECT_EQ(memory.content(), frame);
+        EXPECT_TRUE(memory.intact());
+        return result;
+    }
+};
+
+TEST_F(SrcTraceHook, PacketIsTracedWithAllThatIsKnownOfIt)
+{
+    addBursting(1);
+    policy->srcTracePktDataEnable = 1;
+    Packet packet = arp(source, target, 18);
+    packet.inner = 0x0123;
+    packet.outer = 0x0ABC;
+    EXPECT_EQ(receive(packet, 80), 0);
+    const tCpuDefendSrcTraceEntry *entry = recorded(1);
+    ASSERT_NE(entry, nullptr);
+    EXPECT_EQ(entry->ifUnit, 7u);
+    EXPECT_EQ(entry->sysId, 3);
+    EXPECT_EQ(entry->slotId, 4);
+    EXPECT_EQ(entry->innerVlan, 0x0123);
+    EXPECT_EQ(entry->outerVlan, 0x0ABC);
+    EXPECT_EQ(memcmp(entry->dstIp, target.data(), 4), 0);
+    EXPECT_EQ(memcmp(entry->pktData, packet.bytes.data(), 80), 0);
+}
+
+TEST_F(SrcTraceHook, ShortFrameCountsAsZeroPastItsEnd)
+{
+    policy->srcTracePktDataEnable = 1;
+    for (size_t length : {size_t{1}, size_t{6}, size_t{14}, size_t{34}, size_t{42}, size_t{79}}) {
+        addBursting(14);
+        const Packet whole = ipv4(ICMP, 0x1234, 0x5678);
+        Packet packet = whole;
+        std::fill(packet.bytes.begin() + 42, packet.bytes.end(), uint8_t{0xEE});
+        EXPECT_EQ(receive(packet, length), 0);
+        if (length < 34) { // the protocol, or a part of the addresses, is missing
+            EXPECT_EQ(recorded(14), nullptr) << length;
+        } else {
+            ASSERT_NE(recorded(14), nullptr) << length;
+            std::vector<uint8_t> kept(packet.bytes.begin(),
+                                      packet.bytes.begin() + static_cast<long>(length));
+            kept.resize(80);
+            EXPECT_EQ(memcmp(recorded(14)->pktData, kept.data(), 80), 0) << length;
+            cpuDefendSrcTraceEntryDel(recorded(14));
+        }
+        cpuDefendCarPktEntryDel(findCar("p", 14));
+    }
+}
+
+TEST_F(SrcTraceHook, LongFrameIsLookedAtForItsFirstEightyBytes)
+{
+    addBursting(1);
+    policy->srcTracePktDataEnable = 1;
+    const Packet packet = arp();
+    EXPECT_EQ(receive(packet, 1500), 0);
+    ASSERT_NE(recorded(1), nullptr);
+    EXPECT_EQ(memcmp(recorded(1)->pktData, packet.bytes.data(), 80), 0);
+}
+
+TEST_F(SrcTraceHook, OffsetMustLieWithinTheEightyBytes)
+{
+    const tCpuDefendCarPktEntry *entry = addCar("p", 1);
+    Packet packet = arp();
+    for (uint32_t offSet : {80u, 81u, 128u, 255u}) {
+        packet.offSet = offSet;
+        EXPECT_EQ(receive(packet, 80), -1) << offSet;
+    }
+    EXPECT_EQ(entry->pktSrcTraceNum, 0u);
+    packet.offSet = 79;
+    EXPECT_EQ(receive(packet, 80), 0);
+    EXPECT_EQ(entry->pktSrcTraceNum, 1u);
+}
+
+TEST_F(SrcTraceHook, VlanIdsAreTheLowTwelveBits)
+{
+    addBursting(1);
+    Packet packet = arp();
+    packet.inner = 0xF123;
+    packet.outer = 0xEFFF;
+    EXPECT_EQ(receive(packet, 80), 0);
+    ASSERT_NE(recorded(1), nullptr);
+    EXPECT_EQ(recorded(1)->innerVlan, 0x0123);
+    EXPECT_EQ(recorded(1)->outerVlan, 0x0FFF);
+}
+
+TEST_F(SrcTraceHook, WithoutAFrameThereIsNothingToTrace)
+{
+    const tCpuDefendCarPktEntry *entry = addCar("p", 1);
+    Packet packet = arp();
+    packet_rxpktinfo info{};
+    info.pkt_dataoffset = 14;
+    EXPECT_EQ(cpuDefendSrcTracePkt(7, ARP, nullptr, packet.bytes.data(), 80), -1);
+    EXPECT_EQ(cpuDefendSrcTracePkt(7, ARP, &info, nullptr, 80), -1);
+    for (int32_t length : {0, -1, INT32_MIN})
+        EXPECT_EQ(cpuDefendSrcTracePkt(7, ARP, &info, packet.bytes.data(), length), -1) << length;
+    EXPECT_EQ(entry->pktSrcTraceNum, 0u);
+}
+
+TEST_F(SrcTraceHook, ResultIsTheRoutines)
+{
+    Packet packet = arp();
+    EXPECT_EQ(receive(packet, 80), 0);
+    packet.ifUnit = 9; // has no place
+    EXPECT_EQ(receive(packet, 80), -1);
+}
+
+TEST_F(SrcTraceHook, InterfaceIsTheArgumentNotTheRecords)
+{
+    const tCpuDefendCarPktEntry *entry = addCar("p", 1);
+    Packet packet = arp();
+    packet_rxpktinfo info{};
+    info.pkt_inport = 9;
+    info.pkt_dataoffset = 14;
+    EXPECT_EQ(cpuDefendSrcTracePkt(7, ARP, &info, packet.bytes.data(), 80), 0);
+    EXPECT_EQ(entry->pktSrcTraceNum, 1u);
 }

@@ -23,8 +23,8 @@ Entry entry(uint32_t type, uint32_t pps)
 
 uint32_t ppsInForce(const CarTable &table, uint32_t type)
 {
-    const Entry *e = table.inForce(type);
-    return e ? e->pps : 0;
+    const zynlinux::CarEntry *e = table.inForce(type);
+    return e ? e->settings.pps : 0;
 }
 
 TEST(CarTable, NothingIsInForceAtFirst)

@@ -53,18 +53,87 @@ TEST(PlatformFile, SlotsPutTheirPortsInPlace)
     Config config = parseConfig("ports = ['a']\n"
                                 "[[slot]]\nslot = 1\nports = ['b', 'c']\n"
                                 "[[slot]]\nsys = 1\nslot = 0\nports = ['d']\n"
-                                "[[slot]]\nports = ['e']\nsys = 4294967295\nslot = 4294967295\n",
+                                "[[slot]]\nports = ['e']\nsys = 255\nslot = 255\n",
                                 "p.toml");
-    EXPECT_EQ(
-        placesOf(config),
-        (Places{
-            {"a", 0, 0}, {"b", 0, 1}, {"c", 0, 1}, {"d", 1, 0}, {"e", UINT32_MAX, UINT32_MAX}}));
+    EXPECT_EQ(placesOf(config),
+              (Places{{"a", 0, 0}, {"b", 0, 1}, {"c", 0, 1}, {"d", 1, 0}, {"e", 255, 255}}));
 }
 
 TEST(PlatformFile, SlotsNeedNoPortOfTheSystem)
 {
     Config config = parseConfig("[[slot]]\nslot = 3\nports = ['a']\n", "p.toml");
     EXPECT_EQ(placesOf(config), (Places{{"a", 0, 3}}));
+}
+
+TEST(PlatformFile, WithoutThemHasTheUsualPinGraceAndStop)
+{
+    Config config = parseConfig("ports = ['a']", "p.toml");
+    EXPECT_EQ(config.pin, "/sys/fs/bpf/cpudefend");
+    EXPECT_EQ(config.grace, 60u);
+    EXPECT_EQ(config.onStop, OnStop::Remove);
+    EXPECT_TRUE(config.acls.empty());
+}
+
+TEST(PlatformFile, PinGraceAndStopAreRead)
+{
+    Config config = parseConfig("ports = ['a']\npin = '/sys/fs/bpf/other'\ngrace = 0\n"
+                                "on_stop = 'leave'\n",
+                                "p.toml");
+    EXPECT_EQ(config.pin, "/sys/fs/bpf/other");
+    EXPECT_EQ(config.grace, 0u);
+    EXPECT_EQ(config.onStop, OnStop::Leave);
+    EXPECT_EQ(parseConfig("ports = ['a']\npin = 'none'", "p").pin, "");
+    EXPECT_EQ(parseConfig("ports = ['a']\ngrace = 86400", "p").grace, 86400u);
+    EXPECT_EQ(parseConfig("ports = ['a']\non_stop = 'remove'", "p").onStop, OnStop::Remove);
+}
+
+TEST(PlatformFile, AclsAreReadByNumber)
+{
+    Config config = parseConfig("ports = ['a']\n"
+                                "[[acl]]\nnumber = 65535\nfamily = 'ipv6'\n"
+                                "rules = ['permit icmp6 any any type 135', 'deny ip any any']\n"
+                                "[[acl]]\nrules = ['permit ospf any any']\nfamily = 'ipv4'\n"
+                                "number = 1\n",
+                                "p.toml");
+    ASSERT_EQ(config.acls.size(), 2u);
+    EXPECT_EQ(config.acls.at(1).number, 1);
+    EXPECT_EQ(config.acls.at(1).family, AclFamily::Ipv4);
+    EXPECT_EQ(config.acls.at(1).rules.at(0).protocol, 89);
+    EXPECT_EQ(config.acls.at(65535).family, AclFamily::Ipv6);
+    ASSERT_EQ(config.acls.at(65535).rules.size(), 2u);
+    EXPECT_EQ(config.acls.at(65535).rules[0].type, 135);
+    EXPECT_FALSE(config.acls.at(65535).rules[1].permit);
+}
+
+std::string aclOf(size_t rules)
+{
+    std::string text = "ports = ['a']\n[[acl]]\nnumber = 1\nfamily = 'ipv4'\nrules = [\n";
+    for (size_t i = 0; i < rules; i++)
+        text += "'deny ip any any',\n";
+    return text + "]\n";
+}
+
+TEST(PlatformFile, HasAtMost4096RulesInAnAcl)
+{
+    EXPECT_EQ(parseConfig(aclOf(4096), "p.toml").acls.at(1).rules.size(), 4096u);
+    EXPECT_EQ(failureOf(aclOf(4097)), "couldn't read platform file p.toml: line 4102: "
+                                      "more than 4096 rules in an ACL");
+}
+
+std::string slotsOf(unsigned count)
+{
+    std::string text;
+    for (unsigned i = 1; i <= count; i++)
+        text +=
+            "[[slot]]\nslot = " + std::to_string(i) + "\nports = ['p" + std::to_string(i) + "']\n";
+    return text;
+}
+
+TEST(PlatformFile, HasAtMost31Slots)
+{
+    EXPECT_EQ(parseConfig(slotsOf(31), "p.toml").ports.size(), 31u);
+    EXPECT_EQ(failureOf(slotsOf(32)),
+              "couldn't read platform file p.toml: line 94: more than 31 slots");
 }
 
 struct Wrong {
@@ -112,11 +181,13 @@ const Wrong wrongs[] = {
     {"SlotEmptyPorts", "[[slot]]\nslot = 1\nports = []\n",
      "line 3: ports is not a list of at least one port name"},
     {"SlotNegative", "[[slot]]\nslot = -1\nports = ['a']\n",
-     "line 2: slot is not a number from 0 to 4294967295"},
-    {"SystemTooGreat", "[[slot]]\nsys = 4294967296\nslot = 1\nports = ['a']\n",
-     "line 2: sys is not a number from 0 to 4294967295"},
+     "line 2: slot is not a number from 0 to 255"},
+    {"SlotTooGreat", "[[slot]]\nslot = 256\nports = ['a']\n",
+     "line 2: slot is not a number from 0 to 255"},
+    {"SystemTooGreat", "[[slot]]\nsys = 256\nslot = 1\nports = ['a']\n",
+     "line 2: sys is not a number from 0 to 255"},
     {"SlotAString", "[[slot]]\nslot = '1'\nports = ['a']\n",
-     "line 2: slot is not a number from 0 to 4294967295"},
+     "line 2: slot is not a number from 0 to 255"},
     {"PortInTwoPlaces", "ports = ['a']\n[[slot]]\nslot = 1\nports = ['b', 'a']\n",
      "line 4: port \"a\" stands there twice"},
     {"NoPorts", "mode = 'auto'\n", "no key \"ports\""},
@@ -133,6 +204,45 @@ const Wrong wrongs[] = {
     {"ModeNotAString", "ports = ['a']\nmode = 1\n", "line 2: mode is not a string"},
     {"RoleUnknown", "ports = ['a']\nrole = 'Master'\n",
      "line 2: role is \"Master\", not one of \"master\", \"slave\""},
+    {"PinNotAFolder", "ports = ['a']\npin = 'bpf'\n",
+     "line 2: pin is \"bpf\", not a folder from / on or \"none\""},
+    {"PinEmpty", "ports = ['a']\npin = ''\n",
+     "line 2: pin is \"\", not a folder from / on or \"none\""},
+    {"PinNotAString", "ports = ['a']\npin = false\n", "line 2: pin is not a string"},
+    {"GraceTooLong", "ports = ['a']\ngrace = 86401\n",
+     "line 2: grace is not a number from 0 to 86400"},
+    {"GraceNegative", "ports = ['a']\ngrace = -1\n",
+     "line 2: grace is not a number from 0 to 86400"},
+    {"OnStopUnknown", "ports = ['a']\non_stop = 'keep'\n",
+     "line 2: on_stop is \"keep\", not one of \"remove\", \"leave\""},
+    {"AclNotInAList", "ports = ['a']\n[acl]\nnumber = 1\n",
+     "line 2: acl is not written as [[acl]]"},
+    {"AclUnknownKey", "ports = ['a']\n[[acl]]\nnumber = 1\nname = 'x'\n",
+     "line 4: unknown key \"name\""},
+    {"AclWithoutNumber", "ports = ['a']\n[[acl]]\nfamily = 'ipv4'\nrules = ['deny ip any any']\n",
+     "line 2: no key \"number\""},
+    {"AclWithoutFamily", "ports = ['a']\n[[acl]]\nnumber = 1\nrules = ['deny ip any any']\n",
+     "line 2: no key \"family\""},
+    {"AclWithoutRules", "ports = ['a']\n[[acl]]\nnumber = 1\nfamily = 'ipv4'\n",
+     "line 2: no key \"rules\""},
+    {"AclNumberZero", "ports = ['a']\n[[acl]]\nnumber = 0\nfamily = 'ipv4'\nrules = []\n",
+     "line 3: number is not a number from 1 to 65535"},
+    {"AclNumberTooGreat", "ports = ['a']\n[[acl]]\nnumber = 65536\nfamily = 'ipv4'\nrules = []\n",
+     "line 3: number is not a number from 1 to 65535"},
+    {"AclFamilyUnknown", "ports = ['a']\n[[acl]]\nnumber = 1\nfamily = 'ip'\nrules = []\n",
+     "line 4: family is \"ip\", not one of \"ipv4\", \"ipv6\""},
+    {"AclWithEmptyRules", "ports = ['a']\n[[acl]]\nnumber = 1\nfamily = 'ipv4'\nrules = []\n",
+     "line 5: rules is not a list of at least one rule"},
+    {"AclRuleNotAString", "ports = ['a']\n[[acl]]\nnumber = 1\nfamily = 'ipv4'\nrules = [\n7]\n",
+     "line 6: a rule is not a string"},
+    {"AclRuleWrong",
+     "ports = ['a']\n[[acl]]\nnumber = 1\nfamily = 'ipv4'\nrules = [\n'deny ip any any',\n"
+     "'permit tcp any any port 70000']\n",
+     "line 7: port 70000 is not 0 to 65535"},
+    {"AclTwiceOverBothFamilies",
+     "ports = ['a']\n[[acl]]\nnumber = 9\nfamily = 'ipv4'\nrules = ['deny ip any any']\n"
+     "[[acl]]\nnumber = 9\nfamily = 'ipv6'\nrules = ['deny ip any any']\n",
+     "line 6: acl 9 stands there twice"},
 };
 
 INSTANTIATE_TEST_SUITE_P(All, WrongPlatformFile, testing::ValuesIn(wrongs),
@@ -163,6 +273,28 @@ TEST(PlatformFile, ExampleIsValid)
 {
     Config config = readConfig(CPUDEFEND_PLATFORM_EXAMPLE);
     EXPECT_FALSE(config.ports.empty());
+}
+
+/** The example with everything in it that is commented out: lines that begin with # and no space.
+ */
+std::string wholeExample()
+{
+    std::ifstream file(CPUDEFEND_PLATFORM_EXAMPLE);
+    std::string text;
+    for (std::string line; std::getline(file, line);)
+        text += (line.size() > 1 && line[0] == '#' && (line[1] != ' ' || line.starts_with("#  \""))
+                     ? line.substr(1)
+                     : line) +
+                '\n';
+    return text;
+}
+
+TEST(PlatformFile, ExampleIsValidWithAllThatItShows)
+{
+    Config config = parseConfig(wholeExample(), "example");
+    EXPECT_EQ(config.ports.size(), 3u);
+    EXPECT_EQ(config.acls.size(), 2u);
+    EXPECT_EQ(config.acls.at(101).rules.size(), 5u);
 }
 
 } // namespace

@@ -42,7 +42,7 @@ protected:
     /** @param more lines of the platform file */
     void start(const std::string &more = "")
     {
-        file.emplace(std::string("ports = [\"") + protectedPort + "\"]\n" + more);
+        file.emplace(unpinned + "ports = [\"" + protectedPort + "\"]\n" + more);
         daemon.emplace(
             std::vector<std::string>{},
             std::map<std::string, std::string>{{"CPUDEFEND_PLATFORM", file->path()},
@@ -159,7 +159,7 @@ TEST_F(DaemonOnWire, NeedsOnlyTheCapabilitiesOfItsService)
 
 TEST_F(DaemonOnWire, JournalThatCannotBeOpenedKeepsTheDaemonFromStarting)
 {
-    PlatformFile own(std::string("ports = [\"") + protectedPort + "\"]\n");
+    PlatformFile own(unpinned + std::string("ports = [\"") + protectedPort + "\"]\n");
     std::string errors;
     EXPECT_EQ(runDaemon({}, {{"CPUDEFEND_PLATFORM", own.path()}, {"CPUDEFEND_JOURNAL", "/none/j"}},
                         20, &errors),

@@ -1,8 +1,10 @@
 /**
- * What an entry does once it is in force, by test runs of the program in the kernel.
+ * What is programmed is in force at once, and stays so by the rules: by test runs of the program
+ * that the layer has loaded.
  */
 #include <gtest/gtest.h>
 #include <memory>
+#include <optional>
 #include <thread>
 
 #include <bpf/bpf.h>
@@ -11,12 +13,29 @@
 #include "counters.h"
 #include "dataplane.h"
 #include "frame.h"
+#include "pin_folder.h"
 #include "policer_settings.h"
+#include "ports.h"
+#include "protection.h"
 
 using namespace zynlinux;
 
 namespace
 {
+
+/** Everything but ports. */
+struct Host {
+    explicit Host(const AclLists &lists = {}, const Protection::Slots &slots = {})
+        : plane(pins), ports(config, plane, pins), protection(plane, ports, lists, slots)
+    {
+    }
+
+    PinFolder pins{""};
+    Config config;
+    DataPlane plane;
+    Ports ports;
+    Protection protection;
+};
 
 class Enforce : public testing::Test
 {
@@ -24,20 +43,41 @@ protected:
     void SetUp() override
     {
         SKIP_WITHOUT_BPF();
-        plane = std::make_unique<DataPlane>();
+        renew();
     }
 
+    void renew() { host = std::make_unique<Host>(); }
+
+    static tHwCpuDefendPktCarEntry entry(uint32_t pps, uint32_t cir, uint32_t cbs, uint8_t bit,
+                                         uint8_t op = ZYN_HW_OP_PERMIT)
+    {
+        tHwCpuDefendPktCarEntry made{};
+        made.pktType = CPD_ARP;
+        made.pps = pps;
+        made.cir = cir;
+        made.cbs = cbs;
+        made.res = bit;
+        made.op = op;
+        return made;
+    }
+
+    /** Have this entry in force in place of the one before. */
     void enforce(uint32_t pps, uint32_t cir, uint32_t cbs, uint8_t bit,
                  uint8_t op = ZYN_HW_OP_PERMIT)
     {
-        tHwCpuDefendPktCarEntry entry{};
-        entry.pktType = CPD_ARP;
-        entry.pps = pps;
-        entry.cir = cir;
-        entry.cbs = cbs;
-        entry.res = bit;
-        entry.op = op;
-        plane->enforce(CPD_ARP, &entry);
+        host->protection.changeBegin();
+        remove();
+        programmed = entry(pps, cir, cbs, bit, op);
+        EXPECT_EQ(host->protection.carAdd(nullptr, *programmed), 0);
+        host->protection.changeEnd();
+    }
+
+    void remove()
+    {
+        if (!programmed)
+            return;
+        EXPECT_EQ(host->protection.carDel(nullptr, *programmed), 0);
+        programmed.reset();
     }
 
     /** How many of so many frames of a type pass, all at once. */
@@ -49,19 +89,20 @@ protected:
         options.data_in = frame.data();
         options.data_size_in = static_cast<uint32_t>(frame.size());
         options.repeat = count;
-        EXPECT_EQ(bpf_prog_test_run_opts(plane->program(), &options), 0);
+        EXPECT_EQ(bpf_prog_test_run_opts(host->plane.program(), &options), 0);
         return passed() - before;
     }
 
     uint64_t passed() const
     {
         uint64_t sum = 0;
-        for (const cpd_counters &each : readCounters(plane->counters()))
+        for (const cpd_counters &each : readCounters(host->plane.counters()))
             sum += each.passed_packets;
         return sum;
     }
 
-    std::unique_ptr<DataPlane> plane;
+    std::unique_ptr<Host> host;
+    std::optional<tHwCpuDefendPktCarEntry> programmed;
 };
 
 // Rates are low enough that no token comes while the frames are offered.
@@ -94,25 +135,17 @@ TEST_F(Enforce, WithoutBitsThePacketPolicerIsInForceAlone)
 TEST_F(Enforce, EitherByteBitPutsTheBytePolicerInForceAlone)
 {
     for (uint8_t bit : {0x80, 0x40, 0xc0}) {
-        plane = std::make_unique<DataPlane>();
+        renew();
+        programmed.reset();
         enforce(0, 1, 6000, bit);
         EXPECT_EQ(offer(1000, 0x0806, 60), 100u);
     }
-}
-
-TEST_F(Enforce, BytePolicerCountsTheWholeFrame)
-{
-    enforce(0, 1, 6000, ZYN_HW_CAR_CIR);
-    EXPECT_EQ(offer(1000, 0x0806, 1500), 4u);
 }
 
 TEST_F(Enforce, WithBothPolicersTheTighterOneDecides)
 {
     enforce(1, 1, 6000, ZYN_HW_CAR_CIR | ZYN_HW_CAR_PPS);
     EXPECT_EQ(offer(1000), packetBucket(1));
-    plane = std::make_unique<DataPlane>();
-    enforce(50'000, 1, 180, ZYN_HW_CAR_CIR | ZYN_HW_CAR_PPS);
-    EXPECT_EQ(offer(1000), 3u);
 }
 
 TEST_F(Enforce, PacketThatTheBytePolicerRefusesCostsNoPacketToken)
@@ -120,6 +153,7 @@ TEST_F(Enforce, PacketThatTheBytePolicerRefusesCostsNoPacketToken)
     enforce(1, 1, 100, ZYN_HW_CAR_CIR | ZYN_HW_CAR_PPS);
     EXPECT_EQ(offer(1000, 0x0806, 101), 0u);
     EXPECT_EQ(offer(1000, 0x0806, 60), 1u); // there is no room for a second one of 60
+    std::this_thread::sleep_for(std::chrono::milliseconds(10)); // refusals hold for a tick
     EXPECT_EQ(offer(1000, 0x0806, 20), packetBucket(1) - 1);
 }
 
@@ -131,16 +165,10 @@ TEST_F(Enforce, RateOfZeroDropsAll)
     EXPECT_EQ(offer(10), 0u);
 }
 
-TEST_F(Enforce, OtherTypesPass)
-{
-    enforce(0, 0, 0, 0, ZYN_HW_OP_DENY);
-    EXPECT_EQ(offer(100, 0x888e), 100u);
-}
-
 TEST_F(Enforce, NoEntryPassesAgain)
 {
     enforce(0, 0, 0, 0, ZYN_HW_OP_DENY);
-    plane->enforce(CPD_ARP, nullptr);
+    remove();
     EXPECT_EQ(offer(100), 100u);
 }
 
@@ -148,7 +176,7 @@ TEST_F(Enforce, PuttingTheSameEntryInForceAgainGivesNoSecondBurst)
 {
     enforce(1, 0, 0, ZYN_HW_CAR_PPS);
     EXPECT_EQ(offer(1000), packetBucket(1));
-    plane->enforce(CPD_ARP, nullptr);
+    remove();
     enforce(1, 0, 0, ZYN_HW_CAR_PPS);
     EXPECT_EQ(offer(1000), 0u);
 }
@@ -161,6 +189,50 @@ TEST_F(Enforce, ChangeOfRateGivesNoSecondBurst)
         enforce(0, cir, 60'000, ZYN_HW_CAR_CIR);
         EXPECT_LE(offer(1000), 10u) << cir;
     }
+}
+
+TEST_F(Enforce, ChangeTakesEffectAsAWholeAtItsEnd)
+{
+    enforce(0, 0, 0, 0, ZYN_HW_OP_DENY);
+    host->protection.changeBegin();
+    remove();
+    EXPECT_EQ(offer(100), 0u);
+    host->protection.changeEnd();
+    EXPECT_EQ(offer(100), 100u);
+}
+
+TEST_F(Enforce, NoPacketSlipsThroughWhileOnePolicyTakesThePlaceOfAnother)
+{
+    enforce(0, 0, 0, 0, ZYN_HW_OP_DENY);
+    std::atomic<bool> stop{false};
+    std::thread flood([&] {
+        while (!stop)
+            offer(10'000);
+    });
+    for (int i = 0; i < 30; i++)
+        enforce(0, 0, 0, i % 2 ? ZYN_HW_CAR_PPS : 0, i % 2 ? ZYN_HW_OP_PERMIT : ZYN_HW_OP_DENY);
+    stop = true;
+    flood.join();
+    EXPECT_EQ(passed(), 0u); // a rate of 0 drops all, as deny does
+}
+
+TEST_F(Enforce, RateHoldsOverChangesUnderFlood)
+{
+    enforce(0, 16, 60'000, ZYN_HW_CAR_CIR); // a bucket of 1000 frames, 33 more in a second
+    std::atomic<bool> stop{false};
+    std::thread flood([&] {
+        while (!stop)
+            offer(10'000);
+    });
+    auto begin = std::chrono::steady_clock::now();
+    for (uint32_t i = 0; i < 40; i++)
+        enforce(0, 16 - i % 2, 60'000, ZYN_HW_CAR_CIR);
+    stop = true;
+    flood.join();
+    double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    EXPECT_GE(passed(), 1000u);
+    EXPECT_LE(static_cast<double>(passed()), 1000 + 34 * seconds + 2);
 }
 
 TEST_F(Enforce, IsExactWhenSeveralCpusRunIt)
@@ -176,13 +248,29 @@ TEST_F(Enforce, IsExactWhenSeveralCpusRunIt)
     EXPECT_LE(passed(), 1002u);
 }
 
-TEST_F(Enforce, FrameInSeveralBuffersCountsWhole)
+TEST_F(Enforce, CountsBelongToTheEntryThatWasInForce)
 {
-    enforce(0, 1, 20'000, ZYN_HW_CAR_CIR);
-    EXPECT_EQ(offer(10, 0x0806, 9000), 2u);
-    auto counters = readCounters(plane->counters());
-    EXPECT_EQ(counters[CPD_ARP].passed_octets, 18'000u);
-    EXPECT_EQ(counters[CPD_ARP].dropped_octets, 72'000u);
+    auto first = entry(1, 0, 0, ZYN_HW_CAR_PPS), second = entry(0, 0, 0, 0, ZYN_HW_OP_DENY);
+    layer::tCarCounts counts{};
+    Protection &protection = host->protection;
+    offer(5); // before anything is programmed: nobody's
+    protection.carAdd(nullptr, first);
+    offer(10);
+    protection.carAdd(nullptr, second);
+    offer(100);
+    ASSERT_EQ(protection.carCount(nullptr, first, &counts), 0);
+    EXPECT_EQ(counts.passPkt, 2u);
+    EXPECT_EQ(counts.dropPkt, 8u);
+    EXPECT_EQ(counts.passOct, 120u);
+    EXPECT_EQ(counts.dropOct, 480u);
+    ASSERT_EQ(protection.carCount(nullptr, second, &counts), 0);
+    EXPECT_EQ(counts.passPkt, 0u);
+    EXPECT_EQ(counts.dropPkt, 100u);
+    protection.carDel(nullptr, second);
+    offer(3);
+    ASSERT_EQ(protection.carCount(nullptr, first, &counts), 0);
+    EXPECT_EQ(counts.dropPkt, 3u); // since it was last asked
+    EXPECT_EQ(protection.carCount(nullptr, second, &counts), ENOENT);
 }
 
 } // namespace

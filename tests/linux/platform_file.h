@@ -26,6 +26,9 @@ inline bool within(std::chrono::milliseconds limit, const std::function<bool()> 
     return condition();
 }
 
+/** Line of a platform file: the data plane ends with its process. */
+inline const std::string unpinned = "pin = \"none\"\n";
+
 /** A platform file that lasts as long as this. */
 class PlatformFile
 {

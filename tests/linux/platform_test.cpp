@@ -19,6 +19,7 @@
 #include "counters.h"
 #include "frame.h"
 #include "journal.h"
+#include "layer_on_wire.h"
 #include "memory/scratch.h"
 #include "platform_file.h"
 #include "test_net.h"
@@ -31,26 +32,6 @@ using namespace std::chrono_literals;
 
 namespace
 {
-
-/** The kernel's id of the XDP program on a port, 0 for none. */
-uint32_t programOn(const char *port, int flags = 0)
-{
-    uint32_t id = 0;
-    bpf_xdp_query_id(static_cast<int>(if_nametoindex(port)), flags, &id);
-    return id;
-}
-
-struct Outcome {
-    int32_t result;
-    std::string text; /**< on standard error */
-};
-
-Outcome init()
-{
-    testing::internal::CaptureStderr();
-    int32_t result = zynPlatformInit(nullptr);
-    return {result, testing::internal::GetCapturedStderr()};
-}
 
 TEST(PlatformInit, MissingFileIsAnError)
 {
@@ -71,13 +52,13 @@ TEST(PlatformInit, WrongFileIsAnErrorWithItsLine)
               "couldn't read platform file " + file.path() + ": line 2: unknown key \"speed\"\n");
 }
 
-TEST(PlatformInit, UnknownPortIsAnError)
+TEST(PlatformInit, PortThatIsNotThereIsAwaitedAndSaid)
 {
     SKIP_WITHOUT_BPF();
-    PlatformFile file("ports = [\"nosuchport\"]\n");
+    PlatformFile file(unpinned + "ports = [\"nosuchport\"]\n");
     Outcome outcome = init();
-    EXPECT_EQ(outcome.result, -1);
-    EXPECT_EQ(outcome.text, "couldn't protect port nosuchport: No such device\n");
+    EXPECT_EQ(outcome.result, 0);
+    EXPECT_EQ(outcome.text, "[platform] port nosuchport is not there yet\n");
 }
 
 TEST(PlatformInit, MissingPermissionIsAnErrorThatSaysWhatIsNeeded)
@@ -85,7 +66,7 @@ TEST(PlatformInit, MissingPermissionIsAnErrorThatSaysWhatIsNeeded)
     if (geteuid() != 0)
         GTEST_SKIP() << "needs root, to give it up";
     SKIP_WITHOUT_BPF();
-    PlatformFile file("ports = [\"lo\"]\n");
+    PlatformFile file(unpinned + "ports = [\"lo\"]\n");
     pid_t child = fork();
     if (child == 0) {
         constexpr uid_t nobody = 65534;
@@ -119,7 +100,7 @@ protected:
     /** Start the layer on the protected port. @param more lines of the platform file */
     Outcome start(const std::string &more = "")
     {
-        PlatformFile file(std::string("ports = [\"") + protectedPort + "\"]\n" + more);
+        PlatformFile file(unpinned + "ports = [\"" + protectedPort + "\"]\n" + more);
         return init();
     }
 
@@ -174,7 +155,7 @@ TEST_F(PlatformOnWire, GenericModeWhenAskedFor)
 
 TEST_F(PlatformOnWire, DriverWithoutNativeModeGetsTheGenericOneAndTheReasonIsSaid)
 {
-    PlatformFile file("ports = [\"lo\"]\n");
+    PlatformFile file(unpinned + "ports = [\"lo\"]\n");
     Outcome outcome = init();
     ASSERT_EQ(outcome.result, 0) << outcome.text;
     EXPECT_EQ(outcome.text, "[platform] port lo is protected in generic mode "
@@ -184,7 +165,7 @@ TEST_F(PlatformOnWire, DriverWithoutNativeModeGetsTheGenericOneAndTheReasonIsSai
 
 TEST_F(PlatformOnWire, NativeModeThatTheDriverDoesNotHaveIsAnError)
 {
-    PlatformFile file("ports = [\"lo\"]\nmode = \"native\"\n");
+    PlatformFile file(unpinned + "ports = [\"lo\"]\nmode = \"native\"\n");
     Outcome outcome = init();
     EXPECT_EQ(outcome.result, -1);
     EXPECT_EQ(outcome.text,
@@ -196,7 +177,7 @@ TEST_F(PlatformOnWire, PortHeldByAnotherProgramIsAnErrorAndFreesTheOthers)
     Descriptor other = constantProgram(XDP_PASS);
     ASSERT_EQ(bpf_xdp_attach(static_cast<int>(if_nametoindex(peerPort)), other.get(), 0, nullptr),
               0);
-    PlatformFile file("ports = [\"port0\", \"peer0\"]\n");
+    PlatformFile file(unpinned + "ports = [\"port0\", \"peer0\"]\n");
     Outcome outcome = init();
     EXPECT_EQ(outcome.result, -1);
     EXPECT_NE(outcome.text.find(
@@ -236,7 +217,8 @@ TEST_F(PlatformOnWire, ConfiguredPortsAreTranslatedAndNoOthers)
 
 TEST_F(PlatformOnWire, PortOfASlotIsTranslatedToIt)
 {
-    PlatformFile file("ports = [\"port0\"]\n[[slot]]\nsys = 2\nslot = 7\nports = [\"peer0\"]\n");
+    PlatformFile file(unpinned +
+                      "ports = [\"port0\"]\n[[slot]]\nsys = 2\nslot = 7\nports = [\"peer0\"]\n");
     ASSERT_EQ(init().result, 0);
     EXPECT_NE(programOn(peerPort), 0u);
     uint32_t unit = if_nametoindex(peerPort);
@@ -269,15 +251,15 @@ TEST_F(PlatformOnWire, JournalTellsWhatCameOfEachCall)
     EXPECT_EQ(add(entry), 0);
     EXPECT_EQ(remove(entry), 0);
     EXPECT_EQ(remove(entry), ENOENT);
-    EXPECT_EQ(zynHwSlotSet(&slot, HW_SLOT_CPUDEFENDPKTCARADD, &entry, 3), ENOTSUP);
-    EXPECT_EQ(acl_cpudefend_add(nullptr, 2000, ZYN_HW_OP_DENY, 0, 0, 0), ENOTSUP);
+    EXPECT_EQ(zynHwSlotSet(&slot, HW_SLOT_CPUDEFENDPKTCARADD, &entry, 3), 0);
+    EXPECT_EQ(acl_cpudefend_add(nullptr, 2000, ZYN_HW_OP_DENY, 0, 0, 0), ENOENT);
     EXPECT_EQ(sysIndexTrans(if_nametoindex(peerPort), SYS_INDEX_TRANS_PHY, &info), 0);
     journalClose();
 
     const std::vector<std::pair<const char *, const char *>> expected = {
-        {"zynScalarSetApi", "\"result\":0}"},    {"zynScalarSetApi", "\"result\":0}"},
-        {"zynScalarSetApi", "\"result\":2}"},    {"zynHwSlotSet", "\"result\":95}"},
-        {"acl_cpudefend_add", "\"result\":95}"}, {"sysIndexTrans", "{\"unit\":0,\"slot\":7,"}};
+        {"zynScalarSetApi", "\"result\":0}"},   {"zynScalarSetApi", "\"result\":0}"},
+        {"zynScalarSetApi", "\"result\":2}"},   {"zynHwSlotSet", "\"result\":0}"},
+        {"acl_cpudefend_add", "\"result\":2}"}, {"sysIndexTrans", "{\"unit\":0,\"slot\":7,"}};
     std::istringstream text(scratch.read("journal"));
     for (const auto &[call, part] : expected) {
         std::string line;
@@ -355,13 +337,18 @@ TEST_F(PlatformOnWire, WhatThisLayerCannotDoIsNotSupported)
         EXPECT_EQ(add(entry), ENOTSUP);
         EXPECT_EQ(remove(entry), ENOTSUP);
     }
+}
+
+TEST_F(PlatformOnWire, SlotThatIsNotConfiguredIsNoDevice)
+{
+    ASSERT_EQ(start("[[slot]]\nslot = 7\nports = [\"peer0\"]\n").result, 0);
     tSlotIndex slot{0, 1, 0};
-    entry = arpEntry(1);
-    EXPECT_EQ(zynHwSlotSet(&slot, HW_SLOT_CPUDEFENDPKTCARADD, &entry, 3), ENOTSUP);
-    EXPECT_EQ(zynHwSlotSet(&slot, HW_SLOT_CPUDEFENDPKTCARDEL, &entry, 3), ENOTSUP);
+    auto entry = arpEntry(1);
+    EXPECT_EQ(zynHwSlotSet(&slot, HW_SLOT_CPUDEFENDPKTCARADD, &entry, 3), ENODEV);
+    EXPECT_EQ(zynHwSlotSet(&slot, HW_SLOT_CPUDEFENDPKTCARDEL, &entry, 3), ENODEV);
+    EXPECT_EQ(acl_cpudefend_add(&slot, 2000, ZYN_HW_OP_DENY, 0, 0, 0), ENODEV);
+    EXPECT_EQ(zynHwCarCount(&slot, &entry), ENODEV);
     EXPECT_EQ(zynHwSlotSet(nullptr, HW_SLOT_CPUDEFENDPKTCARADD, &entry, 3), EINVAL);
-    EXPECT_EQ(acl_cpudefend_add(nullptr, 2000, ZYN_HW_OP_DENY, 0, 0, 0), ENOTSUP);
-    EXPECT_EQ(acl_cpudefend_del(&slot, 2000, ZYN_HW_OP_DENY, 0, 0, 0), ENOTSUP);
 }
 
 TEST_F(PlatformOnWire, SynchronisationWithoutASecondCardSucceeds)

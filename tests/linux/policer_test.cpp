@@ -35,21 +35,22 @@ constexpr uint64_t tenYears = 10ull * 366 * 86400 * second;
 /** A policer with a full bucket. */
 struct Policer {
     explicit Policer(const cpd_settings &first, uint64_t at = bootTime)
+        : word(cpd_units(at, &first)), settings(first)
     {
         virtualNow = at;
-        change(first);
     }
 
     void change(const cpd_settings &next)
     {
-        word = carryOver(word, settings[word & 1], next, virtualNow);
-        settings[word & 1] = next;
+        word = carryOver(word, settings, next, virtualNow);
+        settings = next;
     }
 
     bool pass(uint64_t tokens, uint64_t at)
     {
+        cpd_refusal refusal;
         virtualNow = at;
-        return cpd_charge(&word, settings, tokens);
+        return cpd_charge(&word, &settings, tokens, &refusal);
     }
 
     /** Packets of so many tokens that pass at one instant, of at most @a limit offered. */
@@ -61,8 +62,8 @@ struct Policer {
         return passed;
     }
 
-    __u64 word = 0;
-    cpd_settings settings[2] = {};
+    __u64 word;
+    cpd_settings settings;
 };
 
 /** A token bucket without any rounding: levels in 10^-9 tokens. */
@@ -194,7 +195,7 @@ TEST_P(ByteRate, LargestBucketDoesNotOverflow)
     constexpr uint64_t frame = 1 << 16;
     const uint64_t bucket = UINT32_MAX / frame; // 4294967295 bytes: the last frame does not fit
     EXPECT_EQ(policer.burst(frame, tenYears, bucket + 1000), bucket);
-    EXPECT_LE(policer.settings[policer.word & 1].depth, 1ull << 59);
+    EXPECT_LT(policer.settings.depth, 1ull << 62);
 }
 
 INSTANTIATE_TEST_SUITE_P(FromOneKilobitToFourTerabit, ByteRate,
@@ -250,14 +251,14 @@ TEST(Policer, RefundTakesBackTheCharge)
 {
     Policer policer(packetSettings(50));
     ASSERT_EQ(policer.burst(1, bootTime), 2u);
-    cpd_refund(&policer.word, policer.settings, 1);
+    cpd_refund(&policer.word, &policer.settings, 1);
     EXPECT_EQ(policer.burst(1, bootTime), 1u);
 }
 
 TEST(Policer, ClockALittleBehindAnotherCpuGivesNoBurst)
 {
     Policer policer(packetSettings(4'000'000'000));
-    policer.word = (cpd_units(bootTime, &policer.settings[1]) + policer.settings[1].depth) | 1;
+    policer.word = cpd_units(bootTime, &policer.settings) + policer.settings.depth;
     EXPECT_FALSE(policer.pass(1, bootTime - 1000));
 }
 
@@ -267,7 +268,7 @@ TEST(Policer, LongIdleBucketIsFullThoughTheWordWrapped)
     ASSERT_GT(settings.shift, 10u);
     Policer policer(settings);
     ASSERT_EQ(policer.burst(60, bootTime), 100u);
-    const uint64_t wrap = 1ull << (60 - settings.shift); // ns
+    const uint64_t wrap = (UINT64_MAX >> settings.shift) + 1; // ns
     for (uint64_t idle :
          {wrap / 4, wrap / 2 + second, wrap - second, wrap + second, 7 * wrap / 2}) {
         Policer idler = policer;
@@ -311,17 +312,53 @@ TEST(PolicerChange, FromNothingPassesStartsEmpty)
     EXPECT_EQ(policer.burst(1, bootTime + 5'000'000), 1u);
 }
 
-TEST(PolicerChange, ManyTurnsKeepTheTokens)
+TEST(PolicerChange, ManyChangesKeepTheTokens)
 {
     Policer policer(packetSettings(50'000));
     ASSERT_EQ(policer.burst(1, bootTime, 400), 400u);
-    for (int i = 0; i < 40; i++) {
+    for (uint32_t i = 0; i < 40; i++)
         policer.change(packetSettings(50'000 + 1000 * (i % 2)));
-        EXPECT_EQ(cpd_turn(policer.word), (i + 2) % 16u);
-    }
     uint64_t left = policer.burst(1, bootTime);
     EXPECT_LE(left, 600u);
     EXPECT_GE(left, 599u);
+}
+
+// While a successor takes over, packets are still charged to the former policer.
+
+TEST(PolicerChange, WhatTheFormerPolicerLetPassIsChargedToItsSuccessor)
+{
+    Policer former(packetSettings(50'000)); // 1000 at once
+    ASSERT_EQ(former.burst(1, bootTime, 100), 100u);
+    Policer next = former;
+    next.change(packetSettings(25'000)); // 500 at once
+    const uint64_t then = former.word;
+    ASSERT_EQ(former.burst(1, bootTime, 300), 300u);
+    next.word =
+        chargeLate(next.word, next.settings, {former.settings, then, former.word}, bootTime);
+    EXPECT_EQ(next.burst(1, bootTime), 200u);
+}
+
+TEST(PolicerChange, LateChargeLeavesABucketAtMostEmpty)
+{
+    Policer former(packetSettings(50'000));
+    Policer next = former;
+    next.change(packetSettings(200)); // 4 at once
+    const uint64_t then = former.word;
+    ASSERT_EQ(former.burst(1, bootTime, 900), 900u);
+    next.word =
+        chargeLate(next.word, next.settings, {former.settings, then, former.word}, bootTime);
+    EXPECT_EQ(next.burst(1, bootTime), 0u);
+    EXPECT_EQ(next.burst(1, bootTime + 5'000'000), 1u);
+}
+
+TEST(PolicerChange, NothingIsChargedLateWhenNothingPassed)
+{
+    Policer former(packetSettings(50'000));
+    Policer next = former;
+    next.change(packetSettings(200));
+    EXPECT_EQ(chargeLate(next.word, next.settings, {former.settings, former.word, former.word},
+                         bootTime + second),
+              next.word);
 }
 
 TEST(Policer, IsExactWhenManyThreadsChargeIt)
@@ -332,8 +369,9 @@ TEST(Policer, IsExactWhenManyThreadsChargeIt)
     std::atomic<uint64_t> passed{0};
     std::atomic<bool> stop{false};
     auto flood = [&] {
+        cpd_refusal refusal;
         while (!stop)
-            passed += cpd_charge(&policer.word, policer.settings, 1) ? 1 : 0;
+            passed += cpd_charge(&policer.word, &policer.settings, 1, &refusal) ? 1 : 0;
     };
     std::vector<std::thread> pool;
     for (int i = 0; i < threads; i++)

@@ -158,6 +158,69 @@ TEST_F(CarMultiset, ResetForgetsAllTargets)
     EXPECT_EQ(zynMemoryCarCount(&slotA), 0u);
 }
 
+/* ---- Counters, changes, work and packets: none of its own ----------------------------- */
+
+/** Ask for the counters of an entry whose own are marked. */
+static int32_t countsOf(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry &settings,
+                        uint32_t *sum)
+{
+    tHwCpuDefendPktCarEntry entry = settings;
+    entry.PassPkt = entry.DropPkt = entry.PassOct = entry.DropOct = {1, 1};
+    const int32_t result = zynHwCarCount(slot, &entry);
+    *sum = 0;
+    for (const U_INT8 &count : {entry.PassPkt, entry.DropPkt, entry.PassOct, entry.DropOct})
+        *sum += count.high + count.low;
+    return result;
+}
+
+TEST_F(CarMultiset, ProgrammedEntriesHaveCountedNothing)
+{
+    carAdd(&slotA, car(1, 100));
+    carAdd(&slotA, car(1, 200)); // covers it
+    carAdd(system, car(2, 100));
+    uint32_t sum;
+    EXPECT_EQ(countsOf(&slotA, car(1, 100), &sum), 0);
+    EXPECT_EQ(sum, 0u);
+    EXPECT_EQ(countsOf(&slotA, car(1, 200), &sum), 0);
+    EXPECT_EQ(sum, 0u);
+    EXPECT_EQ(countsOf(system, car(2, 100), &sum), 0);
+    EXPECT_EQ(sum, 0u);
+}
+
+TEST_F(CarMultiset, EntriesThatAreNotThereHaveNoCounters)
+{
+    carAdd(&slotA, car(1, 100));
+    uint32_t sum;
+    EXPECT_EQ(countsOf(&slotB, car(1, 100), &sum), ENOENT);
+    EXPECT_EQ(countsOf(system, car(1, 100), &sum), ENOENT);
+    EXPECT_EQ(countsOf(&slotA, car(1, 101), &sum), ENOENT);
+    EXPECT_EQ(countsOf(&slotA, car(2, 100), &sum), ENOENT);
+    EXPECT_EQ(sum, 8u) << "they were touched";
+    carDel(&slotA, car(1, 100));
+    EXPECT_EQ(countsOf(&slotA, car(1, 100), &sum), ENOENT);
+}
+
+TEST_F(CarMultiset, WithinAChangeEachCallIsInForceAtOnce)
+{
+    zynHwChangeBegin();
+    EXPECT_EQ(carAdd(&slotA, car(1, 100)), 0);
+    EXPECT_EQ(ppsInForce(&slotA, 1), 100);
+    EXPECT_EQ(carDel(&slotA, car(1, 100)), 0);
+    EXPECT_EQ(ppsInForce(&slotA, 1), -1);
+    zynHwChangeEnd();
+}
+
+TEST_F(CarMultiset, NoWorkAndNoPacketsOfItsOwn)
+{
+    EXPECT_EQ(zynPlatformFd(), -1);
+    zynPlatformRun();
+    EXPECT_EQ(zynPktOpen(), 0);
+    packet_rxpktinfo info;
+    uint16_t protocol;
+    unsigned char buf[80];
+    EXPECT_EQ(zynPktRecv(&info, &protocol, buf, sizeof buf), 0);
+}
+
 /* ---- What a real layer would refuse --------------------------------------------------- */
 
 /** Expect EINVAL of a call, and nothing changed on any target. */

@@ -17,7 +17,7 @@
 
 #include "cpudefend_shared.h"
 
-#define VLAN_TAGS_MAX 2
+#define CPD_TAGS_MAX 2
 #define VLAN_STACKED 0x9100 /* outer tag before IEEE 802.1ad gave it 0x88a8 */
 #define LENGTH_MAX 1500     /* IEEE 802.3, 3.2.6: up to this it is a length, not an ethertype */
 
@@ -135,11 +135,29 @@ struct ports {
     __be16 destination;
 };
 
-/* What an IP header carries. */
+/*
+ * What classification sees on its way. Offsets count from the frame's start. A network header with
+ * a version is all there; that what follows it is there has to be checked.
+ */
+struct cpd_packet {
+    __u16 ethertype; /* behind the tags; 0 where a length stands there, or behind cut tags */
+    __u16 transport; /* offset of what the IP headers carry */
+    __u16 room;      /* bytes of it that the packet says there are; 0 in a later fragment */
+    __u8 network;    /* offset of the header that ethertype announces */
+    __u8 tags;       /* VLAN tags before it, CPD_TAGS_MAX at most */
+    __u8 version;    /* 4 or 6 with an IP header, else 0 */
+    __u8 protocol;   /* behind the last IP header that could be read */
+    __u8 later;      /* a fragment, but not the first */
+    __u8 reserved;
+};
+
+/* What an IP header carries, as far as the headers have been read. */
 struct upper {
     const void *at;
+    __u32 offset; /* from the frame's start */
     __u32 room; /* bytes that the packet says there are; 0 where they belong to a later fragment */
     __u8 protocol;
+    __u8 later;
 };
 
 static __always_inline int is_vlan(__be16 proto)
@@ -305,18 +323,32 @@ static __always_inline int classify_udp(const struct upper *ip, const void *end,
     return ports->source == bpf_htons(PORT_DHCP_SERVER) ? CPD_DHCPSERVER : CPD_DHCPSNOOPIP;
 }
 
-static __always_inline int classify_ipv4(const void *next, const void *end)
+static __always_inline void found_ip(struct cpd_packet *packet, __u8 version,
+                                     const struct upper *up)
+{
+    packet->version = version;
+    packet->protocol = up->protocol;
+    packet->later = up->later;
+    packet->transport = up->offset;
+    packet->room = up->room;
+}
+
+static __always_inline int classify_ipv4(struct cpd_packet *packet, const void *next,
+                                         const void *end)
 {
     const struct ipv4_header *ip = next;
     if ((const void *)(ip + 1) > end || ip->version_ihl >> 4 != 4)
         return CPD_NO_TYPE;
     __u32 header = (ip->version_ihl & 0x0f) * 4;
     __u32 total = bpf_ntohs(ip->total_length);
-    struct upper up = {(const __u8 *)next + header, total - header, ip->protocol};
-    if (header < IPV4_HEADER_MIN || total < header || up.at > end)
-        return CPD_NO_TYPE;
-    if (ip->fragment & bpf_htons(IPV4_FRAGMENT_OFFSET))
+    struct upper up = {(const __u8 *)next + header, packet->network + header, total - header,
+                       ip->protocol, (ip->fragment & bpf_htons(IPV4_FRAGMENT_OFFSET)) != 0};
+    int sound = header >= IPV4_HEADER_MIN && total >= header && up.at <= end;
+    if (!sound || up.later)
         up.room = 0;
+    found_ip(packet, 4, &up);
+    if (!sound)
+        return CPD_NO_TYPE;
 
     switch (up.protocol) {
     case PROTOCOL_ICMP: return CPD_ICMP;
@@ -355,22 +387,39 @@ static __always_inline int step_over(struct upper *up, const void *end)
         return 0;
     up->room -= size;
     up->at = (const __u8 *)up->at + size;
-    if (up->protocol == PROTOCOL_FRAGMENT && header->fragment & bpf_htons(IPV6_FRAGMENT_OFFSET))
+    up->offset += size;
+    if (up->protocol == PROTOCOL_FRAGMENT && header->fragment & bpf_htons(IPV6_FRAGMENT_OFFSET)) {
         up->room = 0;
+        up->later = 1;
+    }
     up->protocol = header->next_header;
     return up->at <= end;
 }
 
-static __always_inline int classify_ipv6(const void *next, const void *end)
+/* Go past the extension headers. Returns 0 when one of them is not all there. */
+static __always_inline int step_over_all(struct upper *up, const void *end)
+{
+#pragma clang loop unroll(full)
+    for (int i = 0; i < IPV6_EXTENSIONS_MAX && is_extension(up->protocol); i++)
+        if (!step_over(up, end)) {
+            up->room = 0;
+            return 0;
+        }
+    return 1;
+}
+
+static __always_inline int classify_ipv6(struct cpd_packet *packet, const void *next,
+                                         const void *end)
 {
     const struct ipv6_header *ip = next;
     if ((const void *)(ip + 1) > end || ip->version >> 4 != 6)
         return CPD_NO_TYPE;
-    struct upper up = {ip + 1, bpf_ntohs(ip->payload_length), ip->next_header};
-#pragma clang loop unroll(full)
-    for (int i = 0; i < IPV6_EXTENSIONS_MAX && is_extension(up.protocol); i++)
-        if (!step_over(&up, end))
-            return CPD_NO_TYPE;
+    struct upper up = {ip + 1, packet->network + sizeof(*ip), bpf_ntohs(ip->payload_length),
+                       ip->next_header, 0};
+    int sound = step_over_all(&up, end);
+    found_ip(packet, 6, &up);
+    if (!sound)
+        return CPD_NO_TYPE;
 
     switch (up.protocol) {
     case PROTOCOL_TCP: return classify_tcp(&up, end);
@@ -401,13 +450,13 @@ static __always_inline int classify_slow(const __u8 *subtype, const void *end)
 }
 
 /* By the ethertype, or length, behind the tags. */
-static __always_inline int classify_payload(const struct ethhdr *eth, __u16 proto, const void *next,
-                                            const void *end)
+static __always_inline int classify_payload(struct cpd_packet *packet, const struct ethhdr *eth,
+                                            __u16 proto, const void *next, const void *end)
 {
     switch (proto) {
-    case ETH_P_IP: return classify_ipv4(next, end);
+    case ETH_P_IP: return classify_ipv4(packet, next, end);
     case ETH_P_ARP: return CPD_ARP;
-    case ETH_P_IPV6: return classify_ipv6(next, end);
+    case ETH_P_IPV6: return classify_ipv6(packet, next, end);
     case ETH_P_SLOW: return classify_slow(next, end);
     case ETH_P_MPLS_UC:
     case ETH_P_MPLS_MC: return CPD_MPLS;
@@ -426,25 +475,38 @@ static __always_inline int classify_payload(const struct ethhdr *eth, __u16 prot
     return proto > LENGTH_MAX ? CPD_NO_TYPE : classify_llc(eth, next, end, proto);
 }
 
-static __always_inline int classify(const void *data, const void *end)
+/* By what stands behind the addresses. */
+static __always_inline int classify_behind(struct cpd_packet *packet, const struct ethhdr *eth,
+                                           const void *end)
 {
-    const struct ethhdr *eth = data;
     const void *next = eth + 1;
-    if (next > end)
-        return CPD_NO_TYPE;
-    if (is_address(eth->h_dest, 0x0100, 0x0ccd, 0xcdd0))
-        return CPD_BPDUTUNNEL;
     __be16 proto = eth->h_proto;
+    __u8 tags = 0;
 
 #pragma clang loop unroll(full)
-    for (int i = 0; i < VLAN_TAGS_MAX && is_vlan(proto); i++) {
+    for (; tags < CPD_TAGS_MAX && is_vlan(proto); tags++) {
         const struct vlan_tag *tag = next;
         if ((const void *)(tag + 1) > end)
             return CPD_NO_TYPE;
         proto = tag->proto;
         next = tag + 1;
     }
-    return classify_payload(eth, bpf_ntohs(proto), next, end);
+    __u16 ethertype = bpf_ntohs(proto);
+    packet->tags = tags;
+    packet->network = sizeof(*eth) + tags * sizeof(struct vlan_tag);
+    packet->ethertype = ethertype > LENGTH_MAX ? ethertype : 0;
+    return classify_payload(packet, eth, ethertype, next, end);
+}
+
+/* The type of a frame; packet starts out as zeros. */
+static __always_inline int classify(struct cpd_packet *packet, const void *data, const void *end)
+{
+    const struct ethhdr *eth = data;
+    if ((const void *)(eth + 1) > end)
+        return CPD_NO_TYPE;
+    packet->network = sizeof(*eth);
+    int type = classify_behind(packet, eth, end);
+    return is_address(eth->h_dest, 0x0100, 0x0ccd, 0xcdd0) ? CPD_BPDUTUNNEL : type;
 }
 
 #endif

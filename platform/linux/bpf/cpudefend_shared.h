@@ -100,49 +100,68 @@ enum cpd_kind {
     CPD_KINDS
 };
 
-/* What a rule does. Without any of these, packets of the type pass. */
+/* What a rule does. Without any of the first three, its packets pass. */
 enum cpd_rule_flag {
-    CPD_RULE_DENY = 1,         /* drop */
-    CPD_RULE_PACKETS = 1 << 1, /* the packet policer is in force */
-    CPD_RULE_BYTES = 1 << 2,   /* the byte policer is in force */
+    CPD_RULE_DENY = 1,          /* drop */
+    CPD_RULE_PACKETS = 1 << 1,  /* the packet policer is in force */
+    CPD_RULE_BYTES = 1 << 2,    /* the byte policer is in force */
+    CPD_RULE_QUEUE = 1 << 3,    /* packets that pass get the rule's queue */
+    CPD_RULE_PRIORITY = 1 << 4, /* packets that pass get the rule's priority */
+};
+
+#define CPD_TARGETS 32    /* places that policies are programmed at; number 0 is the system */
+#define CPD_POLICERS 8192 /* pairs of policers that rules may refer to; number 0 is nobody's */
+#define CPD_ACLS 64       /* ACL entries in force at a target */
+#define CPD_TABLE_SETS 64 /* compiled sets of ACLs; two for each target */
+#define CPD_PORTS 1024
+#define CPD_NEAR 4096 /* ports with an ifindex below are found without hashing */
+#define CPD_ADDRESSES 4096
+#define CPD_RING_BYTES (1 << 18)
+
+struct cpd_rule {
+    __u8 flags; /* CPD_RULE_* */
+    __u8 queue;
+    __u8 priority;
+    __u8 reserved;
+    __u32 policer; /* index of its policers, below CPD_POLICERS */
+};
+
+/*
+ * All that is in force at a target. It is never changed: another one takes its place, and so every
+ * packet is judged by one or the other. The map of rules holds one for each target, or none.
+ */
+struct cpd_policy {
+    struct cpd_rule types[CPD_TYPES]; /* CAR entries, by packet type */
+    struct cpd_rule acls[CPD_ACLS];   /* ACL entries, in the order in which they were programmed */
+    __u32 acl_count;
+    __u32 table_set; /* which compiled set finds the ACL entry of a packet; with acl_count 0 none */
+    __u16 acl_number[CPD_ACLS]; /* of the entries' ACLs, for user space */
 };
 
 /*
  * A policer is a virtual scheduling algorithm (ITU-T I.371, annex on the generic cell rate
  * algorithm): its whole state is the time at which the bucket will be full again, one word.
  *
- * Time is counted in units of 2^-shift ns, with a shift per policer so that a token of a fast one
- * is still many units long. The word holds that time, modulo 2^60, above CPD_TURN_BITS that count
- * the changes of the policer's settings. The lowest of these says which of the two sets of settings
- * the time is told in, so that one store of the word replaces settings and state together.
+ * Time is counted in units of 2^-shift ns, modulo 2^64, with a shift per policer so that a token of
+ * a fast one is still many units long. Settings never change while a rule refers to them: a change
+ * of rate takes another policer, which starts with the tokens that the former one had.
  */
-#define CPD_TURN_BITS 4
-#define CPD_TURN_MASK ((1ull << CPD_TURN_BITS) - 1)
 #define CPD_COST_BITS 16 /* fraction bits of cpd_settings::cost */
 
-/* Times below are in the units of the word: 2^-(shift + CPD_TURN_BITS) ns. */
 struct cpd_settings {
-    __u64 cost;  /* units of 2^-shift ns that one token takes, times 2^CPD_COST_BITS; never 0 */
-    __u64 depth; /* time from an empty bucket to a full one; 0 lets nothing pass; at most 2^59 */
+    __u64 cost;  /* units that one token takes, times 2^CPD_COST_BITS; never 0 */
+    __u64 depth; /* units from an empty bucket to a full one; 0 lets nothing pass; below 2^62 */
     __u32 shift;
     __u32 reserved;
 };
 
-/* Rule of a packet type: an element of the map of rules. */
-struct cpd_rule {
-    __u32 flags; /* CPD_RULE_*; written at once */
-    __u32 reserved;
-    struct cpd_settings settings[CPD_KINDS][2];
-};
-
-/* State of a packet type's policers: an element of the map of states, on a cache line of its own
- * because every CPU writes to it. It outlives the rules. */
-struct cpd_state {
+/* One cache line of its own, because every CPU writes to it. */
+struct cpd_policer {
+    struct cpd_settings settings[CPD_KINDS];
     __u64 word[CPD_KINDS];
-    __u64 reserved[8 - CPD_KINDS];
 };
 
-/* Counters of a packet type, one such record for each CPU. Octets as the byte policer counts. */
+/* Counters of a packet type at a target. Octets as the byte policer counts. */
 struct cpd_counters {
     __u64 passed_packets;
     __u64 passed_octets;
@@ -150,24 +169,95 @@ struct cpd_counters {
     __u64 dropped_octets;
 };
 
+/*
+ * What a CPU knows of a packet type at a target, on a cache line: its counters, the last refusal
+ * for which it read the clock, and the samples of the current tick.
+ */
+struct cpd_stats {
+    struct cpd_counters counters;
+    __u64 word;        /* of the policer that refused, as it was */
+    __u32 at;          /* when that was: ns, the low half */
+    __u32 tick;        /* of the refusal */
+    __u32 tokens;      /* that were refused */
+    __u16 meter;       /* the policer that refused: CPD_KINDS * its index + its kind */
+    __u8 spare;        /* packets that may still be refused without reading the clock */
+    __u8 granted;      /* what spare was at that refusal */
+    __u32 sample_tick; /* the tick that samples counts for */
+    __u32 samples;
+};
+
+/* How many of these there are. Behind those of all types at all targets, each target has one for
+ * packets of no type: it counts those that an ACL entry decided. */
+#define CPD_STATS (CPD_TARGETS * (CPD_TYPES + 1))
+
+static inline __u32 cpd_stats_index(__u32 target, int type)
+{
+    return type == CPD_NO_TYPE ? CPD_TARGETS * CPD_TYPES + target : target * CPD_TYPES + type;
+}
+
+/* An address of IPv6, or one of IPv4 as ::ffff:a.b.c.d; in network order. */
+struct cpd_address {
+    __u32 words[4];
+};
+
+/* A sample of what is policed, in the ring. Its data is what the frame begins with. */
+#define CPD_SAMPLE_DATA 96
+
+struct cpd_sample {
+    __u32 ifindex;
+    __u32 length;    /* of the frame */
+    __u16 ethertype; /* behind the tags; 0 where a length stands there */
+    __u16 outer_tci; /* tag control information of the tags, in host order; 0 without */
+    __u16 inner_tci;
+    __u8 network_offset; /* of the header that ethertype announces */
+    __u8 tags;           /* 0 to 2 */
+    __u8 dropped;
+    __u8 reserved[3];
+    __u8 data[CPD_SAMPLE_DATA];
+};
+
+/* From the packet program to the one behind it that has a socket buffer: in the metadata. */
+struct cpd_meta {
+    __u32 magic;    /* CPD_META_MAGIC */
+    __u32 priority; /* socket buffer priority */
+    __u16 queue;    /* queue mapping, one more than the queue; 0 for none */
+    __u16 flags;    /* CPD_RULE_QUEUE, CPD_RULE_PRIORITY */
+};
+#define CPD_META_MAGIC 0x63704466
+
+/*
+ * What user space must know of a pinned data plane to take it over: the program does not read it. A
+ * policy is written here before it comes in force.
+ */
+#define CPD_LAYOUT 1 /* rises with every change of a structure in a map */
+
+struct cpd_place {
+    __u32 used;
+    __u32 sys;
+    __u32 slot;
+    __u32 in_force; /* whether there is a policy */
+    struct cpd_policy policy;
+};
+
+struct cpd_info {
+    __u32 layout; /* CPD_LAYOUT; written last, so anything else is not ours, or not finished */
+    __u32 size;   /* sizeof(struct cpd_info), which tells layouts apart that forgot to say so */
+    struct cpd_place targets[CPD_TARGETS];
+};
+
 /* The clocks of two CPUs, and the place where each is read, differ by less than this (ns). */
 #define CPD_CLOCK_SLACK (1ull << 20)
 
-static inline unsigned int cpd_turn(__u64 word)
-{
-    return (unsigned int)(word & CPD_TURN_MASK);
-}
-
-/* A time in ns in the units of the word, with no turn. */
+/* A time in ns in the units of the word. */
 static inline __u64 cpd_units(__u64 ns, const struct cpd_settings *settings)
 {
-    return ns << (settings->shift + CPD_TURN_BITS);
+    return ns << settings->shift;
 }
 
 /* What a number of tokens costs. At most 2^20 tokens. */
 static inline __u64 cpd_cost(__u64 tokens, const struct cpd_settings *settings)
 {
-    return ((tokens * settings->cost) >> CPD_COST_BITS) << CPD_TURN_BITS;
+    return (tokens * settings->cost) >> CPD_COST_BITS;
 }
 
 /*
@@ -176,8 +266,14 @@ static inline __u64 cpd_cost(__u64 tokens, const struct cpd_settings *settings)
  */
 static inline __u64 cpd_debt(__u64 word, const struct cpd_settings *settings, __u64 now)
 {
-    __u64 debt = (word & ~CPD_TURN_MASK) - cpd_units(now, settings);
+    __u64 debt = word - cpd_units(now, settings);
     return debt <= settings->depth + cpd_units(CPD_CLOCK_SLACK, settings) ? debt : 0;
+}
+
+/* Whether so many tokens can ever conform: a frame longer than the bucket cannot. */
+static inline int cpd_fits(const struct cpd_settings *settings, __u64 tokens)
+{
+    return cpd_cost(tokens, settings) <= settings->depth;
 }
 
 /*
@@ -190,7 +286,7 @@ static inline __u64 cpd_police(__u64 word, const struct cpd_settings *settings, 
     __u64 debt = cpd_debt(word, settings, now) + cpd_cost(tokens, settings);
     if (debt > settings->depth)
         return word;
-    return (cpd_units(now, settings) + debt) | cpd_turn(word);
+    return cpd_units(now, settings) + debt;
 }
 
 #endif

@@ -1,0 +1,51 @@
+/**
+ * The folder of a BPF file system in which the data plane outlives its daemon.
+ */
+#ifndef ZYNLINUX_PIN_FOLDER_H
+#define ZYNLINUX_PIN_FOLDER_H
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "descriptor.h"
+
+namespace zynlinux
+{
+
+class PinFolder
+{
+public:
+    /**
+     * Make the folder if need be, and hold it for this process alone.
+     * @param path empty: nothing is pinned
+     * @throw Failure where there is no BPF file system, or when another daemon holds it
+     */
+    explicit PinFolder(std::string path);
+
+    bool pins() const { return !path_.empty(); }
+    std::string path(const std::string &name) const { return path_ + "/" + name; }
+
+    /** Names in the folder that begin so. */
+    std::vector<std::string> names(std::string_view prefix) const;
+
+    /** Pin an object, in place of whatever has that name. Does nothing when nothing is pinned.
+     *  @throw Failure */
+    void pin(int object, const std::string &name) const;
+
+    /** What is pinned under a name; an invalid descriptor without any. */
+    Descriptor open(const std::string &name) const;
+
+    void unpin(const std::string &name) const;
+
+    /** Unpin everything, and give the folder up. */
+    void clear();
+
+private:
+    std::string path_;
+    Descriptor lock_;
+};
+
+} // namespace zynlinux
+
+#endif

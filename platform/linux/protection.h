@@ -1,0 +1,103 @@
+/**
+ * All that is programmed, at all places, and getting it in force.
+ */
+#ifndef ZYNLINUX_PROTECTION_H
+#define ZYNLINUX_PROTECTION_H
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "counters.h"
+#include "dataplane.h"
+#include "layer.h"
+#include "place.h"
+#include "policer_pool.h"
+#include "ports.h"
+#include "table_sets.h"
+#include "target.h"
+
+namespace zynlinux
+{
+
+/**
+ * Calls add and remove; what came of them is put in force at the end of a change, or at once
+ * outside of one. Results are those of the contract. What a former daemon left in force stays so at
+ * every place until something is programmed there, or until it is dropped.
+ */
+class Protection
+{
+public:
+    using Slots = std::set<std::pair<uint32_t, uint32_t>>; /**< system and slot number */
+
+    /**
+     * Have a place for the system and one for each slot, with what was left in force there.
+     * Plane and ports must outlast this object.
+     * @throw Failure
+     */
+    Protection(DataPlane &plane, Ports &ports, AclLists lists, const Slots &slots);
+
+    /** Do beforehand what would take time when something is bound. */
+    void prepare();
+
+    /** Drop what was left for slots that are no more; first let no port belong to them. */
+    void dropFormerSlots();
+
+    int32_t carAdd(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry &entry);
+    int32_t carDel(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry &entry);
+    int32_t carCount(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry &entry,
+                     layer::tCarCounts *counts);
+    int32_t aclAdd(const tSlotIndex *slot, const layer::tAclSetting &acl);
+    int32_t aclDel(const tSlotIndex *slot, const layer::tAclSetting &acl);
+
+    void changeBegin() { inChange_ = true; }
+    void changeEnd();
+
+    /**
+     * Take other ACL lists, and have all that is bound judge by them.
+     * @throw Failure with nothing changed, also when one that is bound is missing or they do not
+     * fit
+     */
+    void reload(AclLists lists);
+
+    /** Whether something that a former daemon left is still in force. */
+    bool hasInherited() const;
+    void dropInherited();
+
+private:
+    struct Site {
+        explicit Site(PolicerPool &pool) : place(pool) {}
+
+        Place place;
+        bool inherited = false; /**< in force is what a former daemon left */
+        bool dirty = false;     /**< what is in force is not what was programmed */
+        std::map<uint32_t, cpd_counters> lastCounters; /**< by packet type with an entry */
+    };
+
+    Site *find(const tSlotIndex *slot);
+    uint32_t targetOf(const tSlotIndex *slot) const;
+    int32_t checkCar(const Site *site, const tHwCpuDefendPktCarEntry &entry) const;
+    void attribute(uint32_t target, Site &site, uint32_t type);
+    void makeSite(uint32_t target);
+    void putBack(const std::map<uint32_t, Draft> &drafts, const cpd_info &before);
+    int32_t changed(Site &site);
+    void commit();
+    void putInForce(std::map<uint32_t, Draft> &drafts);
+    std::map<uint32_t, Draft> makeDrafts();
+    void settle(std::map<uint32_t, Draft> &drafts);
+    void keepTables();
+
+    DataPlane &plane_;
+    Ports &ports_;
+    AclLists lists_;
+    TableSets tables_;
+    PolicerPool pool_;
+    std::map<uint32_t, Site> sites_; /**< by target */
+    bool inChange_ = false;
+};
+
+} // namespace zynlinux
+
+#endif

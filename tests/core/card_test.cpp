@@ -1,0 +1,325 @@
+// Slots from links: which messages make and release a slot's record, and what becomes of it.
+#include "cards.h"
+
+class Cards : public CoreTest
+{
+};
+
+TEST_F(Cards, FirstPortMakesTheRecordAndTheLastOneReleasesIt)
+{
+    comes(PORT, 1, 5);
+    EXPECT_EQ(slots(), "1/5");
+    comes(PORT + 1, 1, 5);
+    EXPECT_EQ(slots(), "1/5");
+    goes(PORT);
+    EXPECT_EQ(slots(), "1/5");
+    goes(PORT + 1);
+    EXPECT_EQ(slots(), "");
+    EXPECT_EQ(gCpuDefend.useSlotNum, 0u);
+}
+
+TEST_F(Cards, SlotsAreInTheOrderOfTheirFirstPorts)
+{
+    comes(PORT, 1, 5);
+    comes(PORT + 1, 1, 2);
+    EXPECT_EQ(slots(), "1/5 1/2");
+}
+
+TEST_F(Cards, SlotZeroOfAnotherSystemIsASlot)
+{
+    comes(PORT, 1, 0);
+    comes(PORT + 1, 0, 1);
+    EXPECT_EQ(slots(), "1/0 0/1");
+}
+
+TEST_F(Cards, WithoutSlotsNothingChanges)
+{
+    const std::string before = image(gCpuDefend);
+    comes(PORT, 0, 0);
+    notify(linkIsThere(PORT + 1)); // of no place
+    comes(PORT, 0, 0);
+    goes(PORT);
+    goes(PORT + 1);
+    goes(PORT + 2); // never seen
+    cpuDefendCardStart();
+    cpuDefendFollow();
+    EXPECT_EQ(image(gCpuDefend), before);
+    EXPECT_TRUE(scripted::calls.empty());
+    EXPECT_TRUE(scripted::counted.empty());
+    EXPECT_EQ(scripted::changes, 0u);
+}
+
+TEST_F(Cards, AMessageForEveryChangeOfALinkMakesOneRecord)
+{
+    for (int i = 0; i < 3; i++)
+        comes(PORT, 1, 5);
+    EXPECT_EQ(slots(), "1/5");
+    goes(PORT);
+    EXPECT_EQ(slots(), "");
+    goes(PORT);
+    EXPECT_EQ(slots(), "");
+}
+
+TEST_F(Cards, RenamedPortMovesToItsNewSlot)
+{
+    comes(PORT, 1, 5);
+    comes(PORT, 1, 6);
+    EXPECT_EQ(slots(), "1/6");
+    comes(PORT, 0, 0); // out of all slots
+    EXPECT_EQ(slots(), "");
+    scripted::script.ports.clear();
+    comes(PORT, 1, 6);
+    scripted::script.ports.clear(); // unknown to the platform now
+    notify(linkIsThere(PORT));
+    EXPECT_EQ(slots(), "");
+}
+
+TEST_F(Cards, MovingTheOnlyPortTakesOneRecordOnly)
+{
+    restart(8, 1);
+    comes(PORT, 1, 5);
+    comes(PORT, 1, 6);
+    EXPECT_EQ(slots(), "1/6");
+}
+
+TEST_F(Cards, PortThatLeavesABridgeIsStillThere)
+{
+    comes(PORT, 1, 5);
+    notify(linkMessage(RTM_DELLINK, PORT, AF_BRIDGE));
+    EXPECT_EQ(slots(), "1/5");
+    notify(linkMessage(RTM_NEWLINK, PORT, AF_BRIDGE));
+    EXPECT_EQ(slots(), "1/5");
+}
+
+TEST_F(Cards, NumbersBeyondARecordAreNoSlot)
+{
+    comes(PORT, 1, 255);
+    comes(PORT + 1, 1, 256 + 255); // would be stored, and found, as slot 255
+    comes(PORT + 2, 257, 1);
+    EXPECT_EQ(slots(), "1/255");
+    goes(PORT + 1);
+    EXPECT_EQ(slots(), "1/255");
+    comes(PORT, 1, 256); // moves out of all slots
+    EXPECT_EQ(slots(), "");
+}
+
+/* ---- Messages ------------------------------------------------------------------------- */
+
+TEST_F(Cards, MessagesInOneBufferCountOneByOne)
+{
+    scripted::script.ports[PORT] = {1, 5};
+    scripted::script.ports[PORT + 1] = {1, 6};
+    notify(linkMessage(RTM_NEWLINK, PORT, AF_UNSPEC, 7) + linkIsThere(PORT + 1) + linkIsGone(PORT));
+    EXPECT_EQ(slots(), "1/6");
+}
+
+TEST_F(Cards, MessageCutByTheBufferCounts)
+{
+    scripted::script.ports[PORT] = {1, 5};
+    const std::string whole = linkMessage(RTM_NEWLINK, PORT, AF_UNSPEC, 1600);
+    notify(whole.substr(0, 1400));
+    EXPECT_EQ(slots(), "1/5");
+    goes(PORT);
+    notify(whole.substr(0, 24)); // the header and the index
+    EXPECT_EQ(slots(), "1/5");
+    goes(PORT);
+    notify(linkIsThere(PORT + 1) + whole.substr(0, 24)); // behind another one
+    EXPECT_EQ(slots(), "1/5");
+}
+
+TEST_F(Cards, MessageCutBeforeTheIndexDoesNotCount)
+{
+    scripted::script.ports[PORT] = {1, 5};
+    const std::string whole = linkIsThere(PORT);
+    for (size_t len = 0; len < 24; len++) {
+        notify(whole.substr(0, len));
+        EXPECT_EQ(slots(), "") << len;
+    }
+    cpuDefendCardNotify(bytes(whole), -1);
+    EXPECT_EQ(slots(), "");
+}
+
+TEST_F(Cards, MessageThatSaysItIsTooShortEndsTheWalk)
+{
+    scripted::script.ports[PORT] = {1, 5};
+    for (const uint32_t len : {0u, 15u}) {
+        std::string lying = linkIsThere(PORT);
+        memcpy(lying.data(), &len, sizeof len);
+        notify(lying + linkIsThere(PORT));
+        EXPECT_EQ(slots(), "") << len;
+    }
+    std::string noIndex = linkIsThere(PORT);
+    const uint32_t len = 23;
+    memcpy(noIndex.data(), &len, sizeof len);
+    notify(noIndex); // 23 bytes, padded to 24
+    EXPECT_EQ(slots(), "");
+    notify(noIndex.substr(0, 24) + linkIsThere(PORT));
+    EXPECT_EQ(slots(), "1/5");
+}
+
+TEST_F(Cards, OtherMessagesTellNothing)
+{
+    scripted::script.ports[PORT] = {1, 5};
+    for (const uint16_t type : {0, 2, 3, 15, 18, 20, 87, 90, 0xffff})
+        notify(linkMessage(type, PORT));
+    EXPECT_EQ(slots(), "");
+}
+
+/* ---- Asking the kernel ---------------------------------------------------------------- */
+
+constexpr uint32_t LOOPBACK = 1; // in every network name space
+
+TEST_F(Cards, LinksThatAreThereAtTheStartMakeRecords)
+{
+    scripted::script.ports[LOOPBACK] = {1, 5};
+    cpuDefendCardStart();
+    EXPECT_EQ(slots(), "1/5");
+    cpuDefendCardStart();
+    EXPECT_EQ(slots(), "1/5");
+    goes(LOOPBACK);
+    EXPECT_EQ(slots(), "");
+}
+
+TEST_F(Cards, AskingAgainMendsWhatLostMessagesLeft)
+{
+    comes(PORT, 1, 6); // the message that it is gone again was lost
+    scripted::script.ports[LOOPBACK] = {1, 5};
+    cpuDefendCardStart();
+    EXPECT_EQ(slots(), "1/5");
+    scripted::script.ports[LOOPBACK] = {1, 6}; // and that it has another name
+    cpuDefendCardStart();
+    EXPECT_EQ(slots(), "1/6");
+}
+
+TEST_F(Cards, AskingLeavesNoSocketOpen)
+{
+    cpuDefendCardStart();
+    const int before = socket(AF_UNIX, SOCK_STREAM, 0);
+    for (int i = 0; i < 5; i++)
+        cpuDefendCardStart();
+    const int after = socket(AF_UNIX, SOCK_STREAM, 0);
+    EXPECT_EQ(after, before + 1);
+}
+
+TEST_F(Cards, WhatCannotBeAskedIsTakenForThere)
+{
+    comes(PORT, 1, 5);
+    seam::armed = true;
+    seam::fail[{"socket", 0}] = -1;
+    cpuDefendCardStart();
+    seam::armed = false;
+    seam::fail.clear();
+    EXPECT_EQ(slots(), "1/5");
+    cpuDefendCardStart();
+    EXPECT_EQ(slots(), "");
+}
+
+/* ---- Records -------------------------------------------------------------------------- */
+
+TEST_F(Cards, ReusedRecordKeepsItsModeAndLevelsAndIsBoundToNothing)
+{
+    restart(8, 1);
+    engine::addLetter('a');
+    comes(PORT, 1, 5);
+    tCpuDefendSlotEntry *slot = cpuDefendSlotEntryGet(1, 5);
+    engine::setLevels(slot->cpuRatControl, {30, 60, 90});
+    slot->policyMode = CPUDEFEND_CPURAT_CONTROL;
+    slot->selectedPosition = 1;
+    cpuDefendFollow();
+    goes(PORT);
+    EXPECT_EQ(length(gCpuDefend.slotFreeList), 1u);
+    scripted::calls.clear();
+    comes(PORT, 1, 6);
+    ASSERT_EQ(cpuDefendSlotEntryGet(1, 6), slot);
+    EXPECT_EQ(slot->policyMode, CPUDEFEND_CPURAT_CONTROL);
+    EXPECT_EQ(slot->cpuRatControl[1].cpuRat, 60);
+    EXPECT_EQ(slot->selectedPosition, 0); // nothing is programmed there
+    EXPECT_EQ(slot->policyNameLen, 0);
+    EXPECT_EQ(slot->policyEntry, nullptr);
+    EXPECT_EQ(engine::trail(), "");
+}
+
+TEST_F(Cards, SlotThatIsGoneIsNotSwitchedAnyMore)
+{
+    engine::addLetter('a');
+    comes(PORT, 1, 5);
+    tCpuDefendSlotEntry *slot = cpuDefendSlotEntryGet(1, 5);
+    engine::setLevels(slot->cpuRatControl, {30, 0, 0});
+    slot->policyMode = CPUDEFEND_CPURAT_CONTROL;
+    goes(PORT);
+    scripted::script.cpu[0] = {10}; // below the threshold: level 1
+    scripted::calls.clear();
+    advance(2000);
+    EXPECT_EQ(engine::trail(), "");
+    EXPECT_EQ(scripted::count(scripted::Call::CpuGet), 0u);
+    comes(PORT, 1, 5); // sampled again
+    advance(500);
+    EXPECT_EQ(engine::trail(), "+a@1/5 sync(1/5=1)");
+}
+
+TEST_F(Cards, BindingIsForgottenAlsoWhenTheHardwareDoesNotLetGo)
+{
+    engine::addLetter('a');
+    comes(PORT, 1, 5);
+    tCpuDefendSlotEntry *slot = cpuDefendSlotEntryGet(1, 5);
+    engine::bind(slot, "a");
+    cpuDefendFollow();
+    scripted::script.failAll[scripted::Call::AclDel] = 5;
+    goes(PORT);
+    EXPECT_EQ(slots(), "");
+    EXPECT_EQ(slot->policyEntry, nullptr);
+    EXPECT_EQ(slot->policyNameLen, 0);
+    EXPECT_EQ(findPolicy("a")->refCount, 0u);
+}
+
+TEST_F(Cards, FullPoolLeavesASlotWaitingForAnotherOneToGo)
+{
+    comes(PORT, 1, 1);
+    comes(PORT + 1, 1, 2);
+    testing::internal::CaptureStderr();
+    gCpuDefend.cpuDefendDebug = 1;
+    comes(PORT + 2, 1, 3);
+    comes(PORT + 3, 1, 4);
+    comes(PORT + 2, 1, 3); // some change of it
+    gCpuDefend.cpuDefendDebug = 0;
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "[cpuDefend] no memery to add slot!\r\n"
+                                                      "[cpuDefend] no memery to add slot!\r\n");
+    EXPECT_EQ(slots(), "1/1 1/2");
+    goes(PORT);
+    EXPECT_EQ(slots(), "1/2 1/3");
+    goes(PORT + 3); // while it waits
+    goes(PORT + 1);
+    EXPECT_EQ(slots(), "1/3");
+}
+
+TEST_F(Cards, RecordOfTheDebuggingEntryIsTakenOver)
+{
+    cpuDefendSlotEntryAdd(1, 5);
+    comes(PORT, 1, 5);
+    EXPECT_EQ(slots(), "1/5");
+    goes(PORT);
+    EXPECT_EQ(slots(), "");
+}
+
+TEST_F(Cards, ManyPorts)
+{
+    for (uint32_t i = 0; i < 300; i++)
+        comes(PORT + i, 1, i % 2);
+    EXPECT_EQ(slots(), "1/0 1/1");
+    for (uint32_t i = 0; i < 299; i++)
+        goes(PORT + i);
+    EXPECT_EQ(slots(), "1/1");
+    goes(PORT + 299);
+    EXPECT_EQ(slots(), "");
+    EXPECT_EQ(gCpuDefend.useLinkNum, 0u);
+}
+
+TEST_F(Cards, StartUpForgetsThePortsOfAnEarlierLife)
+{
+    comes(PORT, 1, 5);
+    restart(8, 2);
+    comes(PORT + 1, 1, 6);
+    EXPECT_EQ(slots(), "1/6");
+    goes(PORT);
+    EXPECT_EQ(slots(), "1/6");
+}

@@ -1,0 +1,131 @@
+/**
+ * The layer in the test's own process, on a wire of the test's own, with a folder to pin into.
+ */
+#ifndef LAYER_ON_WIRE_H
+#define LAYER_ON_WIRE_H
+
+#include <chrono>
+#include <string>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <vector>
+
+#include <bpf/libbpf.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+
+#include "bpf_probe.h"
+#include "frame.h"
+#include "platform_file.h"
+#include "test_net.h"
+#include "zynacl.h"
+#include "zynhwal.h"
+#include "zynif.h"
+
+/** The kernel's id of the XDP program on a port, 0 for none. */
+inline uint32_t programOn(const char *port, int flags = 0)
+{
+    uint32_t id = 0;
+    uint32_t ifindex = if_nametoindex(port);
+    if (ifindex != 0)
+        bpf_xdp_query_id(static_cast<int>(ifindex), flags, &id);
+    return id;
+}
+
+struct Outcome {
+    int32_t result;
+    std::string text; /**< on standard error */
+};
+
+inline Outcome init()
+{
+    testing::internal::CaptureStderr();
+    int32_t result = zynPlatformInit(nullptr);
+    return {result, testing::internal::GetCapturedStderr()};
+}
+
+/** Have the layer do what it finds to do, until a condition holds. @return whether it does */
+inline bool runUntil(const std::function<bool()> &condition)
+{
+    return within(std::chrono::seconds(5), [&] {
+        pollfd ready{zynPlatformFd(), POLLIN, 0};
+        if (poll(&ready, 1, 0) > 0)
+            zynPlatformRun();
+        return condition();
+    });
+}
+
+class LayerOnWire : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        if (std::string why = enterNameSpace(); !why.empty())
+            GTEST_SKIP() << why;
+        SKIP_WITHOUT_BPF();
+        makeWire();
+        char folder[] = "/tmp/bpf-XXXXXX";
+        ASSERT_NE(mkdtemp(folder), nullptr);
+        mounted = folder;
+        if (mount("bpf", mounted.c_str(), "bpf", 0, nullptr) != 0)
+            GTEST_SKIP() << "no BPF file system: " << std::strerror(errno);
+        pinFolder = mounted + "/pinned";
+    }
+
+    void TearDown() override
+    {
+        umount2(mounted.c_str(), MNT_DETACH);
+        rmdir(mounted.c_str());
+    }
+
+    /** Start the layer, or let a successor take over. @param text of the platform file */
+    Outcome start(const std::string &text)
+    {
+        PlatformFile file("pin = \"" + pinFolder + "\"\n" + text);
+        return init();
+    }
+
+    Outcome startOnPort(const std::string &more = "")
+    {
+        return start("ports = [\"port0\"]\n" + more);
+    }
+
+    static tHwCpuDefendPktCarEntry arpEntry(uint32_t pps, uint8_t op = ZYN_HW_OP_PERMIT)
+    {
+        tHwCpuDefendPktCarEntry entry{};
+        entry.pktType = 1;
+        entry.pps = pps;
+        entry.op = op;
+        return entry;
+    }
+
+    static int32_t set(const tSlotIndex *slot, bool add, tHwCpuDefendPktCarEntry entry)
+    {
+        if (slot)
+            return zynHwSlotSet(slot, add ? HW_SLOT_CPUDEFENDPKTCARADD : HW_SLOT_CPUDEFENDPKTCARDEL,
+                                &entry, 3);
+        tHwApiFunc func{};
+        func.hwCmd = add ? HW_SYS_CPUDEFENDPKTCARADD : HW_SYS_CPUDEFENDPKTCARDEL;
+        func.arg = &entry;
+        return zynScalarSetApi(0, 0, &func);
+    }
+
+    /** Whether a frame that is sent by one port arrives at the other. */
+    static bool arrives(const std::vector<uint8_t> &frame, const char *from, const char *to,
+                        uint16_t ethertype)
+    {
+        PacketSocket receiver(to, ethertype), sender(from, ethertype);
+        sender.send(frame, 1);
+        return within(std::chrono::milliseconds(200), [&] { return receiver.received() > 0; });
+    }
+
+    bool arpArrives(const char *from = peerPort, const char *to = protectedPort) const
+    {
+        return arrives(arp, from, to, 0x0806);
+    }
+
+    const std::vector<uint8_t> arp = Frame(broadcast).u16(0x0806).zeros(46).bytes();
+    std::string mounted, pinFolder;
+};
+
+#endif

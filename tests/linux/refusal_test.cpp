@@ -1,0 +1,174 @@
+/**
+ * When refusals may go without reading the clock, on virtual time.
+ */
+#include <gtest/gtest.h>
+
+#include "bpf/cpudefend_shared.h"
+#include "policer_settings.h"
+
+static uint64_t virtualNow;
+static unsigned readings;
+
+static inline __u64 cpd_now()
+{
+    readings++;
+    return virtualNow;
+}
+
+#include "bpf/policer.h"
+
+using namespace zynlinux;
+
+namespace
+{
+
+constexpr uint64_t second = 1'000'000'000;
+constexpr uint64_t tickLength = 4'000'000;
+constexpr uint64_t bootTime = 1000 * second;
+
+/** A policer as the packet program uses it. */
+struct Policer {
+    explicit Policer(const cpd_settings &given) : settings(given)
+    {
+        virtualNow = bootTime;
+        readings = 0;
+    }
+
+    bool pass(uint64_t at, uint64_t tokens = 1)
+    {
+        virtualNow = at;
+        const auto tick = static_cast<__u32>(at / tickLength);
+        if (cpd_still_refused(&last, word, tokens, tick))
+            return false;
+        cpd_refusal refusal = {};
+        if (cpd_charge(&word, &settings, tokens, &refusal))
+            return true;
+        cpd_remember(&last, &settings, 0, tokens, &refusal, tick);
+        return false;
+    }
+
+    cpd_settings settings;
+    __u64 word = 0;
+    cpd_stats last{};
+};
+
+/** Whether a packet would pass if the clock were read. */
+bool conforms(const Policer &policer, uint64_t at, uint64_t tokens = 1)
+{
+    return cpd_police(policer.word, &policer.settings, tokens, at) != policer.word;
+}
+
+class EvenFlood : public testing::TestWithParam<std::tuple<uint32_t, uint64_t>>
+{
+};
+
+TEST_P(EvenFlood, RefusesNothingThatConforms)
+{
+    auto [pps, gap] = GetParam();
+    Policer policer(packetSettings(pps));
+    for (uint64_t i = 0; i < 200'000; i++) {
+        const uint64_t at = bootTime + i * gap;
+        const bool expected = conforms(policer, at);
+        ASSERT_EQ(policer.pass(at), expected) << "packet " << i;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(RatesAndGaps, EvenFlood,
+                         testing::Combine(testing::Values(1u, 50u, 500u, 5'000u, 50'000u,
+                                                          1'000'000u, 4'000'000'000u),
+                                          testing::Values(20u, 120u, 1'000u, 20'000u, 300'000u)));
+
+TEST(Refusal, ReadsTheClockOnceForSeventeenPacketsOfAFlood)
+{
+    Policer policer(packetSettings(50));
+    for (uint64_t i = 0; i < 17'000; i++)
+        policer.pass(bootTime + i * 100);
+    EXPECT_LE(readings, 1010u);
+    EXPECT_GE(readings, 1000u);
+}
+
+TEST(Refusal, FrameLongerThanTheBucketIsRefusedUnseenToo)
+{
+    for (const cpd_settings &settings : {byteSettings(1000, 59), byteSettings(0, 0)}) {
+        Policer policer(settings);
+        for (uint64_t i = 0; i < 1700; i++)
+            EXPECT_FALSE(policer.pass(bootTime + i * 100, 60));
+        EXPECT_LE(readings, 110u);
+    }
+}
+
+TEST(Refusal, SlowPacketsAreAllSeen)
+{
+    Policer policer(packetSettings(1000));
+    for (uint64_t i = 0; i < 1000; i++)
+        policer.pass(bootTime + i * 100'000); // a tenth of the time that a token takes
+    EXPECT_GE(readings, 1000u);
+}
+
+/** A policer with an empty bucket whose next refusals would be unseen. */
+Policer flooded(const cpd_settings &settings, uint64_t tokens = 1)
+{
+    Policer policer(settings);
+    while (policer.pass(bootTime, tokens)) {
+    }
+    policer.pass(bootTime + 100, tokens);
+    EXPECT_EQ(policer.last.spare, CPD_SPARE);
+    return policer;
+}
+
+TEST(Refusal, ClockIsReadAgainInTheNextTick)
+{
+    Policer policer = flooded(packetSettings(500)); // a token in 2 ms
+    EXPECT_TRUE(policer.pass(bootTime + tickLength));
+}
+
+TEST(Refusal, AtMostSixteenAreRefusedUnseenWhenAFloodEnds)
+{
+    Policer policer = flooded(packetSettings(500));
+    const uint64_t later = bootTime + 3'000'000; // there is a token, in the same tick
+    for (int i = 0; i < CPD_SPARE; i++)
+        EXPECT_FALSE(policer.pass(later));
+    EXPECT_TRUE(policer.pass(later));
+}
+
+TEST(Refusal, ChangedWordIsNoticed)
+{
+    Policer policer = flooded(packetSettings(500));
+    policer.word -= cpd_cost(1, &policer.settings); // a refund on another CPU
+    EXPECT_TRUE(policer.pass(bootTime + 200));
+    EXPECT_FALSE(policer.pass(bootTime + 200));
+}
+
+TEST(Refusal, SmallerFrameIsJudgedForItself)
+{
+    Policer policer = flooded(byteSettings(8, 1000), 600);
+    EXPECT_TRUE(policer.pass(bootTime + 200, 400));
+}
+
+TEST(Refusal, LargerFrameIsRefusedWithTheSmaller)
+{
+    Policer policer = flooded(byteSettings(8, 1000), 600);
+    readings = 0;
+    EXPECT_FALSE(policer.pass(bootTime + 200, 900));
+    EXPECT_EQ(readings, 0u);
+}
+
+TEST(Refusal, LongWaitIsCut)
+{
+    const cpd_settings settings = byteSettings(1, UINT32_MAX);
+    const cpd_refusal refusal = {cpd_units(bootTime, &settings) + settings.depth, bootTime};
+    EXPECT_EQ(cpd_wait(&settings, 1, &refusal), 8'000'000u);
+    EXPECT_EQ(cpd_wait(&settings, 1 << 20, &refusal), CPD_WAIT_MAX); // more than two hours
+}
+
+TEST(Refusal, WithoutATimeIsNotRemembered)
+{
+    Policer policer = flooded(packetSettings(500));
+    const cpd_refusal refusal = {};
+    const __u32 before = policer.last.at;
+    cpd_remember(&policer.last, &policer.settings, 0, 1, &refusal, 1);
+    EXPECT_EQ(policer.last.at, before);
+    EXPECT_EQ(policer.last.spare, 0);
+}
+
+} // namespace

@@ -1,0 +1,256 @@
+/**
+ * What the data plane owes its host when something goes wrong around it.
+ */
+#include <arpa/inet.h>
+#include <csignal>
+#include <fcntl.h>
+#include <optional>
+#include <sys/resource.h>
+#include <sys/wait.h>
+
+#include "counters.h"
+#include "layer_on_wire.h"
+
+using namespace zynlinux;
+using namespace std::chrono_literals;
+
+namespace
+{
+
+class Trouble : public LayerOnWire
+{
+protected:
+    void leaveBehind(const std::string &text, const std::function<void()> &program)
+    {
+        int ready[2];
+        ASSERT_EQ(pipe(ready), 0);
+        pid_t child = fork();
+        if (child == 0) {
+            if (start(text).result != 0)
+                _exit(1);
+            program();
+            (void)!write(ready[1], "", 1);
+            for (;;)
+                pause();
+        }
+        close(ready[1]);
+        char byte;
+        EXPECT_EQ(read(ready[0], &byte, 1), 1);
+        close(ready[0]);
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+    }
+
+    /** As long as it lives, no descriptor can be had. */
+    struct NoDescriptors {
+        NoDescriptors()
+        {
+            getrlimit(RLIMIT_NOFILE, &before);
+            rlimit none = before;
+            none.rlim_cur = 0;
+            setrlimit(RLIMIT_NOFILE, &none);
+        }
+        ~NoDescriptors() { setrlimit(RLIMIT_NOFILE, &before); }
+        rlimit before;
+    };
+
+    static std::string slots(int from, int count)
+    {
+        std::string text;
+        for (int i = from; i < from + count; i++)
+            text += "[[slot]]\nslot = " + std::to_string(i) + "\nports = [\"gone" +
+                    std::to_string(i) + "\"]\n";
+        return text;
+    }
+
+    int tableSets()
+    {
+        Descriptor map(bpf_obj_get((pinFolder + "/cpudefend_acls").c_str()));
+        int count = 0;
+        for (uint32_t i = 0; i < CPD_TABLE_SETS; i++) {
+            uint32_t id = 0;
+            count += bpf_map_lookup_elem(map.get(), &i, &id) == 0 && id != 0;
+        }
+        return count;
+    }
+};
+
+TEST_F(Trouble, PortThatIsMadeAnewWithItsOldIndexIsProtectedAgain)
+{
+    ASSERT_EQ(startOnPort().result, 0);
+    ASSERT_EQ(set(nullptr, true, arpEntry(0, ZYN_HW_OP_DENY)), 0);
+    std::string index = std::to_string(if_nametoindex(protectedPort));
+    command("ip link del port0");
+    command("ip link add port0 index " + index + " type veth peer name peer0");
+    command("ip link set port0 arp off up && ip link set peer0 arp off up");
+    EXPECT_TRUE(runUntil([] { return programOn(protectedPort) != 0; }));
+    EXPECT_FALSE(arpArrives());
+}
+
+TEST_F(Trouble, OtherSlotsThanTheFormerDaemonsFitWhateverTheirNumber)
+{
+    leaveBehind("ports = [\"port0\"]\n" + slots(1, 20), [] {});
+    Outcome outcome = start("ports = [\"port0\"]\n" + slots(101, 20));
+    EXPECT_EQ(outcome.result, 0) << outcome.text;
+}
+
+TEST_F(Trouble, FailedStartLeavesAPortWhereItWas)
+{
+    leaveBehind("ports = [\"port0\"]\n", [] { set(nullptr, true, arpEntry(0, ZYN_HW_OP_DENY)); });
+    ASSERT_FALSE(arpArrives());
+    Descriptor other = constantProgram(XDP_PASS);
+    ASSERT_EQ(bpf_xdp_attach(static_cast<int>(if_nametoindex(peerPort)), other.get(), 0, nullptr),
+              0);
+    ASSERT_EQ(start("[[slot]]\nslot = 1\nports = [\"port0\"]\n[[slot]]\nslot = 2\n"
+                    "ports = [\"peer0\"]\n")
+                  .result,
+              -1);
+    EXPECT_FALSE(arpArrives());
+}
+
+TEST_F(Trouble, EntryThatWasRefusedIsNotThere)
+{
+    ASSERT_EQ(startOnPort().result, 0);
+    {
+        NoDescriptors none;
+        EXPECT_NE(set(nullptr, true, arpEntry(0, ZYN_HW_OP_DENY)), 0);
+    }
+    EXPECT_EQ(set(nullptr, false, arpEntry(0, ZYN_HW_OP_DENY)), ENOENT);
+}
+
+TEST_F(Trouble, EntryThatWasRefusedDoesNotComeInForceLater)
+{
+    ASSERT_EQ(startOnPort().result, 0);
+    {
+        NoDescriptors none;
+        EXPECT_NE(set(nullptr, true, arpEntry(0, ZYN_HW_OP_DENY)), 0);
+    }
+    auto other = arpEntry(5);
+    other.pktType = 0;
+    EXPECT_EQ(set(nullptr, true, other), 0);
+    EXPECT_TRUE(arpArrives());
+}
+
+TEST_F(Trouble, PortIsNotSetFreeBecauseTheKernelCouldNotBeAsked)
+{
+    ASSERT_EQ(startOnPort().result, 0);
+    ASSERT_EQ(set(nullptr, true, arpEntry(0, ZYN_HW_OP_DENY)), 0);
+    command("ip link add dummy7 type dummy");
+    {
+        NoDescriptors none;
+        zynPlatformRun();
+    }
+    EXPECT_NE(programOn(protectedPort), 0u);
+    EXPECT_FALSE(arpArrives());
+}
+
+TEST_F(Trouble, MoreAddressesThanFitDoNotKeepTheDaemonFromStarting)
+{
+    {
+        std::ofstream batch("/tmp/addresses");
+        for (int i = 0; i < 4200; i++)
+            batch << "addr add 10.1." << i / 200 << "." << i % 200 + 1 << "/32 dev port0\n";
+    }
+    command("ip -batch /tmp/addresses");
+    Outcome outcome = startOnPort();
+    EXPECT_EQ(outcome.result, 0) << outcome.text;
+}
+
+TEST_F(Trouble, GraceTimeEndsAlsoWhenAddressesDoNotFit)
+{
+    leaveBehind("ports = [\"port0\"]\n", [] { set(nullptr, true, arpEntry(0, ZYN_HW_OP_DENY)); });
+    ASSERT_EQ(startOnPort("grace = 1\n").result, 0);
+    {
+        std::ofstream batch("/tmp/addresses");
+        for (int i = 0; i < 4200; i++)
+            batch << "addr add 10.1." << i / 200 << "." << i % 200 + 1 << "/32 dev port0\n";
+    }
+    command("ip -batch /tmp/addresses");
+    std::this_thread::sleep_for(1200ms); // both are due in one run
+    zynPlatformRun();
+    EXPECT_TRUE(arpArrives());
+}
+
+constexpr char acl[] = "[[acl]]\nnumber = 100\nfamily = \"ipv4\"\n"
+                       "rules = [\"permit udp 192.0.2.0/24 any port 5000\"]\n";
+
+TEST_F(Trouble, TablesOfFormerSlotsAreGivenBack)
+{
+    leaveBehind(std::string("ports = [\"port0\"]\n") + acl +
+                    "[[acl]]\nnumber = 101\nfamily = \"ipv4\"\nrules = [\"permit ip any any\"]\n" +
+                    slots(1, 2),
+                [] {
+                    tSlotIndex one{0, 1, 0}, two{0, 2, 0};
+                    acl_cpudefend_add(&one, 100, ZYN_HW_OP_DENY, 0, 0, 0);
+                    acl_cpudefend_add(&two, 101, ZYN_HW_OP_DENY, 0, 0, 0);
+                });
+    EXPECT_GE(tableSets(), 2);
+    ASSERT_EQ(startOnPort().result, 0);
+    EXPECT_EQ(tableSets(), 0);
+}
+
+TEST_F(Trouble, FailingReloadsDoNotUseUpTheSetsOfTables)
+{
+    PlatformFile file("pin = \"" + pinFolder + "\"\nports = [\"port0\"]\n" + acl);
+    ASSERT_EQ(init().result, 0);
+    ASSERT_EQ(acl_cpudefend_add(nullptr, 100, ZYN_HW_OP_DENY, 0, 0, 0), 0);
+    int before = tableSets();
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    // Room for the platform file and the tables, not for the policy behind them.
+    Descriptor lowest(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    rlimit few{static_cast<rlim_t>(lowest.get()) + 2, limit.rlim_max};
+    for (int i = 0; i < 5; i++) {
+        std::vector<Descriptor> held;
+        raise(SIGHUP);
+        setrlimit(RLIMIT_NOFILE, &few);
+        zynPlatformRun();
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+    EXPECT_LE(tableSets(), before + 1);
+}
+
+TEST_F(Trouble, NeighbourOfA31BitNetworkIsNoAddressOfTheHost)
+{
+    command("ip addr add 198.51.100.2/31 dev port0");
+    ASSERT_EQ(startOnPort(acl).result, 0);
+    Descriptor map(bpf_obj_get((pinFolder + "/cpudefend_local").c_str()));
+    uint8_t key[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff, 198, 51, 100, 3}, there = 0;
+    EXPECT_NE(bpf_map_lookup_elem(map.get(), key, &there), 0);
+}
+
+TEST_F(Trouble, PortByAnAlternativeNameHasItsPlace)
+{
+    command("ip link property add dev port0 altname longer0");
+    ASSERT_EQ(start("[[slot]]\nslot = 4\nports = [\"longer0\"]\n").result, 0);
+    ASSERT_NE(programOn(protectedPort), 0u);
+    tPhyIfInfo info{};
+    EXPECT_EQ(sysIndexTrans(if_nametoindex(protectedPort), SYS_INDEX_TRANS_PHY, &info), 0);
+}
+
+TEST_F(Trouble, UnbindingManySlotsIsQuick)
+{
+    ASSERT_EQ(start("ports = [\"port0\"]\n" + slots(1, 31)).result, 0);
+    zynHwChangeBegin();
+    for (uint32_t i = 1; i <= 31; i++) {
+        tSlotIndex slot{0, i, 0};
+        EXPECT_EQ(set(&slot, true, arpEntry(7)), 0);
+    }
+    auto begin = Clock::now();
+    zynHwChangeEnd();
+    auto bound = Clock::now();
+    zynHwChangeBegin();
+    for (uint32_t i = 1; i <= 31; i++) {
+        tSlotIndex slot{0, i, 0};
+        EXPECT_EQ(set(&slot, false, arpEntry(7)), 0);
+    }
+    auto unbind = Clock::now();
+    zynHwChangeEnd();
+    auto end = Clock::now();
+    std::printf("bind %.1f ms, unbind %.1f ms\n",
+                std::chrono::duration<double, std::milli>(bound - begin).count(),
+                std::chrono::duration<double, std::milli>(end - unbind).count());
+    EXPECT_LT(end - unbind, 200ms);
+}
+
+} // namespace
