@@ -8,11 +8,15 @@
 
 #include <chrono>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <fmt/format.h>
 #include <fstream>
+#include <memory>
 #include <sched.h>
+#include <set>
 #include <signal.h>
 #include <stdexcept>
 #include <string>
@@ -191,6 +195,22 @@ int checkFlood(const Outcome &outcome)
     return enough ? 0 : 1;
 }
 
+/** Every sender of the ARP flood must be named, and nobody else. */
+int checkSources()
+{
+    std::set<std::string> named;
+    std::unique_ptr<std::FILE, int (*)(std::FILE *)> list(
+        popen(CPUDEFEND_BIN_DIR "/cpudefendctl source list --type arp", "r"), pclose);
+    char line[256];
+    while (list && std::fgets(line, sizeof line, list.get()))
+        if (const char *mac = std::strstr(line, "02:00:00:00:00:"))
+            named.emplace(mac, std::strlen("02:00:00:00:00:00"));
+    const bool all = named.size() == FLOOD_SENDERS;
+    fmt::print("{}: {} of {} senders of the ARP flood are named\n", all ? "ok" : "FAILED",
+               named.size(), FLOOD_SENDERS);
+    return all ? 0 : 1;
+}
+
 int demonstrate()
 {
     Peer peer;
@@ -205,6 +225,7 @@ int demonstrate()
     step("The daemon protects the port. A policy limits both, and is bound to the system.");
     Daemon daemon;
     control("policy add edge");
+    control("policy set edge source-trace=on");
     control(fmt::format("car set edge arp pps={} mode=pps", ARP_LIMIT));
     control(fmt::format("car set edge dhcpsnoopip pps={} mode=pps", DHCP_LIMIT));
     control("bind edge");
@@ -213,11 +234,15 @@ int demonstrate()
     const Outcome after = measure(peer, side);
     show(after);
 
+    step("Who sent the ARP flood?");
+    control("source list --type arp");
+
     fmt::print("\n");
     int failures = checkFlood(before) + checkFlood(after);
     failures += checkRate("ARP", after.passed.arp, after.seconds, ARP_LIMIT);
     failures += checkRate("DHCP", after.passed.dhcp, after.seconds, DHCP_LIMIT);
     failures += checkTrickle(after);
+    failures += checkSources();
     return failures;
 }
 

@@ -28,8 +28,7 @@ namespace
 using Clock = std::chrono::steady_clock;
 using Frame = std::vector<uint8_t>;
 
-constexpr unsigned SENDERS = 16; // different sources in each flood
-constexpr unsigned BATCH = 32;   // frames per system call
+constexpr unsigned BATCH = 32; // frames per system call
 
 constexpr uint8_t PROTECTED_IP[] = {10, 77, 0, 1};
 
@@ -173,7 +172,7 @@ private:
 std::vector<Frame> fromManySenders(Frame (*make)(unsigned))
 {
     std::vector<Frame> frames;
-    for (unsigned sender = 1; sender <= SENDERS; sender++)
+    for (unsigned sender = 1; sender <= FLOOD_SENDERS; sender++)
         frames.push_back(make(sender));
     return frames;
 }

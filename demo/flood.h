@@ -8,6 +8,8 @@
 #include <string>
 #include <sys/types.h>
 
+constexpr unsigned FLOOD_SENDERS = 16; /**< different sources in each flood */
+
 /** What is sent, in packets per second; all of it in frames that any host would take as real. */
 struct Offer {
     uint32_t arp;     /**< requests for the protected address, from many senders */
