@@ -92,7 +92,8 @@ int32_t zynPlatformInit(char *const argv[]);
 /**
  * A descriptor that turns readable when the layer has work of its own to do (a signal, a time
  * that is up, a port that comes or goes); the event loop then calls zynPlatformRun.
- * @return the descriptor, which stays the layer's, or -1 for a layer without such work
+ * Optional, with zynPlatformRun: a layer without such work leaves both out.
+ * @return the descriptor, which stays the layer's, or -1 for none
  */
 int32_t zynPlatformFd(void);
 
@@ -102,7 +103,8 @@ void zynPlatformRun(void);
 /**
  * Begin a change: what is added and removed until its end is put in force together then, so that
  * every packet is judged by all that was in force before, or by all that is after. Changes nest;
- * the outermost one counts. A call outside of a change is one by itself.
+ * the outermost one counts. A call outside of a change is one by itself. Optional, with
+ * zynHwChangeEnd: a layer that leaves both out puts each call in force by itself.
  */
 void zynHwChangeBegin(void);
 
@@ -134,7 +136,7 @@ int32_t zynScalarSetApi(uint32_t index, uint32_t cmd, tHwApiFunc *func);
 
 /**
  * Take what the newest entry with these settings has counted while it was in force, since it was
- * added or since this was last asked.
+ * added or since this was last asked. Optional: without it the daemon's counters stay as they are.
  * @param slot  the slot, or null for the system as a whole
  * @param entry the settings; receives PassPkt, DropPkt, PassOct and DropOct
  * @return 0, or ENOENT when there is no such entry; the counters are then untouched

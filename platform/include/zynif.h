@@ -48,7 +48,8 @@ struct packet_rxpktinfo {
 };
 
 /**
- * Open the source of packets that reached the CPU, or were dropped on their way to it.
+ * Open the source of packets that reached the CPU, or were dropped on their way to it. Optional,
+ * with zynPktRecv: a platform without such a source leaves both out.
  * @return a descriptor above 0 that turns readable when there are packets, and stays the layer's;
  *         0 when the platform has no such source
  */

@@ -20,6 +20,13 @@ bool carriesPriority(const cpd_policy &policy)
     });
 }
 
+/** Refuse an ACL, and say why: who binds a policy hears of its last part only. */
+int32_t refuse(uint16_t acl, int32_t code, const char *reason)
+{
+    std::fprintf(stderr, "[platform] ACL %u is not put in force: %s\n", acl, reason);
+    return code;
+}
+
 } // namespace
 
 Protection::Protection(DataPlane &plane, Ports &ports, AclLists lists, const Slots &slots)
@@ -149,9 +156,11 @@ int32_t Protection::aclAdd(const tSlotIndex *slot, const layer::tAclSetting &acl
     std::vector<uint16_t> numbers = site->place.aclNumbers();
     numbers.push_back(acl.acl);
     if (!tables_.known({acl.acl}))
-        return ENOENT;
-    if (numbers.size() > CPD_ACLS || !tables_.fits(numbers))
-        return ENOSPC;
+        return refuse(acl.acl, ENOENT, "the platform file has no such list");
+    if (numbers.size() > CPD_ACLS)
+        return refuse(acl.acl, ENOSPC, "there are too many at this place");
+    if (!tables_.fits(numbers))
+        return refuse(acl.acl, ENOSPC, "with those before it, its tables do not fit");
     site->place.acls.push_back(acl);
     return changed(*site);
 }

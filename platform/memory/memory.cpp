@@ -185,25 +185,6 @@ int32_t layer::place(uint32_t ifUnit, tPhyIfInfo *info) noexcept
     return 0;
 }
 
-/* ---- Work and packets of its own: none ------------------------------------------------ */
-
-int32_t zynPlatformFd(void)
-{
-    return -1;
-}
-
-void zynPlatformRun(void) {}
-
-int32_t zynPktOpen(void)
-{
-    return 0;
-}
-
-int32_t zynPktRecv(packet_rxpktinfo *, uint16_t *, unsigned char *, uint32_t)
-{
-    return 0;
-}
-
 /* ---- The look inside, and scripting --------------------------------------------------- */
 
 const tHwCpuDefendPktCarEntry *zynMemoryCarInForce(const tSlotIndex *slot, uint32_t pktType)

@@ -165,23 +165,6 @@ void zynHwChangeEnd(void)
         hardware.changeDepth--;
 }
 
-int32_t zynPlatformFd(void)
-{
-    return -1;
-}
-
-void zynPlatformRun(void) {}
-
-int32_t zynPktOpen(void)
-{
-    return 0;
-}
-
-int32_t zynPktRecv(packet_rxpktinfo *, uint16_t *, unsigned char *, uint32_t)
-{
-    return 0;
-}
-
 int32_t zynHwScalarGet(uint32_t, uint32_t id, void *)
 {
     const uint32_t role =

@@ -262,7 +262,10 @@ TEST_F(Acls, RateHoldsForTheBoxAloneAndNotForWhatItForwards)
 TEST_F(Acls, UnknownNumberIsNoEntry)
 {
     ASSERT_EQ(startWith(acls).result, 0);
+    testing::internal::CaptureStderr();
     EXPECT_EQ(bind(102), ENOENT);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "[platform] ACL 102 is not put in force: the platform file has no such list\n");
     EXPECT_EQ(acl_cpudefend_del(nullptr, 102, ZYN_HW_OP_DENY, 0, 0, 0), ENOENT);
 }
 

@@ -210,17 +210,6 @@ TEST_F(CarMultiset, WithinAChangeEachCallIsInForceAtOnce)
     zynHwChangeEnd();
 }
 
-TEST_F(CarMultiset, NoWorkAndNoPacketsOfItsOwn)
-{
-    EXPECT_EQ(zynPlatformFd(), -1);
-    zynPlatformRun();
-    EXPECT_EQ(zynPktOpen(), 0);
-    packet_rxpktinfo info;
-    uint16_t protocol;
-    unsigned char buf[80];
-    EXPECT_EQ(zynPktRecv(&info, &protocol, buf, sizeof buf), 0);
-}
-
 /* ---- What a real layer would refuse --------------------------------------------------- */
 
 /** Expect EINVAL of a call, and nothing changed on any target. */

@@ -1,0 +1,35 @@
+/**
+ * What a platform may leave out of the contract. A definition of its own takes the place of the one
+ * here.
+ */
+#include <errno.h>
+
+#include "cpuDefend.h"
+
+#define OPTIONAL __attribute__((weak))
+
+OPTIONAL int32_t zynPlatformFd()
+{
+    return -1;
+}
+
+OPTIONAL void zynPlatformRun() {}
+
+OPTIONAL void zynHwChangeBegin() {}
+
+OPTIONAL void zynHwChangeEnd() {}
+
+OPTIONAL int32_t zynHwCarCount(const tSlotIndex *, tHwCpuDefendPktCarEntry *)
+{
+    return ENOSYS;
+}
+
+OPTIONAL int32_t zynPktOpen()
+{
+    return 0;
+}
+
+OPTIONAL int32_t zynPktRecv(packet_rxpktinfo *, uint16_t *, unsigned char *, uint32_t)
+{
+    return 0;
+}
