@@ -52,16 +52,6 @@ template <class Act> int32_t perform(Act act)
 
 uint32_t changeDepth; // changes that have begun and not ended
 
-/** A change as long as this lives; within another one it is a part of that. */
-class Change
-{
-public:
-    Change() { zynHwChangeBegin(); }
-    ~Change() { zynHwChangeEnd(); }
-    Change(const Change &) = delete;
-    Change &operator=(const Change &) = delete;
-};
-
 /* ---- What no hardware could do -------------------------------------------------------- */
 
 /** System 0 with slot 0 is the system itself and can't be addressed as a slot. */
@@ -105,7 +95,6 @@ int32_t carSet(const tSlotIndex *slot, bool add, const void *arg)
     auto *entry = static_cast<const tHwCpuDefendPktCarEntry *>(arg);
     if (!isCar(entry))
         return EINVAL;
-    Change change;
     return add ? layer::carAdd(slot, *entry) : layer::carDel(slot, *entry);
 }
 
@@ -129,7 +118,6 @@ int32_t aclSet(const tSlotIndex *slot, bool add, const layer::tAclSetting &acl)
 {
     if (!isTarget(slot) || !isAcl(acl))
         return EINVAL;
-    Change change;
     return add ? layer::aclAdd(slot, acl) : layer::aclDel(slot, acl);
 }
 
@@ -326,12 +314,11 @@ void zynHwChangeBegin(void)
         layer::changeBegin();
 }
 
-void zynHwChangeEnd(void)
+int32_t zynHwChangeEnd(void)
 {
     if (changeDepth == 0)
-        return; // none has begun
-    if (--changeDepth == 0)
-        layer::changeEnd();
+        return 0;
+    return --changeDepth == 0 ? layer::changeEnd() : 0;
 }
 
 int32_t zynHwCarCount(const tSlotIndex *slot, tHwCpuDefendPktCarEntry *entry)

@@ -43,9 +43,12 @@ struct tCarCounts {
 int32_t carCount(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry &entry,
                  tCarCounts *counts) noexcept;
 
-/** The outermost change begins, or ends. A call outside of a change stands between the two. */
+/**
+ * The outermost change begins, or ends. A call outside of a change takes effect by itself, and one
+ * that fails has changed nothing. The end's result is that of zynHwChangeEnd.
+ */
 void changeBegin() noexcept;
-void changeEnd() noexcept;
+int32_t changeEnd() noexcept;
 
 /** Whether this card is the slave. */
 bool isSlave() noexcept;

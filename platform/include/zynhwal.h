@@ -108,8 +108,12 @@ void zynPlatformRun(void);
  */
 void zynHwChangeBegin(void);
 
-/** End a change. A layer that cannot put it in force says so on standard error. */
-void zynHwChangeEnd(void);
+/**
+ * End a change.
+ * @return 0, also for a change within another; or why the outermost one could not be put in force
+ *         as a whole: what was in force stays so, and the layer says what it does about it
+ */
+int32_t zynHwChangeEnd(void);
 
 /**
  * Add or remove a CAR entry of a slot.

@@ -110,6 +110,8 @@ void Reader::checkPort(const Config &config, const std::string &port, const toml
     for (const PortConfig &before : config.ports)
         if (before.name == port)
             fail(at.source(), "port \"" + port + "\" stands there twice");
+    if (config.ports.size() == portsMax)
+        fail(at.source(), "more than " + std::to_string(portsMax) + " ports");
 }
 
 /** @param place where the ports are; its name is not looked at */

@@ -29,6 +29,7 @@ enum class OnStop { Remove, Leave };
 
 constexpr uint32_t slotNumberMax = 255; /**< of a system and of a slot: the daemon keeps 8 bits */
 constexpr size_t slotsMax = 31;
+constexpr size_t portsMax = 1024;
 constexpr uint32_t graceMax = 86400;
 
 /** A protected port and its place in the chassis. */

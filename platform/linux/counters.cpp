@@ -67,10 +67,10 @@ namespace
 /** Sum one element over the CPUs. @return false when it cannot be read */
 bool readSum(int map, uint32_t key, cpd_counters *sum)
 {
-    static const int cpus = std::max(1, libbpf_num_possible_cpus());
-    std::vector<cpd_stats> perCpu(static_cast<size_t>(cpus));
+    int cpus = libbpf_num_possible_cpus(); // it asks the system only once
+    std::vector<cpd_stats> perCpu(static_cast<size_t>(std::max(0, cpus)));
     *sum = {};
-    if (bpf_map_lookup_elem(map, &key, perCpu.data()) != 0)
+    if (cpus < 1 || bpf_map_lookup_elem(map, &key, perCpu.data()) != 0)
         return false;
     for (const cpd_stats &cpu : perCpu)
         *sum += cpu.counters;
@@ -79,11 +79,11 @@ bool readSum(int map, uint32_t key, cpd_counters *sum)
 
 } // namespace
 
-cpd_counters readCounters(int map, uint32_t target, uint32_t type)
+std::optional<cpd_counters> readCounters(int map, uint32_t target, uint32_t type)
 {
     cpd_counters sum;
-    readSum(map, cpd_stats_index(target, static_cast<int>(type)), &sum);
-    return sum;
+    bool read = readSum(map, cpd_stats_index(target, static_cast<int>(type)), &sum);
+    return read ? std::optional(sum) : std::nullopt;
 }
 
 std::vector<cpd_counters> readCounters(int map, uint32_t target)

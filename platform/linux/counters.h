@@ -5,6 +5,7 @@
 #define ZYNLINUX_COUNTERS_H
 
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "bpf/cpudefend_shared.h"
@@ -27,9 +28,9 @@ Descriptor findCounters(const char *port);
  * Read those of one packet type, summed over the CPUs.
  * @param map    DataPlane::counters() or the result of findCounters
  * @param target 0 for the system, else a slot's number
- * @return all 0 when that failed
+ * @return nothing when that failed
  */
-cpd_counters readCounters(int map, uint32_t target, uint32_t type);
+std::optional<cpd_counters> readCounters(int map, uint32_t target, uint32_t type);
 
 /** Read those of all packet types. @return CPD_TYPES records; empty when that failed */
 std::vector<cpd_counters> readCounters(int map, uint32_t target = 0);

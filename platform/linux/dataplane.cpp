@@ -137,6 +137,10 @@ void DataPlane::load(const PinFolder &pins)
     }
     if (int error = cpudefend_bpf__load(skeleton_.get()))
         throw loadFailure(-error);
+    bpf_prog_info info{};
+    uint32_t size = sizeof info;
+    check(bpf_obj_get_info_by_fd(program(), &info, &size), "look at the packet program");
+    programId_ = info.id;
 }
 
 void DataPlane::saveInfo()
@@ -159,25 +163,26 @@ int DataPlane::newPolicy(const cpd_policy &policy) const
 
 void DataPlane::replace(const std::map<uint32_t, const cpd_policy *> &policies)
 {
-    int rules = bpf_map__fd(skeleton_->maps.cpudefend_rules);
+    static const cpd_policy withoutRules{};
     std::vector<uint32_t> targets;
     std::vector<int> maps;
     std::vector<Descriptor> owned;
     for (const auto &[target, policy] : policies) {
-        if (!policy)
-            continue;
-        owned.emplace_back(newPolicy(*policy));
+        owned.emplace_back(newPolicy(policy ? *policy : withoutRules));
         targets.push_back(target);
         maps.push_back(owned.back().get());
     }
     // In one batch the kernel waits only once for the packets that are still being judged.
     auto count = static_cast<uint32_t>(targets.size());
     if (count != 0)
-        check(bpf_map_update_batch(rules, targets.data(), maps.data(), &count, nullptr),
+        check(bpf_map_update_batch(bpf_map__fd(skeleton_->maps.cpudefend_rules), targets.data(),
+                                   maps.data(), &count, nullptr),
               "put a policy in force");
-    for (const auto &[target, policy] : policies)
-        if (!policy && bpf_map_delete_elem(rules, &target) != 0 && errno != ENOENT)
-            throw Failure("take a policy away", errno);
+}
+
+void DataPlane::remove(uint32_t target)
+{
+    bpf_map_delete_elem(bpf_map__fd(skeleton_->maps.cpudefend_rules), &target);
 }
 
 Descriptor DataPlane::makeTables(uint32_t set)
@@ -190,6 +195,12 @@ Descriptor DataPlane::makeTables(uint32_t set)
     check(bpf_map_update_elem(bpf_map__fd(skeleton_->maps.cpudefend_acls), &set, &fd, BPF_ANY),
           "make room for ACL tables in the kernel");
     return map;
+}
+
+bool DataPlane::hasTables(uint32_t set) const
+{
+    uint32_t id;
+    return bpf_map_lookup_elem(bpf_map__fd(skeleton_->maps.cpudefend_acls), &set, &id) == 0;
 }
 
 void DataPlane::fillTables(const Descriptor &made, const cpd_tables &tables)
@@ -208,7 +219,7 @@ void DataPlane::placePort(uint32_t ifindex, uint32_t target)
     check(bpf_map_update_elem(bpf_map__fd(skeleton_->maps.cpudefend_ports), &ifindex, &target,
                               BPF_ANY),
           "say which slot a port is in");
-    placeNear(ifindex, target + 1);
+    check(placeNear(ifindex, target + 1), "say which slot a port is in");
 }
 
 void DataPlane::forgetPort(uint32_t ifindex)
@@ -218,22 +229,20 @@ void DataPlane::forgetPort(uint32_t ifindex)
 }
 
 /** Where the program looks first. @param place the target, counted from 1; 0: nowhere here */
-void DataPlane::placeNear(uint32_t ifindex, __u32 place)
+/** Where the program looks first. @param place the target, counted from 1; 0: nowhere here */
+int DataPlane::placeNear(uint32_t ifindex, __u32 place)
 {
-    if (ifindex < CPD_NEAR)
-        check(bpf_map_update_elem(bpf_map__fd(skeleton_->maps.cpudefend_near), &ifindex, &place,
-                                  BPF_ANY),
-              "say which slot a port is in");
+    if (ifindex >= CPD_NEAR)
+        return 0;
+    return bpf_map_update_elem(bpf_map__fd(skeleton_->maps.cpudefend_near), &ifindex, &place,
+                               BPF_ANY);
 }
 
-void DataPlane::setAddresses(const std::vector<Address> &addresses)
+bool DataPlane::setAddresses(const std::vector<Address> &addresses)
 {
     int map = bpf_map__fd(skeleton_->maps.cpudefend_local);
     const uint8_t present = 1;
     std::set<Address> wanted(addresses.begin(), addresses.end());
-    for (const Address &each : wanted)
-        check(bpf_map_update_elem(map, each.data(), &present, BPF_ANY), "tell an own address");
-
     std::vector<Address> stale;
     Address key;
     for (int result = bpf_map_get_next_key(map, nullptr, key.data()); result == 0;
@@ -242,6 +251,22 @@ void DataPlane::setAddresses(const std::vector<Address> &addresses)
             stale.push_back(key);
     for (const Address &each : stale)
         bpf_map_delete_elem(map, each.data());
+
+    bool all = true;
+    for (const Address &each : wanted)
+        all = bpf_map_update_elem(map, each.data(), &present, BPF_ANY) == 0 && all;
+    return all;
+}
+
+void DataPlane::clearCounters(uint32_t target)
+{
+    std::vector<cpd_stats> zeros(static_cast<size_t>(std::max(0, libbpf_num_possible_cpus())));
+    if (zeros.empty())
+        return;
+    for (int type = CPD_NO_TYPE; type < CPD_TYPES; type++) {
+        uint32_t index = cpd_stats_index(target, type);
+        bpf_map_update_elem(counters(), &index, zeros.data(), BPF_ANY);
+    }
 }
 
 int DataPlane::program() const

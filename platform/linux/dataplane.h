@@ -55,11 +55,14 @@ public:
     cpd_policer *policers() { return policers_; }
 
     /**
-     * Put policies in force, each in place of what its target had; null takes away. When this
-     * returns, no packet is judged by the former ones any more.
+     * Put policies in force, each in place of what its target had; null stands for one without
+     * rules. When this returns, no packet is judged by the former ones any more.
      * @throw Failure
      */
     void replace(const std::map<uint32_t, const cpd_policy *> &policies);
+
+    /** A target is not used any more. */
+    void remove(uint32_t target);
 
     /**
      * Make a set of tables, below CPD_TABLE_SETS, that policies may refer to; empty at first. The
@@ -68,6 +71,7 @@ public:
      */
     Descriptor makeTables(uint32_t set);
     void dropTables(uint32_t set);
+    bool hasTables(uint32_t set) const;
 
     /** Fill a set that no policy in force refers to. @throw Failure */
     void fillTables(const Descriptor &made, const cpd_tables &tables);
@@ -76,10 +80,17 @@ public:
     void placePort(uint32_t ifindex, uint32_t target);
     void forgetPort(uint32_t ifindex);
 
-    /** The host's own addresses, in place of those told before. @throw Failure */
-    void setAddresses(const std::vector<Address> &addresses);
+    /**
+     * The host's own addresses, in place of those told before.
+     * @return whether there was room for all
+     */
+    bool setAddresses(const std::vector<Address> &addresses);
 
-    int program() const;   /**< for ports and test runs */
+    /** Begin the counters of a target anew. */
+    void clearCounters(uint32_t target);
+
+    int program() const;                              /**< for ports and test runs */
+    uint32_t programId() const { return programId_; } /**< the kernel's number for it */
     int tcProgram() const; /**< behind it, where queue and priority are set */
     int counters() const;  /**< the map of counters, see counters.h */
     int samples() const;   /**< the ring of samples */
@@ -87,11 +98,12 @@ public:
 private:
     void load(const PinFolder &pins);
     int newPolicy(const cpd_policy &policy) const;
-    void placeNear(uint32_t ifindex, __u32 place);
+    int placeNear(uint32_t ifindex, __u32 place);
 
     std::unique_ptr<cpudefend_bpf, void (*)(cpudefend_bpf *)> skeleton_;
     std::unique_ptr<cpd_info> info_;
     bool takenOver_ = false;
+    uint32_t programId_ = 0;
     cpd_policer *policers_ = nullptr;
 };
 

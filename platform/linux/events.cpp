@@ -1,5 +1,6 @@
 #include "events.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <sys/epoll.h>
@@ -76,11 +77,13 @@ void Events::watch(const Descriptor &descriptor)
         throw Failure("wait for events", errno);
 }
 
-void Events::alarmIn(uint32_t seconds)
+void Events::alarmIn(std::chrono::nanoseconds time)
 {
-    itimerspec time{};
-    time.it_value.tv_sec = seconds;
-    timerfd_settime(alarm_.get(), 0, &time, nullptr);
+    constexpr long perSecond = 1'000'000'000;
+    itimerspec alarm{};
+    alarm.it_value.tv_sec = time.count() / perSecond;
+    alarm.it_value.tv_nsec = std::max(1L, time.count() % perSecond); // all zero would disarm it
+    timerfd_settime(alarm_.get(), 0, &alarm, nullptr);
 }
 
 /** Take all messages. @return whether there was any, or some that got lost */

@@ -5,7 +5,7 @@
 #ifndef ZYNLINUX_EVENTS_H
 #define ZYNLINUX_EVENTS_H
 
-#include <cstdint>
+#include <chrono>
 
 #include "descriptor.h"
 
@@ -33,8 +33,8 @@ public:
     /** Turns readable when something has happened. */
     int descriptor() const { return all_.get(); }
 
-    /** Have timeUp told once, in so many seconds, at least 1. */
-    void alarmIn(uint32_t seconds);
+    /** Have timeUp told once, after that time. */
+    void alarmIn(std::chrono::nanoseconds time);
 
     Happened take();
 

@@ -151,6 +151,12 @@ void Draft::settle(uint64_t now)
 
 /* ---- Place ---------------------------------------------------------------------------- */
 
+bool Place::hasAcl(const layer::tAclSetting &acl) const
+{
+    return std::any_of(acls.begin(), acls.end(),
+                       [&](const auto &each) { return sameAcl(each, acl); });
+}
+
 bool Place::removeAcl(const layer::tAclSetting &acl)
 {
     auto newest = std::find_if(acls.rbegin(), acls.rend(),

@@ -59,6 +59,9 @@ public:
      */
     void settle(uint64_t now);
 
+    /** It may be in force or not: its policers are given to nobody any more. */
+    void abandon() { successors_.clear(); }
+
 private:
     friend class Place;
 
@@ -86,6 +89,8 @@ public:
 
     CarTable cars;
     std::vector<layer::tAclSetting> acls; /**< in the order programmed */
+
+    bool hasAcl(const layer::tAclSetting &acl) const;
 
     /** Remove the newest ACL entry with these settings. @return false when there is none */
     bool removeAcl(const layer::tAclSetting &acl);

@@ -3,11 +3,14 @@
  */
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
+#include <optional>
+#include <utility>
 
 #include "config.h"
 #include "cpuusage.h"
@@ -30,6 +33,11 @@ namespace
 constexpr char configEnvironment[] = "CPUDEFEND_PLATFORM";
 constexpr char configPath[] = "/etc/cpudefend/platform.toml";
 
+using Clock = std::chrono::steady_clock;
+using std::chrono::seconds;
+
+constexpr seconds retryTime{1};
+
 /** What the configured host is protected by. */
 class Host
 {
@@ -43,6 +51,9 @@ public:
     /** Leave nothing behind of a start that failed; what was there before stays. */
     void abandon();
 
+    /** What was programmed could not be put in force: try again soon. */
+    void retryLater();
+
     bool isSlave() const { return config_.role == Role::Slave; }
     int eventDescriptor() const { return events_.descriptor(); }
     void handleEvents();
@@ -55,9 +66,13 @@ public:
 private:
     static Protection::Slots slotsOf(const Config &config);
     void warnOfUnusedPorts() const;
+    void lookAtAddresses();
     void reload();
+    void handleTime();
+    void setAlarm();
     [[noreturn]] void stop();
 
+    Events events_; // first: a signal waits until the daemon has started
     std::string file_;
     Config config_;
     PinFolder pins_;
@@ -65,7 +80,8 @@ private:
     Ports ports_;
     Protection protection_;
     Samples samples_;
-    Events events_;
+    std::optional<Clock::time_point> graceEnd_;
+    bool saidTooManyAddresses_ = false;
 };
 
 std::unique_ptr<Host> host;
@@ -80,7 +96,7 @@ Host::Host(const std::string &file)
 
 void Host::start()
 {
-    plane_.setAddresses(hostAddresses());
+    lookAtAddresses();
     ports_.start();
     protection_.dropFormerSlots();
     protection_.prepare();
@@ -91,18 +107,14 @@ void Host::start()
                  "[platform] what a former daemon programmed stays in force for %u seconds, or "
                  "until it is bound again\n",
                  config_.grace);
-    if (config_.grace == 0)
-        protection_.dropInherited();
-    else
-        events_.alarmIn(config_.grace);
+    graceEnd_ = Clock::now() + seconds(config_.grace);
+    handleTime();
 }
 
 void Host::abandon()
 {
-    if (plane_.takenOver())
-        return;
-    ports_.stop();
-    pins_.clear();
+    if (pins_.names("link-").empty()) // or else they protect, as a former daemon has left them
+        pins_.clear();
 }
 
 Protection::Slots Host::slotsOf(const Config &config)
@@ -127,11 +139,20 @@ void Host::warnOfUnusedPorts() const
                          port.name.c_str());
 }
 
+void Host::lookAtAddresses()
+{
+    if (!plane_.setAddresses(hostAddresses()) && !std::exchange(saidTooManyAddresses_, true))
+        std::fprintf(stderr,
+                     "[platform] warning: of the host's addresses only %u are known as its own\n",
+                     static_cast<unsigned>(CPD_ADDRESSES));
+}
+
 /** ACLs are taken from the platform file anew; the rest of it counts at the next start. */
 void Host::reload()
 try {
     protection_.reload(readConfig(file_).acls);
     std::fprintf(stderr, "[platform] ACLs are those of %s now\n", file_.c_str());
+    protection_.prepare();
 } catch (const std::exception &failure) {
     std::fprintf(stderr, "%s; the ACLs stay as they were\n", failure.what());
 }
@@ -149,21 +170,55 @@ void Host::stop()
     std::exit(EXIT_SUCCESS);
 }
 
+void Host::retryLater()
+{
+    setAlarm();
+}
+
+/** The alarm for what is due next. */
+void Host::setAlarm()
+{
+    if (protection_.isBehind())
+        events_.alarmIn(retryTime);
+    else if (graceEnd_)
+        events_.alarmIn(std::max<Clock::duration>(*graceEnd_ - Clock::now(), seconds(0)));
+}
+
+void Host::handleTime()
+{
+    if (graceEnd_ && Clock::now() >= *graceEnd_) {
+        graceEnd_.reset();
+        if (protection_.hasInherited()) {
+            std::fprintf(stderr, "[platform] what was not bound again is dropped\n");
+            protection_.dropInherited();
+        }
+    }
+    if (protection_.isBehind())
+        protection_.commit();
+    setAlarm();
+}
+
+/** Do something; a failure is said and keeps nothing else from being done. */
+template <class Work> void attempt(Work work)
+try {
+    work();
+} catch (const std::exception &failure) {
+    std::fprintf(stderr, "%s\n", failure.what());
+}
+
 void Host::handleEvents()
 {
     Events::Happened happened = events_.take();
     if (happened.stop)
         stop();
     if (happened.network) {
-        ports_.refresh();
-        plane_.setAddresses(hostAddresses());
+        attempt([this] { ports_.refresh(); });
+        attempt([this] { lookAtAddresses(); });
     }
     if (happened.reload)
         reload();
-    if (happened.timeUp && protection_.hasInherited()) {
-        std::fprintf(stderr, "[platform] what was not bound again is dropped\n");
-        protection_.dropInherited();
-    }
+    if (happened.timeUp)
+        attempt([this] { handleTime(); });
 }
 
 std::string configFile()
@@ -278,9 +333,14 @@ void layer::changeBegin() noexcept
     ask([](Protection &protection) { return protection.changeBegin(), 0; });
 }
 
-void layer::changeEnd() noexcept
+int32_t layer::changeEnd() noexcept
 {
-    ask([](Protection &protection) { return protection.changeEnd(), 0; });
+    if (!host)
+        return 0;
+    int32_t result = ask([](Protection &protection) { return protection.changeEnd(); });
+    if (result != 0)
+        host->retryLater();
+    return result;
 }
 
 bool layer::isSlave() noexcept

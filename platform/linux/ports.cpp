@@ -9,6 +9,7 @@
 #include <memory>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <optional>
 
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
@@ -64,6 +65,13 @@ uint32_t interfaceOf(const Descriptor &link)
     return info.type == BPF_LINK_TYPE_XDP ? info.xdp.ifindex : 0;
 }
 
+/** The program on a port, by the kernel's number; 0 for none. */
+uint32_t programOn(uint32_t ifindex)
+{
+    uint32_t id = 0;
+    return bpf_xdp_query_id(static_cast<int>(ifindex), 0, &id) == 0 ? id : 0;
+}
+
 /** In which mode the program on a port runs. */
 Mode modeOf(uint32_t ifindex)
 {
@@ -71,6 +79,13 @@ Mode modeOf(uint32_t ifindex)
     bool native = bpf_xdp_query(static_cast<int>(ifindex), 0, &options) == 0 &&
                   options.attach_mode == XDP_ATTACHED_DRV;
     return native ? Mode::Native : Mode::Generic;
+}
+
+/** The interface with this name; 0 when there is none. Nothing when that cannot be told now. */
+std::optional<uint32_t> indexOf(const std::string &name)
+{
+    uint32_t ifindex = if_nametoindex(name.c_str());
+    return ifindex != 0 || errno == ENODEV ? std::optional(ifindex) : std::nullopt;
 }
 
 void sayProtected(const PortConfig &port, Mode mode, const std::string &more)
@@ -85,11 +100,16 @@ Ports::Ports(const Config &config, DataPlane &plane, const PinFolder &pins)
 {
 }
 
-bool Ports::isAttached(const PortConfig &port, uint32_t ifindex) const
+bool Ports::isProtected(uint32_t ifindex) const
 {
-    return std::any_of(ports_.begin(), ports_.end(), [&](const Port &each) {
-        return each.config == &port && each.ifindex == ifindex;
-    });
+    return std::any_of(ports_.begin(), ports_.end(),
+                       [&](const Port &each) { return each.ifindex == ifindex; });
+}
+
+/** Whether the program of a former daemon is on a port. */
+bool Ports::isLeft(uint32_t ifindex) const
+{
+    return pins_.open(pinName(linkPrefix, ifindex)).get() >= 0;
 }
 
 /** What is pinned need not be held open: there may be more ports than descriptors. */
@@ -98,15 +118,22 @@ Descriptor Ports::unlessPinned(Descriptor made) const
     return pins_.pins() ? Descriptor() : std::move(made);
 }
 
-/** Have the new program do what the one of a former daemon does on a port. */
+/**
+ * Have the new program do what the one of a former daemon does on a port. A link that is on this
+ * port no more, or in another mode than the configured one, is given up.
+ */
 Descriptor Ports::takeOver(uint32_t ifindex) const
 {
     Descriptor left = pins_.open(pinName(linkPrefix, ifindex));
-    if (left.get() < 0 || interfaceOf(left) != ifindex)
+    if (left.get() < 0)
         return Descriptor();
-    if (bpf_link_update(left.get(), plane_.program(), nullptr) != 0)
-        return Descriptor();
-    return left;
+    bool updated = interfaceOf(left) == ifindex &&
+                   (config_.mode == Mode::Auto || config_.mode == modeOf(ifindex)) &&
+                   bpf_link_update(left.get(), plane_.program(), nullptr) == 0;
+    if (updated && programOn(ifindex) == plane_.programId())
+        return left;
+    setFree(ifindex);
+    return Descriptor();
 }
 
 Descriptor Ports::attach(const PortConfig &port, uint32_t ifindex) const
@@ -129,16 +156,26 @@ Descriptor Ports::attach(const PortConfig &port, uint32_t ifindex) const
 
 void Ports::protect(const PortConfig &port, uint32_t ifindex)
 {
-    plane_.placePort(ifindex, targetOf(plane_.info(), port.sys, port.slot));
     Descriptor made = takeOver(ifindex);
+    plane_.placePort(ifindex, targetOf(plane_.info(), port.sys, port.slot));
     if (made.get() >= 0)
         sayProtected(port, modeOf(ifindex), ", as it was left");
     else
         made = attach(port, ifindex);
     ports_.push_back({&port, ifindex, unlessPinned(std::move(made)), Descriptor(), false});
     lastPlaces_[ifindex] = &port;
-    if (carriesPriority_)
+    failures_.erase(&port);
+    if (carriesPriority_ || pins_.open(pinName(tcPrefix, ifindex)).get() >= 0)
         attachTc(ports_.back());
+}
+
+void Ports::tryToProtect(const PortConfig &port, uint32_t ifindex)
+try {
+    protect(port, ifindex);
+} catch (const Failure &failure) {
+    setFree(ifindex);
+    if (std::exchange(failures_[&port], failure.what()) != failure.what())
+        std::fprintf(stderr, "%s\n", failure.what());
 }
 
 void Ports::attachTc(Port &port)
@@ -188,11 +225,12 @@ void Ports::stop()
     ports_.clear();
 }
 
-/** Interfaces that have gone, or bear the name of no configured port any more. */
+/** Interfaces that have gone, bear the name of no configured port any more, or were made anew. */
 void Ports::dropGone()
 {
     auto gone = [&](const Port &port) {
-        if (if_nametoindex(port.config->name.c_str()) == port.ifindex)
+        std::optional<uint32_t> now = indexOf(port.config->name);
+        if (!now || (*now == port.ifindex && programOn(port.ifindex) == plane_.programId()))
             return false;
         say("port " + port.config->name + " has gone");
         setFree(port.ifindex);
@@ -218,12 +256,23 @@ void Ports::dropStrangers() const
 
 void Ports::start()
 {
-    for (const PortConfig &port : config_.ports) {
-        if (uint32_t ifindex = if_nametoindex(port.name.c_str()))
-            protect(port, ifindex);
-        else
-            say("port " + port.name + " is not there yet");
+    std::vector<std::pair<const PortConfig *, uint32_t>> left;
+    try {
+        for (const PortConfig &port : config_.ports) {
+            uint32_t ifindex = indexOf(port.name).value_or(0);
+            if (ifindex == 0)
+                say("port " + port.name + " is not there yet");
+            else if (isLeft(ifindex))
+                left.emplace_back(&port, ifindex);
+            else
+                protect(port, ifindex);
+        }
+    } catch (...) {
+        stop();
+        throw;
     }
+    for (const auto &[port, ifindex] : left)
+        tryToProtect(*port, ifindex);
     dropStrangers();
 }
 
@@ -231,19 +280,17 @@ void Ports::refresh()
 {
     dropGone();
     for (const PortConfig &port : config_.ports) {
-        uint32_t ifindex = if_nametoindex(port.name.c_str());
-        if (ifindex == 0 || isAttached(port, ifindex))
-            continue;
-        try {
-            protect(port, ifindex);
-        } catch (const Failure &failure) {
-            std::fprintf(stderr, "%s\n", failure.what());
-        }
+        uint32_t ifindex = indexOf(port.name).value_or(0);
+        if (ifindex != 0 && !isProtected(ifindex))
+            tryToProtect(port, ifindex);
     }
 }
 
 const PortConfig *Ports::find(uint32_t ifindex) const
 {
+    for (const Port &each : ports_)
+        if (each.ifindex == ifindex)
+            return each.config;
     char name[IF_NAMESIZE];
     if (if_indextoname(ifindex, name)) {
         auto port = std::find_if(config_.ports.begin(), config_.ports.end(),
@@ -270,13 +317,17 @@ in_addr_t ipv4(const sockaddr *address)
     return reinterpret_cast<const sockaddr_in *>(address)->sin_addr.s_addr;
 }
 
-/** An address, and the one that all hosts of its network listen to. */
+/** An address, and the one that all hosts of its network listen to; of two hosts none does (RFC
+ *  3021). */
 void addIpv4(std::vector<Address> &addresses, const ifaddrs &entry)
 {
     in_addr_t address = ipv4(entry.ifa_addr);
     addresses.push_back(mapped(address));
-    if (entry.ifa_flags & IFF_BROADCAST && entry.ifa_netmask)
-        addresses.push_back(mapped(address | ~ipv4(entry.ifa_netmask)));
+    if (!(entry.ifa_flags & IFF_BROADCAST) || !entry.ifa_netmask)
+        return;
+    in_addr_t hosts = ~ipv4(entry.ifa_netmask);
+    if (ntohl(hosts) > 1)
+        addresses.push_back(mapped(address | hosts));
 }
 
 Address ipv6(const sockaddr *address)
@@ -294,7 +345,7 @@ std::vector<Address> hostAddresses()
     std::vector<Address> addresses;
     ifaddrs *first = nullptr;
     if (getifaddrs(&first) != 0)
-        return addresses;
+        throw Failure("ask for the host's addresses", errno);
     std::unique_ptr<ifaddrs, void (*)(ifaddrs *)> owner(first, freeifaddrs);
     for (const ifaddrs *each = first; each; each = each->ifa_next) {
         if (!each->ifa_addr)

@@ -24,13 +24,14 @@ public:
     Ports(const Config &config, DataPlane &plane, const PinFolder &pins);
 
     /**
-     * Protect the configured ports that are there, those first that a former daemon left
-     * protected. A port that is not there is said, and protected once it comes.
-     * @throw Failure for one that cannot be protected
+     * Protect the configured ports that are there, last those that a former daemon left protected.
+     * A port that is not there is said, and protected once it comes.
+     * @throw Failure for one that cannot be protected; then all are as they were
      */
     void start();
 
-    /** Look again: protect what has come, forget what has gone. Says what it did, and failures. */
+    /** Look again: protect what has come, forget what has gone. Says what it did, and a failure
+     *  once for each port. */
     void refresh();
 
     /** Set all ports free. */
@@ -51,8 +52,10 @@ private:
         bool marks;      /**< whether that is there: not while nobody needs it */
     };
 
-    bool isAttached(const PortConfig &port, uint32_t ifindex) const;
+    bool isProtected(uint32_t ifindex) const;
+    bool isLeft(uint32_t ifindex) const;
     void protect(const PortConfig &port, uint32_t ifindex);
+    void tryToProtect(const PortConfig &port, uint32_t ifindex);
     Descriptor takeOver(uint32_t ifindex) const;
     Descriptor attach(const PortConfig &port, uint32_t ifindex) const;
     void attachTc(Port &port);
@@ -65,12 +68,13 @@ private:
     DataPlane &plane_;
     const PinFolder &pins_;
     std::vector<Port> ports_;
-    std::map<uint32_t, const PortConfig *> lastPlaces_; /**< of interfaces that have gone too */
+    std::map<uint32_t, const PortConfig *> lastPlaces_;  /**< of interfaces that have gone too */
+    std::map<const PortConfig *, std::string> failures_; /**< what was said of a port last */
     bool carriesPriority_ = false;
     bool saidNoTc_ = false;
 };
 
-/** The host's own addresses, and the broadcast addresses of its networks. */
+/** The host's own addresses, and the broadcast addresses of its networks. @throw Failure */
 std::vector<Address> hostAddresses();
 
 } // namespace zynlinux

@@ -20,6 +20,8 @@ bool carriesPriority(const cpd_policy &policy)
     });
 }
 
+constexpr char doesNotFit[] = "with those before it, its tables do not fit";
+
 /** Refuse an ACL, and say why: who binds a policy hears of its last part only. */
 int32_t refuse(uint16_t acl, int32_t code, const char *reason)
 {
@@ -34,21 +36,42 @@ Protection::Protection(DataPlane &plane, Ports &ports, AclLists lists, const Slo
       pool_(plane.policers())
 {
     makeSite(systemTarget);
-    for (const auto &[sys, slot] : slots) {
-        uint32_t target = claimTarget(plane_.info(), sys, slot);
-        if (target == noTarget)
-            throw Failure("make room for slot " + std::to_string(slot), "there are too many slots");
-        makeSite(target);
-    }
+    for (const auto &slot : slots)
+        makeSite(claim(slot, slots));
     plane_.saveInfo();
+    putLeftInForce();
+    if (plane_.takenOver())
+        tables_.dropUnknown();
 }
 
-/** Have a place, and what is in force there; a change that was cut short is made good. */
+/** The target of a slot; where there is no free one, that of a slot which is no more. */
+uint32_t Protection::claim(const std::pair<uint32_t, uint32_t> &slot, const Slots &slots)
+{
+    cpd_info &info = plane_.info();
+    uint32_t known = zynlinux::targetOf(info, slot.first, slot.second);
+    if (known != noTarget)
+        return known;
+    uint32_t target = claimTarget(info, slot.first, slot.second);
+    for (uint32_t each = 1; target == noTarget && each < CPD_TARGETS; each++) {
+        if (slots.contains({info.targets[each].sys, info.targets[each].slot}))
+            continue;
+        plane_.remove(each);
+        info.targets[each] = {};
+        target = claimTarget(info, slot.first, slot.second);
+    }
+    if (target == noTarget)
+        throw Failure("make room for slot " + std::to_string(slot.second),
+                      "there are too many slots");
+    if (plane_.takenOver())
+        plane_.clearCounters(target);
+    return target;
+}
+
+/** Have a place, and know what was left in force there. */
 void Protection::makeSite(uint32_t target)
 {
     Site &site = sites_.try_emplace(target, pool_).first->second;
     const cpd_place &left = plane_.info().targets[target];
-    plane_.replace({{target, left.in_force ? &left.policy : nullptr}});
     if (!left.in_force)
         return;
     site.inherited = true;
@@ -57,6 +80,17 @@ void Protection::makeSite(uint32_t target)
         tables_.inherit(left.policy.table_set);
     if (carriesPriority(left.policy))
         ports_.carryPriority();
+}
+
+/** What was left is in force already, unless the former daemon was cut short putting it there. */
+void Protection::putLeftInForce()
+{
+    if (!plane_.takenOver())
+        return;
+    std::map<uint32_t, const cpd_policy *> policies;
+    for (const auto &[target, site] : sites_)
+        policies[target] = site.inherited ? &plane_.info().targets[target].policy : nullptr;
+    plane_.replace(policies);
 }
 
 void Protection::prepare()
@@ -70,7 +104,7 @@ void Protection::dropFormerSlots()
         cpd_place &place = plane_.info().targets[target];
         if (!place.used || sites_.contains(target))
             continue;
-        plane_.replace({{target, nullptr}});
+        plane_.remove(target);
         place = {};
     }
     plane_.saveInfo();
@@ -100,7 +134,10 @@ int32_t Protection::checkCar(const Site *site, const tHwCpuDefendPktCarEntry &en
 /** What a type has counted belongs to the entry that was in force so far. */
 void Protection::attribute(uint32_t target, Site &site, uint32_t type)
 {
-    cpd_counters now = readCounters(plane_.counters(), target, type);
+    std::optional<cpd_counters> read = readCounters(plane_.counters(), target, type);
+    if (!read)
+        return; // and the next reading tells of this time too
+    const cpd_counters &now = *read;
     auto [last, first] = site.lastCounters.try_emplace(type, now);
     CarEntry *entry = site.place.cars.inForce(type);
     if (entry && !first) {
@@ -112,14 +149,35 @@ void Protection::attribute(uint32_t target, Site &site, uint32_t type)
     last->second = now;
 }
 
+/** Change what is programmed at a site. Outside of a change that is in force at once, or undone. */
+template <class Operation> int32_t Protection::apply(Site &site, Operation operation)
+{
+    CarTable cars;
+    std::vector<layer::tAclSetting> acls;
+    bool dirty = std::exchange(site.dirty, true);
+    if (!inChange_) {
+        cars = site.place.cars;
+        acls = site.place.acls;
+    }
+    operation(site.place);
+    if (inChange_)
+        return 0;
+    int32_t result = commit();
+    if (result != 0) {
+        site.place.cars = std::move(cars);
+        site.place.acls = std::move(acls);
+        site.dirty = dirty;
+    }
+    return result;
+}
+
 int32_t Protection::carAdd(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry &entry)
 {
     Site *site = find(slot);
     if (int32_t refused = checkCar(site, entry))
         return refused;
     attribute(targetOf(slot), *site, entry.pktType);
-    site->place.cars.add(entry);
-    return changed(*site);
+    return apply(*site, [&](Place &place) { place.cars.add(entry); });
 }
 
 int32_t Protection::carDel(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry &entry)
@@ -130,8 +188,7 @@ int32_t Protection::carDel(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry
     if (!site->place.cars.find(entry))
         return ENOENT;
     attribute(targetOf(slot), *site, entry.pktType);
-    site->place.cars.remove(entry);
-    return changed(*site);
+    return apply(*site, [&](Place &place) { place.cars.remove(entry); });
 }
 
 int32_t Protection::carCount(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry &entry,
@@ -159,10 +216,9 @@ int32_t Protection::aclAdd(const tSlotIndex *slot, const layer::tAclSetting &acl
         return refuse(acl.acl, ENOENT, "the platform file has no such list");
     if (numbers.size() > CPD_ACLS)
         return refuse(acl.acl, ENOSPC, "there are too many at this place");
-    if (!tables_.fits(numbers))
-        return refuse(acl.acl, ENOSPC, "with those before it, its tables do not fit");
-    site->place.acls.push_back(acl);
-    return changed(*site);
+    if (!inChange_ && !tables_.fits(numbers)) // in a change all are looked at together, at its end
+        return refuse(acl.acl, ENOSPC, doesNotFit);
+    return apply(*site, [&](Place &place) { place.acls.push_back(acl); });
 }
 
 int32_t Protection::aclDel(const tSlotIndex *slot, const layer::tAclSetting &acl)
@@ -170,23 +226,41 @@ int32_t Protection::aclDel(const tSlotIndex *slot, const layer::tAclSetting &acl
     Site *site = find(slot);
     if (!site)
         return ENODEV;
-    return site->place.removeAcl(acl) ? changed(*site) : ENOENT;
+    if (!site->place.hasAcl(acl))
+        return ENOENT;
+    return apply(*site, [&](Place &place) { place.removeAcl(acl); });
 }
 
 /* ---- Putting it in force -------------------------------------------------------------- */
 
-int32_t Protection::changed(Site &site)
-{
-    site.dirty = true;
-    if (!inChange_)
-        commit();
-    return site.dirty && !inChange_ ? EIO : 0;
-}
-
-void Protection::changeEnd()
+int32_t Protection::changeEnd()
 {
     inChange_ = false;
-    commit();
+    return commit();
+}
+
+bool Protection::isBehind() const
+{
+    return !inChange_ && std::any_of(sites_.begin(), sites_.end(),
+                                     [](const auto &each) { return each.second.dirty; });
+}
+
+/** Refuse the ACL entries that do not fit behind the others. @return 0, or ENOSPC */
+int32_t Protection::trimAcls(Site &site)
+{
+    std::vector<uint16_t> numbers = site.place.aclNumbers();
+    if (tables_.fits(numbers))
+        return 0;
+    size_t fitting = 0, refused = numbers.size();
+    while (refused - fitting > 1) {
+        size_t middle = (fitting + refused) / 2;
+        bool fits = tables_.fits({numbers.begin(), numbers.begin() + static_cast<long>(middle)});
+        (fits ? fitting : refused) = middle;
+    }
+    for (size_t i = fitting; i < numbers.size(); i++)
+        refuse(numbers[i], ENOSPC, doesNotFit);
+    site.place.acls.resize(fitting);
+    return ENOSPC;
 }
 
 std::map<uint32_t, Draft> Protection::makeDrafts()
@@ -204,14 +278,20 @@ std::map<uint32_t, Draft> Protection::makeDrafts()
 }
 
 /** What was in force is so again, as far as the kernel lets it. */
-void Protection::putBack(const std::map<uint32_t, Draft> &drafts, const cpd_info &before)
-{
+void Protection::putBack(std::map<uint32_t, Draft> &drafts, const cpd_info &before)
+try {
+    std::map<uint32_t, const cpd_policy *> policies;
     plane_.info() = before;
-    plane_.saveInfo();
     for (const auto &[target, draft] : drafts) {
         const cpd_place &place = before.targets[target];
-        plane_.replace({{target, place.in_force ? &place.policy : nullptr}});
+        policies[target] = place.in_force ? &place.policy : nullptr;
     }
+    plane_.saveInfo();
+    plane_.replace(policies);
+} catch (const Failure &failure) {
+    std::fprintf(stderr, "%s\n", failure.what());
+    for (auto &[target, draft] : drafts)
+        draft.abandon();
 }
 
 /** What is kept for the next daemon is written first: it makes good what is cut short here. */
@@ -253,11 +333,15 @@ void Protection::keepTables()
     tables_.keep(inForce);
 }
 
-void Protection::commit()
+int32_t Protection::commit()
 try {
+    int32_t result = 0;
+    for (auto &[target, site] : sites_)
+        if (site.dirty && trimAcls(site) != 0)
+            result = ENOSPC;
     std::map<uint32_t, Draft> drafts = makeDrafts();
     if (drafts.empty())
-        return;
+        return result;
     auto before = std::make_unique<cpd_info>(plane_.info());
     try {
         putInForce(drafts);
@@ -266,28 +350,46 @@ try {
         throw;
     }
     settle(drafts);
+    return result;
 } catch (const std::exception &failure) {
     std::fprintf(stderr, "couldn't put what was programmed in force: %s\n", failure.what());
+    keepTables();
+    return EIO;
+}
+
+/** What keeps the lists from being those of all that is bound; null when nothing does. */
+const char *Protection::wrongWithLists()
+{
+    for (const auto &[target, site] : sites_) {
+        std::vector<uint16_t> numbers = site.place.aclNumbers();
+        if (!tables_.known(numbers))
+            return "one that is bound is not there any more";
+        if (!tables_.fits(numbers))
+            return "those that are bound together do not fit";
+    }
+    return nullptr;
 }
 
 void Protection::reload(AclLists lists)
 {
+    std::vector<Site *> changed;
     std::swap(lists_, lists);
     tables_.forget();
-    for (auto &[target, site] : sites_) {
-        std::vector<uint16_t> numbers = site.place.aclNumbers();
-        const char *wrong = !tables_.known(numbers)  ? "one that is bound is not there any more"
-                            : !tables_.fits(numbers) ? "those that are bound together do not fit"
-                                                     : nullptr;
-        if (wrong) {
-            std::swap(lists_, lists);
-            tables_.forget();
-            throw Failure("take the new ACLs", wrong);
-        }
-        site.dirty = site.dirty || !numbers.empty();
-    }
-    commit();
-    tables_.prepare();
+    const char *wrong = wrongWithLists();
+    for (auto &[target, site] : sites_)
+        if (!wrong && !site.dirty && !site.place.acls.empty())
+            changed.push_back(&site);
+    for (Site *site : changed)
+        site->dirty = true;
+    if (!wrong && commit() != 0)
+        wrong = "they could not be put in force";
+    if (!wrong)
+        return;
+    std::swap(lists_, lists);
+    tables_.forget();
+    for (Site *site : changed)
+        site->dirty = false;
+    throw Failure("take the new ACLs", wrong);
 }
 
 bool Protection::hasInherited() const

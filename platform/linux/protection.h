@@ -53,7 +53,15 @@ public:
     int32_t aclDel(const tSlotIndex *slot, const layer::tAclSetting &acl);
 
     void changeBegin() { inChange_ = true; }
-    void changeEnd();
+
+    /** @return 0, or why it is not in force as a whole; it is then tried again by commit */
+    int32_t changeEnd();
+
+    /** Whether something that was programmed could not be put in force. */
+    bool isBehind() const;
+
+    /** Put in force what is not. @return 0, or an errno value, the reason having been said */
+    int32_t commit();
 
     /**
      * Take other ACL lists, and have all that is bound judge by them.
@@ -80,14 +88,17 @@ private:
     uint32_t targetOf(const tSlotIndex *slot) const;
     int32_t checkCar(const Site *site, const tHwCpuDefendPktCarEntry &entry) const;
     void attribute(uint32_t target, Site &site, uint32_t type);
+    uint32_t claim(const std::pair<uint32_t, uint32_t> &slot, const Slots &slots);
     void makeSite(uint32_t target);
-    void putBack(const std::map<uint32_t, Draft> &drafts, const cpd_info &before);
-    int32_t changed(Site &site);
-    void commit();
-    void putInForce(std::map<uint32_t, Draft> &drafts);
+    void putLeftInForce();
+    template <class Operation> int32_t apply(Site &site, Operation operation);
+    int32_t trimAcls(Site &site);
     std::map<uint32_t, Draft> makeDrafts();
+    void putInForce(std::map<uint32_t, Draft> &drafts);
+    void putBack(std::map<uint32_t, Draft> &drafts, const cpd_info &before);
     void settle(std::map<uint32_t, Draft> &drafts);
     void keepTables();
+    const char *wrongWithLists();
 
     DataPlane &plane_;
     Ports &ports_;

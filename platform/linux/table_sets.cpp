@@ -55,6 +55,8 @@ const cpd_tables *TableSets::compile(const std::vector<uint16_t> &numbers)
 
 bool TableSets::fits(const std::vector<uint16_t> &numbers)
 {
+    if (numbers.empty())
+        return true;
     auto before = fits_.find(numbers);
     if (before == fits_.end())
         before = fits_.emplace(numbers, compile(numbers) != nullptr).first;
@@ -94,6 +96,13 @@ void TableSets::inherit(uint32_t set)
 {
     if (set < sets_.size())
         sets_[set].taken = true;
+}
+
+void TableSets::dropUnknown()
+{
+    for (uint32_t number = 0; number < sets_.size(); number++)
+        if (!sets_[number].taken && plane_.hasTables(number))
+            plane_.dropTables(number);
 }
 
 void TableSets::keep(const std::vector<uint32_t> &inForce)

@@ -29,7 +29,7 @@ public:
     /** Whether all these ACLs are there. */
     bool known(const std::vector<uint16_t> &numbers) const;
 
-    /** Whether they can be compiled together. */
+    /** Whether they can be compiled together; none can. */
     bool fits(const std::vector<uint16_t> &numbers);
 
     /**
@@ -40,6 +40,9 @@ public:
 
     /** A set that a former daemon left in force. */
     void inherit(uint32_t set);
+
+    /** Drop the sets that a former daemon left and no policy in force refers to. */
+    void dropUnknown();
 
     /** Give back the sets that no policy in force refers to. @param inForce all those that do */
     void keep(const std::vector<uint32_t> &inForce);

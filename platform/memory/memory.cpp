@@ -131,7 +131,10 @@ int32_t layer::carCount(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry &e
 
 void layer::changeBegin() noexcept {}
 
-void layer::changeEnd() noexcept {}
+int32_t layer::changeEnd() noexcept
+{
+    return 0;
+}
 
 int32_t layer::aclAdd(const tSlotIndex *slot, const tAclSetting &acl) noexcept
 {

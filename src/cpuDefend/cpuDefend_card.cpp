@@ -77,8 +77,12 @@ void provide(const tPlace &place)
     tCpuDefendSlotEntry *entry = cpuDefendSlotEntryGet(place.sys, place.slot);
     if (!entry) {
         entry = cpuDefendSlotEntryAdd(place.sys, place.slot);
-        if (!entry)
+        if (!entry) {
+            NM_DEBUG_OUTPUT("[cpuDefend] slot %u/%u is not protected: all %u slot records are "
+                            "taken\r\n",
+                            place.sys, place.slot, gCpuDefend.maxSlotNum);
             return;
+        }
         entry->selectedPosition = 0; // whatever the record was before: nothing is programmed there
     }
     gCpuDefend.followsCards = 1;

@@ -18,14 +18,24 @@ public:
         OsixTakeSem(gCpuDefend.cpuDefendSem, OSIX_WAIT_FOREVER);
         zynHwChangeBegin();
     }
-    ~Change()
+    ~Change() { end(); }
+
+    /** End it now. @return 0, or why it is not in force */
+    int32_t end()
     {
+        if (ended_)
+            return 0;
+        ended_ = true;
         cpuDefendFollow();
-        zynHwChangeEnd();
+        const int32_t result = zynHwChangeEnd();
         OsixGiveSem(gCpuDefend.cpuDefendSem);
+        return result;
     }
     Change(const Change &) = delete;
     Change &operator=(const Change &) = delete;
+
+private:
+    bool ended_ = false;
 };
 
 #endif

@@ -17,7 +17,10 @@ OPTIONAL void zynPlatformRun() {}
 
 OPTIONAL void zynHwChangeBegin() {}
 
-OPTIONAL void zynHwChangeEnd() {}
+OPTIONAL int32_t zynHwChangeEnd()
+{
+    return 0;
+}
 
 OPTIONAL int32_t zynHwCarCount(const tSlotIndex *, tHwCpuDefendPktCarEntry *)
 {

@@ -157,12 +157,13 @@ void zynHwChangeBegin(void)
     hardware.changeDepth++;
 }
 
-void zynHwChangeEnd(void)
+int32_t zynHwChangeEnd(void)
 {
     if (hardware.changeDepth == 0)
         hardware.complaints.push_back("the end of a change that has not begun");
     else
         hardware.changeDepth--;
+    return 0;
 }
 
 int32_t zynHwScalarGet(uint32_t, uint32_t id, void *)

@@ -184,12 +184,13 @@ void zynHwChangeBegin(void)
     changes += changeDepth++ == 0;
 }
 
-void zynHwChangeEnd(void)
+int32_t zynHwChangeEnd(void)
 {
     if (changeDepth == 0)
         loneEnd = true;
     else
         changesEnded += --changeDepth == 0;
+    return 0;
 }
 
 int32_t zynPlatformFd(void)

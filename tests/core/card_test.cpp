@@ -277,13 +277,12 @@ TEST_F(Cards, FullPoolLeavesASlotWaitingForAnotherOneToGo)
     comes(PORT, 1, 1);
     comes(PORT + 1, 1, 2);
     testing::internal::CaptureStderr();
-    gCpuDefend.cpuDefendDebug = 1;
     comes(PORT + 2, 1, 3);
     comes(PORT + 3, 1, 4);
     comes(PORT + 2, 1, 3); // some change of it
-    gCpuDefend.cpuDefendDebug = 0;
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "[cpuDefend] no memery to add slot!\r\n"
-                                                      "[cpuDefend] no memery to add slot!\r\n");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "[cpuDefend] slot 1/3 is not protected: all 2 slot records are taken\r\n"
+              "[cpuDefend] slot 1/4 is not protected: all 2 slot records are taken\r\n");
     EXPECT_EQ(slots(), "1/1 1/2");
     goes(PORT);
     EXPECT_EQ(slots(), "1/2 1/3");

@@ -5,9 +5,11 @@
 #define LAYER_ON_WIRE_H
 
 #include <chrono>
+#include <csignal>
 #include <string>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <vector>
 
 #include <bpf/libbpf.h>
@@ -88,6 +90,28 @@ protected:
     Outcome startOnPort(const std::string &more = "")
     {
         return start("ports = [\"port0\"]\n" + more);
+    }
+
+    /** Let a daemon program something, and die of SIGKILL. */
+    void leaveBehind(const std::string &text, const std::function<void()> &program)
+    {
+        int ready[2];
+        ASSERT_EQ(pipe(ready), 0);
+        pid_t child = fork();
+        if (child == 0) {
+            if (start(text).result != 0)
+                _exit(1);
+            program();
+            (void)!write(ready[1], "", 1);
+            for (;;)
+                pause();
+        }
+        close(ready[1]);
+        char byte;
+        EXPECT_EQ(read(ready[0], &byte, 1), 1);
+        close(ready[0]);
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
     }
 
     static tHwCpuDefendPktCarEntry arpEntry(uint32_t pps, uint8_t op = ZYN_HW_OP_PERMIT)

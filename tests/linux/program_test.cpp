@@ -503,6 +503,16 @@ TEST_F(PacketProgram, SamplesOfATickAreBoundedWhateverTheFlood)
     }
 }
 
+/** Fewer packets than a tick's budget: each gives a sample, whenever the ticks come. */
+TEST_F(PacketProgram, RefusalsGoUnseenOnlyWhenTheTickHasHadItsSamples)
+{
+    Ring ring(program->ring());
+    program->meter(1, packetSettings(0));
+    program->enforce(only(CPD_ARP, CPD_RULE_PACKETS, 1));
+    program->run(arp(), samplesPerTick - 1);
+    EXPECT_EQ(ring.take().size(), samplesPerTick - 1);
+}
+
 TEST_F(PacketProgram, EachTypeHasItsOwnSamples)
 {
     Ring ring(program->ring());

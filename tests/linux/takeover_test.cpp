@@ -19,28 +19,6 @@ namespace
 class TakeOver : public LayerOnWire
 {
 protected:
-    /** Let a daemon program something, and die of SIGKILL. */
-    void leaveBehind(const std::string &text, const std::function<void()> &program)
-    {
-        int ready[2];
-        ASSERT_EQ(pipe(ready), 0);
-        pid_t child = fork();
-        if (child == 0) {
-            if (start(text).result != 0)
-                _exit(1);
-            program();
-            (void)!write(ready[1], "", 1);
-            for (;;)
-                pause();
-        }
-        close(ready[1]);
-        char byte;
-        EXPECT_EQ(read(ready[0], &byte, 1), 1);
-        close(ready[0]);
-        kill(child, SIGKILL);
-        waitpid(child, nullptr, 0);
-    }
-
     void leaveArpDenied(const std::string &more = "")
     {
         leaveBehind("ports = [\"port0\"]\n" + more,

@@ -33,14 +33,6 @@ static __always_inline __u32 tick_now(void)
     return (__u32)bpf_jiffies64();
 }
 
-/* A function of its own, so that the verifier looks at its many ways once. */
-__noinline int cpd_classify(struct xdp_md *ctx, struct cpd_packet *packet)
-{
-    if (!packet)
-        return CPD_NO_TYPE;
-    return classify(packet, (const void *)(long)ctx->data, (const void *)(long)ctx->data_end);
-}
-
 /* The ACL entry that selects a packet, or 0. What it permits is policed only on its way to the box
  * itself. */
 static __always_inline const struct cpd_rule *selected(struct xdp_md *ctx,
@@ -48,7 +40,7 @@ static __always_inline const struct cpd_rule *selected(struct xdp_md *ctx,
                                                        const struct cpd_policy *policy,
                                                        __u32 *flags)
 {
-    if (!policy->acl_count || !packet->version)
+    if (!packet->version)
         return 0;
     __u32 entry = cpd_select(ctx, packet, policy->table_set) - 1;
     if (entry >= CPD_ACLS)
@@ -72,19 +64,21 @@ static __always_inline int stand_in(int type)
     }
 }
 
-/* The type by which a frame is policed and counted. */
-static __always_inline int policed_as(const struct cpd_policy *policy, int type)
+/* The rule for a type, and with it the type by which the frame is counted. */
+static __always_inline const struct cpd_rule *rule_of(const struct cpd_policy *policy, int *type)
 {
-    if (policy->types[type].flags)
-        return type;
-    int other = stand_in(type);
-    return policy->types[other].flags ? other : type;
+    const struct cpd_rule *rule = &policy->types[*type];
+    if (cpd_likely(rule->flags))
+        return rule;
+    int other = stand_in(*type);
+    if (!policy->types[other].flags)
+        return rule;
+    *type = other;
+    return &policy->types[other];
 }
 
 /* A packet on its way through a policer pair. */
 struct offer {
-    struct cpd_policer *policer;
-    struct cpd_stats *stats;
     __u32 flags;
     __u32 index; /* of the policer */
     __u32 octets;
@@ -92,48 +86,55 @@ struct offer {
 };
 
 /* Whether what refused the last packet of this type refuses this one too. */
-static __always_inline int refused_unseen(const struct offer *offer)
+static __always_inline int refused_unseen(const struct offer *offer, struct cpd_stats *last)
 {
-    struct cpd_stats *last = offer->stats;
-    __u32 kind = last->meter % CPD_KINDS;
-    if (!last->spare || last->meter != offer->index * CPD_KINDS + kind ||
+    __u32 index = last->meter / CPD_KINDS, kind = last->meter % CPD_KINDS;
+    if (!last->spare || index != offer->index || offer->flags & CPD_RULE_DENY ||
         !(offer->flags & CPD_RULE_PACKETS << kind))
         return 0;
-    return cpd_still_refused(last, cpd_read(&offer->policer->word[kind]),
-                             kind == CPD_BYTES ? offer->octets : 1, offer->tick);
+    const struct cpd_policer *policer = bpf_map_lookup_elem(&cpudefend_meter, &index);
+    return policer && cpd_still_refused(last, cpd_read(&policer->word[kind]),
+                                        kind == CPD_BYTES ? offer->octets : 1, offer->tick);
 }
 
-static __always_inline int charge(const struct offer *offer, __u32 kind, __u64 tokens)
+/* Packets that samples are still wanted of are all seen. */
+static __always_inline int charge(const struct offer *offer, struct cpd_stats *stats,
+                                  struct cpd_policer *policer, __u32 kind, __u64 tokens)
 {
-    struct cpd_policer *policer = offer->policer;
     struct cpd_refusal refusal;
     if (cpd_charge(&policer->word[kind], &policer->settings[kind], tokens, &refusal))
         return 1;
-    cpd_remember(offer->stats, &policer->settings[kind], offer->index * CPD_KINDS + kind, tokens,
-                 &refusal, offer->tick);
+    cpd_remember(stats, &policer->settings[kind], offer->index * CPD_KINDS + kind, tokens, &refusal,
+                 offer->tick);
+    if (!is_sampled(stats, offer->tick))
+        stats->spare = stats->granted = 0;
     return 0;
 }
 
-/* Both policers, the packet policer first; a packet that either refuses is charged to neither. */
-static __always_inline int conforms(const struct offer *offer)
+/* Both policers, the packet policer first; a packet that either refuses is charged to neither. A
+ * function of its own, which the verifier looks at once. */
+__noinline int cpd_conforms(const struct offer *offer, struct cpd_stats *stats)
 {
-    if (offer->flags & CPD_RULE_PACKETS && !charge(offer, CPD_PACKETS, 1))
+    if (!offer || !stats)
+        return 1;
+    __u32 index = offer->index;
+    struct cpd_policer *policer = bpf_map_lookup_elem(&cpudefend_meter, &index);
+    if (!policer)
+        return 1;
+    if (offer->flags & CPD_RULE_PACKETS && !charge(offer, stats, policer, CPD_PACKETS, 1))
         return 0;
-    if (!(offer->flags & CPD_RULE_BYTES) || charge(offer, CPD_BYTES, offer->octets))
+    if (!(offer->flags & CPD_RULE_BYTES) || charge(offer, stats, policer, CPD_BYTES, offer->octets))
         return 1;
     if (offer->flags & CPD_RULE_PACKETS)
-        cpd_refund(&offer->policer->word[CPD_PACKETS], &offer->policer->settings[CPD_PACKETS], 1);
+        cpd_refund(&policer->word[CPD_PACKETS], &policer->settings[CPD_PACKETS], 1);
     return 0;
 }
 
-static __always_inline int admit(struct offer *offer)
+static __always_inline int conforms(const struct offer *offer, struct cpd_stats *stats)
 {
     if (offer->flags & CPD_RULE_DENY)
         return 0;
-    if (!(offer->flags & POLICED))
-        return 1;
-    offer->policer = bpf_map_lookup_elem(&cpudefend_meter, &offer->index);
-    return !offer->policer || (!refused_unseen(offer) && conforms(offer));
+    return !(offer->flags & POLICED) || cpd_conforms(offer, stats);
 }
 
 static __always_inline void count(struct cpd_counters *counters, __u32 octets, int passed)
@@ -147,53 +148,82 @@ static __always_inline void count(struct cpd_counters *counters, __u32 octets, i
     }
 }
 
-/* Police a packet by the rule that is in force for it, if any. */
-static __always_inline int police(struct xdp_md *ctx, struct cpd_packet *packet,
-                                  const struct cpd_rule *rule, __u32 flags, struct cpd_stats *stats,
-                                  int type)
+static __always_inline int admit(struct xdp_md *ctx, int type, const struct cpd_rule *rule,
+                                 struct offer offer, struct cpd_stats *stats)
 {
-    struct offer offer = {
-        .stats = stats,
-        .flags = flags,
-        .index = rule ? rule->policer : 0,
-        .octets = bpf_xdp_get_buff_len(ctx),
-        .tick = tick_now(),
-    };
-    int passed = admit(&offer);
+    int passed = conforms(&offer, stats);
     count(&stats->counters, offer.octets, passed);
-    if (flags && type != CPD_NO_TYPE)
-        sample(ctx, packet, stats, offer.tick, !passed);
-    if (passed && rule && flags & (CPD_RULE_QUEUE | CPD_RULE_PRIORITY))
+    if (offer.flags)
+        sample(ctx, stats, type, offer.tick, !passed);
+    if (passed && offer.flags & (CPD_RULE_QUEUE | CPD_RULE_PRIORITY))
         mark(ctx, rule);
     return passed ? XDP_PASS : XDP_DROP;
+}
+
+/* Police a packet by the rule that is in force for it. The way of a flood comes first, and is kept
+ * free of all that it can do without: an offer in memory, a look at the samples. */
+static __always_inline int police(struct xdp_md *ctx, __u32 target, int type,
+                                  const struct cpd_rule *rule, __u32 flags)
+{
+    struct cpd_stats *stats = stats_of(target, type);
+    if (!stats)
+        return XDP_PASS;
+    const struct offer offer = {flags, rule->policer, bpf_xdp_get_buff_len(ctx), tick_now()};
+    if (!cpd_likely(refused_unseen(&offer, stats)))
+        return admit(ctx, type, rule, offer, stats);
+    count(&stats->counters, offer.octets, 0);
+    return XDP_DROP;
+}
+
+/* Where nothing is in force. */
+static __always_inline int pass(struct xdp_md *ctx, __u32 target, int type)
+{
+    struct cpd_stats *stats = stats_of(target, type);
+    if (stats)
+        count(&stats->counters, bpf_xdp_get_buff_len(ctx), 1);
+    return XDP_PASS;
+}
+
+/* Where ACL entries are in force, they decide on what they select. */
+static __always_inline const struct cpd_rule *
+classify_and_select(struct xdp_md *ctx, const struct cpd_policy *policy, int *type, __u32 *flags)
+{
+    struct cpd_packet packet = {};
+    int found = cpd_classify(ctx, &packet);
+    *type = (__u32)found < CPD_TYPES ? found : CPD_NO_TYPE;
+    return selected(ctx, &packet, policy, flags);
+}
+
+/* Without them, a packet's type is all that has to be known of it. */
+static __always_inline int type_of(struct xdp_md *ctx)
+{
+    struct cpd_packet unused = {};
+    return classify(&unused, (const void *)(long)ctx->data, (const void *)(long)ctx->data_end);
 }
 
 /* Frames in several buffers are welcome: their headers are in the first. */
 SEC("xdp.frags")
 int cpudefend_xdp(struct xdp_md *ctx)
 {
-    struct cpd_packet packet = {};
-    int type = cpd_classify(ctx, &packet);
-    if ((__u32)type >= CPD_TYPES)
-        type = CPD_NO_TYPE;
     __u32 target = target_of(ctx->ingress_ifindex);
     const struct cpd_policy *policy = policy_of(target);
-    const struct cpd_rule *rule = 0;
+    const struct cpd_rule *rule;
     __u32 flags = 0;
+    int type;
 
-    if (policy)
-        rule = selected(ctx, &packet, policy, &flags);
-    if (!rule) {
-        if (type == CPD_NO_TYPE)
-            return XDP_PASS;
-        if (policy) {
-            type = policed_as(policy, type);
-            rule = &policy->types[type];
-            flags = rule->flags;
-        }
+    if (policy && policy->acl_count) {
+        rule = classify_and_select(ctx, policy, &type, &flags);
+        if (rule)
+            return police(ctx, target, type, rule, flags);
+    } else {
+        type = type_of(ctx);
     }
-    struct cpd_stats *stats = stats_of(target, type);
-    return stats ? police(ctx, &packet, rule, flags, stats, type) : XDP_PASS;
+    if (type == CPD_NO_TYPE)
+        return XDP_PASS;
+    if (!policy)
+        return pass(ctx, target, type);
+    rule = rule_of(policy, &type);
+    return police(ctx, target, type, rule, rule->flags);
 }
 
 /* Behind it, on the socket buffer. Whatever other filters there are decide on the packet. */

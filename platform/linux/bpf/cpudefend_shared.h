@@ -115,7 +115,7 @@ enum cpd_rule_flag {
 #define CPD_TABLE_SETS 64 /* compiled sets of ACLs; two for each target */
 #define CPD_PORTS 1024
 #define CPD_NEAR 4096 /* ports with an ifindex below are found without hashing */
-#define CPD_ADDRESSES 4096
+#define CPD_ADDRESSES 65536
 #define CPD_RING_BYTES (1 << 18)
 
 struct cpd_rule {

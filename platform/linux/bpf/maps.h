@@ -78,6 +78,7 @@ struct {
 /* The host's own addresses, of IPv4 as ::ffff:a.b.c.d. */
 struct {
     __uint(type, BPF_MAP_TYPE_HASH);
+    __uint(map_flags, BPF_F_NO_PREALLOC);
     __uint(max_entries, CPD_ADDRESSES);
     __type(key, struct cpd_address);
     __type(value, __u8);

@@ -137,7 +137,7 @@ __noinline int cpd_for_the_box(struct xdp_md *ctx, struct cpd_packet *packet)
         return 1;
     struct frame frame = frame_of(ctx, packet);
     struct cpd_acl_key key = {.v6 = packet->version == 6};
-    if (frame.data + sizeof(struct ethhdr) > frame.end || !read_addresses(&frame, &key))
+    if (frame.data + sizeof(struct ethernet_header) > frame.end || !read_addresses(&frame, &key))
         return 1;
     return frame.data[0] & 1 || is_multicast(&key) || is_own(&key);
 }
