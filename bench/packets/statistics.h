@@ -1,0 +1,18 @@
+/**
+ * Medians over rounds.
+ */
+#ifndef BENCH_PACKETS_STATISTICS_H
+#define BENCH_PACKETS_STATISTICS_H
+
+#include <algorithm>
+#include <vector>
+
+/** Of at least one value. */
+inline double median(std::vector<double> values)
+{
+    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
+}
+
+#endif
