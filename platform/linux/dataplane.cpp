@@ -185,33 +185,39 @@ void DataPlane::remove(uint32_t target)
     bpf_map_delete_elem(bpf_map__fd(skeleton_->maps.cpudefend_rules), &target);
 }
 
-Descriptor DataPlane::makeTables(uint32_t set)
+void UnmapTables::operator()(cpd_tables *tables) const
 {
+    munmap(tables, sizeof *tables);
+}
+
+SharedTables DataPlane::makeTables(uint32_t set)
+{
+    LIBBPF_OPTS(bpf_map_create_opts, options);
+    options.map_flags = BPF_F_MMAPABLE;
     Descriptor map(bpf_map_create(BPF_MAP_TYPE_ARRAY, "cpudefend_table", sizeof(uint32_t),
-                                  sizeof(cpd_tables), 1, nullptr));
+                                  sizeof(cpd_tables), 1, &options));
     if (map.get() < 0)
         throw Failure("make room for ACL tables in the kernel", errno);
+    void *memory =
+        mmap(nullptr, sizeof(cpd_tables), PROT_READ | PROT_WRITE, MAP_SHARED, map.get(), 0);
+    if (memory == MAP_FAILED)
+        throw Failure("share ACL tables with the packet program", errno);
+    SharedTables tables(static_cast<cpd_tables *>(memory));
     int fd = map.get();
     check(bpf_map_update_elem(bpf_map__fd(skeleton_->maps.cpudefend_acls), &set, &fd, BPF_ANY),
           "make room for ACL tables in the kernel");
-    return map;
+    return tables;
+}
+
+void DataPlane::dropTables(uint32_t set)
+{
+    bpf_map_delete_elem(bpf_map__fd(skeleton_->maps.cpudefend_acls), &set);
 }
 
 bool DataPlane::hasTables(uint32_t set) const
 {
     uint32_t id;
     return bpf_map_lookup_elem(bpf_map__fd(skeleton_->maps.cpudefend_acls), &set, &id) == 0;
-}
-
-void DataPlane::fillTables(const Descriptor &made, const cpd_tables &tables)
-{
-    check(bpf_map_update_elem(made.get(), &onlyElement, &tables, BPF_ANY),
-          "hand ACL tables to the kernel");
-}
-
-void DataPlane::dropTables(uint32_t set)
-{
-    bpf_map_delete_elem(bpf_map__fd(skeleton_->maps.cpudefend_acls), &set);
 }
 
 void DataPlane::placePort(uint32_t ifindex, uint32_t target)

@@ -24,6 +24,12 @@ namespace zynlinux
 /** An address as the program looks it up: IPv6, or IPv4 mapped into it (RFC 4291, 2.5.5.2). */
 using Address = std::array<uint8_t, 16>;
 
+/** Tables that the program looks ACL entries up in; written while no policy refers to them. */
+struct UnmapTables {
+    void operator()(cpd_tables *tables) const;
+};
+using SharedTables = std::unique_ptr<cpd_tables, UnmapTables>;
+
 /** A nanosecond count of the clock that the program reads. */
 uint64_t monotonicNow();
 
@@ -69,12 +75,9 @@ public:
      * kernel takes its time for this, as for dropping one.
      * @throw Failure
      */
-    Descriptor makeTables(uint32_t set);
+    SharedTables makeTables(uint32_t set);
     void dropTables(uint32_t set);
     bool hasTables(uint32_t set) const;
-
-    /** Fill a set that no policy in force refers to. @throw Failure */
-    void fillTables(const Descriptor &made, const cpd_tables &tables);
 
     /** Which target a port belongs to; it is the system without being told. @throw Failure */
     void placePort(uint32_t ifindex, uint32_t target);

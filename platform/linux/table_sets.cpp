@@ -47,7 +47,8 @@ const cpd_tables *TableSets::compile(const std::vector<uint16_t> &numbers)
     if (!compiled_)
         compiled_ = std::make_unique_for_overwrite<cpd_tables>();
     compiledNumbers_.clear();
-    if (compileAcls(listsOf(lists_, numbers), *compiled_) == 0)
+    compiledCells_ = compileAcls(listsOf(lists_, numbers), *compiled_);
+    if (compiledCells_ == 0)
         return nullptr;
     compiledNumbers_ = numbers;
     return compiled_.get();
@@ -67,15 +68,26 @@ bool TableSets::fits(const std::vector<uint16_t> &numbers)
 uint32_t TableSets::idleSet()
 {
     auto idle = std::find_if(sets_.begin(), sets_.end(),
-                             [](const Set &set) { return !set.taken && set.made.get() >= 0; });
+                             [](const Set &set) { return !set.taken && set.tables; });
     if (idle == sets_.end())
         idle = std::find_if(sets_.begin(), sets_.end(), [](const Set &set) { return !set.taken; });
     if (idle == sets_.end())
         throw Failure("compile ACLs", "all sets of tables are in use");
     auto number = static_cast<uint32_t>(idle - sets_.begin());
-    if (idle->made.get() < 0)
-        idle->made = plane_.makeTables(number);
+    if (!idle->tables) {
+        idle->tables = plane_.makeTables(number);
+        idle->used = 0;
+    }
     return number;
+}
+
+/** Take over what was compiled; the most of a set is never touched. */
+void TableSets::fill(Set &set, const cpd_tables &tables) const
+{
+    std::copy_n(tables.cells, compiledCells_, set.tables->cells);
+    if (set.used > compiledCells_)
+        std::fill(set.tables->cells + compiledCells_, set.tables->cells + set.used, 0u);
+    set.used = compiledCells_;
 }
 
 uint32_t TableSets::use(const std::vector<uint16_t> &numbers)
@@ -87,7 +99,7 @@ uint32_t TableSets::use(const std::vector<uint16_t> &numbers)
     if (!tables)
         throw Failure("compile ACLs", "their tables do not fit");
     uint32_t number = idleSet();
-    plane_.fillTables(sets_[number].made, *tables);
+    fill(sets_[number], *tables);
     sets_[number].taken = true;
     return numbers_[numbers] = number;
 }
@@ -111,15 +123,15 @@ void TableSets::keep(const std::vector<uint32_t> &inForce)
     dropCompiled();
     for (uint32_t number = 0; number < sets_.size(); number++) {
         Set &set = sets_[number];
-        bool wasMade = set.made.get() >= 0 || set.taken;
+        bool wasMade = set.tables || set.taken;
         set.taken = std::find(inForce.begin(), inForce.end(), number) != inForce.end();
         if (set.taken || !wasMade)
             continue;
         std::erase_if(numbers_, [number](const auto &each) { return each.second == number; });
-        if (set.made.get() >= 0 && !std::exchange(spare, true))
+        if (set.tables && !std::exchange(spare, true))
             continue;
         plane_.dropTables(number);
-        set.made = Descriptor();
+        set.tables.reset();
     }
 }
 

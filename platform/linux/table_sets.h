@@ -53,12 +53,14 @@ public:
 private:
     /** What the kernel has of a set. */
     struct Set {
-        bool taken = false; /**< a policy in force refers to it, or will in a moment */
-        Descriptor made;    /**< invalid: there is none, or a former daemon made it */
+        bool taken = false;  /**< a policy in force refers to it, or will in a moment */
+        SharedTables tables; /**< null: there is none, or a former daemon made it */
+        size_t used = 0;     /**< cells from the first on; the others are 0 */
     };
 
     /** The compiled ACLs, or null when they do not fit. */
     const cpd_tables *compile(const std::vector<uint16_t> &numbers);
+    void fill(Set &set, const cpd_tables &tables) const;
     void dropCompiled();
     uint32_t idleSet();
 
@@ -66,6 +68,7 @@ private:
     const AclLists &lists_;
     std::map<std::vector<uint16_t>, bool> fits_;
     std::vector<uint16_t> compiledNumbers_; /**< what compiled_ was made from */
+    size_t compiledCells_ = 0;              /**< in use of it */
     std::unique_ptr<cpd_tables> compiled_;  /**< kept from asking whether it fits to its use */
     std::map<std::vector<uint16_t>, uint32_t> numbers_; /**< of the sets in use, by their ACLs */
     std::vector<Set> sets_;

@@ -87,7 +87,7 @@ public:
 
     void tables(const cpd_tables &tables, uint32_t set)
     {
-        putInner(skeleton_->maps.cpudefend_acls, set, &tables, sizeof(tables));
+        putInner(skeleton_->maps.cpudefend_acls, set, &tables, sizeof(tables), BPF_F_MMAPABLE);
     }
 
     /** Say in which target a port is, by the long way alone. */
@@ -162,10 +162,13 @@ private:
     };
 
     /** An element of a map of maps: another map takes the place of the one before. */
-    static void putInner(bpf_map *outer, uint32_t index, const void *value, size_t size)
+    static void putInner(bpf_map *outer, uint32_t index, const void *value, size_t size,
+                         uint32_t flags = 0)
     {
+        LIBBPF_OPTS(bpf_map_create_opts, options);
+        options.map_flags = flags;
         zynlinux::Descriptor inner(bpf_map_create(BPF_MAP_TYPE_ARRAY, "inner", sizeof(uint32_t),
-                                                  static_cast<uint32_t>(size), 1, nullptr));
+                                                  static_cast<uint32_t>(size), 1, &options));
         check(inner.get() < 0 ? -1 : 0, "make a map");
         const uint32_t first = 0;
         check(bpf_map_update_elem(inner.get(), &first, value, BPF_ANY), "fill a map");

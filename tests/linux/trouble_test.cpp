@@ -20,15 +20,27 @@ namespace
 class Trouble : public LayerOnWire
 {
 protected:
+    template <class Base> static void showFailureAs()
+    {
+        try {
+            throw Failure("try", "no reason");
+        } catch (const Base &failure) {
+            EXPECT_NE(*failure.what(), 0);
+        }
+    }
+
+    /** A sanitizer needs descriptors when it looks at a type for the first time. */
+    static void showFailures()
+    {
+        showFailureAs<std::exception>();
+        showFailureAs<std::runtime_error>();
+    }
+
     /** As long as it lives, no descriptor can be had. */
     struct NoDescriptors {
         NoDescriptors()
         {
-            try { // a sanitizer needs descriptors when it looks at a type for the first time
-                throw Failure("try", "no reason");
-            } catch (const std::exception &failure) {
-                EXPECT_NE(*failure.what(), 0);
-            }
+            showFailures();
             getrlimit(RLIMIT_NOFILE, &before);
             rlimit none = before;
             none.rlim_cur = 0;
@@ -203,6 +215,7 @@ TEST_F(Trouble, MessageOfAReloadIsTrueWhenThePolicyCouldNotBeMade)
     ASSERT_EQ(init().result, 0);
     ASSERT_EQ(acl_cpudefend_add(nullptr, 100, ZYN_HW_OP_DENY, 0, 0, 0), 0);
     runUntil([] { return true; }); // what the start itself caused
+    showFailures();
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
     for (int i = 0; i < 70; i++) {

@@ -45,6 +45,7 @@ struct {
 
 struct cpd_tables_map {
     __uint(type, BPF_MAP_TYPE_ARRAY);
+    __uint(map_flags, BPF_F_MMAPABLE); /* user space writes the cells in use, a small part */
     __uint(max_entries, 1);
     __uint(key_size, sizeof(__u32));
     __uint(value_size, sizeof(struct cpd_tables));
