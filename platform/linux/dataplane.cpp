@@ -48,12 +48,13 @@ Failure loadFailure(int error)
 }
 
 /** Samples for each of the kernel's ticks, whose length the coarse clock's resolution tells. */
-uint32_t samplesPerTick()
+uint8_t samplesPerTick()
 {
     timespec tick{};
     clock_getres(CLOCK_MONOTONIC_COARSE, &tick);
     auto ns = static_cast<uint64_t>(tick.tv_nsec);
-    return std::max<uint32_t>(1, static_cast<uint32_t>(samplesPerSecond * ns / 1'000'000'000));
+    return static_cast<uint8_t>(
+        std::clamp<uint64_t>(samplesPerSecond * ns / 1'000'000'000, 1, 255));
 }
 
 constexpr char infoName[] = "cpudefend_info";

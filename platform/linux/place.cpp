@@ -231,6 +231,7 @@ Draft Place::draft()
     for (uint16_t type = 0; type < CPD_TYPES; type++)
         if (const CarEntry *entry = std::as_const(cars).inForce(type))
             policy.types[type] = rule(draft, {Holder::Type, type, 0}, entry->settings);
+    cpd_let_stand_in(&policy);
     for (const layer::tAclSetting &acl : acls) {
         uint32_t position = policy.acl_count++;
         policy.acl_number[position] = acl.acl;

@@ -2,6 +2,7 @@
  * From what was programmed at a place to the policy in force there, and what becomes of policers.
  */
 #include <gtest/gtest.h>
+#include <map>
 #include <vector>
 
 #include "failure.h"
@@ -102,6 +103,30 @@ TEST_F(PlaceTest, BitsSayWhatIsInForceOfAnEntry)
         EXPECT_EQ(draft.policy().types[CPD_ARP].queue, 5);
         EXPECT_EQ(draft.policy().types[CPD_ARP].priority, 6);
     }
+}
+
+TEST_F(PlaceTest, EveryTypeIsDecidedAsItselfButForDhcpWithoutAnEntry)
+{
+    for (bool own : {false, true})
+        for (bool snooping : {false, true}) {
+            Place other(pool);
+            for (uint16_t type : {CPD_DHCPCLIENT, CPD_DHCPSERVER, CPD_DHCP6REPLY, CPD_DHCP6REQUEST})
+                if (own)
+                    other.cars.add(car(type, 100));
+            for (uint16_t type : {CPD_DHCPSNOOPIP, CPD_DHCPSNOOPIP6})
+                if (snooping)
+                    other.cars.add(car(type, 100));
+            std::map<int, int> expected;
+            for (int type = 0; type < CPD_TYPES; type++)
+                expected[type] = type;
+            if (snooping && !own) {
+                expected[CPD_DHCPCLIENT] = expected[CPD_DHCPSERVER] = CPD_DHCPSNOOPIP;
+                expected[CPD_DHCP6REPLY] = expected[CPD_DHCP6REQUEST] = CPD_DHCPSNOOPIP6;
+            }
+            Draft draft = other.draft();
+            for (const auto &[type, as] : expected)
+                EXPECT_EQ(draft.policy().decided_as[type], as) << type;
+        }
 }
 
 TEST_F(PlaceTest, DenyNeedsNoPolicer)

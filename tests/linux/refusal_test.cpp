@@ -28,7 +28,8 @@ constexpr uint64_t bootTime = 1000 * second;
 
 /** A policer as the packet program uses it. */
 struct Policer {
-    explicit Policer(const cpd_settings &given) : settings(given)
+    explicit Policer(const cpd_settings &given, cpd_kind of = CPD_PACKETS)
+        : settings(given), kind(of), flags(uint32_t{CPD_RULE_PACKETS} << of)
     {
         virtualNow = bootTime;
         readings = 0;
@@ -37,17 +38,26 @@ struct Policer {
     bool pass(uint64_t at, uint64_t tokens = 1)
     {
         virtualNow = at;
-        const auto tick = static_cast<__u32>(at / tickLength);
-        if (cpd_still_refused(&last, word, tokens, tick))
+        const cpd_offer offer = offered(at, tokens);
+        if (last.spare && last.by == cpd_rule_id(&offer) && cpd_still_refused(&last, word, &offer))
             return false;
         cpd_refusal refusal = {};
         if (cpd_charge(&word, &settings, tokens, &refusal))
             return true;
-        cpd_remember(&last, &settings, 0, tokens, &refusal, tick);
+        cpd_remember(&last, &settings, &offer, kind, &refusal);
         return false;
     }
 
+    /** A packet of so many tokens. */
+    cpd_offer offered(uint64_t at, uint64_t tokens) const
+    {
+        const auto octets = static_cast<__u32>(kind == CPD_BYTES ? tokens : 60);
+        return {flags, 5, octets, static_cast<__u32>(at / tickLength)};
+    }
+
     cpd_settings settings;
+    cpd_kind kind;
+    __u32 flags;
     __u64 word = 0;
     cpd_stats last{};
 };
@@ -78,10 +88,10 @@ INSTANTIATE_TEST_SUITE_P(RatesAndGaps, EvenFlood,
                                                           1'000'000u, 4'000'000'000u),
                                           testing::Values(20u, 120u, 1'000u, 20'000u, 300'000u)));
 
-TEST(Refusal, ReadsTheClockOnceForSeventeenPacketsOfAFlood)
+TEST(Refusal, ReadsTheClockOnceForSixtyFivePacketsOfAFlood)
 {
     Policer policer(packetSettings(50));
-    for (uint64_t i = 0; i < 17'000; i++)
+    for (uint64_t i = 0; i < 65'000; i++)
         policer.pass(bootTime + i * 100);
     EXPECT_LE(readings, 1010u);
     EXPECT_GE(readings, 1000u);
@@ -90,8 +100,8 @@ TEST(Refusal, ReadsTheClockOnceForSeventeenPacketsOfAFlood)
 TEST(Refusal, FrameLongerThanTheBucketIsRefusedUnseenToo)
 {
     for (const cpd_settings &settings : {byteSettings(1000, 59), byteSettings(0, 0)}) {
-        Policer policer(settings);
-        for (uint64_t i = 0; i < 1700; i++)
+        Policer policer(settings, CPD_BYTES);
+        for (uint64_t i = 0; i < 6500; i++)
             EXPECT_FALSE(policer.pass(bootTime + i * 100, 60));
         EXPECT_LE(readings, 110u);
     }
@@ -105,14 +115,32 @@ TEST(Refusal, SlowPacketsAreAllSeen)
     EXPECT_GE(readings, 1000u);
 }
 
-/** A policer with an empty bucket whose next refusals would be unseen. */
-Policer flooded(const cpd_settings &settings, uint64_t tokens = 1)
+TEST(Refusal, AsManyAreUnseenAsComeWithinHalfTheWait)
 {
-    Policer policer(settings);
+    Policer policer(packetSettings(1000));
+    while (policer.pass(bootTime)) {
+    }
+    policer.pass(bootTime + 10'000); // and 99 more like it until there is a token
+    EXPECT_EQ(policer.last.spare, 49);
+    for (uint64_t i = 2; i <= 50; i++)
+        policer.pass(bootTime + i * 10'000);
+    EXPECT_EQ(policer.last.spare, 0);
+    policer.pass(bootTime + 510'000); // 50 since the last reading, 49 until there is a token
+    EXPECT_EQ(policer.last.spare, 24);
+    for (uint64_t i = 52; i <= 75; i++)
+        policer.pass(bootTime + i * 10'000);
+    policer.pass(bootTime + 760'000); // 24 until there is one: not worth it
+    EXPECT_EQ(policer.last.spare, 0);
+}
+
+/** A policer with an empty bucket whose next refusals would be unseen. */
+Policer flooded(const cpd_settings &settings, cpd_kind kind = CPD_PACKETS, uint64_t tokens = 1)
+{
+    Policer policer(settings, kind);
     while (policer.pass(bootTime, tokens)) {
     }
     policer.pass(bootTime + 100, tokens);
-    EXPECT_EQ(policer.last.spare, CPD_SPARE);
+    EXPECT_EQ(policer.last.spare, CPD_SPARE_MAX);
     return policer;
 }
 
@@ -122,11 +150,11 @@ TEST(Refusal, ClockIsReadAgainInTheNextTick)
     EXPECT_TRUE(policer.pass(bootTime + tickLength));
 }
 
-TEST(Refusal, AtMostSixteenAreRefusedUnseenWhenAFloodEnds)
+TEST(Refusal, AtMostSixtyFourAreRefusedUnseenWhenAFloodEnds)
 {
     Policer policer = flooded(packetSettings(500));
     const uint64_t later = bootTime + 3'000'000; // there is a token, in the same tick
-    for (int i = 0; i < CPD_SPARE; i++)
+    for (int i = 0; i < 64; i++)
         EXPECT_FALSE(policer.pass(later));
     EXPECT_TRUE(policer.pass(later));
 }
@@ -141,16 +169,35 @@ TEST(Refusal, ChangedWordIsNoticed)
 
 TEST(Refusal, SmallerFrameIsJudgedForItself)
 {
-    Policer policer = flooded(byteSettings(8, 1000), 600);
+    Policer policer = flooded(byteSettings(8, 1000), CPD_BYTES, 600);
     EXPECT_TRUE(policer.pass(bootTime + 200, 400));
 }
 
 TEST(Refusal, LargerFrameIsRefusedWithTheSmaller)
 {
-    Policer policer = flooded(byteSettings(8, 1000), 600);
+    Policer policer = flooded(byteSettings(8, 1000), CPD_BYTES, 600);
     readings = 0;
     EXPECT_FALSE(policer.pass(bootTime + 200, 900));
     EXPECT_EQ(readings, 0u);
+}
+
+TEST(Refusal, AnotherRuleIsJudgedForItself)
+{
+    Policer policer = flooded(packetSettings(500));
+    const __u64 word = policer.word;
+    policer.flags |= CPD_RULE_QUEUE;
+    readings = 0;
+    EXPECT_FALSE(policer.pass(bootTime + 200));
+    EXPECT_EQ(readings, 1u);
+    EXPECT_EQ(policer.word, word);
+}
+
+TEST(Refusal, PacketPolicerTakesNoHeedOfTheFramesLength)
+{
+    Policer policer = flooded(packetSettings(500));
+    cpd_offer shorter = policer.offered(bootTime + 200, 1);
+    shorter.octets = 1;
+    EXPECT_TRUE(cpd_still_refused(&policer.last, policer.word, &shorter));
 }
 
 TEST(Refusal, LongWaitIsCut)
@@ -166,7 +213,8 @@ TEST(Refusal, WithoutATimeIsNotRemembered)
     Policer policer = flooded(packetSettings(500));
     const cpd_refusal refusal = {};
     const __u32 before = policer.last.at;
-    cpd_remember(&policer.last, &policer.settings, 0, 1, &refusal, 1);
+    const cpd_offer offer = policer.offered(bootTime + 200, 1);
+    cpd_remember(&policer.last, &policer.settings, &offer, CPD_PACKETS, &refusal);
     EXPECT_EQ(policer.last.at, before);
     EXPECT_EQ(policer.last.spare, 0);
 }

@@ -52,60 +52,26 @@ static __always_inline const struct cpd_rule *selected(struct xdp_md *ctx,
     return rule;
 }
 
-/* The type that stands in for one without an entry: DHCP snooping for the directions of DHCP. */
-static __always_inline int stand_in(int type)
-{
-    switch (type) {
-    case CPD_DHCPCLIENT:
-    case CPD_DHCPSERVER: return CPD_DHCPSNOOPIP;
-    case CPD_DHCP6REPLY:
-    case CPD_DHCP6REQUEST: return CPD_DHCPSNOOPIP6;
-    default: return type;
-    }
-}
-
-/* The rule for a type, and with it the type by which the frame is counted. */
-static __always_inline const struct cpd_rule *rule_of(const struct cpd_policy *policy, int *type)
-{
-    const struct cpd_rule *rule = &policy->types[*type];
-    if (cpd_likely(rule->flags))
-        return rule;
-    int other = stand_in(*type);
-    if (!policy->types[other].flags)
-        return rule;
-    *type = other;
-    return &policy->types[other];
-}
-
-/* A packet on its way through a policer pair. */
-struct offer {
-    __u32 flags;
-    __u32 index; /* of the policer */
-    __u32 octets;
-    __u32 tick;
-};
-
 /* Whether what refused the last packet of this type refuses this one too. */
-static __always_inline int refused_unseen(const struct offer *offer, struct cpd_stats *last)
+static __always_inline int refused_unseen(const struct cpd_offer *offer, struct cpd_stats *last)
 {
-    __u32 index = last->meter / CPD_KINDS, kind = last->meter % CPD_KINDS;
-    if (!last->spare || index != offer->index || offer->flags & CPD_RULE_DENY ||
-        !(offer->flags & CPD_RULE_PACKETS << kind))
+    if (!last->spare || last->by != cpd_rule_id(offer))
         return 0;
+    __u32 index = offer->policer;
     const struct cpd_policer *policer = bpf_map_lookup_elem(&cpudefend_meter, &index);
-    return policer && cpd_still_refused(last, cpd_read(&policer->word[kind]),
-                                        kind == CPD_BYTES ? offer->octets : 1, offer->tick);
+    return policer &&
+           cpd_still_refused(last, cpd_read(&policer->word[last->kind % CPD_KINDS]), offer);
 }
 
 /* Packets that samples are still wanted of are all seen. */
-static __always_inline int charge(const struct offer *offer, struct cpd_stats *stats,
-                                  struct cpd_policer *policer, __u32 kind, __u64 tokens)
+static __always_inline int charge(const struct cpd_offer *offer, struct cpd_stats *stats,
+                                  struct cpd_policer *policer, __u32 kind)
 {
+    const struct cpd_settings *settings = &policer->settings[kind];
     struct cpd_refusal refusal;
-    if (cpd_charge(&policer->word[kind], &policer->settings[kind], tokens, &refusal))
+    if (cpd_charge(&policer->word[kind], settings, cpd_tokens(offer, kind), &refusal))
         return 1;
-    cpd_remember(stats, &policer->settings[kind], offer->index * CPD_KINDS + kind, tokens, &refusal,
-                 offer->tick);
+    cpd_remember(stats, settings, offer, kind, &refusal);
     if (!is_sampled(stats, offer->tick))
         stats->spare = stats->granted = 0;
     return 0;
@@ -113,24 +79,24 @@ static __always_inline int charge(const struct offer *offer, struct cpd_stats *s
 
 /* Both policers, the packet policer first; a packet that either refuses is charged to neither. A
  * function of its own, which the verifier looks at once. */
-__noinline int cpd_conforms(const struct offer *offer, struct cpd_stats *stats)
+__noinline int cpd_conforms(const struct cpd_offer *offer, struct cpd_stats *stats)
 {
     if (!offer || !stats)
         return 1;
-    __u32 index = offer->index;
+    __u32 index = offer->policer;
     struct cpd_policer *policer = bpf_map_lookup_elem(&cpudefend_meter, &index);
     if (!policer)
         return 1;
-    if (offer->flags & CPD_RULE_PACKETS && !charge(offer, stats, policer, CPD_PACKETS, 1))
+    if (offer->flags & CPD_RULE_PACKETS && !charge(offer, stats, policer, CPD_PACKETS))
         return 0;
-    if (!(offer->flags & CPD_RULE_BYTES) || charge(offer, stats, policer, CPD_BYTES, offer->octets))
+    if (!(offer->flags & CPD_RULE_BYTES) || charge(offer, stats, policer, CPD_BYTES))
         return 1;
     if (offer->flags & CPD_RULE_PACKETS)
         cpd_refund(&policer->word[CPD_PACKETS], &policer->settings[CPD_PACKETS], 1);
     return 0;
 }
 
-static __always_inline int conforms(const struct offer *offer, struct cpd_stats *stats)
+static __always_inline int conforms(const struct cpd_offer *offer, struct cpd_stats *stats)
 {
     if (offer->flags & CPD_RULE_DENY)
         return 0;
@@ -149,7 +115,7 @@ static __always_inline void count(struct cpd_counters *counters, __u32 octets, i
 }
 
 static __always_inline int admit(struct xdp_md *ctx, int type, const struct cpd_rule *rule,
-                                 struct offer offer, struct cpd_stats *stats)
+                                 struct cpd_offer offer, struct cpd_stats *stats)
 {
     int passed = conforms(&offer, stats);
     count(&stats->counters, offer.octets, passed);
@@ -168,7 +134,7 @@ static __always_inline int police(struct xdp_md *ctx, __u32 target, int type,
     struct cpd_stats *stats = stats_of(target, type);
     if (!stats)
         return XDP_PASS;
-    const struct offer offer = {flags, rule->policer, bpf_xdp_get_buff_len(ctx), tick_now()};
+    const struct cpd_offer offer = {flags, rule->policer, bpf_xdp_get_buff_len(ctx), tick_now()};
     if (!cpd_likely(refused_unseen(&offer, stats)))
         return admit(ctx, type, rule, offer, stats);
     count(&stats->counters, offer.octets, 0);
@@ -222,7 +188,10 @@ int cpudefend_xdp(struct xdp_md *ctx)
         return XDP_PASS;
     if (!policy)
         return pass(ctx, target, type);
-    rule = rule_of(policy, &type);
+    type = policy->decided_as[type];
+    if ((__u32)type >= CPD_TYPES)
+        return XDP_PASS;
+    rule = &policy->types[type];
     return police(ctx, target, type, rule, rule->flags);
 }
 

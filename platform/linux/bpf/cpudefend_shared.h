@@ -132,11 +132,34 @@ struct cpd_rule {
  */
 struct cpd_policy {
     struct cpd_rule types[CPD_TYPES]; /* CAR entries, by packet type */
+    __u8 decided_as[CPD_TYPES];       /* the type whose entry decides; see cpd_let_stand_in() */
     struct cpd_rule acls[CPD_ACLS];   /* ACL entries, in the order in which they were programmed */
     __u32 acl_count;
     __u32 table_set; /* which compiled set finds the ACL entry of a packet; with acl_count 0 none */
     __u16 acl_number[CPD_ACLS]; /* of the entries' ACLs, for user space */
 };
+
+/* The type that stands in for one without an entry: DHCP snooping for the directions of DHCP. */
+static inline __u32 cpd_stand_in(__u32 type)
+{
+    switch (type) {
+    case CPD_DHCPCLIENT:
+    case CPD_DHCPSERVER: return CPD_DHCPSNOOPIP;
+    case CPD_DHCP6REPLY:
+    case CPD_DHCP6REQUEST: return CPD_DHCPSNOOPIP6;
+    default: return type;
+    }
+}
+
+/* The last step of a policy's making: what is decided as another type is counted as that too. */
+static inline void cpd_let_stand_in(struct cpd_policy *policy)
+{
+    for (__u32 type = 0; type < CPD_TYPES; type++) {
+        __u32 other = cpd_stand_in(type);
+        int own = policy->types[type].flags || !policy->types[other].flags;
+        policy->decided_as[type] = (__u8)(own ? type : other);
+    }
+}
 
 /*
  * A policer is a virtual scheduling algorithm (ITU-T I.371, annex on the generic cell rate
@@ -171,19 +194,21 @@ struct cpd_counters {
 
 /*
  * What a CPU knows of a packet type at a target, on a cache line: its counters, the last refusal
- * for which it read the clock, and the samples of the current tick.
+ * for which it read the clock (policer.h says what that is good for), and the samples of the
+ * current tick.
  */
 struct cpd_stats {
     struct cpd_counters counters;
-    __u64 word;        /* of the policer that refused, as it was */
-    __u32 at;          /* when that was: ns, the low half */
-    __u32 tick;        /* of the refusal */
-    __u32 tokens;      /* that were refused */
-    __u16 meter;       /* the policer that refused: CPD_KINDS * its index + its kind */
-    __u8 spare;        /* packets that may still be refused without reading the clock */
-    __u8 granted;      /* what spare was at that refusal */
-    __u32 sample_tick; /* the tick that samples counts for */
-    __u32 samples;
+    __u64 word;   /* of the policer that refused, as it was */
+    __u32 at;     /* when that was: ns, the low half */
+    __u32 tick;   /* of the refusal */
+    __u32 by;     /* the rule that refused, as cpd_rule_id() gives it */
+    __u32 octets; /* a shorter frame may conform; 0 with the packet policer */
+    __u8 kind;    /* of the policer that refused */
+    __u8 spare;   /* packets that may still be refused without reading the clock */
+    __u8 granted; /* what spare was at that refusal */
+    __u8 samples; /* of the tick below */
+    __u32 sample_tick;
 };
 
 /* How many of these there are. Behind those of all types at all targets, each target has one for
@@ -229,7 +254,7 @@ struct cpd_meta {
  * What user space must know of a pinned data plane to take it over: the program does not read it. A
  * policy is written here before it comes in force.
  */
-#define CPD_LAYOUT 1 /* rises with every change of a structure in a map */
+#define CPD_LAYOUT 2 /* rises with every change of a structure in a map */
 
 struct cpd_place {
     __u32 used;

@@ -14,8 +14,18 @@
  */
 #define CPD_ATTEMPTS 16
 
-/* Packets that may be refused after a reading of the clock without another one. */
-#define CPD_SPARE 16
+/* Packets that may be refused after a reading of the clock without another one: at most, and what
+ * is worth it. */
+#define CPD_SPARE_MAX 64
+#define CPD_SPARE_MIN 16
+
+/* A packet on its way through the policers of a rule. */
+struct cpd_offer {
+    __u32 flags;   /* CPD_RULE_*, as they hold for this packet */
+    __u32 policer; /* the rule's */
+    __u32 octets;
+    __u32 tick; /* the kernel's */
+};
 
 /* Why a policer refused: the word that it had, and the time. */
 struct cpd_refusal {
@@ -59,16 +69,28 @@ static inline void cpd_refund(__u64 *word, const struct cpd_settings *settings, 
 /*
  * Most of a flood is refused without reading the clock, which would cost more than all the rest.
  *
- * A refusal at a known time also knows how long it will be until a packet of that many tokens can
- * conform. When the packets of a flood have been coming so fast that CPD_SPARE more will be here
- * within half that time, these are refused unseen, as long as the policer's word stays what it was
- * and the kernel's tick lasts. So no packet of an even flood is refused that would conform; when a
- * flood ends abruptly, CPD_SPARE of those behind it may be, all within a tick. To pass, the clock
- * is always read: the rate is never exceeded.
+ * A refusal at a known time also knows how long it will be until such a packet can conform. As many
+ * as will be here within half that time, going by how densely they came since the reading before,
+ * are refused unseen, as long as the policer's word stays what it was and the kernel's tick lasts.
+ * So no packet of an even flood is refused that would conform; when a flood ends abruptly,
+ * CPD_SPARE_MAX of those behind it may be, all within a tick. To pass, the clock is always read:
+ * the rate is never exceeded.
  */
 
 /* The wait is cut to what fits 32 bits, a span longer than any tick. */
 #define CPD_WAIT_MAX 0xffffffffull
+
+/* The rule that decides on a packet, as it holds for that. */
+static inline __u32 cpd_rule_id(const struct cpd_offer *offer)
+{
+    return offer->policer << 8 | offer->flags;
+}
+
+/* Tokens that a packet costs. */
+static inline __u32 cpd_tokens(const struct cpd_offer *offer, __u32 kind)
+{
+    return kind == CPD_BYTES ? offer->octets : 1;
+}
 
 /* How long a refused packet must wait at least to conform (ns). */
 static inline __u64 cpd_wait(const struct cpd_settings *settings, __u64 tokens,
@@ -81,36 +103,44 @@ static inline __u64 cpd_wait(const struct cpd_settings *settings, __u64 tokens,
     return wait < CPD_WAIT_MAX ? wait : CPD_WAIT_MAX;
 }
 
-/*
- * Remember a refusal; one without a time says nothing. No factor below has more than 32 bits, so
- * that nothing overflows.
- */
-static inline void cpd_remember(struct cpd_stats *last, const struct cpd_settings *settings,
-                                __u16 meter, __u64 tokens, const struct cpd_refusal *refusal,
-                                __u32 tick)
+/* How many packets will be here within half the wait when so many came within a time (ns). No
+ * argument has more than 32 bits, so that nothing overflows. */
+static inline __u8 cpd_spare(__u64 wait, __u64 came, __u64 within)
 {
-    __u64 refused = last->granted - last->spare + 1u;
+    if (wait * came >= 2 * within * CPD_SPARE_MAX)
+        return CPD_SPARE_MAX;
+    __u64 spare = wait * came / (2 * within);
+    return spare >= CPD_SPARE_MIN ? (__u8)spare : 0;
+}
+
+/* Remember the refusal of a packet; one without a time says nothing. */
+static inline void cpd_remember(struct cpd_stats *last, const struct cpd_settings *settings,
+                                const struct cpd_offer *offer, __u32 kind,
+                                const struct cpd_refusal *refusal)
+{
+    __u32 came = last->granted - last->spare + 1u;
     last->spare = last->granted = 0;
     if (!refusal->now)
         return;
 
-    __u32 now = (__u32)refusal->now;
-    __u64 since = now - last->at;
-    int again = last->tick == tick && last->meter == meter && last->word == refusal->word;
-    int dense = since * (2 * CPD_SPARE) <= cpd_wait(settings, tokens, refusal) * refused;
-    if (again && dense)
-        last->spare = last->granted = CPD_SPARE;
+    __u32 by = cpd_rule_id(offer), now = (__u32)refusal->now;
+    __u32 since = now - last->at;
+    if (last->tick == offer->tick && last->word == refusal->word && last->by == by)
+        last->spare = last->granted =
+            cpd_spare(cpd_wait(settings, cpd_tokens(offer, kind), refusal), came, since);
     last->word = refusal->word;
-    last->meter = meter;
-    last->tokens = (__u32)tokens;
+    last->by = by;
+    last->kind = (__u8)kind;
+    last->octets = kind == CPD_BYTES ? offer->octets : 0;
     last->at = now;
-    last->tick = tick;
+    last->tick = offer->tick;
 }
 
-/* Whether the last refusal, by a policer of this word, holds for a packet too. */
-static inline int cpd_still_refused(struct cpd_stats *last, __u64 word, __u64 tokens, __u32 tick)
+/* Whether the last refusal, by a policer of this word, holds for a packet of the same rule too. */
+static inline int cpd_still_refused(struct cpd_stats *last, __u64 word,
+                                    const struct cpd_offer *offer)
 {
-    if (!last->spare || last->tick != tick || last->word != word || tokens < last->tokens)
+    if (last->tick != offer->tick || last->word != word || offer->octets < last->octets)
         return 0;
     last->spare--;
     return 1;

@@ -9,7 +9,7 @@
 #include "maps.h"
 
 /* Samples that a CPU takes of a packet type at a target in one tick of the kernel. */
-const volatile __u32 samples_per_tick = 40;
+const volatile __u8 samples_per_tick = 40;
 
 /* The tag control information of one of the frame's tags, 0 being the outer one. */
 static __always_inline __u16 tci_of(const struct cpd_sample *sample, __u32 tag)
