@@ -256,8 +256,7 @@ void compareCosts(Wire &wire)
                    const double own = protection.ownTime();
                    const Flooded flooded = wire.flood(FLOOD);
                    const double receiving = flooded.taken.sending / flooded.packets - making;
-                   const double others =
-                       flooded.serverSeconds + (protection.ownTime() - own) / flooded.calls;
+                   const double others = flooded.serverSeconds + protection.ownTime() - own;
                    return (receiving + others / flooded.packets) * 1e6;
                });
     fmt::print(

@@ -1,7 +1,6 @@
 #include "wire.h"
 
 #include "host.h"
-#include "statistics.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -230,18 +229,16 @@ Flooded Wire::flood(milliseconds time)
     const double frames = std::floor(std::min<double>(FRAMES_A_CALL, LONGEST_CALL / about));
     const uint64_t packets = workedOff();
     const double server = serverTime();
-    std::vector<double> sending, whole;
+    Flooded flooded{};
     const auto end = Clock::now() + time;
     do {
         const Taken taken = send(flooder_, frames);
-        sending.push_back(taken.sending);
-        whole.push_back(taken.whole);
+        flooded.taken.sending += taken.sending;
+        flooded.taken.whole += taken.whole;
     } while (Clock::now() < end);
-    const double calls = static_cast<double>(whole.size());
-    return {static_cast<double>(workedOff() - packets) / calls,
-            {median(sending), median(whole)},
-            (serverTime() - server) / calls,
-            calls};
+    flooded.packets = static_cast<double>(workedOff() - packets);
+    flooded.serverSeconds = serverTime() - server;
+    return flooded;
 }
 
 double Wire::making() const

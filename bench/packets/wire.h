@@ -17,18 +17,17 @@ constexpr char PORT[] = "bench0";
 /** Frames that one call of the sender's sends, unless it would take it too long. */
 constexpr unsigned FRAMES_A_CALL = 262'144;
 
-/** What a call of the sender's took, in seconds. */
+/** What calls of the sender's took, in seconds. */
 struct Taken {
     double sending; /**< in which frames were sent and worked off */
-    double whole;   /**< by the wall clock, with what the call sets up and tears down */
+    double whole;   /**< by the wall clock, with what a call sets up and tears down */
 };
 
-/** A call of the sender's: the median of several; of what only their sum is known, the mean. */
+/** Several calls of the sender's, in sum. */
 struct Flooded {
     double packets;       /**< that the box worked off: taken by its end of the wire */
     Taken taken;          /**< by the CPU that sent and worked them off */
     double serverSeconds; /**< CPU time of the DHCP server, which reads what passes */
-    double calls;
 
     /** Packets per second by the wall clock. */
     double byWallClock() const { return packets / taken.whole; }

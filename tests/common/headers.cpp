@@ -1,0 +1,1 @@
+// Nothing: what all tests include is compiled once, with this file.
