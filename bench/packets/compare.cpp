@@ -18,7 +18,7 @@ namespace
 
 using std::chrono::milliseconds;
 
-constexpr int ROUNDS = 7;
+constexpr int ROUNDS = 9;
 constexpr milliseconds FLOOD{300};
 constexpr unsigned RULES[] = {0, 1, 16, 64, 256, 1024};
 

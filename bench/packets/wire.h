@@ -15,7 +15,7 @@
 constexpr char PORT[] = "bench0";
 
 /** Frames that one call of the sender's sends, unless it would take it too long. */
-constexpr unsigned FRAMES_A_CALL = 262'144;
+constexpr unsigned FRAMES_A_CALL = 393'216;
 
 /** What calls of the sender's took, in seconds. */
 struct Taken {

@@ -236,7 +236,6 @@ void DataPlane::forgetPort(uint32_t ifindex)
 }
 
 /** Where the program looks first. @param place the target, counted from 1; 0: nowhere here */
-/** Where the program looks first. @param place the target, counted from 1; 0: nowhere here */
 int DataPlane::placeNear(uint32_t ifindex, __u32 place)
 {
     if (ifindex >= CPD_NEAR)
