@@ -14,13 +14,12 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 
-#include "bpf_probe.h"
 #include "channel/request.h"
 #include "cpuDefend_nm.h"
 #include "daemon_process.h"
 #include "memory/scratch.h"
+#include "on_wire.h"
 #include "platform_file.h"
-#include "test_net.h"
 
 using namespace std::chrono_literals;
 using nlohmann::json;
@@ -28,17 +27,9 @@ using nlohmann::json;
 namespace
 {
 
-class DaemonOnWire : public testing::Test
+class DaemonOnWire : public OnWire
 {
 protected:
-    void SetUp() override
-    {
-        if (std::string why = enterNameSpace(); !why.empty())
-            GTEST_SKIP() << why;
-        SKIP_WITHOUT_BPF();
-        makeWire();
-    }
-
     /** @param more lines of the platform file */
     void start(const std::string &more = "")
     {

@@ -16,10 +16,8 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
-#include "bpf_probe.h"
-#include "frame.h"
+#include "on_wire.h"
 #include "platform_file.h"
-#include "test_net.h"
 #include "zynacl.h"
 #include "zynhwal.h"
 #include "zynif.h"
@@ -57,15 +55,14 @@ inline bool runUntil(const std::function<bool()> &condition)
     });
 }
 
-class LayerOnWire : public testing::Test
+class LayerOnWire : public OnWire
 {
 protected:
     void SetUp() override
     {
-        if (std::string why = enterNameSpace(); !why.empty())
-            GTEST_SKIP() << why;
-        SKIP_WITHOUT_BPF();
-        makeWire();
+        OnWire::SetUp();
+        if (IsSkipped())
+            return;
         char folder[] = "/tmp/bpf-XXXXXX";
         ASSERT_NE(mkdtemp(folder), nullptr);
         mounted = folder;
@@ -148,7 +145,6 @@ protected:
         return arrives(arp, from, to, 0x0806);
     }
 
-    const std::vector<uint8_t> arp = Frame(broadcast).u16(0x0806).zeros(46).bytes();
     std::string mounted, pinFolder;
 };
 

@@ -86,17 +86,9 @@ TEST(PlatformInit, MissingPermissionIsAnErrorThatSaysWhatIsNeeded)
     EXPECT_EQ(status, 0);
 }
 
-class PlatformOnWire : public testing::Test
+class PlatformOnWire : public OnWire
 {
 protected:
-    void SetUp() override
-    {
-        if (std::string why = enterNameSpace(); !why.empty())
-            GTEST_SKIP() << why;
-        SKIP_WITHOUT_BPF();
-        makeWire();
-    }
-
     /** Start the layer on the protected port. @param more lines of the platform file */
     Outcome start(const std::string &more = "")
     {
@@ -132,7 +124,6 @@ protected:
         return car(HW_SYS_CPUDEFENDPKTCARDEL, e);
     }
 
-    const std::vector<uint8_t> arp = Frame(broadcast).u16(0x0806).zeros(46).bytes();
     const std::vector<uint8_t> eapol = Frame(bridgeGroup(3)).u16(0x888e).zeros(46).bytes();
 };
 
