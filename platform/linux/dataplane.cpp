@@ -47,14 +47,18 @@ Failure loadFailure(int error)
     return Failure("load the packet program into the kernel", reason + "\n" + libraryLog);
 }
 
-/** Samples for each of the kernel's ticks, whose length the coarse clock's resolution tells. */
-uint8_t samplesPerTick()
+/** The length of the kernel's tick (ns), which is the coarse clock's resolution. */
+uint32_t tickLength()
 {
     timespec tick{};
     clock_getres(CLOCK_MONOTONIC_COARSE, &tick);
-    auto ns = static_cast<uint64_t>(tick.tv_nsec);
-    return static_cast<uint8_t>(
-        std::clamp<uint64_t>(samplesPerSecond * ns / 1'000'000'000, 1, 255));
+    return static_cast<uint32_t>(tick.tv_nsec);
+}
+
+uint8_t samplesPerTick()
+{
+    const uint64_t samples = samplesPerSecond * tickLength() / 1'000'000'000;
+    return static_cast<uint8_t>(std::clamp<uint64_t>(samples, 1, 255));
 }
 
 constexpr char infoName[] = "cpudefend_info";
@@ -94,9 +98,13 @@ DataPlane::DataPlane(const PinFolder &pins)
     libraryLog.clear();
     libbpf_set_print(keepLog);
     takenOver_ = canTakeOver(pins);
-    if (!takenOver_) // of another layout, or left half done: its links still hold what it needs
-        for (const std::string &name : pins.names("cpudefend_"))
+    if (const auto left = pins.names("cpudefend_"); !takenOver_ && !left.empty()) {
+        // Of another layout, or half done: its links still hold what it needs.
+        std::fputs("[platform] what was left is of another layout: nothing stays in force\n",
+                   stderr);
+        for (const std::string &name : left)
             pins.unpin(name);
+    }
     load(pins);
 
     bpf_map *meter = skeleton_->maps.cpudefend_meter;
@@ -129,6 +137,7 @@ void DataPlane::load(const PinFolder &pins)
     if (!skeleton_)
         throw loadFailure(errno);
     skeleton_->rodata->samples_per_tick = samplesPerTick();
+    skeleton_->rodata->tick_length = tickLength();
     bpf_map *map;
     bpf_object__for_each_map(map, skeleton_->obj)
     {
@@ -162,16 +171,22 @@ int DataPlane::newPolicy(const cpd_policy &policy) const
     return made.release();
 }
 
-void DataPlane::replace(const std::map<uint32_t, const cpd_policy *> &policies)
+PreparedPolicies DataPlane::prepare(const Policies &policies) const
 {
     static const cpd_policy withoutRules{};
+    PreparedPolicies prepared;
+    for (const auto &[target, policy] : policies)
+        prepared[target] = Descriptor(newPolicy(policy ? *policy : withoutRules));
+    return prepared;
+}
+
+void DataPlane::replace(const PreparedPolicies &policies)
+{
     std::vector<uint32_t> targets;
     std::vector<int> maps;
-    std::vector<Descriptor> owned;
-    for (const auto &[target, policy] : policies) {
-        owned.emplace_back(newPolicy(policy ? *policy : withoutRules));
+    for (const auto &[target, map] : policies) {
         targets.push_back(target);
-        maps.push_back(owned.back().get());
+        maps.push_back(map.get());
     }
     // In one batch the kernel waits only once for the packets that are still being judged.
     auto count = static_cast<uint32_t>(targets.size());

@@ -33,6 +33,12 @@ using SharedTables = std::unique_ptr<cpd_tables, UnmapTables>;
 /** A nanosecond count of the clock that the program reads. */
 uint64_t monotonicNow();
 
+/** A policy for each of some targets; null stands for one without rules. */
+using Policies = std::map<uint32_t, const cpd_policy *>;
+
+/** The same, in the kernel. */
+using PreparedPolicies = std::map<uint32_t, Descriptor>;
+
 /**
  * The program and its maps. Pinned, the maps outlive this object and are found again by the next
  * one; otherwise they end with it.
@@ -61,11 +67,17 @@ public:
     cpd_policer *policers() { return policers_; }
 
     /**
-     * Put policies in force, each in place of what its target had; null stands for one without
-     * rules. When this returns, no packet is judged by the former ones any more.
+     * Hand policies to the kernel, which makes room for them; nothing is in force yet.
      * @throw Failure
      */
-    void replace(const std::map<uint32_t, const cpd_policy *> &policies);
+    PreparedPolicies prepare(const Policies &policies) const;
+
+    /**
+     * Put policies in force, each in place of what its target had. When this returns, no packet is
+     * judged by the former ones any more.
+     * @throw Failure
+     */
+    void replace(const PreparedPolicies &policies);
 
     /** A target is not used any more. */
     void remove(uint32_t target);

@@ -79,11 +79,8 @@ Holder holderOf(const uint16_t *numbers, uint32_t position)
 
 Draft::~Draft()
 {
-    for (const Successor &each : successors_) { // moved from or settled, there are none
-        if (moved_ != 0 && each.before != 0)
-            giveBack(each, moved_);
+    for (const Successor &each : successors_) // moved from or settled, there are none
         place_->pool_->release(each.after);
-    }
 }
 
 bool Draft::rulesAnything() const
@@ -94,7 +91,6 @@ bool Draft::rulesAnything() const
 
 void Draft::moveTokens(uint64_t now)
 {
-    moved_ = now;
     for (Successor &each : successors_) {
         cpd_policer &after = (*place_->pool_)[each.after];
         cpd_policer *before = each.before != 0 ? &(*place_->pool_)[each.before] : nullptr;
@@ -113,14 +109,23 @@ void Draft::moveTokens(uint64_t now)
     }
 }
 
-void Draft::giveBack(const Successor &successor, uint64_t now)
+void Draft::undo(uint64_t now)
 {
-    cpd_policer &before = (*place_->pool_)[successor.before];
-    const cpd_policer &after = (*place_->pool_)[successor.after];
-    for (int kind = 0; kind < CPD_KINDS; kind++)
-        if (isUsed(before.settings[kind]))
-            before.word[kind] =
-                carryOver(after.word[kind], after.settings[kind], before.settings[kind], now);
+    for (const Successor &each : successors_) {
+        if (each.before == 0)
+            continue;
+        cpd_policer &before = (*place_->pool_)[each.before];
+        cpd_policer &after = (*place_->pool_)[each.after];
+        for (int kind = 0; kind < CPD_KINDS; kind++) {
+            const cpd_settings &settings = before.settings[kind];
+            if (!isUsed(settings))
+                continue;
+            uint64_t left = carryOver(read(after.word[kind]), after.settings[kind], settings, now);
+            replace(before.word[kind], [&](uint64_t word) {
+                return chargeLate(left, settings, {settings, each.drained[kind], word}, now);
+            });
+        }
+    }
 }
 
 void Draft::charge(const Successor &successor, uint64_t now)

@@ -59,6 +59,12 @@ public:
      */
     void settle(uint64_t now);
 
+    /**
+     * After the tokens were moved: it is not in force, and no packet is judged by it any more. The
+     * former policers get the tokens back, less what they let pass in the meantime.
+     */
+    void undo(uint64_t now);
+
     /** It may be in force or not: its policers are given to nobody any more. */
     void abandon() { successors_.clear(); }
 
@@ -73,13 +79,11 @@ private:
     };
 
     explicit Draft(Place &place) : place_(&place) {}
-    void giveBack(const Successor &successor, uint64_t now);
     void charge(const Successor &successor, uint64_t now);
 
     Place *place_;
     cpd_policy policy_{};
     std::vector<Successor> successors_;
-    uint64_t moved_ = 0; /**< when the tokens were moved; 0: they were not */
 };
 
 class Place

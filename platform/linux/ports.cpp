@@ -65,11 +65,15 @@ uint32_t interfaceOf(const Descriptor &link)
     return info.type == BPF_LINK_TYPE_XDP ? info.xdp.ifindex : 0;
 }
 
-/** The program on a port, by the kernel's number; 0 for none. */
-uint32_t programOn(uint32_t ifindex)
+/** The program on a port, by the kernel's number; 0 for none. Nothing when that cannot be told now.
+ */
+std::optional<uint32_t> programOn(uint32_t ifindex)
 {
     uint32_t id = 0;
-    return bpf_xdp_query_id(static_cast<int>(ifindex), 0, &id) == 0 ? id : 0;
+    int error = bpf_xdp_query_id(static_cast<int>(ifindex), 0, &id);
+    if (error != 0 && error != -ENODEV)
+        return {};
+    return id;
 }
 
 /** In which mode the program on a port runs. */
@@ -130,7 +134,7 @@ Descriptor Ports::takeOver(uint32_t ifindex) const
     bool updated = interfaceOf(left) == ifindex &&
                    (config_.mode == Mode::Auto || config_.mode == modeOf(ifindex)) &&
                    bpf_link_update(left.get(), plane_.program(), nullptr) == 0;
-    if (updated && programOn(ifindex) == plane_.programId())
+    if (updated && programOn(ifindex).value_or(plane_.programId()) == plane_.programId())
         return left;
     setFree(ifindex);
     return Descriptor();
@@ -159,7 +163,7 @@ void Ports::protect(const PortConfig &port, uint32_t ifindex)
     Descriptor made = takeOver(ifindex);
     plane_.placePort(ifindex, targetOf(plane_.info(), port.sys, port.slot));
     if (made.get() >= 0)
-        sayProtected(port, modeOf(ifindex), ", as it was left");
+        sayProtected(port, modeOf(ifindex), plane_.takenOver() ? ", as it was left" : "");
     else
         made = attach(port, ifindex);
     ports_.push_back({&port, ifindex, unlessPinned(std::move(made)), Descriptor(), false});
@@ -199,10 +203,11 @@ void Ports::attachTc(Port &port)
 
 void Ports::carryPriority()
 {
-    if (std::exchange(carriesPriority_, true))
+    if (carriesPriority_)
         return;
     for (Port &each : ports_)
         attachTc(each);
+    carriesPriority_ = true;
 }
 
 /** Take the programs off a port at once, and not when the kernel finds that nobody refers to them.
@@ -229,8 +234,9 @@ void Ports::stop()
 void Ports::dropGone()
 {
     auto gone = [&](const Port &port) {
-        std::optional<uint32_t> now = indexOf(port.config->name);
-        if (!now || (*now == port.ifindex && programOn(port.ifindex) == plane_.programId()))
+        std::optional<uint32_t> index = indexOf(port.config->name);
+        std::optional<uint32_t> program = programOn(port.ifindex);
+        if (!index || !program || (*index == port.ifindex && *program == plane_.programId()))
             return false;
         say("port " + port.config->name + " has gone");
         setFree(port.ifindex);

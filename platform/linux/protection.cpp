@@ -87,10 +87,10 @@ void Protection::putLeftInForce()
 {
     if (!plane_.takenOver())
         return;
-    std::map<uint32_t, const cpd_policy *> policies;
+    Policies policies;
     for (const auto &[target, site] : sites_)
         policies[target] = site.inherited ? &plane_.info().targets[target].policy : nullptr;
-    plane_.replace(policies);
+    plane_.replace(plane_.prepare(policies));
 }
 
 void Protection::prepare()
@@ -280,31 +280,42 @@ std::map<uint32_t, Draft> Protection::makeDrafts()
 /** What was in force is so again, as far as the kernel lets it. */
 void Protection::putBack(std::map<uint32_t, Draft> &drafts, const cpd_info &before)
 try {
-    std::map<uint32_t, const cpd_policy *> policies;
+    Policies policies;
     plane_.info() = before;
     for (const auto &[target, draft] : drafts) {
         const cpd_place &place = before.targets[target];
         policies[target] = place.in_force ? &place.policy : nullptr;
     }
     plane_.saveInfo();
-    plane_.replace(policies);
+    plane_.replace(plane_.prepare(policies));
+    uint64_t now = monotonicNow();
+    for (auto &[target, draft] : drafts)
+        draft.undo(now);
 } catch (const Failure &failure) {
     std::fprintf(stderr, "%s\n", failure.what());
     for (auto &[target, draft] : drafts)
         draft.abandon();
 }
 
-/** What is kept for the next daemon is written first: it makes good what is cut short here. */
-void Protection::putInForce(std::map<uint32_t, Draft> &drafts)
+/** All that is wanted of the kernel beforehand, so that little is left to go wrong. */
+PreparedPolicies Protection::prepare(const std::map<uint32_t, Draft> &drafts)
 {
-    std::map<uint32_t, const cpd_policy *> policies;
+    Policies policies;
+    for (const auto &[target, draft] : drafts) {
+        policies[target] = draft.rulesAnything() ? &draft.policy() : nullptr;
+        if (carriesPriority(draft.policy()))
+            ports_.carryPriority();
+    }
+    return plane_.prepare(policies);
+}
+
+/** What is kept for the next daemon is written first: it makes good what is cut short here. */
+void Protection::putInForce(std::map<uint32_t, Draft> &drafts, const PreparedPolicies &policies)
+{
     for (auto &[target, draft] : drafts) {
         cpd_place &kept = plane_.info().targets[target];
         kept.in_force = draft.rulesAnything();
         kept.policy = draft.policy();
-        policies[target] = kept.in_force ? &draft.policy() : nullptr;
-        if (carriesPriority(draft.policy()))
-            ports_.carryPriority();
     }
     for (auto &[target, draft] : drafts)
         draft.moveTokens(monotonicNow()); // first: whoever makes this good finds no token twice
@@ -342,9 +353,10 @@ try {
     std::map<uint32_t, Draft> drafts = makeDrafts();
     if (drafts.empty())
         return result;
+    const PreparedPolicies policies = prepare(drafts);
     auto before = std::make_unique<cpd_info>(plane_.info());
     try {
-        putInForce(drafts);
+        putInForce(drafts, policies);
     } catch (...) {
         putBack(drafts, *before);
         throw;

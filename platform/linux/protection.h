@@ -94,7 +94,8 @@ private:
     template <class Operation> int32_t apply(Site &site, Operation operation);
     int32_t trimAcls(Site &site);
     std::map<uint32_t, Draft> makeDrafts();
-    void putInForce(std::map<uint32_t, Draft> &drafts);
+    PreparedPolicies prepare(const std::map<uint32_t, Draft> &drafts);
+    void putInForce(std::map<uint32_t, Draft> &drafts, const PreparedPolicies &policies);
     void putBack(std::map<uint32_t, Draft> &drafts, const cpd_info &before);
     void settle(std::map<uint32_t, Draft> &drafts);
     void keepTables();

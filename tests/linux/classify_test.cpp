@@ -854,12 +854,14 @@ TEST_F(Classifier, DhcpWithoutAnEntryOfItsOwnIsUnderTheSnoopingEntry)
         const auto &bytes = each.frame.bytes();
 
         cpd_policy snooping = only(each.snooping, CPD_RULE_DENY);
+        cpd_let_stand_in(&snooping);
         program->enforce(snooping);
         EXPECT_EQ(run(bytes), XDP_DROP);
         EXPECT_EQ(counted(bytes.size(), false), each.snooping);
 
         cpd_policy both = snooping;
         both.types[each.type].flags = CPD_RULE_PACKETS;
+        cpd_let_stand_in(&both);
         program->meter(0, zynlinux::packetSettings(UINT32_MAX));
         program->enforce(both);
         EXPECT_EQ(run(bytes), XDP_PASS);
@@ -880,6 +882,7 @@ TEST_F(Classifier, NoOtherTypeIsUnderTheEntryOfAnother)
             SCOPED_TRACE(fixture.name);
             cpd_policy policy = denyAll();
             policy.types[fixture.type].flags = 0;
+            cpd_let_stand_in(&policy);
             program->enforce(policy);
             bool dhcp = fixture.type == CPD_DHCPCLIENT || fixture.type == CPD_DHCPSERVER ||
                         fixture.type == CPD_DHCP6REQUEST || fixture.type == CPD_DHCP6REPLY;

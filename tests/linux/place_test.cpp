@@ -14,8 +14,6 @@ using namespace zynlinux;
 namespace
 {
 
-constexpr uint64_t now = 1'000'000'000'000;
-
 class PlaceTest : public testing::Test
 {
 protected:
@@ -72,6 +70,7 @@ protected:
     }
 
     std::vector<cpd_policer> memory = std::vector<cpd_policer>(CPD_POLICERS);
+    uint64_t now = 1'000'000'000'000; // ns
     PolicerPool pool{memory.data()};
     Place place{pool};
 };
@@ -105,7 +104,7 @@ TEST_F(PlaceTest, BitsSayWhatIsInForceOfAnEntry)
     }
 }
 
-TEST_F(PlaceTest, EveryTypeIsDecidedAsItselfButForDhcpWithoutAnEntry)
+TEST_F(PlaceTest, OnlyDhcpWithoutAnEntryHasAStandIn)
 {
     for (bool own : {false, true})
         for (bool snooping : {false, true}) {
@@ -118,14 +117,14 @@ TEST_F(PlaceTest, EveryTypeIsDecidedAsItselfButForDhcpWithoutAnEntry)
                     other.cars.add(car(type, 100));
             std::map<int, int> expected;
             for (int type = 0; type < CPD_TYPES; type++)
-                expected[type] = type;
+                expected[type] = 0;
             if (snooping && !own) {
                 expected[CPD_DHCPCLIENT] = expected[CPD_DHCPSERVER] = CPD_DHCPSNOOPIP;
                 expected[CPD_DHCP6REPLY] = expected[CPD_DHCP6REQUEST] = CPD_DHCPSNOOPIP6;
             }
             Draft draft = other.draft();
             for (const auto &[type, as] : expected)
-                EXPECT_EQ(draft.policy().decided_as[type], as) << type;
+                EXPECT_EQ(draft.policy().stand_in[type], as) << type;
         }
 }
 
@@ -221,7 +220,7 @@ TEST_F(PlaceTest, WhatTheFormerPolicerStillLetPassIsChargedToItsSuccessor)
     EXPECT_EQ(debt, cpd_cost(60, &next.settings[CPD_PACKETS]));
 }
 
-TEST_F(PlaceTest, DraftThatIsNotSettledGivesTheTokensBack)
+TEST_F(PlaceTest, UndoneDraftGivesTheTokensBack)
 {
     place.cars.add(car(CPD_ARP, 40'000));
     uint32_t first = settle().types[CPD_ARP].policer;
@@ -231,8 +230,24 @@ TEST_F(PlaceTest, DraftThatIsNotSettledGivesTheTokensBack)
         Draft draft = place.draft();
         draft.moveTokens(now);
         EXPECT_EQ(tokens(first), 0u);
+        draft.undo(now);
     }
     EXPECT_EQ(tokens(first), 500u);
+}
+
+TEST_F(PlaceTest, WhatThePolicerLetPassUntilTheDraftWasUndoneIsChargedToIt)
+{
+    place.cars.add(car(CPD_ARP, 1000)); // 20 at once
+    uint32_t first = settle().types[CPD_ARP].policer;
+    spend(first, 20);
+    place.cars.add(car(CPD_ARP, 2000));
+    Draft draft = place.draft();
+    draft.moveTokens(now);
+    now += 20'000'000; // which bring it 20 tokens
+    EXPECT_EQ(tokens(first), 20u);
+    spend(first, 15);
+    draft.undo(now);
+    EXPECT_EQ(tokens(first), 5u);
 }
 
 TEST_F(PlaceTest, EntryThatComesBackFindsTheTokensThatItLeft)

@@ -19,6 +19,11 @@ static inline __u64 cpd_now()
     return virtualNow.load();
 }
 
+static inline __u32 cpd_tick_length()
+{
+    return 4'000'000;
+}
+
 #include "bpf/policer.h"
 
 using namespace zynlinux;

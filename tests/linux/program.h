@@ -75,9 +75,8 @@ public:
         policers_[index] = {{packets, bytes}, {0, 0}};
     }
 
-    void enforce(cpd_policy policy, uint32_t target = 0)
+    void enforce(const cpd_policy &policy, uint32_t target = 0)
     {
-        cpd_let_stand_in(&policy);
         putInner(skeleton_->maps.cpudefend_rules, target, &policy, sizeof(policy));
     }
 

@@ -259,7 +259,8 @@ TEST_F(PacketProgram, NoPacketIsJudgedByHalvesOfTwoPolicies)
 {
     const auto frame = Frame(broadcast).ipv4({.protocol = 17}).udp(68, 67).zeros(300).bytes();
     const cpd_policy one = only(CPD_DHCPCLIENT, CPD_RULE_DENY);
-    const cpd_policy other = only(CPD_DHCPSNOOPIP, CPD_RULE_DENY);
+    cpd_policy other = only(CPD_DHCPSNOOPIP, CPD_RULE_DENY);
+    cpd_let_stand_in(&other);
     program->enforce(one);
     std::atomic<bool> stop{false};
     std::vector<std::thread> pool;

@@ -15,6 +15,11 @@ static inline __u64 cpd_now()
     return virtualNow;
 }
 
+static inline __u32 cpd_tick_length()
+{
+    return 4'000'000;
+}
+
 #include "bpf/policer.h"
 
 using namespace zynlinux;
@@ -23,7 +28,7 @@ namespace
 {
 
 constexpr uint64_t second = 1'000'000'000;
-constexpr uint64_t tickLength = 4'000'000;
+const uint64_t tickLength = cpd_tick_length();
 constexpr uint64_t bootTime = 1000 * second;
 
 /** A policer as the packet program uses it. */
@@ -132,6 +137,55 @@ TEST(Refusal, AsManyAreUnseenAsComeWithinHalfTheWait)
     policer.pass(bootTime + 760'000); // 24 until there is one: not worth it
     EXPECT_EQ(policer.last.spare, 0);
 }
+
+TEST(Refusal, ClockThatStandsStillGrantsNothing)
+{
+    EXPECT_EQ(cpd_spare(1000, 1, 0), 0);
+    EXPECT_EQ(cpd_spare(0, 1, 0), 0);
+}
+
+/** Packets that come together, time and again. */
+struct Bursts {
+    cpd_settings settings;
+    cpd_kind kind;
+    uint64_t tokens; /**< of each */
+    int count;
+    uint64_t period; /**< ns */
+};
+
+class FloodInBursts : public testing::TestWithParam<Bursts>
+{
+};
+
+TEST_P(FloodInBursts, LosesNoTokens)
+{
+    const Bursts &bursts = GetParam();
+    Policer policer(bursts.settings, bursts.kind);
+    __u64 exact = 0;
+    int passed = 0, expected = 0;
+    for (uint64_t begin = 0; begin < second; begin += bursts.period)
+        for (int i = 0; i < bursts.count; i++) {
+            const uint64_t at = bootTime + begin + static_cast<uint64_t>(i) * 100;
+            passed += policer.pass(at, bursts.tokens);
+            const __u64 next = cpd_police(exact, &bursts.settings, bursts.tokens, at);
+            expected += next != exact;
+            exact = next;
+        }
+    EXPECT_LE(passed, expected + 2); // the last ones are in the bucket
+    EXPECT_GE(passed, expected * 0.99);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    ShallowAndDeepBuckets, FloodInBursts,
+    testing::Values(Bursts{byteSettings(10'000, 1514), CPD_BYTES, 1514, 3, 111'000},
+                    Bursts{byteSettings(10'000, 1514), CPD_BYTES, 1514, 8, 200'000},
+                    Bursts{byteSettings(1000, 100), CPD_BYTES, 60, 10, 200'000},
+                    Bursts{byteSettings(1000, 200), CPD_BYTES, 60, 9, 300'000},
+                    Bursts{byteSettings(100'000, 15'000), CPD_BYTES, 1514, 20, 1'000'000},
+                    Bursts{byteSettings(10'000, 1'880'000), CPD_BYTES, 1514, 3, 111'000},
+                    Bursts{packetSettings(50), CPD_PACKETS, 1, 8, 50'000},
+                    Bursts{packetSettings(1000), CPD_PACKETS, 1, 64, 200'000},
+                    Bursts{packetSettings(50'000), CPD_PACKETS, 1, 64, 100'000}));
 
 /** A policer with an empty bucket whose next refusals would be unseen. */
 Policer flooded(const cpd_settings &settings, cpd_kind kind = CPD_PACKETS, uint64_t tokens = 1)

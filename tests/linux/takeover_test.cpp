@@ -181,6 +181,9 @@ TEST_F(TakeOver, PinnedByAnotherLayoutIsReplaced)
     ASSERT_EQ(bpf_map_update_elem(info.get(), &key, &other, BPF_ANY), 0);
     Outcome outcome = startOnPort();
     ASSERT_EQ(outcome.result, 0) << outcome.text;
+    EXPECT_EQ(outcome.text,
+              "[platform] what was left is of another layout: nothing stays in force\n"
+              "[platform] port port0 is protected in native mode\n");
     EXPECT_TRUE(arpArrives());
     EXPECT_EQ(set(nullptr, true, arpEntry(0, ZYN_HW_OP_DENY)), 0);
     EXPECT_FALSE(arpArrives());

@@ -272,6 +272,23 @@ TEST_F(Trouble, FailedStartOfAnotherLayoutsSuccessorLeavesTheProtectionAsItWas)
     EXPECT_FALSE(arpArrives());
 }
 
+TEST_F(Trouble, RefusedChangesUseUpNeitherPolicersNorTokens)
+{
+    ASSERT_EQ(startOnPort().result, 0);
+    ASSERT_EQ(set(nullptr, true, arpEntry(1)), 0); // two at once
+    testing::internal::CaptureStderr();
+    {
+        NoDescriptors none;
+        for (int i = 0; i < CPD_POLICERS; i++)
+            ASSERT_NE(set(nullptr, true, arpEntry(2)), 0);
+    }
+    EXPECT_TRUE(arpArrives());
+    EXPECT_TRUE(arpArrives());
+    EXPECT_FALSE(arpArrives());
+    EXPECT_EQ(set(nullptr, true, arpEntry(3)), 0);
+    testing::internal::GetCapturedStderr();
+}
+
 TEST_F(Trouble, PortThatCannotBeProtectedIsSaidOnceAndNotWithEveryEvent)
 {
     ASSERT_EQ(start("ports = [\"port0\", \"late0\"]\n").result, 0);

@@ -16,6 +16,14 @@ static __always_inline __u64 cpd_now(void)
     return bpf_ktime_get_ns();
 }
 
+/* The length of the kernel's tick (ns). */
+const volatile __u32 tick_length = 10000000;
+
+static __always_inline __u32 cpd_tick_length(void)
+{
+    return tick_length;
+}
+
 #include "policer.h"
 
 #include "maps.h"
@@ -50,6 +58,18 @@ static __always_inline const struct cpd_rule *selected(struct xdp_md *ctx,
     if (*flags & POLICED && !(*flags & CPD_RULE_DENY) && !cpd_for_the_box(ctx, packet))
         *flags &= ~POLICED;
     return rule;
+}
+
+/* The rule for a type, and with it the type by which the frame is counted. */
+static __always_inline const struct cpd_rule *rule_of(const struct cpd_policy *policy, int *type)
+{
+    __u32 other = policy->stand_in[*type];
+    if (other != 0) {
+        barrier_var(other); /* two comparisons in one are more than the verifier can follow */
+        if (other < CPD_TYPES)
+            *type = other;
+    }
+    return &policy->types[*type];
 }
 
 /* Whether what refused the last packet of this type refuses this one too. */
@@ -188,10 +208,7 @@ int cpudefend_xdp(struct xdp_md *ctx)
         return XDP_PASS;
     if (!policy)
         return pass(ctx, target, type);
-    type = policy->decided_as[type];
-    if ((__u32)type >= CPD_TYPES)
-        return XDP_PASS;
-    rule = &policy->types[type];
+    rule = rule_of(policy, &type);
     return police(ctx, target, type, rule, rule->flags);
 }
 

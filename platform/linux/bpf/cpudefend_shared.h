@@ -132,7 +132,7 @@ struct cpd_rule {
  */
 struct cpd_policy {
     struct cpd_rule types[CPD_TYPES]; /* CAR entries, by packet type */
-    __u8 decided_as[CPD_TYPES];       /* the type whose entry decides; see cpd_let_stand_in() */
+    __u8 stand_in[CPD_TYPES];         /* see cpd_let_stand_in() */
     struct cpd_rule acls[CPD_ACLS];   /* ACL entries, in the order in which they were programmed */
     __u32 acl_count;
     __u32 table_set; /* which compiled set finds the ACL entry of a packet; with acl_count 0 none */
@@ -151,13 +151,14 @@ static inline __u32 cpd_stand_in(__u32 type)
     }
 }
 
-/* The last step of a policy's making: what is decided as another type is counted as that too. */
+/* The last step of a policy's making: for types without an entry, whose entry decides; 0 for none.
+ * What another type's entry decides is counted as that type too. */
 static inline void cpd_let_stand_in(struct cpd_policy *policy)
 {
     for (__u32 type = 0; type < CPD_TYPES; type++) {
         __u32 other = cpd_stand_in(type);
-        int own = policy->types[type].flags || !policy->types[other].flags;
-        policy->decided_as[type] = (__u8)(own ? type : other);
+        int needed = !policy->types[type].flags && policy->types[other].flags;
+        policy->stand_in[type] = needed ? (__u8)other : 0;
     }
 }
 

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: MIT OR GPL-2.0-only */
 /*
- * Charging a policer from any number of CPUs. The includer declares cpd_now() first.
+ * Charging a policer from any number of CPUs. The includer declares cpd_now() and cpd_tick_length()
+ * first, both in ns.
  */
 #ifndef CPUDEFEND_POLICER_H
 #define CPUDEFEND_POLICER_H
@@ -60,7 +61,8 @@ static inline int cpd_charge(__u64 *word, const struct cpd_settings *settings, _
     return 0;
 }
 
-/* Give back what a packet was charged that another policer then refused. */
+/* Give back what a packet was charged that another policer then refused. When other CPUs have
+ * emptied a full bucket in between, that is a packet more than it holds. */
 static inline void cpd_refund(__u64 *word, const struct cpd_settings *settings, __u64 tokens)
 {
     __sync_fetch_and_sub(word, cpd_cost(tokens, settings));
@@ -72,9 +74,10 @@ static inline void cpd_refund(__u64 *word, const struct cpd_settings *settings, 
  * A refusal at a known time also knows how long it will be until such a packet can conform. As many
  * as will be here within half that time, going by how densely they came since the reading before,
  * are refused unseen, as long as the policer's word stays what it was and the kernel's tick lasts.
- * So no packet of an even flood is refused that would conform; when a flood ends abruptly,
- * CPD_SPARE_MAX of those behind it may be, all within a tick. To pass, the clock is always read:
- * the rate is never exceeded.
+ * So no packet of an even flood is refused that would conform. Where a flood comes in bursts or
+ * ends abruptly, CPD_SPARE_MAX of those behind it may be, all within a tick; the tokens wait for
+ * later ones, because this is done with no bucket that would run over before the tick ends. To
+ * pass, the clock is always read: the rate is never exceeded.
  */
 
 /* The wait is cut to what fits 32 bits, a span longer than any tick. */
@@ -103,10 +106,20 @@ static inline __u64 cpd_wait(const struct cpd_settings *settings, __u64 tokens,
     return wait < CPD_WAIT_MAX ? wait : CPD_WAIT_MAX;
 }
 
+/* Whether a bucket that such a packet found too empty is not full again within a tick, so that it
+ * loses no tokens when all of that tick's packets are refused. */
+static inline int cpd_outlasts_a_tick(const struct cpd_settings *settings, __u64 tokens)
+{
+    __u64 room = settings->depth - cpd_cost(tokens, settings);
+    return !cpd_fits(settings, tokens) || room >> settings->shift >= cpd_tick_length();
+}
+
 /* How many packets will be here within half the wait when so many came within a time (ns). No
  * argument has more than 32 bits, so that nothing overflows. */
 static inline __u8 cpd_spare(__u64 wait, __u64 came, __u64 within)
 {
+    if (within == 0)
+        return 0;
     if (wait * came >= 2 * within * CPD_SPARE_MAX)
         return CPD_SPARE_MAX;
     __u64 spare = wait * came / (2 * within);
@@ -125,9 +138,10 @@ static inline void cpd_remember(struct cpd_stats *last, const struct cpd_setting
 
     __u32 by = cpd_rule_id(offer), now = (__u32)refusal->now;
     __u32 since = now - last->at;
-    if (last->tick == offer->tick && last->word == refusal->word && last->by == by)
-        last->spare = last->granted =
-            cpd_spare(cpd_wait(settings, cpd_tokens(offer, kind), refusal), came, since);
+    __u32 tokens = cpd_tokens(offer, kind);
+    if (last->tick == offer->tick && last->word == refusal->word && last->by == by &&
+        cpd_outlasts_a_tick(settings, tokens))
+        last->spare = last->granted = cpd_spare(cpd_wait(settings, tokens, refusal), came, since);
     last->word = refusal->word;
     last->by = by;
     last->kind = (__u8)kind;
