@@ -4,7 +4,7 @@
 BUILD := build
 NEED := scripts/setup
 
-.PHONY: all run demo test bench fuzz mips coverage install lint format clean help
+.PHONY: all run demo test bench flood fuzz mips coverage install lint format clean help
 
 all: ## build the daemon and its front ends, optimised
 	@$(NEED) build
@@ -25,6 +25,12 @@ test: ## everything that can be checked on this machine
 bench: ## speed, memory, size
 	@$(NEED) bench
 	@scripts/bench
+
+flood: ## the flood tests at full length, 10 s for each rate
+	@$(NEED) test
+	@cmake --preset test >/dev/null
+	@cmake --build $(BUILD) >/dev/null
+	@cd $(BUILD) && CPUDEFEND_FLOOD_FULL=1 ctest -L flood --output-on-failure
 
 fuzz: ## fuzz each target for FUZZ_SECONDS (60) seconds
 	@$(NEED) fuzz

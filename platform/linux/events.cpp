@@ -43,7 +43,9 @@ Descriptor networkSocket()
                 "hear of ports that come and go");
     sockaddr_nl address{};
     address.nl_family = AF_NETLINK;
-    address.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR;
+    // Anycast addresses come and go as a port begins or ceases to forward: its configuration.
+    address.nl_groups =
+        RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR | 1u << (RTNLGRP_IPV6_NETCONF - 1);
     if (bind(made.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) != 0)
         throw Failure("hear of ports that come and go", errno);
     return made;

@@ -3,6 +3,7 @@
  */
 #include <fcntl.h>
 #include <signal.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -39,5 +40,7 @@ int main(int argc, char *argv[])
     const uint32_t maxSlotNumber = argc >= 3 ? number(argv[2]) : CPUDEFEND_DEFAULT_SLOTNUM;
     if (cpuDefendInit(maxPolicyNumber, maxSlotNumber) == 0)
         cpuDefenTask();
+    else
+        perror("couldn't start the daemon");
     return -1;
 }

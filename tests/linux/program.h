@@ -115,13 +115,17 @@ public:
               "tell an own address");
     }
 
-    /** @param ifindex of the port by which the frames come; 0: the loopback device */
-    Outcome run(const std::vector<uint8_t> &frame, int repeat = 1, uint32_t ifindex = 0) const
+    /**
+     * @param ifindex of the port by which the frames come; 0: the loopback device
+     * @param first   bytes in the first of the frame's buffers; by default all
+     */
+    Outcome run(const std::vector<uint8_t> &frame, int repeat = 1, uint32_t ifindex = 0,
+                size_t first = SIZE_MAX) const
     {
         Outcome result;
         result.frame.resize(frame.size() + 256);
         xdp_md in{}, out{};
-        in.data_end = static_cast<uint32_t>(frame.size());
+        in.data_end = static_cast<uint32_t>(std::min(first, frame.size()));
         in.ingress_ifindex = ifindex;
         LIBBPF_OPTS(bpf_test_run_opts, options);
         options.data_in = frame.data();

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include <bpf/bpf.h>
+#include <bpf/btf.h>
 #include <bpf/libbpf.h>
 #include <net/if.h>
 #include <poll.h>
@@ -113,6 +114,24 @@ TEST_F(PacketProgram, BytePolicerCountsTheWholeFrame)
 {
     enforce(CPD_RULE_BYTES, {}, byteSettings(1, 6000));
     EXPECT_EQ(offer(arp(1500), 1000), 4u);
+}
+
+/** Whether packet programs of this kernel can gather a frame's headers (Linux 6.18). */
+bool kernelGathers()
+{
+    std::unique_ptr<btf, void (*)(btf *)> types(btf__load_vmlinux_btf(), btf__free);
+    return types && btf__find_by_name_kind(types.get(), "bpf_xdp_pull_data", BTF_KIND_FUNC) > 0;
+}
+
+TEST_F(PacketProgram, HeadersThatAreNotInTheFirstBufferAreGathered)
+{
+    if (!kernelGathers())
+        GTEST_SKIP() << "before Linux 6.18 such frames are of no type";
+    const auto frame = Frame(host).ipv4({.protocol = 17}).udp(40000, 67).zeros(3000).bytes();
+    program->enforce(only(CPD_DHCPSNOOPIP, CPD_RULE_DENY));
+    for (size_t first : {size_t{14}, size_t{33}, size_t{34}, size_t{41}, frame.size()})
+        EXPECT_EQ(program->run(frame, 1, 0, first).verdict, uint32_t{XDP_DROP}) << first;
+    EXPECT_EQ(program->counters()[CPD_DHCPSNOOPIP].dropped_octets, 5 * frame.size());
 }
 
 TEST_F(PacketProgram, FrameInSeveralBuffersCountsWhole)

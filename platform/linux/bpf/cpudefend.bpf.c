@@ -33,6 +33,7 @@ static __always_inline __u32 cpd_tick_length(void)
 
 char LICENSE[] SEC("license") = "Dual MIT/GPL";
 
+#define HEADERS_MAX 256 /* bytes of a frame in which all headers are looked for */
 #define POLICED (CPD_RULE_PACKETS | CPD_RULE_BYTES)
 
 /* The kernel's tick: a coarse clock that costs a load. */
@@ -149,12 +150,12 @@ static __always_inline int admit(struct xdp_md *ctx, int type, const struct cpd_
 /* Police a packet by the rule that is in force for it. The way of a flood comes first, and is kept
  * free of all that it can do without: an offer in memory, a look at the samples. */
 static __always_inline int police(struct xdp_md *ctx, __u32 target, int type,
-                                  const struct cpd_rule *rule, __u32 flags)
+                                  const struct cpd_rule *rule, __u32 flags, __u32 octets)
 {
     struct cpd_stats *stats = stats_of(target, type);
     if (!stats)
         return XDP_PASS;
-    const struct cpd_offer offer = {flags, rule->policer, bpf_xdp_get_buff_len(ctx), tick_now()};
+    const struct cpd_offer offer = {flags, rule->policer, octets, tick_now()};
     if (!cpd_likely(refused_unseen(&offer, stats)))
         return admit(ctx, type, rule, offer, stats);
     count(&stats->counters, offer.octets, 0);
@@ -162,11 +163,11 @@ static __always_inline int police(struct xdp_md *ctx, __u32 target, int type,
 }
 
 /* Where nothing is in force. */
-static __always_inline int pass(struct xdp_md *ctx, __u32 target, int type)
+static __always_inline int pass(__u32 target, int type, __u32 octets)
 {
     struct cpd_stats *stats = stats_of(target, type);
     if (stats)
-        count(&stats->counters, bpf_xdp_get_buff_len(ctx), 1);
+        count(&stats->counters, octets, 1);
     return XDP_PASS;
 }
 
@@ -187,10 +188,23 @@ static __always_inline int type_of(struct xdp_md *ctx)
     return classify(&unused, (const void *)(long)ctx->data, (const void *)(long)ctx->data_end);
 }
 
-/* Frames in several buffers are welcome: their headers are in the first. */
+/* Of a frame in several buffers the headers are to be in the first. There are drivers that put them
+ * elsewhere; before Linux 6.18 such a frame is of no type. */
+extern int bpf_xdp_pull_data(struct xdp_md *ctx, __u32 length) __weak __ksym;
+
+static __always_inline void gather_headers(struct xdp_md *ctx, __u32 octets)
+{
+    __u32 first = ctx->data_end - ctx->data;
+    if (cpd_likely(first == octets) || first >= HEADERS_MAX || !bpf_xdp_pull_data)
+        return;
+    bpf_xdp_pull_data(ctx, octets < HEADERS_MAX ? octets : HEADERS_MAX);
+}
+
 SEC("xdp.frags")
 int cpudefend_xdp(struct xdp_md *ctx)
 {
+    __u32 octets = bpf_xdp_get_buff_len(ctx);
+    gather_headers(ctx, octets);
     __u32 target = target_of(ctx->ingress_ifindex);
     const struct cpd_policy *policy = policy_of(target);
     const struct cpd_rule *rule;
@@ -200,16 +214,16 @@ int cpudefend_xdp(struct xdp_md *ctx)
     if (policy && policy->acl_count) {
         rule = classify_and_select(ctx, policy, &type, &flags);
         if (rule)
-            return police(ctx, target, type, rule, flags);
+            return police(ctx, target, type, rule, flags, octets);
     } else {
         type = type_of(ctx);
     }
     if (type == CPD_NO_TYPE)
         return XDP_PASS;
     if (!policy)
-        return pass(ctx, target, type);
+        return pass(target, type, octets);
     rule = rule_of(policy, &type);
-    return police(ctx, target, type, rule, rule->flags);
+    return police(ctx, target, type, rule, rule->flags, octets);
 }
 
 /* Behind it, on the socket buffer. Whatever other filters there are decide on the packet. */
