@@ -12,6 +12,8 @@ namespace zynlinux
 namespace
 {
 
+static_assert(std::atomic_ref<__u64>::is_always_lock_free, "the kernel shares these words");
+
 constexpr uint32_t policedFlags[CPD_KINDS] = {CPD_RULE_PACKETS, CPD_RULE_BYTES};
 
 uint64_t read(__u64 &word)
