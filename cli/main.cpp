@@ -5,6 +5,7 @@
 
 #include "cli/commands.h"
 #include "cli/complete.h"
+#include "cli/output.h"
 #include "cli/values.h"
 
 using namespace ctl;
@@ -122,6 +123,16 @@ int printCompletions(const Words &words)
     return kExitDone;
 }
 
+/** What is wrong with the command line. A word that is no command is why a command is missing. */
+std::string usageError(const CLI::App &app, const CLI::ParseError &error)
+{
+    const Words rest = app.remaining(true);
+    if (dynamic_cast<const CLI::RequiredError *>(&error) && !rest.empty() &&
+        !rest.front().starts_with("-"))
+        return "unknown command \"" + printable(rest.front()) + "\"";
+    return error.what();
+}
+
 int fail(Exit status, const std::string &message)
 {
     std::cerr << "cpudefendctl: " << message << '\n';
@@ -148,7 +159,7 @@ int main(int argc, char **argv)
     } catch (const CLI::Success &success) { // help or version
         return app.exit(success);
     } catch (const CLI::ParseError &error) {
-        return fail(kExitUsage, std::string(error.what()) + " (try --help)");
+        return fail(kExitUsage, usageError(app, error) + " (try --help)");
     } catch (const CommandFailed &failed) {
         return fail(failed.status(), failed.what());
     } catch (const cpudefend::Error &error) {

@@ -130,11 +130,11 @@ constexpr std::array kPolicy{
     onOff("source-trace", CPUDEFEND_POLICY_SRCTRACEENABLE, "sources of a flood are recorded"),
     onOff("source-trace-data", CPUDEFEND_POLICY_SRCTRACEPKTDATAENABLE,
           "a packet of each source is kept"),
-    onOff("source-trace-alarm", CPUDEFEND_POLICY_SRCTRACEALARMENABLE, "a flood raises an alarm"),
+    onOff("source-trace-alarm", CPUDEFEND_POLICY_SRCTRACEALARMENABLE, "stored; no alarm is sent"),
     number("source-trace-threshold", CPUDEFEND_POLICY_SRCTRACETHRESHOLD, Settable, kMax16, kPackets,
            "count in 100 ms from which sources are recorded"),
     number("source-trace-alarm-threshold", CPUDEFEND_POLICY_SRCTRACEALARMTHRESHOLD, Settable,
-           kMax16, kPackets, "count in 100 ms from which an alarm is raised"),
+           kMax16, kPackets, "the same: the lower one is in force"),
     number("bindings", CPUDEFEND_POLICY_REFCOUNT, ReadOnly, kMax32, "",
            "places where the policy is programmed"),
 };

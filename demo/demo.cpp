@@ -71,7 +71,7 @@ public:
             execl(CPUDEFEND_BIN_DIR "/cpuDefend", "cpuDefend", nullptr);
             _exit(127);
         }
-        waitForSocket();
+        waitForAnswer();
     }
 
     ~Daemon()
@@ -81,15 +81,17 @@ public:
     }
 
 private:
-    void waitForSocket() const
+    /** The socket's file proves nothing: another daemon may have left it behind. */
+    void waitForAnswer() const
     {
         const auto deadline = Clock::now() + std::chrono::seconds(20);
         while (Clock::now() < deadline) {
             if (waitpid(pid_, nullptr, WNOHANG) == pid_)
                 break;
-            if (access("/tmp/cpudefendCmd.socket", F_OK) == 0)
+            if (std::system(CPUDEFEND_BIN_DIR "/cpudefendctl --timeout 1 show >/dev/null 2>&1") ==
+                0)
                 return;
-            std::this_thread::sleep_for(milliseconds(10));
+            std::this_thread::sleep_for(milliseconds(20));
         }
         throw std::runtime_error("the daemon did not start");
     }
@@ -248,8 +250,15 @@ int demonstrate()
 
 } // namespace
 
-int main()
+int main(int argc, char **argv)
 {
+    if (argc > 1) {
+        const bool help = argc == 2 && std::string(argv[1]) == "--help";
+        fmt::print(help ? stdout : stderr,
+                   "Usage: cpudefend-demo\nFloods an interface in a network "
+                   "of its own, and needs root for that.\n");
+        return help ? 0 : 2;
+    }
     try {
         return demonstrate() == 0 ? 0 : 1;
     } catch (const std::exception &error) {

@@ -85,6 +85,17 @@ TEST(Ctl, AWrongCommandLineEndsWith2)
     }
 }
 
+TEST(Ctl, AWordThatIsNoCommandIsNamed)
+{
+    expectFailure({"foo"}, 2, "unknown command \"foo\" (try --help)");
+    expectFailure({"policy", "frob"}, 2, "unknown command \"frob\" (try --help)");
+    expectFailure({"car", "lsit", "edge"}, 2, "unknown command \"lsit\" (try --help)");
+    expectFailure({"--json", "b\tnd", "edge"}, 2, "unknown command \"b\\x09nd\" (try --help)");
+    expectFailure({"policy"}, 2, "A subcommand is required (try --help)");
+    expectFailure({"--xml", "/tmp", "policy"}, 2, "A subcommand is required (try --help)");
+    expectFailure({"policy", "add"}, 2, "NAME is required (try --help)");
+}
+
 TEST(Ctl, APolicyMayBeNamedLikeACommand)
 {
     DaemonProcess daemon;
