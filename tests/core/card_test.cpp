@@ -214,6 +214,128 @@ TEST_F(Cards, WhatCannotBeAskedIsTakenForThere)
     EXPECT_EQ(slots(), "");
 }
 
+/* ---- The kernel's answer -------------------------------------------------------------- */
+
+constexpr size_t BUFFER = 32 * 1024; // for one datagram of it
+
+/** A message as part of the answer. @param flags besides the one all parts have */
+static std::string part(std::string message, uint16_t flags = 0, uint32_t sequence = 1)
+{
+    nlmsghdr header;
+    memcpy(&header, message.data(), sizeof header);
+    header.nlmsg_flags = static_cast<uint16_t>(NLM_F_MULTI | flags);
+    header.nlmsg_seq = sequence;
+    memcpy(message.data(), &header, sizeof header);
+    return message;
+}
+
+static std::string listed(uint32_t port, uint16_t flags = 0)
+{
+    return part(linkIsThere(port), flags);
+}
+
+static std::string end(uint16_t flags = 0)
+{
+    return part(linkMessage(NLMSG_DONE, 0), flags);
+}
+
+/** Asking with answers as the test says: PORT is known from before, in slot 1/1. */
+class CardAnswers : public Cards
+{
+protected:
+    void SetUp() override
+    {
+        Cards::SetUp();
+        comes(PORT, 1, 1);
+        for (uint32_t i = 1; i < 8; i++)
+            scripted::script.ports[PORT + i] = {1, 1 + i};
+    }
+
+    void TearDown() override
+    {
+        seam::datagrams.reset();
+        Cards::TearDown();
+    }
+
+    /** Ask. @return how often the kernel was asked */
+    static int ask(const std::vector<seam::Datagram> &answer)
+    {
+        seam::datagrams.emplace(answer.begin(), answer.end());
+        seam::requests = 0;
+        cpuDefendCardStart();
+        return seam::requests;
+    }
+};
+
+TEST_F(CardAnswers, ListIsTakenToItsEnd)
+{
+    EXPECT_EQ(ask({{listed(PORT + 1)}, {listed(PORT + 2) + end()}, {listed(PORT + 3)}}), 1);
+    EXPECT_EQ(slots(), "1/2 1/3");
+    EXPECT_EQ(seam::datagrams->size(), 1u);
+}
+
+TEST_F(CardAnswers, ListThatDoesNotEndRemovesNothing)
+{
+    EXPECT_EQ(ask({{listed(PORT + 1)}}), 1);
+    EXPECT_EQ(slots(), "1/1 1/2");
+}
+
+TEST_F(CardAnswers, OnlyTheKernelIsBelieved)
+{
+    EXPECT_EQ(ask({{listed(PORT + 1), 7}, {end(), 7}, {listed(PORT + 2) + end()}}), 1);
+    EXPECT_EQ(slots(), "1/3");
+}
+
+TEST_F(CardAnswers, AnswerToAnotherRequestIsNotBelieved)
+{
+    EXPECT_EQ(ask({{part(linkIsThere(PORT + 1), 0, 2) + part(linkMessage(NLMSG_DONE, 0), 0, 2)},
+                   {listed(PORT + 2) + end()}}),
+              1);
+    EXPECT_EQ(slots(), "1/3");
+}
+
+TEST_F(CardAnswers, PartThatFillsTheBufferCounts)
+{
+    const std::string whole =
+        linkMessage(RTM_NEWLINK, PORT + 1, AF_UNSPEC, BUFFER - linkIsThere(PORT + 1).size());
+    ASSERT_EQ(whole.size(), BUFFER);
+    EXPECT_EQ(ask({{part(whole)}, {end()}}), 1);
+    EXPECT_EQ(slots(), "1/2");
+}
+
+/** Links behind the cut would be taken for gone. */
+TEST_F(CardAnswers, CutPartMakesTheListFail)
+{
+    const std::string whole =
+        listed(PORT + 1) + part(linkMessage(RTM_NEWLINK, PORT + 2, AF_UNSPEC, BUFFER));
+    EXPECT_EQ(ask({{whole}, {end()}}), 1);
+    EXPECT_EQ(slots(), "1/1");
+}
+
+TEST_F(CardAnswers, InterruptedListIsAskedForAgain)
+{
+    EXPECT_EQ(ask({{listed(PORT + 1, NLM_F_DUMP_INTR) + listed(PORT + 2) + end()},
+                   {listed(PORT + 2) + end()}}),
+              2);
+    EXPECT_EQ(slots(), "1/3"); // PORT + 1 went meanwhile
+    EXPECT_EQ(ask({{listed(PORT + 2)}, {end(NLM_F_DUMP_INTR)}, {listed(PORT + 3) + end()}}), 2);
+    EXPECT_EQ(slots(), "1/4");
+}
+
+TEST_F(CardAnswers, FifthListIsTheLastThatIsAskedFor)
+{
+    std::vector<seam::Datagram> answer;
+    for (uint32_t i = 0; i < 4; i++)
+        answer.push_back({end(NLM_F_DUMP_INTR)});
+    answer.push_back({listed(PORT + 1) + end()});
+    EXPECT_EQ(ask(answer), 5);
+    EXPECT_EQ(slots(), "1/2");
+    answer.back() = {listed(PORT + 2) + end(NLM_F_DUMP_INTR)};
+    answer.push_back({end()});
+    EXPECT_EQ(ask(answer), 5);
+    EXPECT_EQ(slots(), "1/2 1/3"); // what may have gone stays
+}
+
 /* ---- Records -------------------------------------------------------------------------- */
 
 TEST_F(Cards, ReusedRecordKeepsItsModeAndLevelsAndIsBoundToNothing)

@@ -1,9 +1,12 @@
 #include "core_test.h"
 
+#include <linux/netlink.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
@@ -23,6 +26,8 @@ int semDepth;
 int semTakes;
 std::vector<Hook> hooks;
 int32_t hookResult;
+std::optional<std::deque<Datagram>> datagrams;
+int requests;
 
 static std::vector<int> opened;
 
@@ -84,6 +89,10 @@ int __real_socket(int domain, int type, int protocol);
 int __real_bind(int fd, const sockaddr *address, socklen_t len);
 int __real_listen(int fd, int backlog);
 int __real_setsockopt(int fd, int level, int option, const void *value, socklen_t len);
+ssize_t __real_sendto(int fd, const void *data, size_t len, int flags, const sockaddr *address,
+                      socklen_t addressLen);
+ssize_t __real_recvfrom(int fd, void *buf, size_t len, int flags, sockaddr *address,
+                        socklen_t *addressLen);
 tOsixSemId __real_OsixCreateMSem(uint32_t options);
 void __real_OsixDeleteSem(tOsixSemId sem);
 int32_t __real_OsixTakeSem(tOsixSemId sem, int32_t wait);
@@ -160,6 +169,36 @@ int __wrap_setsockopt(int fd, int level, int option, const void *value, socklen_
         memcpy(&number, value, sizeof number);
     seam::note("setsockopt", {fd, level, option, number, static_cast<long>(len)}, *result);
     return static_cast<int>(*result);
+}
+
+ssize_t __wrap_sendto(int fd, const void *data, size_t len, int flags, const sockaddr *address,
+                      socklen_t addressLen)
+{
+    if (!seam::datagrams)
+        return __real_sendto(fd, data, len, flags, address, addressLen);
+    seam::requests++;
+    return static_cast<ssize_t>(len);
+}
+
+ssize_t __wrap_recvfrom(int fd, void *buf, size_t len, int flags, sockaddr *address,
+                        socklen_t *addressLen)
+{
+    if (!seam::datagrams)
+        return __real_recvfrom(fd, buf, len, flags, address, addressLen);
+    if (seam::datagrams->empty()) {
+        errno = EAGAIN;
+        return -1;
+    }
+    const seam::Datagram datagram = seam::datagrams->front();
+    seam::datagrams->pop_front();
+    const size_t received = std::min(len, datagram.data.size());
+    memcpy(buf, datagram.data.data(), received);
+    sockaddr_nl sender{};
+    sender.nl_family = AF_NETLINK;
+    sender.nl_pid = datagram.senderPort;
+    memcpy(address, &sender, std::min<size_t>(*addressLen, sizeof sender));
+    *addressLen = sizeof sender;
+    return static_cast<ssize_t>(flags & MSG_TRUNC ? datagram.data.size() : received);
 }
 
 tOsixSemId __wrap_OsixCreateMSem(uint32_t options)

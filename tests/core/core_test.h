@@ -8,7 +8,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <deque>
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -54,6 +56,16 @@ struct Hook {
 
 extern std::vector<Hook> hooks;
 extern int32_t hookResult; /**< what the hooks answer */
+
+/** What recvfrom receives of a netlink socket. */
+struct Datagram {
+    std::string data;
+    uint32_t senderPort = 0; /**< 0 is the kernel's */
+};
+
+/** What comes, one after the other, instead of what the kernel sends; then nothing does. */
+extern std::optional<std::deque<Datagram>> datagrams;
+extern int requests; /**< calls of sendto that did not get to the kernel because of that */
 
 /** Close every socket that was opened. */
 void closeSockets();

@@ -650,6 +650,33 @@ Descriptor spy(int map)
                                     std::size(instructions), nullptr));
 }
 
+/** A packet program that puts this before each frame. */
+Descriptor metaProgram(const cpd_meta &meta)
+{
+    const int16_t begin = offsetof(xdp_md, data_meta);
+    const int16_t end = offsetof(xdp_md, data);
+    const auto priority = static_cast<int32_t>(meta.priority);
+    const bpf_insn instructions[] = {
+        {BPF_ALU64 | BPF_MOV | BPF_X, BPF_REG_6, BPF_REG_1, 0, 0},
+        {BPF_ALU64 | BPF_MOV | BPF_K, BPF_REG_2, 0, 0, -static_cast<int32_t>(sizeof meta)},
+        {BPF_JMP | BPF_CALL, 0, 0, 0, BPF_FUNC_xdp_adjust_meta},
+        {BPF_LDX | BPF_MEM | BPF_W, BPF_REG_2, BPF_REG_6, begin, 0},
+        {BPF_LDX | BPF_MEM | BPF_W, BPF_REG_3, BPF_REG_6, end, 0},
+        {BPF_ALU64 | BPF_MOV | BPF_X, BPF_REG_1, BPF_REG_2, 0, 0},
+        {BPF_ALU64 | BPF_ADD | BPF_K, BPF_REG_1, 0, 0, sizeof meta},
+        {BPF_JMP | BPF_JGT | BPF_X, BPF_REG_1, BPF_REG_3, 4, 0},
+        {BPF_ST | BPF_MEM | BPF_W, BPF_REG_2, 0, offsetof(cpd_meta, magic),
+         static_cast<int32_t>(meta.magic)},
+        {BPF_ST | BPF_MEM | BPF_W, BPF_REG_2, 0, offsetof(cpd_meta, priority), priority},
+        {BPF_ST | BPF_MEM | BPF_H, BPF_REG_2, 0, offsetof(cpd_meta, queue), meta.queue},
+        {BPF_ST | BPF_MEM | BPF_H, BPF_REG_2, 0, offsetof(cpd_meta, flags), meta.flags},
+        {BPF_ALU64 | BPF_MOV | BPF_K, BPF_REG_0, 0, 0, XDP_PASS},
+        {BPF_JMP | BPF_EXIT, 0, 0, 0, 0},
+    };
+    return Descriptor(bpf_prog_load(BPF_PROG_TYPE_XDP, "meta", "MIT", instructions,
+                                    std::size(instructions), nullptr));
+}
+
 struct Mark {
     uint32_t priority;
     uint32_t queue;
@@ -695,6 +722,21 @@ protected:
         cpd_policy policy{};
         policy.types[CPD_ARP] = rule;
         program->enforce(policy);
+        return arrive();
+    }
+
+    /** The same when another packet program has put this before it. */
+    Mark arriveWith(const cpd_meta &meta)
+    {
+        Descriptor stranger = metaProgram(meta);
+        EXPECT_GE(stranger.get(), 0);
+        Program::check(bpf_xdp_attach(static_cast<int>(port), stranger.get(), 0, nullptr),
+                       "attach another packet program");
+        return arrive();
+    }
+
+    Mark arrive()
+    {
         PacketSocket sender(peerPort, 0x0806);
         EXPECT_EQ(sender.send(arp(), 1), 1u);
         pollfd wait{receiver.get(), POLLIN, 0};
@@ -723,6 +765,17 @@ TEST_F(SocketBuffers, AreLeftAsTheyAreWithoutARule)
     Mark plain = arrive({});
     EXPECT_EQ(plain.priority, 0u);
     EXPECT_EQ(arrive({CPD_RULE_PRIORITY, 9, 200, 0, 0}).queue, plain.queue);
+}
+
+TEST_F(SocketBuffers, TakeNothingFromWhatAnotherProgramPutBeforeTheFrame)
+{
+    Mark plain = arrive({});
+    cpd_meta meta = {CPD_META_MAGIC, 5, 4, CPD_RULE_QUEUE | CPD_RULE_PRIORITY};
+    EXPECT_EQ(arriveWith(meta), (Mark{5, 4}));
+    for (const uint32_t magic : {0u, CPD_META_MAGIC - 1u, CPD_META_MAGIC ^ 1u << 31}) {
+        meta.magic = magic;
+        EXPECT_EQ(arriveWith(meta), plain) << magic;
+    }
 }
 
 // ACLs.
