@@ -1,12 +1,11 @@
 /**
  * Slots and ACLs on the wire; ports that come and go.
  */
-#include <arpa/inet.h>
 #include <csignal>
 #include <optional>
 
+#include "acls_on_wire.h"
 #include "counters.h"
-#include "layer_on_wire.h"
 
 using namespace zynlinux;
 using namespace std::chrono_literals;
@@ -173,37 +172,27 @@ TEST_F(Slots, RenamedPortIsTheOneWhoseNameItBears)
 
 /* ---- ACLs ----------------------------------------------------------------------------- */
 
-constexpr char acls[] = "[[acl]]\nnumber = 100\nfamily = \"ipv4\"\n"
-                        "rules = [\"permit udp 192.0.2.0/24 any port 5000\"]\n"
-                        "[[acl]]\nnumber = 101\nfamily = \"ipv4\"\n"
-                        "rules = [\"deny ip 192.0.2.1 any\", \"permit ip 192.0.2.0/25 any\"]\n";
-
-class Acls : public LayerOnWire
+class Acls : public AclsOnWire
 {
 protected:
     Outcome startWith(const std::string &lists) { return startOnPort(lists); }
 
-    static std::vector<uint8_t> udp(const std::string &source, const std::string &destination,
-                                    uint16_t port)
+    /** A list that is too much for the tables: each of its hosts has a range of ports. */
+    static std::string hugeList(uint16_t number)
     {
-        Frame frame(host);
-        frame.ipv4({.protocol = 17, .payloadBytes = 48}).udp(1234, port).zeros(40);
-        std::vector<uint8_t> bytes = frame.bytes();
-        inet_pton(AF_INET, source.c_str(), &bytes[26]);
-        inet_pton(AF_INET, destination.c_str(), &bytes[30]);
-        return bytes;
+        std::string text =
+            "[[acl]]\nnumber = " + std::to_string(number) + "\nfamily = \"ipv4\"\nrules = [";
+        for (int i = 1; i <= 3000; i++)
+            text += "\"permit udp 10.0." + std::to_string(i / 256) + "." + std::to_string(i % 256) +
+                    " any port " + std::to_string(i) + "-" + std::to_string(30000 + 7 * i) +
+                    "\",\n";
+        return text + "]\n";
     }
 
-    static bool udpArrives(const std::string &source, uint16_t port,
-                           const std::string &destination = "198.51.100.1")
+    static std::string doesNotFit(uint16_t number)
     {
-        return arrives(udp(source, destination, port), peerPort, protectedPort, 0x0800);
-    }
-
-    static int32_t bind(uint16_t number, uint32_t action = ZYN_HW_OP_DENY, uint32_t cir = 0,
-                        uint32_t cbs = 0)
-    {
-        return acl_cpudefend_add(nullptr, number, action, cir, cbs, cbs);
+        return "[platform] ACL " + std::to_string(number) +
+               " is not put in force: with those before it, its tables do not fit\n";
     }
 };
 
@@ -280,6 +269,44 @@ TEST_F(Acls, MoreThanAPlaceHoldsAreRefused)
     EXPECT_FALSE(udpArrives("192.0.2.7", 5000));
 }
 
+TEST_F(Acls, ListThatDoesNotFitIsRefused)
+{
+    ASSERT_EQ(startWith(acls + hugeList(102)).result, 0);
+    EXPECT_EQ(bind(100), 0);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(bind(102), ENOSPC);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), doesNotFit(102));
+    EXPECT_FALSE(udpArrives("192.0.2.7", 5000));
+    EXPECT_TRUE(udpArrives("10.0.0.5", 5000));
+    EXPECT_EQ(acl_cpudefend_del(nullptr, 102, ZYN_HW_OP_DENY, 0, 0, 0), ENOENT);
+}
+
+TEST_F(Acls, ListThatDoesNotFitTakesNotThePlaceOfWhatWasLeft)
+{
+    leaveBehind(std::string("ports = [\"port0\"]\n") + acls, [] { bind(100); });
+    ASSERT_EQ(startWith(acls + hugeList(102)).result, 0);
+    EXPECT_EQ(bind(102), ENOSPC);
+    EXPECT_FALSE(udpArrives("192.0.2.7", 5000));
+}
+
+TEST_F(Acls, OfAChangeThoseBeforeOneThatDoesNotFitComeInForce)
+{
+    ASSERT_EQ(startWith(acls + hugeList(102)).result, 0);
+    zynHwChangeBegin();
+    for (uint16_t number : {100, 102, 101})
+        EXPECT_EQ(bind(number), 0);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(zynHwChangeEnd(), ENOSPC);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), doesNotFit(102) + doesNotFit(101));
+    EXPECT_FALSE(udpArrives("192.0.2.7", 5000));
+    EXPECT_TRUE(udpArrives("192.0.2.7", 5001)); // 101 would have dropped it
+    EXPECT_TRUE(udpArrives("10.0.0.5", 5000));
+    for (uint16_t number : {102, 101})
+        EXPECT_EQ(acl_cpudefend_del(nullptr, number, ZYN_HW_OP_DENY, 0, 0, 0), ENOENT);
+    EXPECT_EQ(bind(101), 0);
+    EXPECT_FALSE(udpArrives("192.0.2.7", 5001));
+}
+
 class Reload : public Acls
 {
 protected:
@@ -337,6 +364,23 @@ TEST_F(Reload, BoundAclThatIsMissingChangesNothing)
     EXPECT_NE(told.find("the ACLs stay as they were\n"), std::string::npos) << told;
     EXPECT_FALSE(udpArrives("192.0.2.7", 5000));
     EXPECT_EQ(bind(200), ENOENT);
+}
+
+TEST_F(Reload, ListsThatDoNotFitChangeNothing)
+{
+    ASSERT_EQ(bind(101), 0);
+    rewrite(hugeList(100) + "[[acl]]\nnumber = 101\nfamily = \"ipv4\"\n"
+                            "rules = [\"permit ip 192.0.3.0/24 any\"]\n");
+    EXPECT_EQ(reload(), "couldn't take the new ACLs: those that are bound together do not fit; "
+                        "the ACLs stay as they were\n");
+    EXPECT_FALSE(udpArrives("192.0.2.7", 5000));
+    EXPECT_FALSE(udpArrives("192.0.2.7", 5001));
+    EXPECT_TRUE(udpArrives("192.0.3.7", 5000));
+    EXPECT_TRUE(udpArrives("10.0.0.5", 5000));
+    rewrite(acls);
+    EXPECT_EQ(reload(), "[platform] ACLs are those of " + file->path() + " now\n");
+    for (uint16_t number : {100, 101})
+        EXPECT_EQ(acl_cpudefend_del(nullptr, number, ZYN_HW_OP_DENY, 0, 0, 0), 0);
 }
 
 } // namespace

@@ -6,8 +6,8 @@
 #include <sys/wait.h>
 #include <thread>
 
+#include "acls_on_wire.h"
 #include "counters.h"
-#include "layer_on_wire.h"
 #include "pin_folder.h"
 
 using namespace zynlinux;
@@ -240,6 +240,66 @@ TEST_F(TakeOver, FailedStartOfASuccessorLeavesTheProtectionAsItWas)
               0);
     EXPECT_EQ(start("ports = [\"port0\", \"peer0\"]\n").result, -1);
     EXPECT_FALSE(arpArrives());
+}
+
+TEST_F(TakeOver, SlotWithTheNumberOfAFormerSlotsCountersBeginsAtZero)
+{
+    leaveBehind("[[slot]]\nslot = 3\nports = [\"port0\"]\n", [] {
+        tSlotIndex slot{0, 3, 0};
+        set(&slot, true, arpEntry(0, ZYN_HW_OP_DENY));
+    });
+    auto counted = [] { // the only slot has the first number behind the system's
+        return readCounters(findCounters(protectedPort).get(), 1, CPD_ARP)
+            .value_or(cpd_counters{1, 1, 1, 1});
+    };
+    PacketSocket(peerPort, 0x0806).send(arp, 10);
+    ASSERT_TRUE(within(1s, [&] { return counted().dropped_packets == 10; }));
+    ASSERT_EQ(startOnPort().result, 0);
+    ASSERT_EQ(counted().dropped_packets, 10u);
+    ASSERT_EQ(start("[[slot]]\nslot = 4\nports = [\"port0\"]\n").result, 0);
+    EXPECT_EQ(counted().dropped_packets, 0u);
+    EXPECT_EQ(counted().dropped_octets, 0u);
+    tSlotIndex slot{0, 4, 0};
+    EXPECT_EQ(set(&slot, true, arpEntry(0, ZYN_HW_OP_DENY)), 0);
+    PacketSocket(peerPort, 0x0806).send(arp, 3);
+    EXPECT_TRUE(within(1s, [&] { return counted().dropped_packets == 3; }));
+}
+
+/** Lists that a former daemon bound, and that nobody binds again. */
+class LeftAcls : public AclsOnWire
+{
+protected:
+    void expectInForce()
+    {
+        EXPECT_FALSE(udpArrives("192.0.2.7", 5000));
+        EXPECT_TRUE(udpArrives("192.0.2.7", 5001));
+        EXPECT_TRUE(udpArrives("192.0.3.7", 5000));
+    }
+};
+
+TEST_F(LeftAcls, StayInForceWithASuccessorAndWithTheNextOne)
+{
+    leaveBehind(std::string("ports = [\"port0\"]\n") + acls, [] { bind(100); });
+    expectInForce();
+    for (int i = 0; i < 2; i++) {
+        ASSERT_EQ(startOnPort(acls).result, 0);
+        expectInForce();
+    }
+}
+
+TEST_F(LeftAcls, StayInForceAtASlotWhateverIsBoundElsewhere)
+{
+    const std::string text = std::string(acls) + "[[slot]]\nslot = 3\nports = [\"port0\"]\n"
+                                                 "[[slot]]\nslot = 4\nports = [\"peer0\"]\n";
+    const tSlotIndex slot{0, 3, 0}, other{0, 4, 0};
+    leaveBehind(text, [&] { bind(100, ZYN_HW_OP_DENY, 0, 0, &slot); });
+    expectInForce();
+    for (int i = 0; i < 2; i++) {
+        ASSERT_EQ(start(text).result, 0);
+        expectInForce();
+        EXPECT_EQ(bind(101, ZYN_HW_OP_DENY, 0, 0, &other), 0);
+        expectInForce();
+    }
 }
 
 /** Stop a daemon with a signal, and see what is left. */

@@ -50,6 +50,21 @@ protected:
         rlimit before;
     };
 
+    /** As long as it lives, one descriptor can be had at a time. */
+    struct OneDescriptor {
+        OneDescriptor()
+        {
+            showFailures();
+            getrlimit(RLIMIT_NOFILE, &before);
+            Descriptor lowest(open("/dev/null", O_RDONLY | O_CLOEXEC));
+            rlimit one{static_cast<rlim_t>(lowest.get() + 1), before.rlim_max};
+            lowest = Descriptor();
+            setrlimit(RLIMIT_NOFILE, &one);
+        }
+        ~OneDescriptor() { setrlimit(RLIMIT_NOFILE, &before); }
+        rlimit before;
+    };
+
     static std::string slots(int from, int count)
     {
         std::string text;
@@ -125,6 +140,40 @@ TEST_F(Trouble, EntryThatWasRefusedDoesNotComeInForceLater)
     other.pktType = 0;
     EXPECT_EQ(set(nullptr, true, other), 0);
     EXPECT_TRUE(arpArrives());
+}
+
+TEST_F(Trouble, ChangeThatCouldNotBePutInForceComesInForceByItself)
+{
+    ASSERT_EQ(startOnPort().result, 0);
+    runUntil([] { return true; }); // what the start itself caused
+    zynHwChangeBegin();
+    EXPECT_EQ(set(nullptr, true, arpEntry(0, ZYN_HW_OP_DENY)), 0);
+    {
+        NoDescriptors none;
+        EXPECT_NE(zynHwChangeEnd(), 0);
+    }
+    EXPECT_TRUE(arpArrives());
+    EXPECT_TRUE(runUntil([&] { return !arpArrives(); }));
+}
+
+TEST_F(Trouble, ChangeComesInForceByItselfAlsoWhenItFailsAgainAtFirst)
+{
+    ASSERT_EQ(startOnPort().result, 0);
+    runUntil([] { return true; });
+    zynHwChangeBegin();
+    EXPECT_EQ(set(nullptr, true, arpEntry(0, ZYN_HW_OP_DENY)), 0);
+    {
+        NoDescriptors none;
+        EXPECT_NE(zynHwChangeEnd(), 0);
+    }
+    pollfd ready{zynPlatformFd(), POLLIN, 0};
+    ASSERT_EQ(poll(&ready, 1, 5000), 1);
+    {
+        NoDescriptors none;
+        zynPlatformRun();
+    }
+    EXPECT_TRUE(arpArrives());
+    EXPECT_TRUE(runUntil([&] { return !arpArrives(); }));
 }
 
 TEST_F(Trouble, PortIsNotSetFreeBecauseTheKernelCouldNotBeAsked)
@@ -238,6 +287,28 @@ TEST_F(Trouble, MessageOfAReloadIsTrueWhenThePolicyCouldNotBeMade)
     raise(SIGHUP);
     zynPlatformRun();
     EXPECT_EQ(testing::internal::GetCapturedStderr().find("couldn't"), std::string::npos);
+}
+
+TEST_F(Trouble, TablesOfPoliciesThatCouldNotBeMadeAreGivenBack)
+{
+    PlatformFile file("pin = \"" + pinFolder + "\"\nports = [\"port0\"]\n" + acl + slots(1, 1));
+    ASSERT_EQ(init().result, 0);
+    const tSlotIndex slot{0, 1, 0};
+    ASSERT_EQ(acl_cpudefend_add(nullptr, 100, ZYN_HW_OP_DENY, 0, 0, 0), 0);
+    ASSERT_EQ(acl_cpudefend_add(&slot, 100, ZYN_HW_OP_DENY, 0, 0, 0), 0);
+    runUntil([] { return true; });
+    for (int i = 0; i < 8; i++) {
+        raise(SIGHUP);
+        testing::internal::CaptureStderr();
+        {
+            OneDescriptor one; // enough for the tables and a policy, not for the other's
+            zynPlatformRun();
+        }
+        std::string told = testing::internal::GetCapturedStderr();
+        EXPECT_NE(told.find("couldn't put what was programmed in force"), std::string::npos)
+            << told;
+    }
+    EXPECT_LE(tableSets(), 3);
 }
 
 TEST_F(Trouble, OwnAddressesAreNotForgottenBecauseTheKernelCouldNotBeAsked)

@@ -1,0 +1,45 @@
+/**
+ * Lists of a platform file, bound and tried on the wire.
+ */
+#ifndef ACLS_ON_WIRE_H
+#define ACLS_ON_WIRE_H
+
+#include <arpa/inet.h>
+#include <string>
+#include <vector>
+
+#include "layer_on_wire.h"
+
+constexpr char acls[] = "[[acl]]\nnumber = 100\nfamily = \"ipv4\"\n"
+                        "rules = [\"permit udp 192.0.2.0/24 any port 5000\"]\n"
+                        "[[acl]]\nnumber = 101\nfamily = \"ipv4\"\n"
+                        "rules = [\"deny ip 192.0.2.1 any\", \"permit ip 192.0.2.0/25 any\"]\n";
+
+class AclsOnWire : public LayerOnWire
+{
+protected:
+    static std::vector<uint8_t> udp(const std::string &source, const std::string &destination,
+                                    uint16_t port)
+    {
+        Frame frame(host);
+        frame.ipv4({.protocol = 17, .payloadBytes = 48}).udp(1234, port).zeros(40);
+        std::vector<uint8_t> bytes = frame.bytes();
+        inet_pton(AF_INET, source.c_str(), &bytes[26]);
+        inet_pton(AF_INET, destination.c_str(), &bytes[30]);
+        return bytes;
+    }
+
+    static bool udpArrives(const std::string &source, uint16_t port,
+                           const std::string &destination = "198.51.100.1")
+    {
+        return arrives(udp(source, destination, port), peerPort, protectedPort, 0x0800);
+    }
+
+    static int32_t bind(uint16_t number, uint32_t action = ZYN_HW_OP_DENY, uint32_t cir = 0,
+                        uint32_t cbs = 0, const tSlotIndex *slot = nullptr)
+    {
+        return acl_cpudefend_add(slot, number, action, cir, cbs, cbs);
+    }
+};
+
+#endif
