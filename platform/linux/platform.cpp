@@ -12,6 +12,7 @@
 #include <optional>
 #include <utility>
 
+#include "addresses.h"
 #include "config.h"
 #include "cpuusage.h"
 #include "dataplane.h"
@@ -66,7 +67,6 @@ public:
 private:
     static Protection::Slots slotsOf(const Config &config);
     void warnOfUnusedPorts() const;
-    void lookAtAddresses();
     void reload();
     void handleTime();
     void setAlarm();
@@ -77,18 +77,18 @@ private:
     Config config_;
     PinFolder pins_;
     DataPlane plane_;
+    Addresses addresses_;
     Ports ports_;
     Protection protection_;
     Samples samples_;
     std::optional<Clock::time_point> graceEnd_;
-    bool saidTooManyAddresses_ = false;
 };
 
 std::unique_ptr<Host> host;
 tCpuMeters cpuMeters;
 
 Host::Host(const std::string &file)
-    : file_(file), config_(readConfig(file)), pins_(config_.pin), plane_(pins_),
+    : file_(file), config_(readConfig(file)), pins_(config_.pin), plane_(pins_), addresses_(plane_),
       ports_(config_, plane_, pins_), protection_(plane_, ports_, config_.acls, slotsOf(config_)),
       samples_(plane_.samples())
 {
@@ -96,7 +96,7 @@ Host::Host(const std::string &file)
 
 void Host::start()
 {
-    lookAtAddresses();
+    addresses_.refresh();
     ports_.start();
     protection_.dropFormerSlots();
     protection_.prepare();
@@ -137,14 +137,6 @@ void Host::warnOfUnusedPorts() const
                          "[platform] warning: port %s is in no slot; while a slot has ports, "
                          "nothing is programmed for it\n",
                          port.name.c_str());
-}
-
-void Host::lookAtAddresses()
-{
-    if (!plane_.setAddresses(hostAddresses()) && !std::exchange(saidTooManyAddresses_, true))
-        std::fprintf(stderr,
-                     "[platform] warning: of the host's addresses only %u are known as its own\n",
-                     static_cast<unsigned>(CPD_ADDRESSES));
 }
 
 /** ACLs are taken from the platform file anew; the rest of it counts at the next start. */
@@ -213,7 +205,7 @@ void Host::handleEvents()
         stop();
     if (happened.network) {
         attempt([this] { ports_.refresh(); });
-        attempt([this] { lookAtAddresses(); });
+        attempt([this] { addresses_.refresh(); });
     }
     if (happened.reload)
         reload();

@@ -74,9 +74,6 @@ private:
     bool saidNoTc_ = false;
 };
 
-/** The host's own addresses, and the broadcast addresses of its networks. @throw Failure */
-std::vector<Address> hostAddresses();
-
 } // namespace zynlinux
 
 #endif
