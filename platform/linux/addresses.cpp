@@ -1,17 +1,15 @@
 #include "addresses.h"
 
 #include <cerrno>
-#include <charconv>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <ifaddrs.h>
+#include <ctime>
 #include <memory>
-#include <net/if.h>
-#include <netinet/in.h>
-#include <string>
+#include <sys/socket.h>
 #include <utility>
-#include <vector>
+
+#include <libmnl/libmnl.h>
+#include <linux/rtnetlink.h>
 
 #include "failure.h"
 
@@ -21,84 +19,133 @@ namespace zynlinux
 namespace
 {
 
-Address mapped(in_addr_t address)
+/** Which routes lead to the host itself, by family: addresses of its own and networks that it was
+ *  told to take for such, broadcast addresses of IPv4, anycast addresses. */
+struct OwnRoutes {
+    unsigned char family;
+    unsigned char type;
+};
+constexpr OwnRoutes ownRoutes[] = {
+    {AF_INET, RTN_LOCAL},  {AF_INET, RTN_BROADCAST}, {AF_INET, RTN_ANYCAST},
+    {AF_INET6, RTN_LOCAL}, {AF_INET6, RTN_ANYCAST},
+};
+
+struct CloseSocket {
+    void operator()(mnl_socket *socket) const { mnl_socket_close(socket); }
+};
+using Socket = std::unique_ptr<mnl_socket, CloseSocket>;
+
+Failure askFailure()
 {
-    Address all{};
-    all[10] = all[11] = 0xff;
-    std::memcpy(&all[12], &address, sizeof address);
-    return all;
+    return Failure("ask for the routes to the host itself", errno);
 }
 
-in_addr_t ipv4(const sockaddr *address)
+/** A socket whose requests are answered with what they ask for and nothing else (Linux 4.20). */
+Socket openSocket()
 {
-    return reinterpret_cast<const sockaddr_in *>(address)->sin_addr.s_addr;
+    Socket made(mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC));
+    int on = 1;
+    if (!made || mnl_socket_bind(made.get(), 0, MNL_SOCKET_AUTOPID) != 0 ||
+        mnl_socket_setsockopt(made.get(), NETLINK_GET_STRICT_CHK, &on, sizeof on) != 0)
+        throw askFailure();
+    return made;
 }
 
-/** An address, and those that all hosts of its network listen to: the configured one, and that of
- *  all ones, which a network of two hosts does not have (RFC 3021). */
-void addIpv4(std::vector<Address> &addresses, const ifaddrs &entry)
+/** Of IPv4 as mapped into IPv6. */
+Prefix prefixOf(const rtmsg &route, const nlattr *destination)
 {
-    in_addr_t address = ipv4(entry.ifa_addr);
-    addresses.push_back(mapped(address));
-    if (!(entry.ifa_flags & IFF_BROADCAST) || !entry.ifa_netmask)
-        return;
-    if (entry.ifa_broadaddr)
-        addresses.push_back(mapped(ipv4(entry.ifa_broadaddr)));
-    in_addr_t hosts = ~ipv4(entry.ifa_netmask);
-    if (ntohl(hosts) > 1)
-        addresses.push_back(mapped(address | hosts));
+    const bool v4 = route.rtm_family == AF_INET;
+    const uint32_t at = v4 ? 12 : 0;
+    Prefix prefix;
+    prefix.bits = route.rtm_dst_len + 8 * at;
+    if (v4)
+        prefix.address[10] = prefix.address[11] = 0xff;
+    const size_t room = prefix.address.size() - at;
+    if (destination && mnl_attr_get_payload_len(destination) == room)
+        std::memcpy(&prefix.address[at], mnl_attr_get_payload(destination), room);
+    return prefix;
 }
 
-Address ipv6(const sockaddr *address)
+int takeDestination(const nlattr *attribute, void *destination)
 {
-    Address all;
-    std::memcpy(all.data(), &reinterpret_cast<const sockaddr_in6 *>(address)->sin6_addr,
-                all.size());
-    return all;
+    if (mnl_attr_get_type(attribute) == RTA_DST)
+        *static_cast<const nlattr **>(destination) = attribute;
+    return MNL_CB_OK;
 }
 
-/** Anycast addresses, as a router has one for each of its networks (RFC 4291, 2.6.1). */
-void addAnycast(std::vector<Address> &addresses)
+/** One route of an answer. The kernel need not have looked at the type that was asked for. */
+int takeRoute(const nlmsghdr *message, void *own)
 {
-    std::ifstream list("/proc/self/net/anycast6");
-    std::string index, port, digits, users;
-    while (list >> index >> port >> digits >> users) {
-        Address address{};
-        if (digits.size() != 2 * address.size())
-            continue;
-        for (size_t i = 0; i < address.size(); i++)
-            std::from_chars(&digits[2 * i], &digits[2 * i + 2], address[i], 16);
-        addresses.push_back(address);
+    const auto *route = static_cast<const rtmsg *>(mnl_nlmsg_get_payload(message));
+    const bool wanted = route->rtm_type == RTN_LOCAL || route->rtm_type == RTN_BROADCAST ||
+                        route->rtm_type == RTN_ANYCAST;
+    const nlattr *destination = nullptr;
+    mnl_attr_parse(message, sizeof *route, takeDestination, &destination);
+    if (wanted)
+        static_cast<Prefixes *>(own)->insert(prefixOf(*route, destination));
+    return MNL_CB_OK;
+}
+
+void ask(mnl_socket *socket, const OwnRoutes &which, unsigned sequence)
+{
+    char buffer[MNL_NLMSG_HDRLEN + MNL_ALIGN(sizeof(rtmsg))];
+    nlmsghdr *request = mnl_nlmsg_put_header(buffer);
+    request->nlmsg_type = RTM_GETROUTE;
+    request->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    request->nlmsg_seq = sequence;
+    auto *route = static_cast<rtmsg *>(mnl_nlmsg_put_extra_header(request, sizeof(rtmsg)));
+    route->rtm_family = which.family;
+    route->rtm_type = which.type;
+    if (mnl_socket_sendto(socket, request, request->nlmsg_len) < 0)
+        throw askFailure();
+}
+
+/** Read the answer to its end. @return false when the tables changed meanwhile */
+bool read(mnl_socket *socket, unsigned sequence, Prefixes &own)
+{
+    static char buffer[32'768]; // what the kernel fills for a dump at most
+    int more = MNL_CB_OK;
+    while (more > MNL_CB_STOP) {
+        ssize_t got = mnl_socket_recvfrom(socket, buffer, sizeof buffer);
+        if (got < 0)
+            throw askFailure();
+        more = mnl_cb_run(buffer, static_cast<size_t>(got), sequence, mnl_socket_get_portid(socket),
+                          takeRoute, &own);
     }
+    if (more < 0 && errno != EINTR)
+        throw askFailure();
+    return more >= 0;
 }
 
-/** The host's own addresses, and the broadcast addresses of its networks. @throw Failure */
-std::vector<Address> hostAddresses()
+/** Where the kernel has no IPv6, nothing of it is its own. @return false as read() */
+bool tryToRead(Prefixes &own)
 {
-    std::vector<Address> addresses;
-    ifaddrs *first = nullptr;
-    if (getifaddrs(&first) != 0)
-        throw Failure("ask for the host's addresses", errno);
-    std::unique_ptr<ifaddrs, void (*)(ifaddrs *)> owner(first, freeifaddrs);
-    for (const ifaddrs *each = first; each; each = each->ifa_next) {
-        if (!each->ifa_addr)
-            continue;
-        if (each->ifa_addr->sa_family == AF_INET)
-            addIpv4(addresses, *each);
-        else if (each->ifa_addr->sa_family == AF_INET6)
-            addresses.push_back(ipv6(each->ifa_addr));
+    Socket socket = openSocket();
+    unsigned sequence = 0;
+    for (const OwnRoutes &which : ownRoutes) {
+        ask(socket.get(), which, ++sequence);
+        if (!read(socket.get(), sequence, own))
+            return false;
     }
-    addAnycast(addresses);
-    return addresses;
+    return true;
+}
+
+Prefixes readOwn()
+{
+    for (int tries = 0; tries < 4; tries++)
+        if (Prefixes own; tryToRead(own))
+            return own;
+    throw Failure("ask for the routes to the host itself", "they keep changing");
 }
 
 } // namespace
 
 void Addresses::refresh()
 {
-    if (!plane_.setAddresses(hostAddresses()) && !std::exchange(saidTooMany_, true))
+    if (!plane_.setOwn(readOwn()) && !std::exchange(saidTooMany_, true))
         std::fprintf(stderr,
-                     "[platform] warning: of the host's addresses only %u are known as its own\n",
+                     "[platform] warning: of what is the host's own only %u addresses and as many "
+                     "networks are known\n",
                      static_cast<unsigned>(CPD_ADDRESSES));
 }
 

@@ -15,8 +15,8 @@ public:
     /** @param plane must outlast this object */
     explicit Addresses(DataPlane &plane) : plane_(plane) {}
 
-    /** Tell the packet program the addresses of this moment. Says once that there are too many.
-     *  @throw Failure with those told before kept */
+    /** Tell the packet program what the kernel's routing tables deliver to the host at this moment.
+     *  Says once that it is too much. @throw Failure with what was told before kept */
     void refresh();
 
 private:

@@ -237,6 +237,8 @@ void Reader::readKey(Config &config, const toml::key &key, const toml::node &val
         config.grace = readNumber("grace", value, 0, graceMax);
     else if (key == "on_stop")
         config.onStop = readChoice("on_stop", value, stops);
+    else if (key == "unread_pps")
+        config.unreadPps = readNumber("unread_pps", value, 0, UINT32_MAX);
     else if (key == "acl")
         readAcls(config, value);
     else

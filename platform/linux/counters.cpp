@@ -82,7 +82,7 @@ bool readSum(int map, uint32_t key, cpd_counters *sum)
 std::optional<cpd_counters> readCounters(int map, uint32_t target, uint32_t type)
 {
     cpd_counters sum;
-    bool read = readSum(map, cpd_stats_index(target, static_cast<int>(type)), &sum);
+    bool read = readSum(map, cpd_stats_index(target, type), &sum);
     return read ? std::optional(sum) : std::nullopt;
 }
 
@@ -90,7 +90,7 @@ std::vector<cpd_counters> readCounters(int map, uint32_t target)
 {
     std::vector<cpd_counters> sums(CPD_TYPES);
     for (uint32_t type = 0; type < CPD_TYPES; type++)
-        if (!readSum(map, cpd_stats_index(target, static_cast<int>(type)), &sums[type]))
+        if (!readSum(map, cpd_stats_index(target, type), &sums[type]))
             return {};
     return sums;
 }

@@ -25,7 +25,7 @@ constexpr char countersMapName[] = "cpudefend_stats";
 Descriptor findCounters(const char *port);
 
 /**
- * Read those of one packet type, summed over the CPUs.
+ * Read those of one packet type, or of CPD_UNREAD or CPD_NO_TYPE, summed over the CPUs.
  * @param map    DataPlane::counters() or the result of findCounters
  * @param target 0 for the system, else a slot's number
  * @return nothing when that failed

@@ -5,8 +5,8 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
-#include <set>
 #include <sys/mman.h>
 
 #include <bpf/bpf.h>
@@ -117,6 +117,7 @@ DataPlane::DataPlane(const PinFolder &pins)
     int info = bpf_map__fd(skeleton_->maps.cpudefend_info);
     if (takenOver_) {
         check(bpf_map_lookup_elem(info, &onlyElement, info_.get()), "read what was left pinned");
+        own_ = readOwn();
         return;
     }
     info_->layout = CPD_LAYOUT;
@@ -236,12 +237,13 @@ bool DataPlane::hasTables(uint32_t set) const
     return bpf_map_lookup_elem(bpf_map__fd(skeleton_->maps.cpudefend_acls), &set, &id) == 0;
 }
 
-void DataPlane::placePort(uint32_t ifindex, uint32_t target)
+void DataPlane::placePort(uint32_t ifindex, uint32_t target, bool segments)
 {
-    check(bpf_map_update_elem(bpf_map__fd(skeleton_->maps.cpudefend_ports), &ifindex, &target,
-                              BPF_ANY),
-          "say which slot a port is in");
-    check(placeNear(ifindex, target + 1), "say which slot a port is in");
+    const uint32_t port = cpd_port(target, segments);
+    check(
+        bpf_map_update_elem(bpf_map__fd(skeleton_->maps.cpudefend_ports), &ifindex, &port, BPF_ANY),
+        "say which slot a port is in");
+    check(placeNear(ifindex, port), "say which slot a port is in");
 }
 
 void DataPlane::forgetPort(uint32_t ifindex)
@@ -250,33 +252,83 @@ void DataPlane::forgetPort(uint32_t ifindex)
     bpf_map_delete_elem(bpf_map__fd(skeleton_->maps.cpudefend_ports), &ifindex);
 }
 
-/** Where the program looks first. @param place the target, counted from 1; 0: nowhere here */
-int DataPlane::placeNear(uint32_t ifindex, __u32 place)
+/** Where the program looks first. @param port as cpd_port() makes it; 0: nowhere here */
+int DataPlane::placeNear(uint32_t ifindex, __u32 port)
 {
     if (ifindex >= CPD_NEAR)
         return 0;
-    return bpf_map_update_elem(bpf_map__fd(skeleton_->maps.cpudefend_near), &ifindex, &place,
+    return bpf_map_update_elem(bpf_map__fd(skeleton_->maps.cpudefend_near), &ifindex, &port,
                                BPF_ANY);
 }
 
-bool DataPlane::setAddresses(const std::vector<Address> &addresses)
+namespace
 {
-    int map = bpf_map__fd(skeleton_->maps.cpudefend_local);
-    const uint8_t present = 1;
-    std::set<Address> wanted(addresses.begin(), addresses.end());
-    std::vector<Address> stale;
-    Address key;
-    for (int result = bpf_map_get_next_key(map, nullptr, key.data()); result == 0;
-         result = bpf_map_get_next_key(map, key.data(), key.data()))
-        if (!wanted.contains(key))
-            stale.push_back(key);
-    for (const Address &each : stale)
-        bpf_map_delete_elem(map, each.data());
 
-    bool all = true;
-    for (const Address &each : wanted)
-        all = bpf_map_update_elem(map, each.data(), &present, BPF_ANY) == 0 && all;
-    return all;
+constexpr uint8_t present = 1;
+
+/** The key of a network; its address, behind the number of bits, is the one of a single address. */
+cpd_prefix keyOf(const Prefix &prefix)
+{
+    cpd_prefix key{};
+    key.bits = prefix.bits;
+    std::memcpy(&key.address, prefix.address.data(), sizeof key.address);
+    return key;
+}
+
+const void *keyIn(const Prefix &prefix, const cpd_prefix &key)
+{
+    return prefix.bits == CPD_ADDRESS_BITS ? static_cast<const void *>(&key.address) : &key;
+}
+
+/** All keys of a map. */
+template <class Key> std::vector<Key> keysOf(int map)
+{
+    std::vector<Key> keys;
+    Key key;
+    for (int result = bpf_map_get_next_key(map, nullptr, &key); result == 0;
+         result = bpf_map_get_next_key(map, &key, &key))
+        keys.push_back(key);
+    return keys;
+}
+
+} // namespace
+
+int DataPlane::ownMap(const Prefix &prefix) const
+{
+    return bpf_map__fd(prefix.bits == CPD_ADDRESS_BITS ? skeleton_->maps.cpudefend_local
+                                                       : skeleton_->maps.cpudefend_nets);
+}
+
+/** What a former daemon told. */
+Prefixes DataPlane::readOwn() const
+{
+    Prefixes own;
+    for (const Address &each : keysOf<Address>(bpf_map__fd(skeleton_->maps.cpudefend_local)))
+        own.insert({CPD_ADDRESS_BITS, each});
+    for (const cpd_prefix &each : keysOf<cpd_prefix>(bpf_map__fd(skeleton_->maps.cpudefend_nets))) {
+        Prefix prefix{each.bits, {}};
+        std::memcpy(prefix.address.data(), &each.address, sizeof each.address);
+        own.insert(prefix);
+    }
+    return own;
+}
+
+bool DataPlane::setOwn(const Prefixes &prefixes)
+{
+    std::erase_if(own_, [&](const Prefix &each) {
+        const cpd_prefix key = keyOf(each);
+        const bool stale = !prefixes.contains(each);
+        if (stale)
+            bpf_map_delete_elem(ownMap(each), keyIn(each, key));
+        return stale;
+    });
+    for (const Prefix &each : prefixes) {
+        const cpd_prefix key = keyOf(each);
+        if (!own_.contains(each) &&
+            bpf_map_update_elem(ownMap(each), keyIn(each, key), &present, BPF_ANY) == 0)
+            own_.insert(each);
+    }
+    return own_.size() == prefixes.size();
 }
 
 void DataPlane::clearCounters(uint32_t target)
@@ -284,7 +336,7 @@ void DataPlane::clearCounters(uint32_t target)
     std::vector<cpd_stats> zeros(static_cast<size_t>(std::max(0, libbpf_num_possible_cpus())));
     if (zeros.empty())
         return;
-    for (int type = CPD_NO_TYPE; type < CPD_TYPES; type++) {
+    for (uint32_t type = 0; type < CPD_STATS_EACH; type++) {
         uint32_t index = cpd_stats_index(target, type);
         bpf_map_update_elem(counters(), &index, zeros.data(), BPF_ANY);
     }

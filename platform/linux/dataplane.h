@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,14 @@ namespace zynlinux
 
 /** An address as the program looks it up: IPv6, or IPv4 mapped into it (RFC 4291, 2.5.5.2). */
 using Address = std::array<uint8_t, 16>;
+
+/** A network, down to a single address. */
+struct Prefix {
+    uint32_t bits = 0; /**< that count, 8 * sizeof(Address) at most */
+    Address address{};
+    auto operator<=>(const Prefix &) const = default;
+};
+using Prefixes = std::set<Prefix>;
 
 /** Tables that the program looks ACL entries up in; written while no policy refers to them. */
 struct UnmapTables {
@@ -91,15 +100,20 @@ public:
     void dropTables(uint32_t set);
     bool hasTables(uint32_t set) const;
 
-    /** Which target a port belongs to; it is the system without being told. @throw Failure */
-    void placePort(uint32_t ifindex, uint32_t target);
+    /**
+     * Which target a port belongs to; it is the system without being told.
+     * @param segments whether its frames may hold several packets, which the program behind has to
+     *                 judge then
+     * @throw Failure
+     */
+    void placePort(uint32_t ifindex, uint32_t target, bool segments);
     void forgetPort(uint32_t ifindex);
 
     /**
-     * The host's own addresses, in place of those told before.
+     * What is addressed to the host itself, in place of what was told before.
      * @return whether there was room for all
      */
-    bool setAddresses(const std::vector<Address> &addresses);
+    bool setOwn(const Prefixes &prefixes);
 
     /** Begin the counters of a target anew. */
     void clearCounters(uint32_t target);
@@ -113,13 +127,16 @@ public:
 private:
     void load(const PinFolder &pins);
     int newPolicy(const cpd_policy &policy) const;
-    int placeNear(uint32_t ifindex, __u32 place);
+    int placeNear(uint32_t ifindex, __u32 port);
+    int ownMap(const Prefix &prefix) const;
+    Prefixes readOwn() const;
 
     std::unique_ptr<cpudefend_bpf, void (*)(cpudefend_bpf *)> skeleton_;
     std::unique_ptr<cpd_info> info_;
     bool takenOver_ = false;
     uint32_t programId_ = 0;
     cpd_policer *policers_ = nullptr;
+    Prefixes own_; /**< what the program has been told */
 };
 
 } // namespace zynlinux

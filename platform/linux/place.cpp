@@ -31,9 +31,18 @@ template <class Next> uint64_t replace(__u64 &shared, Next next)
     return seen;
 }
 
-bool isUsed(const cpd_settings &settings)
+constexpr uint32_t policers = CPD_RULE_PACKETS | CPD_RULE_BYTES;
+
+bool has(const Held &held, int kind)
 {
-    return settings.cost != 0;
+    return held.kinds & policedFlags[kind];
+}
+
+/** Of a policer that is charged, the kind from which one of this kind takes over, and how. */
+std::pair<int, Carry> source(const Held &held, int kind)
+{
+    static_assert(CPD_KINDS == 2);
+    return has(held, kind) ? std::pair(kind, Carry::Tokens) : std::pair(1 - kind, Carry::Share);
 }
 
 bool sameRates(const cpd_settings &a, const cpd_settings &b)
@@ -82,31 +91,34 @@ Holder holderOf(const uint16_t *numbers, uint32_t position)
 Draft::~Draft()
 {
     for (const Successor &each : successors_) // moved from or settled, there are none
-        place_->pool_->release(each.after);
+        place_->pool_->release(each.after.policer);
 }
 
 bool Draft::rulesAnything() const
 {
-    return policy_.acl_count != 0 || std::any_of(std::begin(policy_.types), std::end(policy_.types),
+    return policy_.acl_count != 0 || std::any_of(policy_.types, policy_.types + CPD_TYPES,
                                                  [](const cpd_rule &rule) { return rule.flags; });
 }
 
 void Draft::moveTokens(uint64_t now)
 {
     for (Successor &each : successors_) {
-        cpd_policer &after = (*place_->pool_)[each.after];
-        cpd_policer *before = each.before != 0 ? &(*place_->pool_)[each.before] : nullptr;
+        cpd_policer &before = (*place_->pool_)[each.before.policer];
+        cpd_policer &after = (*place_->pool_)[each.after.policer];
+        std::array<uint64_t, CPD_KINDS> had{};
+        for (int kind = 0; kind < CPD_KINDS; kind++) {
+            if (!has(each.before, kind))
+                continue;
+            const cpd_settings &settings = before.settings[kind];
+            each.drained[kind] = cpd_units(now, &settings) + settings.depth;
+            had[kind] = replace(before.word[kind], [&](uint64_t) { return each.drained[kind]; });
+        }
         for (int kind = 0; kind < CPD_KINDS; kind++) {
             const cpd_settings &to = after.settings[kind];
-            if (!before || !isUsed(before->settings[kind])) {
-                after.word[kind] = cpd_units(now, &to); // full
-                continue;
-            }
-            const cpd_settings &from = before->settings[kind];
-            each.drained[kind] = cpd_units(now, &from) + from.depth;
-            uint64_t had =
-                replace(before->word[kind], [&](uint64_t) { return each.drained[kind]; });
-            after.word[kind] = carryOver(had, from, to, now);
+            const auto [from, carry] = source(each.before, kind);
+            after.word[kind] = each.before.policer == 0
+                                   ? cpd_units(now, &to) // full
+                                   : carryOver(had[from], before.settings[from], to, now, carry);
         }
     }
 }
@@ -114,15 +126,15 @@ void Draft::moveTokens(uint64_t now)
 void Draft::undo(uint64_t now)
 {
     for (const Successor &each : successors_) {
-        if (each.before == 0)
-            continue;
-        cpd_policer &before = (*place_->pool_)[each.before];
-        cpd_policer &after = (*place_->pool_)[each.after];
+        cpd_policer &before = (*place_->pool_)[each.before.policer];
+        cpd_policer &after = (*place_->pool_)[each.after.policer];
         for (int kind = 0; kind < CPD_KINDS; kind++) {
-            const cpd_settings &settings = before.settings[kind];
-            if (!isUsed(settings))
+            if (!has(each.before, kind))
                 continue;
-            uint64_t left = carryOver(read(after.word[kind]), after.settings[kind], settings, now);
+            const cpd_settings &settings = before.settings[kind];
+            const auto [from, carry] = source(each.after, kind);
+            uint64_t left =
+                carryOver(read(after.word[from]), after.settings[from], settings, now, carry);
             replace(before.word[kind], [&](uint64_t word) {
                 return chargeLate(left, settings, {settings, each.drained[kind], word}, now);
             });
@@ -132,13 +144,14 @@ void Draft::undo(uint64_t now)
 
 void Draft::charge(const Successor &successor, uint64_t now)
 {
-    cpd_policer &before = (*place_->pool_)[successor.before];
-    cpd_policer &after = (*place_->pool_)[successor.after];
+    cpd_policer &before = (*place_->pool_)[successor.before.policer];
+    cpd_policer &after = (*place_->pool_)[successor.after.policer];
     for (int kind = 0; kind < CPD_KINDS; kind++) {
-        const LateUse use{before.settings[kind], successor.drained[kind], read(before.word[kind])};
-        if (isUsed(use.settings) && use.wordNow != use.wordThen)
-            replace(after.word[kind], [&](uint64_t word) {
-                return chargeLate(word, after.settings[kind], use, now);
+        const auto [from, carry] = source(successor.before, kind);
+        const LateUse use{before.settings[from], successor.drained[from], read(before.word[from])};
+        if (has(successor.after, kind) && use.wordNow != use.wordThen)
+            replace(after.word[kind], [&, how = carry](uint64_t word) {
+                return chargeLate(word, after.settings[kind], use, now, how);
             });
     }
 }
@@ -146,9 +159,9 @@ void Draft::charge(const Successor &successor, uint64_t now)
 void Draft::settle(uint64_t now)
 {
     for (const Successor &each : successors_) {
-        if (each.before != 0) {
+        if (each.before.policer != 0) {
             charge(each, now);
-            place_->pool_->release(each.before);
+            place_->pool_->release(each.before.policer);
         }
         place_->held_[each.holder] = each.after;
     }
@@ -186,23 +199,24 @@ std::vector<uint16_t> Place::aclNumbers() const
 uint32_t Place::policer(Draft &draft, const Holder &holder, uint32_t flags,
                         const cpd_settings (&wanted)[CPD_KINDS])
 {
-    auto held = held_.find(holder);
-    uint32_t before = held == held_.end() ? 0 : held->second;
-    bool fits = before != 0;
-    for (int kind = 0; kind < CPD_KINDS; kind++)
-        if (flags & policedFlags[kind])
-            fits = fits && sameRates((*pool_)[before].settings[kind], wanted[kind]);
+    const auto held = held_.find(holder);
+    const Held before = held == held_.end() ? Held{} : held->second;
+    Held after{before.policer, flags & policers};
+    bool fits = before.policer != 0 && before.kinds == after.kinds;
+    for (int kind = 0; fits && kind < CPD_KINDS; kind++)
+        fits =
+            !has(after, kind) || sameRates((*pool_)[before.policer].settings[kind], wanted[kind]);
     if (fits)
-        return before;
+        return before.policer;
 
-    uint32_t index = pool_->take();
-    draft.successors_.push_back({holder, before, index, {}});
-    const cpd_policer former = before != 0 ? (*pool_)[before] : cpd_policer{};
+    after.policer = pool_->take();
+    draft.successors_.push_back({holder, before, after, {}});
     cpd_policer next{};
     for (int kind = 0; kind < CPD_KINDS; kind++)
-        next.settings[kind] = flags & policedFlags[kind] ? wanted[kind] : former.settings[kind];
-    (*pool_)[index] = next;
-    return index;
+        if (has(after, kind))
+            next.settings[kind] = wanted[kind];
+    (*pool_)[after.policer] = next;
+    return after.policer;
 }
 
 cpd_rule Place::rule(Draft &draft, const Holder &holder, const tHwCpuDefendPktCarEntry &entry)
@@ -231,6 +245,16 @@ cpd_rule Place::rule(Draft &draft, const Holder &holder, const layer::tAclSettin
     return rule;
 }
 
+/** What cannot be judged is limited wherever anything is. */
+cpd_rule Place::unreadRule(Draft &draft)
+{
+    if (unreadPps_ == 0)
+        return {CPD_RULE_DENY, 0, 0, 0, 0};
+    const uint32_t index = policer(draft, {Holder::Type, CPD_UNREAD, 0}, CPD_RULE_PACKETS,
+                                   {packetSettings(unreadPps_), cpd_settings{}});
+    return {CPD_RULE_PACKETS, 0, 0, 0, index};
+}
+
 Draft Place::draft()
 {
     Draft draft(*this);
@@ -244,16 +268,18 @@ Draft Place::draft()
         policy.acl_number[position] = acl.acl;
         policy.acls[position] = rule(draft, holderOf(policy.acl_number, position), acl);
     }
+    if (draft.rulesAnything())
+        policy.types[CPD_UNREAD] = unreadRule(draft);
     return draft;
 }
 
 void Place::inherit(const cpd_policy &policy)
 {
     auto take = [this](const Holder &holder, const cpd_rule &rule) {
-        if (rule.flags & (CPD_RULE_PACKETS | CPD_RULE_BYTES) && pool_->take(rule.policer))
-            held_[holder] = rule.policer;
+        if (rule.flags & policers && pool_->take(rule.policer))
+            held_[holder] = {rule.policer, rule.flags & policers};
     };
-    for (uint16_t type = 0; type < CPD_TYPES; type++)
+    for (uint16_t type = 0; type < CPD_RULES; type++)
         take({Holder::Type, type, 0}, policy.types[type]);
     for (uint32_t i = 0; i < std::min<uint32_t>(policy.acl_count, CPD_ACLS); i++)
         take(holderOf(policy.acl_number, i), policy.acls[i]);
@@ -266,9 +292,9 @@ void Place::forgetIdleAcls(const cpd_policy &policy)
         return std::any_of(policy.acls, policy.acls + policy.acl_count,
                            [&](const cpd_rule &rule) { return rule.policer == index; });
     };
-    for (auto each = held_.begin(); each != held_.end() && held_.size() > CPD_TYPES + CPD_ACLS;) {
-        if (each->first.kind == Holder::Acl && !inUse(each->second)) {
-            pool_->release(each->second);
+    for (auto each = held_.begin(); each != held_.end() && held_.size() > CPD_RULES + CPD_ACLS;) {
+        if (each->first.kind == Holder::Acl && !inUse(each->second.policer)) {
+            pool_->release(each->second.policer);
             each = held_.erase(each);
         } else {
             ++each;

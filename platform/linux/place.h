@@ -19,12 +19,19 @@
 namespace zynlinux
 {
 
-/** Whom a policer belongs to, as long as it lasts: a packet type, or the nth entry of an ACL. */
+/** Whom a policer belongs to, as long as it lasts: a packet type (the unread as one of them), or
+ * the nth entry of an ACL. */
 struct Holder {
     enum Kind : uint8_t { Type, Acl } kind;
     uint16_t number;
     uint16_t nth;
     auto operator<=>(const Holder &) const = default;
+};
+
+/** A policer of somebody's; 0: none. */
+struct Held {
+    uint32_t policer = 0;
+    uint32_t kinds = 0; /**< CPD_RULE_*: which of the pair packets are, or were last, charged to */
 };
 
 class Place;
@@ -73,8 +80,8 @@ private:
 
     struct Successor {
         Holder holder;
-        uint32_t before; /**< 0: none */
-        uint32_t after;
+        Held before;
+        Held after;
         std::array<uint64_t, CPD_KINDS> drained; /**< words of the one before, without its tokens */
     };
 
@@ -89,7 +96,9 @@ private:
 class Place
 {
 public:
-    explicit Place(PolicerPool &pool) : pool_(&pool) {}
+    /** @param unreadPps what packets that cannot be judged are limited to, in packets/s; 0 drops
+     *  them. That is in force while anything is. */
+    explicit Place(PolicerPool &pool, uint32_t unreadPps) : pool_(&pool), unreadPps_(unreadPps) {}
 
     CarTable cars;
     std::vector<layer::tAclSetting> acls; /**< in the order programmed */
@@ -113,12 +122,14 @@ private:
 
     cpd_rule rule(Draft &draft, const Holder &holder, const tHwCpuDefendPktCarEntry &entry);
     cpd_rule rule(Draft &draft, const Holder &holder, const layer::tAclSetting &acl);
+    cpd_rule unreadRule(Draft &draft);
     uint32_t policer(Draft &draft, const Holder &holder, uint32_t flags,
                      const cpd_settings (&wanted)[CPD_KINDS]);
     void forgetIdleAcls(const cpd_policy &policy);
 
     PolicerPool *pool_;
-    std::map<Holder, uint32_t> held_; /**< also of what is no longer in force: no second burst */
+    uint32_t unreadPps_;
+    std::map<Holder, Held> held_; /**< also of what is no longer in force: no second burst */
 };
 
 } // namespace zynlinux

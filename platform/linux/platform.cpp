@@ -89,7 +89,8 @@ tCpuMeters cpuMeters;
 
 Host::Host(const std::string &file)
     : file_(file), config_(readConfig(file)), pins_(config_.pin), plane_(pins_), addresses_(plane_),
-      ports_(config_, plane_, pins_), protection_(plane_, ports_, config_.acls, slotsOf(config_)),
+      ports_(config_, plane_, pins_),
+      protection_(plane_, ports_, config_.acls, slotsOf(config_), config_.unreadPps),
       samples_(plane_.samples())
 {
 }

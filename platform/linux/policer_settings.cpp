@@ -71,27 +71,34 @@ namespace
 {
 
 /** A time in the units of one policer as what it is worth in those of another. */
-uint64_t convert(uint64_t units, const cpd_settings &from, const cpd_settings &to)
+uint64_t convert(uint64_t units, const cpd_settings &from, const cpd_settings &to, Carry carry)
 {
-    return static_cast<uint64_t>(std::min<Wide>(Wide{units} * to.cost / from.cost, to.depth));
+    const bool tokens = carry == Carry::Tokens;
+    const Wide whole = tokens ? from.cost : from.depth;
+    if (whole == 0)
+        return 0;
+    return static_cast<uint64_t>(
+        std::min<Wide>(Wide{units} * (tokens ? to.cost : to.depth) / whole, to.depth));
 }
 
 } // namespace
 
 uint64_t carryOver(uint64_t word, const cpd_settings &before, const cpd_settings &after,
-                   uint64_t now)
+                   uint64_t now, Carry carry)
 {
     uint64_t credit = before.depth - std::min(before.depth, cpd_debt(word, &before, now));
-    return cpd_units(now, &after) + after.depth - convert(credit, before, after);
+    return cpd_units(now, &after) + after.depth - convert(credit, before, after, carry);
 }
 
-uint64_t chargeLate(uint64_t word, const cpd_settings &settings, const LateUse &use, uint64_t now)
+uint64_t chargeLate(uint64_t word, const cpd_settings &settings, const LateUse &use, uint64_t now,
+                    Carry carry)
 {
     uint64_t unused = cpd_debt(use.wordThen, &use.settings, now);
     uint64_t used = cpd_debt(use.wordNow, &use.settings, now);
     if (used <= unused)
         return word;
-    uint64_t debt = cpd_debt(word, &settings, now) + convert(used - unused, use.settings, settings);
+    uint64_t debt =
+        cpd_debt(word, &settings, now) + convert(used - unused, use.settings, settings, carry);
     return cpd_units(now, &settings) + std::min<uint64_t>(debt, settings.depth);
 }
 

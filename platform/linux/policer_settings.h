@@ -27,16 +27,22 @@ cpd_settings packetSettings(uint32_t pps);
  */
 cpd_settings byteSettings(uint32_t cir, uint32_t cbs);
 
+/** What a policer takes over from another one. */
+enum class Carry {
+    Tokens, /**< as many as there are, as far as they fit: it is of the same kind */
+    Share,  /**< the same part of a full bucket: it is of the other kind */
+};
+
 /**
- * The state with which a policer goes on under new settings: as many tokens as it had, as far as
- * they fit, so that a change never gives a second burst.
+ * The state with which a policer goes on under new settings, so that a change never gives a second
+ * burst.
  *
  * @param word state under the old settings, read before @a now
  * @param now  ns of the monotonic clock
  * @return the word under the new settings
  */
 uint64_t carryOver(uint64_t word, const cpd_settings &before, const cpd_settings &after,
-                   uint64_t now);
+                   uint64_t now, Carry carry = Carry::Tokens);
 
 /** What a policer was charged between two readings of its word. */
 struct LateUse {
@@ -50,7 +56,8 @@ struct LateUse {
  * had been carried over. A bucket does not get emptier than empty.
  * @param now read after all the words
  */
-uint64_t chargeLate(uint64_t word, const cpd_settings &settings, const LateUse &use, uint64_t now);
+uint64_t chargeLate(uint64_t word, const cpd_settings &settings, const LateUse &use, uint64_t now,
+                    Carry carry = Carry::Tokens);
 
 } // namespace zynlinux
 

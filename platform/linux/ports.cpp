@@ -158,7 +158,7 @@ Descriptor Ports::attach(const PortConfig &port, uint32_t ifindex) const
 void Ports::protect(const PortConfig &port, uint32_t ifindex)
 {
     Descriptor made = takeOver(ifindex);
-    plane_.placePort(ifindex, targetOf(plane_.info(), port.sys, port.slot));
+    plane_.placePort(ifindex, targetOf(plane_.info(), port.sys, port.slot), false);
     if (made.get() >= 0)
         sayProtected(port, modeOf(ifindex), plane_.takenOver() ? ", as it was left" : "");
     else

@@ -31,9 +31,10 @@ int32_t refuse(uint16_t acl, int32_t code, const char *reason)
 
 } // namespace
 
-Protection::Protection(DataPlane &plane, Ports &ports, AclLists lists, const Slots &slots)
+Protection::Protection(DataPlane &plane, Ports &ports, AclLists lists, const Slots &slots,
+                       uint32_t unreadPps)
     : plane_(plane), ports_(ports), lists_(std::move(lists)), tables_(plane, lists_),
-      pool_(plane.policers())
+      pool_(plane.policers()), unreadPps_(unreadPps)
 {
     makeSite(systemTarget);
     for (const auto &slot : slots)
@@ -70,7 +71,7 @@ uint32_t Protection::claim(const std::pair<uint32_t, uint32_t> &slot, const Slot
 /** Have a place, and know what was left in force there. */
 void Protection::makeSite(uint32_t target)
 {
-    Site &site = sites_.try_emplace(target, pool_).first->second;
+    Site &site = sites_.try_emplace(target, pool_, unreadPps_).first->second;
     const cpd_place &left = plane_.info().targets[target];
     if (!left.in_force)
         return;

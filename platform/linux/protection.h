@@ -35,9 +35,11 @@ public:
     /**
      * Have a place for the system and one for each slot, with what was left in force there.
      * Plane and ports must outlast this object.
+     * @param unreadPps see Place
      * @throw Failure
      */
-    Protection(DataPlane &plane, Ports &ports, AclLists lists, const Slots &slots);
+    Protection(DataPlane &plane, Ports &ports, AclLists lists, const Slots &slots,
+               uint32_t unreadPps);
 
     /** Do beforehand what would take time when something is bound. */
     void prepare();
@@ -76,7 +78,7 @@ public:
 
 private:
     struct Site {
-        explicit Site(PolicerPool &pool) : place(pool) {}
+        Site(PolicerPool &pool, uint32_t unreadPps) : place(pool, unreadPps) {}
 
         Place place;
         bool inherited = false; /**< in force is what a former daemon left */
@@ -106,6 +108,7 @@ private:
     AclLists lists_;
     TableSets tables_;
     PolicerPool pool_;
+    uint32_t unreadPps_;
     std::map<uint32_t, Site> sites_; /**< by target */
     bool inChange_ = false;
 };

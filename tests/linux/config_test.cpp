@@ -71,17 +71,19 @@ TEST(PlatformFile, WithoutThemHasTheUsualPinGraceAndStop)
     EXPECT_EQ(config.pin, "/sys/fs/bpf/cpudefend");
     EXPECT_EQ(config.grace, 60u);
     EXPECT_EQ(config.onStop, OnStop::Remove);
+    EXPECT_EQ(config.unreadPps, 100u);
     EXPECT_TRUE(config.acls.empty());
 }
 
 TEST(PlatformFile, PinGraceAndStopAreRead)
 {
     Config config = parseConfig("ports = ['a']\npin = '/sys/fs/bpf/other'\ngrace = 0\n"
-                                "on_stop = 'leave'\n",
+                                "on_stop = 'leave'\nunread_pps = 0\n",
                                 "p.toml");
     EXPECT_EQ(config.pin, "/sys/fs/bpf/other");
     EXPECT_EQ(config.grace, 0u);
     EXPECT_EQ(config.onStop, OnStop::Leave);
+    EXPECT_EQ(config.unreadPps, 0u);
     EXPECT_EQ(parseConfig("ports = ['a']\npin = 'none'", "p").pin, "");
     EXPECT_EQ(parseConfig("ports = ['a']\ngrace = 86400", "p").grace, 86400u);
     EXPECT_EQ(parseConfig("ports = ['a']\non_stop = 'remove'", "p").onStop, OnStop::Remove);
@@ -213,6 +215,8 @@ const Wrong wrongs[] = {
      "line 2: grace is not a number from 0 to 86400"},
     {"GraceNegative", "ports = ['a']\ngrace = -1\n",
      "line 2: grace is not a number from 0 to 86400"},
+    {"UnreadRateThatIsNone", "ports = ['a']\nunread_pps = -1\n",
+     "line 2: unread_pps is not a number from 0 to 4294967295"},
     {"OnStopUnknown", "ports = ['a']\non_stop = 'keep'\n",
      "line 2: on_stop is \"keep\", not one of \"remove\", \"leave\""},
     {"AclNotInAList", "ports = ['a']\n[acl]\nnumber = 1\n",

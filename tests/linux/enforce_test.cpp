@@ -26,7 +26,7 @@ namespace
 /** Everything but ports. */
 struct Host {
     explicit Host(const AclLists &lists = {}, const Protection::Slots &slots = {})
-        : plane(pins), ports(config, plane, pins), protection(plane, ports, lists, slots)
+        : plane(pins), ports(config, plane, pins), protection(plane, ports, lists, slots, 100)
     {
     }
 

@@ -77,10 +77,10 @@ public:
     {
         u16(0x0800).u8({ip.versionIhl, 0}).u16(20u + ip.optionBytes + ip.payloadBytes);
         u16(0x1234).u16(ip.fragment).u8({64, ip.protocol}).u16(0);
-        u8({192, 0, 2, 1, 192, 0, 2, 2});
+        u8({192, 0, 2, 1, 192, 0, 2, 2}).carries(ip.protocol);
         for (unsigned i = 0; i < ip.optionBytes; i++)
             u8({1}); // no operation
-        return carries(ip.protocol);
+        return *this;
     }
 
     /** An ethertype and an IPv6 header. */
@@ -95,7 +95,7 @@ public:
     /** An extension header of so many bytes, whose length field has that value. */
     Frame &extension(uint8_t next, unsigned length, size_t bytes = 8)
     {
-        return u8({next, length}).zeros(bytes - 2).carries(next);
+        return u8({next, length}).zeros(6).carries(next).zeros(bytes - 8);
     }
 
     /** A fragment header; the offset counts eights of bytes. */
@@ -136,17 +136,17 @@ public:
     size_t decidedBy() const { return decided_; }
 
     /** The type of what is left when the frame is cut off before it is decided. */
-    int cutType(size_t length) const { return length < generalFrom_ ? CPD_NO_TYPE : general_; }
+    int cutType(size_t length) const { return length < generalFrom_ ? CPD_UNREAD : general_; }
 
 private:
     Frame &carries(uint8_t protocol)
     {
-        return general(protocol == 2 ? CPD_IGMP : protocol == 6 ? CPD_TCP : CPD_NO_TYPE);
+        return general(protocol == 2 ? CPD_IGMP : protocol == 6 ? CPD_TCP : CPD_UNREAD);
     }
 
     std::vector<uint8_t> bytes_;
     size_t decided_ = 0;
-    int general_ = CPD_NO_TYPE;
+    int general_ = CPD_UNREAD;
     size_t generalFrom_ = 0;
 };
 

@@ -72,7 +72,7 @@ protected:
     std::vector<cpd_policer> memory = std::vector<cpd_policer>(CPD_POLICERS);
     uint64_t now = 1'000'000'000'000; // ns
     PolicerPool pool{memory.data()};
-    Place place{pool};
+    Place place{pool, 100};
 };
 
 TEST_F(PlaceTest, NothingProgrammedRulesNothing)
@@ -94,7 +94,7 @@ TEST_F(PlaceTest, BitsSayWhatIsInForceOfAnEntry)
         {ZYN_HW_CAR_QUEUE, CPD_RULE_PACKETS | CPD_RULE_QUEUE},
         {ZYN_HW_CAR_PRIORITY, CPD_RULE_PACKETS | CPD_RULE_PRIORITY}};
     for (const auto &[bits, flags] : flagsOf) {
-        Place other(pool);
+        Place other(pool, 100);
         other.cars.add(car(CPD_ARP, 100, static_cast<uint8_t>(bits)));
         Draft draft = other.draft();
         EXPECT_TRUE(draft.rulesAnything());
@@ -108,7 +108,7 @@ TEST_F(PlaceTest, OnlyDhcpWithoutAnEntryHasAStandIn)
 {
     for (bool own : {false, true})
         for (bool snooping : {false, true}) {
-            Place other(pool);
+            Place other(pool, 100);
             for (uint16_t type : {CPD_DHCPCLIENT, CPD_DHCPSERVER, CPD_DHCP6REPLY, CPD_DHCP6REQUEST})
                 if (own)
                     other.cars.add(car(type, 100));
@@ -250,6 +250,99 @@ TEST_F(PlaceTest, WhatThePolicerLetPassUntilTheDraftWasUndoneIsChargedToIt)
     EXPECT_EQ(tokens(first), 5u);
 }
 
+/** What part of the bucket is full, in hundredths. */
+uint64_t filled(const cpd_policer &policer, cpd_kind kind, uint64_t now)
+{
+    const cpd_settings &settings = policer.settings[kind];
+    return 100 - cpd_debt(policer.word[kind], &settings, now) * 100 / settings.depth;
+}
+
+TEST_F(PlaceTest, ChangeOfKindCarriesOverTheSameShareOfTheBucket)
+{
+    constexpr uint32_t packets = 0x20, bytes = 0xc0;
+    place.cars.add(car(CPD_ARP, 50'000, packets));
+    uint32_t policer = settle().types[CPD_ARP].policer;
+    spend(policer, 750); // of 1000
+    place.cars.add(car(CPD_ARP, 50'000, bytes));
+    policer = settle().types[CPD_ARP].policer;
+    EXPECT_EQ(filled(memory[policer], CPD_BYTES, now), 25u);
+    place.cars.add(car(CPD_ARP, 50'000, packets));
+    policer = settle().types[CPD_ARP].policer;
+    EXPECT_EQ(tokens(policer), 250u);
+}
+
+TEST_F(PlaceTest, NoNumberOfChangesOfKindGivesASecondBurst)
+{
+    uint64_t passed = 0;
+    for (int i = 0; i < 50; i++) {
+        place.cars.add(car(CPD_ARP, 50'000, i % 2 == 0 ? 0x20 : i % 4 == 1 ? 0xc0 : 0xe0));
+        const uint32_t policer = settle().types[CPD_ARP].policer;
+        if (i % 2 != 0)
+            continue;
+        passed += tokens(policer);
+        spend(policer, tokens(policer));
+    }
+    EXPECT_EQ(passed, 1000u);
+}
+
+TEST_F(PlaceTest, KindThatIsAddedStartsWithTheShareOfTheOther)
+{
+    place.cars.add(car(CPD_ARP, 50'000, 0x20));
+    spend(settle().types[CPD_ARP].policer, 400);
+    place.cars.add(car(CPD_ARP, 50'000, 0xe0));
+    const uint32_t policer = settle().types[CPD_ARP].policer;
+    EXPECT_EQ(tokens(policer), 600u);
+    EXPECT_EQ(filled(memory[policer], CPD_BYTES, now), 60u);
+}
+
+TEST_F(PlaceTest, WhatTheFormerKindStillLetPassIsChargedToTheNext)
+{
+    place.cars.add(car(CPD_ARP, 50'000, 0x20));
+    const uint32_t first = settle().types[CPD_ARP].policer;
+    place.cars.add(car(CPD_ARP, 50'000, 0xc0));
+    Draft draft = place.draft();
+    draft.moveTokens(now);
+    now += 2'000'000; // 2 ms bring the former one 100 tokens
+    spend(first, 100);
+    draft.settle(now);
+    EXPECT_NEAR(filled(memory[draft.policy().types[CPD_ARP].policer], CPD_BYTES, now), 90, 1);
+}
+
+TEST_F(PlaceTest, UndoneChangeOfKindGivesTheTokensBack)
+{
+    place.cars.add(car(CPD_ARP, 50'000, 0x20));
+    const uint32_t first = settle().types[CPD_ARP].policer;
+    spend(first, 300);
+    place.cars.add(car(CPD_ARP, 50'000, 0xc0));
+    Draft draft = place.draft();
+    draft.moveTokens(now);
+    EXPECT_EQ(tokens(first), 0u);
+    draft.undo(now);
+    EXPECT_EQ(tokens(first), 700u);
+}
+
+TEST_F(PlaceTest, UnreadIsLimitedWhileAnythingIsInForce)
+{
+    EXPECT_EQ(settle().types[CPD_UNREAD].flags, 0);
+    place.cars.add(car(CPD_ARP, 50'000));
+    const cpd_rule unread = settle().types[CPD_UNREAD];
+    EXPECT_EQ(unread.flags, CPD_RULE_PACKETS);
+    EXPECT_EQ(tokens(unread.policer), packetBucket(100));
+    place.cars.add(car(CPD_ARP, 10'000));
+    EXPECT_EQ(settle().types[CPD_UNREAD].policer, unread.policer);
+    place.cars = {};
+    EXPECT_EQ(settle().types[CPD_UNREAD].flags, 0);
+    place.acls = {deny(10)};
+    EXPECT_EQ(settle().types[CPD_UNREAD].policer, unread.policer);
+}
+
+TEST_F(PlaceTest, UnreadIsDroppedAtARateOfZero)
+{
+    Place other(pool, 0);
+    other.acls = {deny(10)};
+    EXPECT_EQ(other.draft().policy().types[CPD_UNREAD].flags, CPD_RULE_DENY);
+}
+
 TEST_F(PlaceTest, EntryThatComesBackFindsTheTokensThatItLeft)
 {
     place.cars.add(car(CPD_ARP, 50'000));
@@ -298,7 +391,7 @@ TEST_F(PlaceTest, InheritedPolicersGoOnUnderTheSameRate)
     spend(left.types[CPD_ARP].policer, 600);
 
     PolicerPool otherPool(memory.data());
-    Place successor(otherPool);
+    Place successor(otherPool, 100);
     successor.inherit(left);
     successor.cars.add(car(CPD_ARP, 50'000));
     successor.acls = {permit(30, 64), permit(31, 64)};

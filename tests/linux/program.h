@@ -30,7 +30,7 @@
 struct Outcome {
     uint32_t verdict = 0;
     std::vector<uint8_t> frame;
-    std::optional<cpd_meta> meta;
+    std::optional<cpd_mark> mark;
     uint32_t nanoseconds = 0; /**< for each packet */
 };
 
@@ -91,9 +91,10 @@ public:
     }
 
     /** Say in which target a port is, by the long way alone. */
-    void place(uint32_t ifindex, uint32_t target)
+    void place(uint32_t ifindex, uint32_t target, bool segments = false)
     {
-        check(bpf_map_update_elem(bpf_map__fd(skeleton_->maps.cpudefend_ports), &ifindex, &target,
+        const uint32_t port = cpd_port(target, segments);
+        check(bpf_map_update_elem(bpf_map__fd(skeleton_->maps.cpudefend_ports), &ifindex, &port,
                                   BPF_ANY),
               "place a port");
     }
@@ -101,8 +102,8 @@ public:
     /** The same by the short way. */
     void placeNear(uint32_t ifindex, uint32_t target)
     {
-        const uint32_t value = target + 1;
-        check(bpf_map_update_elem(bpf_map__fd(skeleton_->maps.cpudefend_near), &ifindex, &value,
+        const uint32_t port = cpd_port(target, 0);
+        check(bpf_map_update_elem(bpf_map__fd(skeleton_->maps.cpudefend_near), &ifindex, &port,
                                   BPF_ANY),
               "place a port");
     }
@@ -113,6 +114,16 @@ public:
         check(bpf_map_update_elem(bpf_map__fd(skeleton_->maps.cpudefend_local), address.data(),
                                   &present, BPF_ANY),
               "tell an own address");
+    }
+
+    void ownNetwork(const Address &address, uint32_t bits)
+    {
+        cpd_prefix network{bits, {}};
+        std::memcpy(&network.address, address.data(), sizeof network.address);
+        const uint8_t present = 1;
+        check(bpf_map_update_elem(bpf_map__fd(skeleton_->maps.cpudefend_nets), &network, &present,
+                                  BPF_ANY),
+              "tell a network of its own");
     }
 
     /**
@@ -145,10 +156,10 @@ public:
         return result;
     }
 
-    /** Counters of a target by packet type. */
+    /** Counters of a target by packet type, CPD_UNREAD and CPD_NO_TYPE too. */
     std::vector<cpd_counters> counters(uint32_t target = 0) const
     {
-        return read(cpd_stats_index(target, 0), CPD_TYPES);
+        return read(cpd_stats_index(target, 0), CPD_STATS_EACH);
     }
 
     /** Counters of all targets, by cpd_stats_index(). */
@@ -189,7 +200,7 @@ private:
         if (bytes != sizeof(meta) || run.frame.size() < bytes)
             throw std::runtime_error("metadata of another size");
         std::memcpy(&meta, run.frame.data(), sizeof(meta));
-        run.meta = meta;
+        run.mark = meta.mark;
         run.frame.erase(run.frame.begin(), run.frame.begin() + bytes);
     }
 
@@ -229,7 +240,7 @@ inline cpd_policy emptyPolicy()
     return {};
 }
 
-/** A policy that drops every type. */
+/** A policy that drops every type, and what cannot be judged. */
 inline cpd_policy denyAll()
 {
     cpd_policy policy{};

@@ -571,30 +571,30 @@ TEST_F(PacketProgram, WithoutABudgetThereAreNoSamples)
 
 // Queue and priority.
 
-std::optional<cpd_meta> metaOf(Program &program, cpd_rule rule)
+std::optional<cpd_mark> markOf(Program &program, cpd_rule rule)
 {
     cpd_policy policy{};
     policy.types[CPD_ARP] = rule;
     program.enforce(policy);
-    return program.run(arp()).meta;
+    return program.run(arp()).mark;
 }
 
 TEST_F(PacketProgram, PassedFrameCarriesItsQueueAndPriority)
 {
-    auto meta = metaOf(*program, {CPD_RULE_QUEUE | CPD_RULE_PRIORITY, 3, 5, 0, 0});
-    ASSERT_TRUE(meta);
-    EXPECT_EQ(meta->magic, uint32_t{CPD_META_MAGIC});
-    EXPECT_EQ(meta->queue, 4);
-    EXPECT_EQ(meta->priority, 5u);
-    EXPECT_EQ(meta->flags, CPD_RULE_QUEUE | CPD_RULE_PRIORITY);
+    auto mark = markOf(*program, {CPD_RULE_QUEUE | CPD_RULE_PRIORITY, 3, 5, 0, 0});
+    ASSERT_TRUE(mark);
+    EXPECT_EQ(mark->magic, uint32_t{CPD_MARK_MAGIC});
+    EXPECT_EQ(mark->queue, 4);
+    EXPECT_EQ(mark->priority, 5u);
+    EXPECT_EQ(mark->flags, CPD_RULE_QUEUE | CPD_RULE_PRIORITY);
 }
 
 TEST_F(PacketProgram, PriorityAloneNamesNoQueue)
 {
-    auto meta = metaOf(*program, {CPD_RULE_PRIORITY, 3, 255, 0, 0});
-    ASSERT_TRUE(meta);
-    EXPECT_EQ(meta->queue, 0);
-    EXPECT_EQ(meta->priority, 255u);
+    auto mark = markOf(*program, {CPD_RULE_PRIORITY, 3, 255, 0, 0});
+    ASSERT_TRUE(mark);
+    EXPECT_EQ(mark->queue, 0);
+    EXPECT_EQ(mark->priority, 255u);
 }
 
 /** The bands are those of the kernel's default priority map: 0 is served first. */
@@ -604,15 +604,15 @@ TEST_F(PacketProgram, HigherQueueIsInNoWorseABandOfTheDefaultMap)
     const uint32_t expected[] = {2, 2, 0, 0, 4, 4, 6, 7, 7};
     int before = 2;
     for (uint8_t queue = 0; queue < 9; queue++) {
-        auto meta = metaOf(*program, {CPD_RULE_QUEUE, queue, 9, 0, 0});
-        ASSERT_TRUE(meta);
-        EXPECT_EQ(meta->queue, queue + 1);
-        ASSERT_EQ(meta->priority, expected[queue]);
-        EXPECT_LE(bands[meta->priority], before);
-        before = bands[meta->priority];
+        auto mark = markOf(*program, {CPD_RULE_QUEUE, queue, 9, 0, 0});
+        ASSERT_TRUE(mark);
+        EXPECT_EQ(mark->queue, queue + 1);
+        ASSERT_EQ(mark->priority, expected[queue]);
+        EXPECT_LE(bands[mark->priority], before);
+        before = bands[mark->priority];
     }
     EXPECT_EQ(before, 0);
-    auto last = metaOf(*program, {CPD_RULE_QUEUE, 255, 0, 0, 0});
+    auto last = markOf(*program, {CPD_RULE_QUEUE, 255, 0, 0, 0});
     ASSERT_TRUE(last);
     EXPECT_EQ(last->queue, 256);
     EXPECT_EQ(last->priority, 7u);
@@ -621,8 +621,8 @@ TEST_F(PacketProgram, HigherQueueIsInNoWorseABandOfTheDefaultMap)
 TEST_F(PacketProgram, FrameWithoutQueueAndPriorityCarriesNothing)
 {
     program->meter(0, packetSettings(UINT32_MAX));
-    EXPECT_FALSE(metaOf(*program, {CPD_RULE_PACKETS, 3, 5, 0, 0}));
-    EXPECT_FALSE(metaOf(*program, {CPD_RULE_DENY | CPD_RULE_QUEUE, 3, 5, 0, 0}));
+    EXPECT_FALSE(markOf(*program, {CPD_RULE_PACKETS, 3, 5, 0, 0}));
+    EXPECT_FALSE(markOf(*program, {CPD_RULE_DENY | CPD_RULE_QUEUE, 3, 5, 0, 0}));
 }
 
 /** A socket filter that keeps priority and queue mapping of the last socket buffer in a map. */
@@ -650,13 +650,13 @@ Descriptor spy(int map)
                                     std::size(instructions), nullptr));
 }
 
-/** A packet program that puts this before each frame. */
+/** A packet program that puts this before each frame, word by word. */
 Descriptor metaProgram(const cpd_meta &meta)
 {
     const int16_t begin = offsetof(xdp_md, data_meta);
     const int16_t end = offsetof(xdp_md, data);
-    const auto priority = static_cast<int32_t>(meta.priority);
-    const bpf_insn instructions[] = {
+    constexpr int16_t words = sizeof meta / 4;
+    std::vector<bpf_insn> instructions = {
         {BPF_ALU64 | BPF_MOV | BPF_X, BPF_REG_6, BPF_REG_1, 0, 0},
         {BPF_ALU64 | BPF_MOV | BPF_K, BPF_REG_2, 0, 0, -static_cast<int32_t>(sizeof meta)},
         {BPF_JMP | BPF_CALL, 0, 0, 0, BPF_FUNC_xdp_adjust_meta},
@@ -664,17 +664,17 @@ Descriptor metaProgram(const cpd_meta &meta)
         {BPF_LDX | BPF_MEM | BPF_W, BPF_REG_3, BPF_REG_6, end, 0},
         {BPF_ALU64 | BPF_MOV | BPF_X, BPF_REG_1, BPF_REG_2, 0, 0},
         {BPF_ALU64 | BPF_ADD | BPF_K, BPF_REG_1, 0, 0, sizeof meta},
-        {BPF_JMP | BPF_JGT | BPF_X, BPF_REG_1, BPF_REG_3, 4, 0},
-        {BPF_ST | BPF_MEM | BPF_W, BPF_REG_2, 0, offsetof(cpd_meta, magic),
-         static_cast<int32_t>(meta.magic)},
-        {BPF_ST | BPF_MEM | BPF_W, BPF_REG_2, 0, offsetof(cpd_meta, priority), priority},
-        {BPF_ST | BPF_MEM | BPF_H, BPF_REG_2, 0, offsetof(cpd_meta, queue), meta.queue},
-        {BPF_ST | BPF_MEM | BPF_H, BPF_REG_2, 0, offsetof(cpd_meta, flags), meta.flags},
-        {BPF_ALU64 | BPF_MOV | BPF_K, BPF_REG_0, 0, 0, XDP_PASS},
-        {BPF_JMP | BPF_EXIT, 0, 0, 0, 0},
+        {BPF_JMP | BPF_JGT | BPF_X, BPF_REG_1, BPF_REG_3, words, 0},
     };
-    return Descriptor(bpf_prog_load(BPF_PROG_TYPE_XDP, "meta", "MIT", instructions,
-                                    std::size(instructions), nullptr));
+    int32_t values[words];
+    std::memcpy(values, &meta, sizeof meta);
+    for (int16_t i = 0; i < words; i++)
+        instructions.push_back(
+            {BPF_ST | BPF_MEM | BPF_W, BPF_REG_2, 0, static_cast<int16_t>(4 * i), values[i]});
+    instructions.push_back({BPF_ALU64 | BPF_MOV | BPF_K, BPF_REG_0, 0, 0, XDP_PASS});
+    instructions.push_back({BPF_JMP | BPF_EXIT, 0, 0, 0, 0});
+    return Descriptor(bpf_prog_load(BPF_PROG_TYPE_XDP, "meta", "MIT", instructions.data(),
+                                    instructions.size(), nullptr));
 }
 
 struct Mark {
@@ -770,10 +770,11 @@ TEST_F(SocketBuffers, AreLeftAsTheyAreWithoutARule)
 TEST_F(SocketBuffers, TakeNothingFromWhatAnotherProgramPutBeforeTheFrame)
 {
     Mark plain = arrive({});
-    cpd_meta meta = {CPD_META_MAGIC, 5, 4, CPD_RULE_QUEUE | CPD_RULE_PRIORITY};
+    cpd_meta meta{};
+    meta.mark = {CPD_MARK_MAGIC, 5, 4, 0, 0, CPD_RULE_QUEUE | CPD_RULE_PRIORITY, 0};
     EXPECT_EQ(arriveWith(meta), (Mark{5, 4}));
-    for (const uint32_t magic : {0u, CPD_META_MAGIC - 1u, CPD_META_MAGIC ^ 1u << 31}) {
-        meta.magic = magic;
+    for (const uint32_t magic : {0u, CPD_MARK_MAGIC - 1u, CPD_MARK_MAGIC ^ 1u << 31}) {
+        meta.mark.magic = magic;
         EXPECT_EQ(arriveWith(meta), plain) << magic;
     }
 }
@@ -861,7 +862,7 @@ std::vector<Choice> choices()
          ip4({.protocol = 17, .fragment = moreFragments}).udp(1, 2000)},
         {"what looks like a port in a later fragment", "permit udp any any port 2000", v4, false,
          ip4({.protocol = 17, .fragment = 3}).udp(1, 2000)},
-        {"port beyond the packet", "permit udp any any port 2000", v4, false,
+        {"port beyond the packet", "permit udp any any port 2000", v4, true,
          ip4({.protocol = 17, .payloadBytes = 3}).udp(1, 2000)},
         {"port beyond the frame", "permit udp any any port 0-65535", v4, false,
          ip4({.protocol = 17}).u16(1).u8({7})},
@@ -875,7 +876,7 @@ std::vector<Choice> choices()
         {"SYN", "permit tcp any any flags syn,!ack", v4, true, tcp(0x02)},
         {"SYN and ACK", "permit tcp any any flags syn,!ack", v4, false, tcp(0x12)},
         {"flags and port", "permit tcp any any port 179 flags ack", v4, true, tcp(0x10)},
-        {"flags beyond the packet", "permit tcp any any flags !ack", v4, false,
+        {"flags beyond the packet", "permit tcp any any flags !ack", v4, true,
          ip4({.protocol = 6, .payloadBytes = 13}).zeros(20)},
         {"flags beyond the frame", "permit tcp any any flags !ack", v4, false,
          ip4({.protocol = 6, .payloadBytes = 20}).zeros(13)},
@@ -884,7 +885,7 @@ std::vector<Choice> choices()
         {"ICMP type", "permit icmp any any type 8", v4, true,
          ip4({.protocol = 1}).u8({8}).zeros(7)},
         {"other ICMP type", "permit icmp any any type 8", v4, false, ip4({.protocol = 1}).zeros(8)},
-        {"ICMP type that is not there", "permit icmp any any type 8", v4, false,
+        {"ICMP type that is not there", "permit icmp any any type 8", v4, true,
          ip4({.protocol = 1, .payloadBytes = 0}).u8({8}).zeros(7)},
         {"lying header length", "permit ip 192.0.2.1 any", v4, true,
          ip4({.protocol = 17, .versionIhl = 0x44}).udp(1, 2)},
@@ -892,7 +893,7 @@ std::vector<Choice> choices()
          ip4({.protocol = 17, .versionIhl = 0x4f}).udp(1, 2)},
         {"header cut off", "permit ip any any", v4, false,
          Frame(host).u16(0x0800).u8({0x45}).zeros(18)},
-        {"wrong version", "permit ip any any", v4, false,
+        {"wrong version", "permit ip any any", v4, true,
          ip4({.protocol = 17, .versionIhl = 0x65}).udp(1, 2)},
         {"ARP", "permit ip any any", v4, false, Frame(broadcast).u16(0x0806).zeros(46)},
         {"other family", "permit ip any any", v4, false, ip6(17).udp(1, 2)},
@@ -991,6 +992,122 @@ TEST_F(PacketAcls, OwnAddressOfIpv6IsForTheBoxItself)
     EXPECT_TRUE(drops(Frame(host).ipv6({.next = 17}).udp(1, 2)));
 }
 
+TEST_F(PacketAcls, NetworksThatAreDeliveredToTheBoxAreItsOwn)
+{
+    auto limited = [&](std::array<unsigned, 4> to) {
+        Frame f = Frame(host).u16(0x0800).u8({0x45, 0}).u16(48).zeros(4).u8({64, 17}).u16(0);
+        f.u8({192, 0, 2, 1, to[0], to[1], to[2], to[3]}).udp(1, 2).zeros(20);
+        return drops(f);
+    };
+    program->ownNetwork({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff, 10, 9, 0, 0}, 96 + 16);
+    program->meter(4, {1, 0, 0, 0}, byteSettings(0, 0));
+    bind({"permit udp any any"}, {police});
+    EXPECT_TRUE(limited({10, 9, 0, 0}));
+    EXPECT_TRUE(limited({10, 9, 255, 255}));
+    EXPECT_FALSE(limited({10, 8, 255, 255}));
+    EXPECT_FALSE(limited({10, 10, 0, 0}));
+    EXPECT_TRUE(limited({0, 0, 0, 0})); // as broadcast
+    EXPECT_FALSE(limited({0, 0, 0, 1}));
+
+    program->ownNetwork({0x20, 0x01, 0x0d, 0xb8}, 32);
+    bind({"permit udp any any"}, {police}, AclFamily::Ipv6);
+    EXPECT_TRUE(drops(Frame(host).ipv6({.next = 17}).udp(1, 2)));
+    const Frame v6 = Frame(host).u16(0x86dd).u8({0x60, 0, 0, 0}).u16(28).u8({17, 64}).zeros(16);
+    EXPECT_TRUE(drops(Frame(v6).zeros(16).udp(1, 2).zeros(20)));
+    EXPECT_FALSE(drops(Frame(v6).zeros(15).u8({2}).udp(1, 2).zeros(20)));
+}
+
+/** Frames that cannot be judged to the end. */
+std::vector<Frame> unread()
+{
+    Frame tags(host), chain = Frame(host).ipv6({.next = 60});
+    for (int i = 0; i < 9; i++)
+        tags.tag(0x8100, 0);
+    for (int i = 0; i < 7; i++)
+        chain.extension(60, 0);
+    return {tags.u16(0x0806).zeros(46), chain.extension(17, 0).udp(1, 2)};
+}
+
+TEST_F(PacketProgram, UnreadIsCountedWhereNothingIsInForce)
+{
+    for (const Frame &each : unread())
+        EXPECT_EQ(program->run(each.bytes()).verdict, uint32_t{XDP_PASS});
+    EXPECT_EQ(program->counters()[CPD_UNREAD].passed_packets, 2u);
+}
+
+TEST_F(PacketProgram, UnreadHasAPolicerOfItsOwn)
+{
+    program->meter(7, packetSettings(1));
+    program->enforce(only(CPD_UNREAD, CPD_RULE_PACKETS, 7));
+    for (const Frame &each : unread())
+        EXPECT_EQ(program->run(each.bytes(), 100).verdict, uint32_t{XDP_DROP});
+    EXPECT_EQ(program->counters()[CPD_UNREAD].passed_packets, packetBucket(1));
+    EXPECT_EQ(program->counters()[CPD_UNREAD].dropped_packets, 200 - packetBucket(1));
+}
+
+TEST_F(PacketProgram, FrameWhoseHeadersAreOutOfReachIsUnread)
+{
+    if (kernelGathers())
+        GTEST_SKIP() << "this kernel brings them into reach";
+    program->enforce(only(CPD_UNREAD, CPD_RULE_DENY));
+    EXPECT_EQ(program->run(arp(9000), 1, 0, 14).verdict, uint32_t{XDP_DROP});
+}
+
+TEST_F(PacketAcls, UnreadIsDeniedByWhatCanBeRead)
+{
+    const Frame chain = unread().back();
+    bind({"permit ip 2001:db8::1 any"}, {deny}, AclFamily::Ipv6);
+    EXPECT_TRUE(drops(chain));
+    EXPECT_EQ(program->counters()[CPD_UNREAD].dropped_packets, 1u);
+    bind({"permit ip 2001:db8::9 any"}, {deny}, AclFamily::Ipv6);
+    EXPECT_FALSE(drops(chain));
+    bind({"permit udp 2001:db8::1 any"}, {deny}, AclFamily::Ipv6);
+    EXPECT_FALSE(drops(chain));
+}
+
+TEST_F(PacketAcls, UnreadIsPermittedByNone)
+{
+    bind({"permit ip 2001:db8::1 any"}, {{CPD_RULE_PRIORITY, 0, 1, 0, 0}}, AclFamily::Ipv6,
+         only(CPD_UNREAD, CPD_RULE_DENY));
+    EXPECT_TRUE(drops(unread().back()));
+}
+
+TEST_F(PacketAcls, FirstFragmentThatDoesNotTellTheFlagsIsUnread)
+{
+    constexpr uint16_t moreFragments = 0x2000;
+    auto first = [&](uint16_t octets, uint16_t flags) {
+        // Padding behind so short a fragment may look like anything.
+        const Ipv4 ip = {.protocol = 6, .fragment = flags, .payloadBytes = octets};
+        return Frame(host).ipv4(ip).tcp(40000, 179).zeros(30);
+    };
+    auto first6 = [](uint16_t octets) {
+        return Frame(host)
+            .ipv6({.next = 44, .payloadBytes = static_cast<uint16_t>(8 + octets)})
+            .fragment(6, 0, 1)
+            .tcp(40000, 179)
+            .zeros(30);
+    };
+    const cpd_policy unreadDenied = only(CPD_UNREAD, CPD_RULE_DENY);
+    auto unreadNow = [this] { return program->counters()[CPD_UNREAD].dropped_packets; };
+
+    bind({"permit tcp any any flags ack"}, {deny}, AclFamily::Ipv4, unreadDenied);
+    EXPECT_TRUE(drops(first(8, moreFragments)));
+    EXPECT_TRUE(drops(first(15, moreFragments))); // the kernel cuts it to eight
+    EXPECT_EQ(unreadNow(), 2u);
+    EXPECT_FALSE(drops(first(16, moreFragments)));
+    EXPECT_FALSE(drops(first(8, 0)));
+    bind({"permit tcp any any flags ack"}, {deny}, AclFamily::Ipv6, unreadDenied);
+    EXPECT_TRUE(drops(first6(8)));
+    EXPECT_EQ(unreadNow(), 3u);
+    EXPECT_FALSE(drops(first6(16)));
+
+    bind({"permit tcp any any port 179"}, {deny}, AclFamily::Ipv4, unreadDenied);
+    EXPECT_TRUE(drops(first(8, moreFragments))); // flags are not asked for
+    bind({"permit tcp any any port 180"}, {deny}, AclFamily::Ipv4, unreadDenied);
+    EXPECT_FALSE(drops(first(8, moreFragments)));
+    EXPECT_EQ(unreadNow(), 3u);
+}
+
 TEST_F(PacketAcls, FirstEntryThatSelectsDecides)
 {
     program->meter(4, {1, 0, 0, 0}, byteSettings(0, 0));
@@ -1019,8 +1136,8 @@ TEST_F(PacketAcls, WhatHasNoTypeIsCountedApartWhenAnAclDecidesIt)
     program->run(udp(1, 9999).bytes(), 5);
     auto all = program->everywhere();
     EXPECT_EQ(all[cpd_stats_index(0, CPD_NO_TYPE)].dropped_packets, 5u);
-    for (const cpd_counters &each : program->counters())
-        EXPECT_EQ(each.passed_packets + each.dropped_packets, 0u);
+    for (uint32_t type = 0; type < CPD_NO_TYPE; type++)
+        EXPECT_EQ(all[type].passed_packets + all[type].dropped_packets, 0u) << type;
 }
 
 TEST_F(PacketAcls, SamplesAreOfPacketsWithATypeOnly)
@@ -1036,9 +1153,9 @@ TEST_F(PacketAcls, SamplesAreOfPacketsWithATypeOnly)
 TEST_F(PacketAcls, PassedPacketGetsTheQueueOfItsEntry)
 {
     bind({"permit udp any any"}, {{CPD_RULE_BYTES | CPD_RULE_QUEUE, 6, 0, 0, 4}});
-    auto meta = program->run(udp(1, 9999).bytes()).meta;
-    ASSERT_TRUE(meta);
-    EXPECT_EQ(meta->queue, 7);
+    auto mark = program->run(udp(1, 9999).bytes()).mark;
+    ASSERT_TRUE(mark);
+    EXPECT_EQ(mark->queue, 7);
 }
 
 TEST_F(PacketAcls, TablesThatAreNotThereSelectNothing)

@@ -36,8 +36,12 @@ struct cpd_acl_key {
 };
 
 #define CPD_ACL_NO_PORT 0x10000
-#define CPD_ACL_NO_EXTRA 0x100 /* the protocol has no such field, or it is cut off */
-#define CPD_ACL_FRAGMENT 0x101 /* a later fragment, with CPD_ACL_NO_PORT in both ports */
+#define CPD_ACL_NO_EXTRA 0x100      /* the protocol has no such field, or it is cut off */
+#define CPD_ACL_FRAGMENT 0x101      /* a later fragment, with CPD_ACL_NO_PORT in both ports */
+#define CPD_ACL_NEXT_FRAGMENT 0x102 /* a first fragment, too short to hold the field */
+
+/* The answer when rules ask for a field that is in the next fragment: RFC 1858, RFC 3128. */
+#define CPD_ACL_UNTOLD 0x7ffff
 
 /*
  * All tables are cells of one array. The first 512 are indexed by v6 * 256 + protocol and hold the
@@ -172,8 +176,11 @@ static __always_inline __u32 cpd_acl_search(const struct cpd_tables *tables,
                               cpd_acl_address(tables,
                                               cpd_acl_cell(tables, record + CPD_ACL_DESTINATION),
                                               key->destination, v6));
-    if (extra && !(value & CPD_ACL_FINAL))
+    if (extra && !(value & CPD_ACL_FINAL)) {
+        if (key->extra == CPD_ACL_NEXT_FRAGMENT)
+            return CPD_ACL_UNTOLD;
         value = cpd_acl_cross(tables, value, cpd_acl_number(tables, extra, key->extra));
+    }
     if (!(value & CPD_ACL_FINAL))
         value = cpd_acl_cross(tables, value, cpd_acl_ports(tables, record, key));
     return value & ~CPD_ACL_FINAL;
@@ -181,7 +188,7 @@ static __always_inline __u32 cpd_acl_search(const struct cpd_tables *tables,
 
 /*
  * The ACL entry that selects the packet: its number among those that the tables were made from,
- * counted from 1; 0 when none does.
+ * counted from 1; 0 when none does, CPD_ACL_UNTOLD when that is not to be told of this fragment.
  */
 static __always_inline __u32 cpd_acl_decide(const struct cpd_tables *tables,
                                             const struct cpd_acl_key *key)

@@ -2,9 +2,11 @@
 /*
  * From a frame to its packet type. docs/packet-types.md is the table behind this.
  *
- * A frame is of a type when every field that decides so lies within the frame, and within what the
- * headers before it say they hold. What follows these fields does not matter: a request that is cut
- * off behind its ethertype still costs the CPU time, and so it is policed.
+ * A frame is what the kernel's own receivers, packet sockets among them, would take it for. So its
+ * type goes by the bytes that are there, not by how many a length field says there are; what
+ * follows the field that decides does not matter, because a request that is cut off behind its
+ * ethertype still costs CPU time. Where the field that decides is out of reach, the frame is
+ * unread.
  */
 #ifndef CPUDEFEND_CLASSIFY_H
 #define CPUDEFEND_CLASSIFY_H
@@ -16,14 +18,19 @@
 #include <bpf/bpf_endian.h>
 #include <bpf/bpf_helpers.h>
 
+#include "acl_lookup.h"
 #include "cpudefend_shared.h"
 
 /* What most of the usual floods take. */
 #define cpd_likely(condition) __builtin_expect(!!(condition), 1)
 
-#define CPD_TAGS_MAX 2
+#define CPD_TAGS_MAX 8      /* the kernel takes off any number of them with VLAN id 0 */
+#define TAGS_MASK 15        /* holds that number, and tells the verifier so */
+#define TYPE_OFFSET 12      /* of the ethertype in a frame without tags */
 #define VLAN_STACKED 0x9100 /* outer tag before IEEE 802.1ad gave it 0x88a8 */
-#define LENGTH_MAX 1500     /* IEEE 802.3, 3.2.6: up to this it is a length, not an ethertype */
+/* IEEE 802.3, 3.2.6: from here on it is an ethertype. Up to 1500 it is a length; what lies between
+ * is undefined there, and a length to the kernel. */
+#define ETHERTYPE_MIN 0x600
 
 #define ETHERTYPE_CFM 0x8902 /* IEEE 802.1Q, clause 21; ITU-T G.8013 */
 #define CFM_CCM 1            /* the first and the last operation code of IEEE 802.1Q, clause 21 */
@@ -31,9 +38,10 @@
 #define CFM_RAPS 40 /* ITU-T G.8032 */
 #define SLOW_OAM 3  /* subtype of the slow protocols: IEEE 802.3, annex 57A */
 
-#define IPV4_HEADER_MIN 20
 #define IPV4_FRAGMENT_OFFSET 0x1fff
+#define IPV4_MORE_FRAGMENTS 0x2000
 #define IPV6_FRAGMENT_OFFSET 0xfff8
+#define IPV6_MORE_FRAGMENTS 0x0001
 #define IPV6_EXTENSIONS_MAX 6
 
 #define PROTOCOL_HOP_BY_HOP 0
@@ -49,6 +57,12 @@
 #define PROTOCOL_OSPF 89
 #define PROTOCOL_PIM 103
 #define PROTOCOL_VRRP 112
+#define PROTOCOL_SCTP 132
+
+/* TCP's flags are in its fourteenth byte, and fragments are cut to a multiple of eight: RFC 3128.
+ */
+#define TCP_FLAGS_OFFSET 13
+#define TCP_FLAGS_FRAGMENT 16
 
 #define PORT_FTP_DATA 20
 #define PORT_FTP 21
@@ -146,30 +160,34 @@ struct ports {
     __be16 destination;
 };
 
-/*
- * What classification sees on its way. Offsets count from the frame's start. A network header with
- * a version is all there; that what follows it is there has to be checked.
- */
+/* What classification sees on its way. Offsets count from the frame's start. */
 struct cpd_packet {
-    __u16 ethertype; /* behind the tags; 0 where a length stands there, or behind cut tags */
-    __u16 transport; /* offset of what the IP headers carry */
-    __u16 room;      /* bytes of it that the packet says there are; 0 in a later fragment */
-    __u8 network;    /* offset of the header that ethertype announces */
-    __u8 tags;       /* VLAN tags before it, CPD_TAGS_MAX at most */
-    __u8 version;    /* 4 or 6 with an IP header, else 0 */
-    __u8 protocol;   /* behind the last IP header that could be read */
-    __u8 later;      /* a fragment, but not the first */
-    __u8 reserved;
+    __u16 ethertype; /* behind the tags; 0 where a length stands there */
+    __u8 network;    /* offset of what ethertype announces */
+    __u8 tags;       /* VLAN tags before it */
+    __u8 version;    /* 4 or 6 with an IP header that is all there, else 0 */
+    __u8 protocol;   /* behind the last IP header; this and the rest for IP alone */
+    __u16 reserved;
+    __u32 source_port; /* these as struct cpd_acl_key has them */
+    __u32 destination_port;
+    __u32 extra;
 };
 
-/* What an IP header carries, as far as the headers have been read. */
+/* What the IP headers carry. */
 struct upper {
     const void *at;
-    __u32 offset; /* from the frame's start */
-    __u32 room; /* bytes that the packet says there are; 0 where they belong to a later fragment */
     __u8 protocol;
-    __u8 later;
+    __u8 later; /* a fragment, but not the first: nothing can be read here */
+    __u8 tiny;  /* the first fragment, and TCP's flags are in the next */
+    __u8 v6;
 };
+
+/* The result of a function of its own, of which the verifier knows nothing. */
+static __always_inline __u32 cpd_known_type(__u32 type)
+{
+    barrier_var(type); /* so that it is compared where it is kept */
+    return type < CPD_RULES ? type : CPD_NO_TYPE;
+}
 
 static __always_inline int is_vlan(__be16 proto)
 {
@@ -203,11 +221,11 @@ static __always_inline int classify_bridge(const struct ethernet_header *eth)
 }
 
 static __always_inline int classify_snap(const struct ethernet_header *eth, const void *next,
-                                         const void *end, __u32 length)
+                                         const void *end)
 {
     const struct snap_header *snap = next;
-    if ((const void *)(snap + 1) > end || length < sizeof(*snap))
-        return CPD_NO_TYPE;
+    if ((const void *)(snap + 1) > end)
+        return CPD_UNREAD;
     __u32 oui = snap->oui[0] << 16 | snap->oui[1] << 8 | snap->oui[2];
     __u16 pid = bpf_ntohs(snap->pid);
     if (oui == OUI_EAPS && pid == SNAP_PID_EAPS &&
@@ -220,25 +238,25 @@ static __always_inline int classify_snap(const struct ethernet_header *eth, cons
     return pid == SNAP_PID_VTP ? CPD_VTP : CPD_NO_TYPE;
 }
 
-static __always_inline int classify_osi(const __u8 *nlpid, const void *end, __u32 length)
+static __always_inline int classify_osi(const __u8 *nlpid, const void *end)
 {
-    if ((const void *)(nlpid + 1) > end || length < 1)
-        return CPD_NO_TYPE;
+    if ((const void *)(nlpid + 1) > end)
+        return CPD_UNREAD;
     return *nlpid == NLPID_ISIS ? CPD_ISIS : CPD_NO_TYPE;
 }
 
-/* An IEEE 802.3 frame of the given length: an LLC header, and what it announces. */
+/* An IEEE 802.3 frame: an LLC header, and what it announces. Its length is not looked at, because
+ * packet sockets do not, either. */
 static __always_inline int classify_llc(const struct ethernet_header *eth, const void *next,
-                                        const void *end, __u32 length)
+                                        const void *end)
 {
     const struct llc_header *llc = next;
-    if ((const void *)(llc + 1) > end || length < sizeof(*llc))
-        return CPD_NO_TYPE;
-    length -= sizeof(*llc);
+    if ((const void *)(llc + 1) > end)
+        return CPD_UNREAD;
     switch (llc->dsap << 16 | llc->ssap << 8 | llc->control) {
     case LLC_BRIDGE: return classify_bridge(eth);
-    case LLC_SNAP: return classify_snap(eth, llc + 1, end, length);
-    case LLC_OSI: return classify_osi((const void *)(llc + 1), end, length);
+    case LLC_SNAP: return classify_snap(eth, llc + 1, end);
+    case LLC_OSI: return classify_osi((const void *)(llc + 1), end);
     default: return CPD_NO_TYPE;
     }
 }
@@ -246,7 +264,7 @@ static __always_inline int classify_llc(const struct ethernet_header *eth, const
 static __always_inline int classify_igmp(const struct upper *ip, const void *end)
 {
     const __u8 *message = ip->at;
-    if (ip->room < 1 || (const void *)(message + 1) > end)
+    if (ip->later || (const void *)(message + 1) > end)
         return CPD_IGMP;
     switch (*message) {
     case IGMP_V1_REPORT:
@@ -272,7 +290,7 @@ static __always_inline int tcp_service(__be16 port)
 static __always_inline int classify_tcp(const struct upper *ip, const void *end)
 {
     const struct ports *ports = ip->at;
-    if (ip->room < sizeof(*ports) || (const void *)(ports + 1) > end)
+    if (ip->later || (const void *)(ports + 1) > end)
         return CPD_TCP;
     int type = tcp_service(ports->destination);
     return type != CPD_TCP ? type : tcp_service(ports->source);
@@ -320,14 +338,16 @@ static __always_inline int udp_destination(__be16 port, int v6)
 
 /* The destination says what a packet is; the source where that says nothing, and for DHCP, where
  * it says from whom it is. */
-static __always_inline int classify_udp(const struct upper *ip, const void *end, int v6)
+static __always_inline int classify_udp(const struct upper *ip, const void *end)
 {
     const struct ports *ports = ip->at;
-    if (ip->room < sizeof(*ports) || (const void *)(ports + 1) > end)
+    if (ip->later)
         return CPD_NO_TYPE;
-    int type = udp_destination(ports->destination, v6);
+    if ((const void *)(ports + 1) > end)
+        return CPD_UNREAD;
+    int type = udp_destination(ports->destination, ip->v6);
     if (type == CPD_NO_TYPE)
-        return udp_source(ports->source, v6);
+        return udp_source(ports->source, ip->v6);
     if (type != CPD_DHCPSNOOPIP)
         return type;
     if (ports->source == bpf_htons(PORT_DHCP_CLIENT))
@@ -335,44 +355,89 @@ static __always_inline int classify_udp(const struct upper *ip, const void *end,
     return ports->source == bpf_htons(PORT_DHCP_SERVER) ? CPD_DHCPSERVER : CPD_DHCPSNOOPIP;
 }
 
-static __always_inline void found_ip(struct cpd_packet *packet, __u8 version,
-                                     const struct upper *up)
+static __always_inline void read_ports(struct cpd_packet *packet, const struct upper *ip,
+                                       const void *end)
 {
-    packet->version = version;
-    packet->protocol = up->protocol;
-    packet->later = up->later;
-    packet->transport = up->offset;
-    packet->room = up->room;
+    const struct ports *ports = ip->at;
+    if ((const void *)(ports + 1) > end)
+        return;
+    packet->source_port = bpf_ntohs(ports->source);
+    packet->destination_port = bpf_ntohs(ports->destination);
 }
 
+static __always_inline void read_byte(struct cpd_packet *packet, const struct upper *ip,
+                                      __u32 offset, const void *end)
+{
+    const __u8 *at = ip->at;
+    if ((const void *)(at + offset + 1) <= end)
+        packet->extra = at[offset];
+}
+
+/* What rules of access lists ask for, as long as no more is known than the protocol. */
+static __always_inline void begin_transport(struct cpd_packet *packet, __u8 version, __u8 protocol)
+{
+    packet->version = version;
+    packet->protocol = protocol;
+    packet->source_port = packet->destination_port = CPD_ACL_NO_PORT;
+    packet->extra = CPD_ACL_NO_EXTRA;
+}
+
+static __always_inline void read_transport(struct cpd_packet *packet, const struct upper *ip,
+                                           const void *end)
+{
+    begin_transport(packet, ip->v6 ? 6 : 4, ip->protocol);
+    if (ip->later) {
+        packet->extra = CPD_ACL_FRAGMENT;
+        return;
+    }
+    switch (ip->protocol) {
+    case PROTOCOL_TCP:
+        if (ip->tiny)
+            packet->extra = CPD_ACL_NEXT_FRAGMENT;
+        else
+            read_byte(packet, ip, TCP_FLAGS_OFFSET, end);
+        /* fall through */
+    case PROTOCOL_UDP:
+    case PROTOCOL_SCTP: return read_ports(packet, ip, end);
+    case PROTOCOL_ICMP:
+    case PROTOCOL_ICMPV6: return read_byte(packet, ip, 0, end);
+    default: return;
+    }
+}
+
+/* By the protocol behind the IP headers. */
+static __always_inline int classify_upper(struct cpd_packet *packet, const struct upper *ip,
+                                          const void *end)
+{
+    read_transport(packet, ip, end);
+    if (cpd_likely(ip->protocol == PROTOCOL_UDP))
+        return classify_udp(ip, end);
+    switch (ip->protocol) {
+    case PROTOCOL_ICMP: return ip->v6 ? CPD_NO_TYPE : CPD_ICMP;
+    case PROTOCOL_ICMPV6: return ip->v6 ? CPD_ICMPV6 : CPD_NO_TYPE;
+    case PROTOCOL_IGMP: return ip->v6 ? CPD_NO_TYPE : classify_igmp(ip, end);
+    case PROTOCOL_TCP: return classify_tcp(ip, end);
+    case PROTOCOL_OSPF: return ip->v6 ? CPD_OSPF6 : CPD_OSPF;
+    case PROTOCOL_PIM: return ip->v6 ? CPD_PIM6 : CPD_PIM;
+    case PROTOCOL_VRRP: return ip->v6 ? CPD_VRRP6 : CPD_VRRP;
+    default: return CPD_NO_TYPE;
+    }
+}
+
+/* The version that the header says, and a header length below the least, are the kernel's to
+ * refuse: packet sockets ask for neither. */
 static __always_inline int classify_ipv4(struct cpd_packet *packet, const void *next,
                                          const void *end)
 {
     const struct ipv4_header *ip = next;
-    if ((const void *)(ip + 1) > end || ip->version_ihl >> 4 != 4)
-        return CPD_NO_TYPE;
+    if ((const void *)(ip + 1) > end)
+        return CPD_UNREAD;
     __u32 header = (ip->version_ihl & 0x0f) * 4;
-    __u32 total = bpf_ntohs(ip->total_length);
-    struct upper up = {(const __u8 *)next + header, packet->network + header, total - header,
-                       ip->protocol, (ip->fragment & bpf_htons(IPV4_FRAGMENT_OFFSET)) != 0};
-    int sound = header >= IPV4_HEADER_MIN && total >= header && up.at <= end;
-    if (!sound || up.later)
-        up.room = 0;
-    found_ip(packet, 4, &up);
-    if (!sound)
-        return CPD_NO_TYPE;
-
-    if (cpd_likely(up.protocol == PROTOCOL_UDP))
-        return classify_udp(&up, end, 0);
-    switch (up.protocol) {
-    case PROTOCOL_ICMP: return CPD_ICMP;
-    case PROTOCOL_IGMP: return classify_igmp(&up, end);
-    case PROTOCOL_TCP: return classify_tcp(&up, end);
-    case PROTOCOL_OSPF: return CPD_OSPF;
-    case PROTOCOL_PIM: return CPD_PIM;
-    case PROTOCOL_VRRP: return CPD_VRRP;
-    default: return CPD_NO_TYPE;
-    }
+    struct upper up = {.at = (const __u8 *)next + header, .protocol = ip->protocol};
+    up.later = (ip->fragment & bpf_htons(IPV4_FRAGMENT_OFFSET)) != 0;
+    up.tiny = ip->fragment & bpf_htons(IPV4_MORE_FRAGMENTS) &&
+              bpf_ntohs(ip->total_length) < header + TCP_FLAGS_FRAGMENT;
+    return classify_upper(packet, &up, end);
 }
 
 static __always_inline int is_extension(__u8 protocol)
@@ -389,60 +454,105 @@ static __always_inline __u32 extension_size(__u8 protocol, __u8 length)
     return protocol == PROTOCOL_AH ? (length + 2) * 4 : (length + 1) * 8;
 }
 
-/* Go past an extension header. Returns 0 when it is not all there. */
-static __always_inline int step_over(struct upper *up, const void *end)
+/* A way through the extension headers of IPv6. */
+struct walk {
+    __u32 offset; /* of the next header in the frame */
+    __u32 limit;  /* where the fragment ends, if this is the first */
+    __u8 protocol;
+    __u8 later;
+    __u8 first;
+};
+
+static __always_inline int enter_fragment(struct xdp_md *ctx, __u32 network, __be16 fragment,
+                                          struct walk *walk)
 {
-    const struct extension_header *header = up->at;
-    if ((const void *)(header + 1) > end)
+    __be16 length;
+    walk->later = (fragment & bpf_htons(IPV6_FRAGMENT_OFFSET)) != 0;
+    walk->first = !walk->later && fragment & bpf_htons(IPV6_MORE_FRAGMENTS);
+    if (!walk->first)
         return 0;
-    __u32 size = extension_size(up->protocol, header->length);
-    if (size > up->room)
+    __u32 at = network + __builtin_offsetof(struct ipv6_header, payload_length);
+    if (bpf_xdp_load_bytes(ctx, at, &length, sizeof(length)) != 0)
+        return -1;
+    walk->limit = network + sizeof(struct ipv6_header) + bpf_ntohs(length);
+    return 0;
+}
+
+/* Go past an extension header. Returns 0 if it could be read. */
+static __always_inline int step_over(struct xdp_md *ctx, __u32 network, struct walk *walk)
+{
+    struct extension_header header;
+    if (bpf_xdp_load_bytes(ctx, walk->offset, &header, sizeof(header)) != 0)
+        return -1;
+    if (walk->protocol == PROTOCOL_FRAGMENT &&
+        enter_fragment(ctx, network, header.fragment, walk) != 0)
+        return -1;
+    walk->offset += extension_size(walk->protocol, header.length);
+    walk->protocol = header.next_header;
+    return 0;
+}
+
+/* As many bytes of the frame as there are, TRANSPORT_BYTES at most. The count is kept in a register
+ * that the verifier knows bounds of. */
+#define TRANSPORT_BYTES 16
+
+static __always_inline __u32 load_transport(struct xdp_md *ctx, __u32 offset, __u8 *bytes)
+{
+    __u32 octets = bpf_xdp_get_buff_len(ctx);
+    __u32 count = octets > offset ? octets - offset : 0;
+    if (count > TRANSPORT_BYTES)
+        count = TRANSPORT_BYTES;
+    asm volatile("" : "+r"(count));
+    if (count == 0 || count > TRANSPORT_BYTES)
         return 0;
-    up->room -= size;
-    up->at = (const __u8 *)up->at + size;
-    up->offset += size;
-    if (up->protocol == PROTOCOL_FRAGMENT && header->fragment & bpf_htons(IPV6_FRAGMENT_OFFSET)) {
-        up->room = 0;
-        up->later = 1;
+    return bpf_xdp_load_bytes(ctx, offset, bytes, count) == 0 ? count : 0;
+}
+
+/*
+ * A packet of IPv6 with extension headers, wherever in the frame they lie; its fixed header has
+ * been found to be there, and to announce packet->protocol. RFC 7112: a first fragment holds all
+ * headers up to that of the upper layer, or it is unread. A function of its own, so that the
+ * verifier looks at its many ways once.
+ */
+__noinline int cpd_classify_extended(struct xdp_md *ctx, struct cpd_packet *packet)
+{
+    if (!packet)
+        return CPD_UNREAD;
+    __u32 network = packet->network;
+    begin_transport(packet, 6, packet->protocol);
+    struct walk walk = {.offset = network + sizeof(struct ipv6_header),
+                        .protocol = packet->protocol};
+    for (int i = 0; i < IPV6_EXTENSIONS_MAX; i++) {
+        if (!is_extension(walk.protocol) || walk.later)
+            break;
+        if (step_over(ctx, network, &walk) != 0)
+            return CPD_UNREAD;
     }
-    up->protocol = header->next_header;
-    return up->at <= end;
+    if (is_extension(walk.protocol) || (walk.first && walk.offset > walk.limit))
+        return CPD_UNREAD;
+
+    __u8 bytes[TRANSPORT_BYTES] = {};
+    struct upper up = {.at = bytes, .protocol = walk.protocol, .later = walk.later, .v6 = 1};
+    up.tiny = walk.first && walk.offset + TCP_FLAGS_FRAGMENT > walk.limit;
+    return classify_upper(packet, &up, bytes + load_transport(ctx, walk.offset, bytes));
 }
 
-/* Go past the extension headers. Returns 0 when one of them is not all there. */
-static __always_inline int step_over_all(struct upper *up, const void *end)
-{
-#pragma clang loop unroll(full)
-    for (int i = 0; i < IPV6_EXTENSIONS_MAX && is_extension(up->protocol); i++)
-        if (!step_over(up, end)) {
-            up->room = 0;
-            return 0;
-        }
-    return 1;
-}
-
-static __always_inline int classify_ipv6(struct cpd_packet *packet, const void *next,
-                                         const void *end)
+static __always_inline int classify_ipv6(struct xdp_md *ctx, struct cpd_packet *packet,
+                                         const void *next, const void *end)
 {
     const struct ipv6_header *ip = next;
-    if ((const void *)(ip + 1) > end || ip->version >> 4 != 6)
-        return CPD_NO_TYPE;
-    struct upper up = {ip + 1, packet->network + sizeof(*ip), bpf_ntohs(ip->payload_length),
-                       ip->next_header, 0};
-    int sound = step_over_all(&up, end);
-    found_ip(packet, 6, &up);
-    if (!sound)
-        return CPD_NO_TYPE;
-
-    switch (up.protocol) {
-    case PROTOCOL_TCP: return classify_tcp(&up, end);
-    case PROTOCOL_UDP: return classify_udp(&up, end, 1);
-    case PROTOCOL_ICMPV6: return CPD_ICMPV6;
-    case PROTOCOL_OSPF: return CPD_OSPF6;
-    case PROTOCOL_PIM: return CPD_PIM6;
-    case PROTOCOL_VRRP: return CPD_VRRP6;
-    default: return CPD_NO_TYPE;
+    if ((const void *)(ip + 1) > end)
+        return CPD_UNREAD;
+    if (is_extension(ip->next_header)) {
+        struct cpd_packet extended = {.network = packet->network, .protocol = ip->next_header};
+        int type = cpd_known_type(cpd_classify_extended(ctx, &extended));
+        extended.ethertype = packet->ethertype;
+        extended.tags = packet->tags;
+        *packet = extended;
+        return type;
     }
+    struct upper up = {.at = ip + 1, .protocol = ip->next_header, .v6 = 1};
+    return classify_upper(packet, &up, end);
 }
 
 /* Connectivity fault management; message is its common header: level and version, then the code. */
@@ -459,11 +569,24 @@ static __always_inline int classify_cfm(const struct ethernet_header *eth, const
 
 static __always_inline int classify_slow(const __u8 *subtype, const void *end)
 {
-    return (const void *)(subtype + 1) <= end && *subtype == SLOW_OAM ? CPD_EFM : CPD_NO_TYPE;
+    if ((const void *)(subtype + 1) > end)
+        return CPD_UNREAD;
+    return *subtype == SLOW_OAM ? CPD_EFM : CPD_NO_TYPE;
+}
+
+/* Where a length stands. Learning packets of adaptive load balancing, which go from an address to
+ * itself, bore an ethertype before that is one. */
+static __always_inline int classify_length(const struct ethernet_header *eth, __u16 length,
+                                           const void *next, const void *end)
+{
+    int type = classify_llc(eth, next, end);
+    if (type == CPD_NO_TYPE && length == ETH_P_LOOP && same_address(eth->destination, eth->source))
+        return CPD_ALB;
+    return type;
 }
 
 /* By the ethertype, or length, behind the tags. */
-static __always_inline int classify_payload(struct cpd_packet *packet,
+static __always_inline int classify_payload(struct xdp_md *ctx, struct cpd_packet *packet,
                                             const struct ethernet_header *eth, __u16 proto,
                                             const void *next, const void *end)
 {
@@ -472,7 +595,7 @@ static __always_inline int classify_payload(struct cpd_packet *packet,
     if (proto == ETH_P_ARP)
         return CPD_ARP;
     switch (proto) {
-    case ETH_P_IPV6: return classify_ipv6(packet, next, end);
+    case ETH_P_IPV6: return classify_ipv6(ctx, packet, next, end);
     case ETH_P_SLOW: return classify_slow(next, end);
     case ETH_P_MPLS_UC:
     case ETH_P_MPLS_MC: return CPD_MPLS;
@@ -480,59 +603,84 @@ static __always_inline int classify_payload(struct cpd_packet *packet,
     case ETH_P_PAE: return CPD_DOT1X;
     case ETH_P_LLDP: return CPD_LLDP;
     case ETHERTYPE_CFM: return classify_cfm(eth, next, end);
-    /* A learning packet of adaptive load balancing goes from an address to itself. */
     case ETH_P_LOOPBACK:
         return same_address(eth->destination, eth->source) ? CPD_ALB : CPD_LOOPBACK;
-    case ETH_P_LOOP: /* what learning packets bore before; also a length */
-        if (same_address(eth->destination, eth->source))
-            return CPD_ALB;
-        break;
     default: break;
     }
-    return proto > LENGTH_MAX ? CPD_NO_TYPE : classify_llc(eth, next, end, proto);
+    return proto >= ETHERTYPE_MIN ? CPD_NO_TYPE : classify_length(eth, proto, next, end);
+}
+
+/* How many tags a frame has that begins with one; 0 when what is behind them is out of reach. A
+ * function of its own, so that the verifier need not follow each number of tags. */
+__noinline int cpd_count_tags(struct xdp_md *ctx)
+{
+    const void *data = (const void *)(long)ctx->data, *end = (const void *)(long)ctx->data_end;
+    const struct vlan_tag *tag = data + sizeof(struct ethernet_header);
+    for (int tags = 1; tags <= CPD_TAGS_MAX; tags++, tag++) {
+        if ((const void *)(tag + 1) > end)
+            return 0;
+        if (!is_vlan(tag->proto))
+            return tags;
+    }
+    return 0;
 }
 
 /* By what stands behind the addresses. */
-static __always_inline int classify_behind(struct cpd_packet *packet,
+static __always_inline int classify_behind(struct xdp_md *ctx, struct cpd_packet *packet,
                                            const struct ethernet_header *eth, const void *end)
 {
-    const void *next = eth + 1;
-    __be16 proto = eth->proto;
-    __u8 tags = 0;
-
-#pragma clang loop unroll(full)
-    for (; tags < CPD_TAGS_MAX && is_vlan(proto); tags++) {
-        const struct vlan_tag *tag = next;
+    __u32 tags = 0;
+    if (is_vlan(eth->proto)) {
+        const struct vlan_tag *tag = (const void *)(eth + 1);
         if ((const void *)(tag + 1) > end)
-            return CPD_NO_TYPE;
-        proto = tag->proto;
-        next = tag + 1;
+            return CPD_UNREAD;
+        tags = cpd_likely(!is_vlan(tag->proto)) ? 1 : cpd_count_tags(ctx) & TAGS_MASK;
+        if (tags == 0)
+            return CPD_UNREAD;
     }
-    __u16 ethertype = bpf_ntohs(proto);
+    const __be16 *proto = (const void *)eth + TYPE_OFFSET + tags * sizeof(struct vlan_tag);
+    if ((const void *)(proto + 1) > end)
+        return CPD_UNREAD;
+    __u16 ethertype = bpf_ntohs(*proto);
     packet->tags = tags;
     packet->network = sizeof(*eth) + tags * sizeof(struct vlan_tag);
-    packet->ethertype = ethertype > LENGTH_MAX ? ethertype : 0;
-    return classify_payload(packet, eth, ethertype, next, end);
+    packet->ethertype = ethertype >= ETHERTYPE_MIN ? ethertype : 0;
+    return classify_payload(ctx, packet, eth, ethertype, proto + 1, end);
 }
 
-/* The type of a frame; packet starts out as zeros. */
-static __always_inline int classify(struct cpd_packet *packet, const void *data, const void *end)
+/* What the address of tunnelled bridge protocols makes of a type: what the host itself takes by its
+ * ethertype, it takes at any group address. */
+static __always_inline int classify_tunnel(int type)
 {
+    switch (type) {
+    case CPD_NO_TYPE:
+    case CPD_STPCUSTOMER:
+    case CPD_STPPROVIDER:
+    case CPD_GVRP:
+    case CPD_UDLD:
+    case CPD_VTP: return CPD_BPDUTUNNEL;
+    default: return type;
+    }
+}
+
+/* The type of a frame, of which there is at least the Ethernet header; packet starts out as zeros.
+ */
+static __always_inline int classify(struct xdp_md *ctx, struct cpd_packet *packet)
+{
+    const void *data = (const void *)(long)ctx->data, *end = (const void *)(long)ctx->data_end;
     const struct ethernet_header *eth = data;
     if ((const void *)(eth + 1) > end)
-        return CPD_NO_TYPE;
-    packet->network = sizeof(*eth);
-    int type = classify_behind(packet, eth, end);
-    return is_address(eth->destination, 0x0100, 0x0ccd, 0xcdd0) ? CPD_BPDUTUNNEL : type;
+        return CPD_UNREAD;
+    int type = classify_behind(ctx, packet, eth, end);
+    if (is_address(eth->destination, 0x0100, 0x0ccd, 0xcdd0))
+        return classify_tunnel(type);
+    return type;
 }
 
-/* The same for those who ask for more than the type. A function of its own, so that the verifier
- * looks at its many ways once. */
+/* The same for those who ask for more than the type. */
 __noinline int cpd_classify(struct xdp_md *ctx, struct cpd_packet *packet)
 {
-    if (!packet)
-        return CPD_NO_TYPE;
-    return classify(packet, (const void *)(long)ctx->data, (const void *)(long)ctx->data_end);
+    return packet ? classify(ctx, packet) : CPD_UNREAD;
 }
 
 #endif

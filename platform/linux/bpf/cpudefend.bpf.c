@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: MIT OR GPL-2.0-only */
 /*
  * The packet program: what reaches the CPU through a protected port, and at which rate. A second
- * one, behind it, gives the socket buffers of what passes their queue and priority.
+ * one, behind it, gives the socket buffers of what passes their queue and priority, and judges
+ * those that hold several packets.
  */
 #include <linux/bpf.h>
 #include <linux/pkt_cls.h>
@@ -29,6 +30,7 @@ static __always_inline __u32 cpd_tick_length(void)
 #include "maps.h"
 #include "mark.h"
 #include "sample.h"
+#include "segments.h"
 #include "select.h"
 
 char LICENSE[] SEC("license") = "Dual MIT/GPL";
@@ -42,27 +44,35 @@ static __always_inline __u32 tick_now(void)
     return (__u32)bpf_jiffies64();
 }
 
-/* The ACL entry that selects a packet, or 0. What it permits is policed only on its way to the box
- * itself. */
+/* The ACL entry that selects a packet, or 0; a packet of which that is not to be told becomes an
+ * unread one, and of these an entry decides those only that it denies. What an entry permits is
+ * policed only on its way to the box itself. */
 static __always_inline const struct cpd_rule *selected(struct xdp_md *ctx,
                                                        struct cpd_packet *packet,
-                                                       const struct cpd_policy *policy,
+                                                       const struct cpd_policy *policy, __u32 *type,
                                                        __u32 *flags)
 {
     if (!packet->version)
         return 0;
     __u32 entry = cpd_select(ctx, packet, policy->table_set) - 1;
-    if (entry >= CPD_ACLS)
+    if (entry >= CPD_ACLS) {
+        if (entry == CPD_ACL_UNTOLD - 1)
+            *type = CPD_UNREAD;
         return 0;
+    }
     const struct cpd_rule *rule = &policy->acls[entry];
     *flags = rule->flags;
-    if (*flags & POLICED && !(*flags & CPD_RULE_DENY) && !cpd_for_the_box(ctx, packet))
+    if (*flags & CPD_RULE_DENY)
+        return rule;
+    if (*type == CPD_UNREAD)
+        return 0;
+    if (*flags & POLICED && !cpd_for_the_box(ctx, packet))
         *flags &= ~POLICED;
     return rule;
 }
 
 /* The rule for a type, and with it the type by which the frame is counted. */
-static __always_inline const struct cpd_rule *rule_of(const struct cpd_policy *policy, int *type)
+static __always_inline const struct cpd_rule *rule_of(const struct cpd_policy *policy, __u32 *type)
 {
     __u32 other = policy->stand_in[*type];
     if (other != 0) {
@@ -135,101 +145,130 @@ static __always_inline void count(struct cpd_counters *counters, __u32 octets, i
     }
 }
 
-static __always_inline int admit(struct xdp_md *ctx, int type, const struct cpd_rule *rule,
-                                 struct cpd_offer offer, struct cpd_stats *stats)
+/* What the program behind this one has to know of a frame that passes. */
+static __always_inline void hand_on(struct xdp_md *ctx, __u32 port, __u32 type,
+                                    const struct cpd_rule *rule, const struct cpd_offer *offer)
+{
+    struct cpd_mark wanted = mark_of(rule);
+    if (port & CPD_PORT_SEGMENTS) {
+        wanted.segments = 1;
+        wanted.flags |= offer->flags & POLICED;
+        wanted.policer = offer->policer;
+        wanted.stats = cpd_stats_index(cpd_port_target(port), type);
+    }
+    if (wanted.flags & MARKED || wanted.segments)
+        mark(ctx, &wanted);
+}
+
+static __always_inline int admit(struct xdp_md *ctx, __u32 port, __u32 type,
+                                 const struct cpd_rule *rule, struct cpd_offer offer,
+                                 struct cpd_stats *stats)
 {
     int passed = conforms(&offer, stats);
     count(&stats->counters, offer.octets, passed);
     if (offer.flags)
         sample(ctx, stats, type, offer.tick, !passed);
-    if (passed && offer.flags & (CPD_RULE_QUEUE | CPD_RULE_PRIORITY))
-        mark(ctx, rule);
+    if (passed)
+        hand_on(ctx, port, type, rule, &offer);
     return passed ? XDP_PASS : XDP_DROP;
 }
 
 /* Police a packet by the rule that is in force for it. The way of a flood comes first, and is kept
  * free of all that it can do without: an offer in memory, a look at the samples. */
-static __always_inline int police(struct xdp_md *ctx, __u32 target, int type,
+static __always_inline int police(struct xdp_md *ctx, __u32 port, __u32 type,
                                   const struct cpd_rule *rule, __u32 flags, __u32 octets)
 {
-    struct cpd_stats *stats = stats_of(target, type);
+    struct cpd_stats *stats = stats_of(cpd_port_target(port), type);
     if (!stats)
         return XDP_PASS;
     const struct cpd_offer offer = {flags, rule->policer, octets, tick_now()};
     if (!cpd_likely(refused_unseen(&offer, stats)))
-        return admit(ctx, type, rule, offer, stats);
+        return admit(ctx, port, type, rule, offer, stats);
     count(&stats->counters, offer.octets, 0);
     return XDP_DROP;
 }
 
 /* Where nothing is in force. */
-static __always_inline int pass(__u32 target, int type, __u32 octets)
+static __always_inline int pass(struct xdp_md *ctx, __u32 port, __u32 type, __u32 octets)
 {
-    struct cpd_stats *stats = stats_of(target, type);
-    if (stats)
+    const struct cpd_rule none = {};
+    const struct cpd_offer offer = {};
+    struct cpd_stats *stats = stats_of(cpd_port_target(port), type);
+    if (stats) {
         count(&stats->counters, octets, 1);
+        hand_on(ctx, port, type, &none, &offer);
+    }
     return XDP_PASS;
 }
 
 /* Where ACL entries are in force, they decide on what they select. */
 static __always_inline const struct cpd_rule *
-classify_and_select(struct xdp_md *ctx, const struct cpd_policy *policy, int *type, __u32 *flags)
+classify_and_select(struct xdp_md *ctx, const struct cpd_policy *policy, __u32 *type, __u32 *flags)
 {
     struct cpd_packet packet = {};
-    int found = cpd_classify(ctx, &packet);
-    *type = (__u32)found < CPD_TYPES ? found : CPD_NO_TYPE;
-    return selected(ctx, &packet, policy, flags);
+    *type = cpd_known_type(cpd_classify(ctx, &packet));
+    return selected(ctx, &packet, policy, type, flags);
 }
 
 /* Without them, a packet's type is all that has to be known of it. */
-static __always_inline int type_of(struct xdp_md *ctx)
+static __always_inline __u32 type_of(struct xdp_md *ctx)
 {
     struct cpd_packet unused = {};
-    return classify(&unused, (const void *)(long)ctx->data, (const void *)(long)ctx->data_end);
+    return classify(ctx, &unused);
 }
 
 /* Of a frame in several buffers the headers are to be in the first. There are drivers that put them
- * elsewhere; before Linux 6.18 such a frame is of no type. */
+ * elsewhere, and before Linux 6.18 nothing can be done about that. */
 extern int bpf_xdp_pull_data(struct xdp_md *ctx, __u32 length) __weak __ksym;
 
-static __always_inline void gather_headers(struct xdp_md *ctx, __u32 octets)
+/* Returns whether the headers are in reach. */
+static __always_inline int gather_headers(struct xdp_md *ctx, __u32 octets)
 {
     __u32 first = ctx->data_end - ctx->data;
-    if (cpd_likely(first == octets) || first >= HEADERS_MAX || !bpf_xdp_pull_data)
-        return;
-    bpf_xdp_pull_data(ctx, octets < HEADERS_MAX ? octets : HEADERS_MAX);
+    if (cpd_likely(first == octets) || first >= HEADERS_MAX)
+        return 1;
+    return bpf_xdp_pull_data &&
+           bpf_xdp_pull_data(ctx, octets < HEADERS_MAX ? octets : HEADERS_MAX) == 0;
 }
 
 SEC("xdp.frags")
 int cpudefend_xdp(struct xdp_md *ctx)
 {
     __u32 octets = bpf_xdp_get_buff_len(ctx);
-    gather_headers(ctx, octets);
-    __u32 target = target_of(ctx->ingress_ifindex);
-    const struct cpd_policy *policy = policy_of(target);
+    int in_reach = gather_headers(ctx, octets);
+    __u32 port = port_of(ctx->ingress_ifindex);
+    const struct cpd_policy *policy = policy_of(cpd_port_target(port));
     const struct cpd_rule *rule;
-    __u32 flags = 0;
-    int type;
+    __u32 type = CPD_UNREAD, flags = 0;
 
-    if (policy && policy->acl_count) {
-        rule = classify_and_select(ctx, policy, &type, &flags);
-        if (rule)
-            return police(ctx, target, type, rule, flags, octets);
-    } else {
-        type = type_of(ctx);
+    if (cpd_likely(in_reach)) {
+        if (policy && policy->acl_count) {
+            rule = classify_and_select(ctx, policy, &type, &flags);
+            if (rule)
+                return police(ctx, port, type, rule, flags, octets);
+        } else {
+            type = type_of(ctx);
+        }
     }
     if (type == CPD_NO_TYPE)
         return XDP_PASS;
     if (!policy)
-        return pass(target, type, octets);
+        return pass(ctx, port, type, octets);
     rule = rule_of(policy, &type);
-    return police(ctx, target, type, rule, rule->flags, octets);
+    return police(ctx, port, type, rule, rule->flags, octets);
 }
 
 /* Behind it, on the socket buffer. Whatever other filters there are decide on the packet. */
 SEC("tc")
 int cpudefend_tc(struct __sk_buff *skb)
 {
-    take_mark(skb);
+    __u32 mac;
+    const struct cpd_mark *found = find_mark(skb, &mac);
+    if (!found)
+        return TC_ACT_UNSPEC;
+    const struct cpd_mark mark = *found;
+    take_mark(skb, &mark);
+    if (mark.segments && skb->gso_size && !admit_rest(skb, &mark, skb->len + mac))
+        return TC_ACT_SHOT;
     return TC_ACT_UNSPEC;
 }

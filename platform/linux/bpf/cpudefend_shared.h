@@ -12,7 +12,6 @@
  * daemon sends; docs/packet-types.md says what each one stands for.
  */
 enum cpd_type {
-    CPD_NO_TYPE = -1, /* anything else: passed, never counted */
     CPD_DOT1X,
     CPD_ARP,
     CPD_IGMPSNOOP,
@@ -71,7 +70,11 @@ enum cpd_type {
     CPD_ISSSYNC,
     CPD_DHCPSNOOPIP6,
     CPD_DHCPSNOOPARP,
-    CPD_TYPES /* how many there are */
+    CPD_TYPES, /* how many there are */
+
+    CPD_UNREAD = CPD_TYPES, /* what cannot be judged to the end: limited, never free */
+    CPD_RULES,              /* how many kinds of packets a policy has rules for */
+    CPD_NO_TYPE = CPD_RULES /* anything else: passes, unless an ACL entry selects it */
 };
 
 /* Whether there are frames that the program takes for this type: not of those that have no
@@ -118,6 +121,19 @@ enum cpd_rule_flag {
 #define CPD_ADDRESSES 65536
 #define CPD_RING_BYTES (1 << 18)
 
+/* The place of a port: its target, and whether frames on it may hold several packets. Never 0. */
+#define CPD_PORT_SEGMENTS 0x80000000u
+
+static inline __u32 cpd_port(__u32 target, int segments)
+{
+    return (target + 1) | (segments ? CPD_PORT_SEGMENTS : 0);
+}
+
+static inline __u32 cpd_port_target(__u32 port)
+{
+    return (port & ~CPD_PORT_SEGMENTS) - 1;
+}
+
 struct cpd_rule {
     __u8 flags; /* CPD_RULE_* */
     __u8 queue;
@@ -131,8 +147,8 @@ struct cpd_rule {
  * packet is judged by one or the other. The map of rules holds one for each target, or none.
  */
 struct cpd_policy {
-    struct cpd_rule types[CPD_TYPES]; /* CAR entries, by packet type */
-    __u8 stand_in[CPD_TYPES];         /* see cpd_let_stand_in() */
+    struct cpd_rule types[CPD_RULES]; /* CAR entries, by packet type; the last is for the unread */
+    __u8 stand_in[CPD_RULES];         /* see cpd_let_stand_in() */
     struct cpd_rule acls[CPD_ACLS];   /* ACL entries, in the order in which they were programmed */
     __u32 acl_count;
     __u32 table_set; /* which compiled set finds the ACL entry of a packet; with acl_count 0 none */
@@ -212,18 +228,27 @@ struct cpd_stats {
     __u32 sample_tick;
 };
 
-/* How many of these there are. Behind those of all types at all targets, each target has one for
- * packets of no type: it counts those that an ACL entry decided. */
-#define CPD_STATS (CPD_TARGETS * (CPD_TYPES + 1))
+/* Of these, each target has one for each packet type, one for the unread, and one for packets of no
+ * type, which counts those that an ACL entry decided. */
+#define CPD_STATS_EACH (CPD_NO_TYPE + 1)
+#define CPD_STATS (CPD_TARGETS * CPD_STATS_EACH)
 
-static inline __u32 cpd_stats_index(__u32 target, int type)
+static inline __u32 cpd_stats_index(__u32 target, __u32 type)
 {
-    return type == CPD_NO_TYPE ? CPD_TARGETS * CPD_TYPES + target : target * CPD_TYPES + type;
+    return target * CPD_STATS_EACH + type;
 }
 
 /* An address of IPv6, or one of IPv4 as ::ffff:a.b.c.d; in network order. */
 struct cpd_address {
     __u32 words[4];
+};
+
+#define CPD_ADDRESS_BITS 128
+
+/* The network of an address; both as the kernel's tries have them. */
+struct cpd_prefix {
+    __u32 bits;
+    struct cpd_address address;
 };
 
 /* A sample of what is policed, in the ring. Its data is what the frame begins with. */
@@ -236,26 +261,40 @@ struct cpd_sample {
     __u16 outer_tci; /* tag control information of the tags, in host order; 0 without */
     __u16 inner_tci;
     __u8 network_offset; /* of the header that ethertype announces */
-    __u8 tags;           /* 0 to 2 */
+    __u8 tags;           /* all of them; 0 when they were too many to follow */
     __u8 dropped;
     __u8 reserved[3];
     __u8 data[CPD_SAMPLE_DATA];
 };
 
-/* From the packet program to the one behind it that has a socket buffer: in the metadata. */
-struct cpd_meta {
-    __u32 magic;    /* CPD_META_MAGIC */
+/*
+ * From the packet program to the one behind it that has a socket buffer. Where a frame may turn out
+ * to be several packets, also what was charged for the first of them.
+ */
+struct cpd_mark {
+    __u32 magic;    /* CPD_MARK_MAGIC */
     __u32 priority; /* socket buffer priority */
     __u16 queue;    /* queue mapping, one more than the queue; 0 for none */
-    __u16 flags;    /* CPD_RULE_QUEUE, CPD_RULE_PRIORITY */
+    __u16 stats;    /* where the frame was counted, by cpd_stats_index(); this and the next: */
+    __u16 policer;  /* if the frame may hold several packets */
+    __u8 flags;     /* CPD_RULE_* */
+    __u8 segments;  /* whether it may */
 };
-#define CPD_META_MAGIC 0x63704466
+#define CPD_MARK_MAGIC 0x63704467
+
+/* It goes in the metadata before the frame, at the end of that: Linux forgets how long the MAC
+ * header is when it copies a buffer for a program in generic mode, and then shows the program
+ * behind a window that begins so many bytes too late. */
+struct cpd_meta {
+    __u8 shift[16];
+    struct cpd_mark mark;
+};
 
 /*
  * What user space must know of a pinned data plane to take it over: the program does not read it. A
  * policy is written here before it comes in force.
  */
-#define CPD_LAYOUT 2 /* rises with every change of a structure in a map */
+#define CPD_LAYOUT 3 /* rises with every change of a structure in a map */
 
 struct cpd_place {
     __u32 used;

@@ -12,7 +12,7 @@
 #include "acl_lookup.h"
 #include "cpudefend_shared.h"
 
-/* The target of a port; one that is not here belongs to the system. */
+/* The place of a port, as cpd_port() makes it; one that is not here belongs to the system. */
 struct {
     __uint(type, BPF_MAP_TYPE_HASH);
     __uint(max_entries, CPD_PORTS);
@@ -20,7 +20,7 @@ struct {
     __type(value, __u32);
 } cpudefend_ports SEC(".maps");
 
-/* The same by a mere load, for ports with a low ifindex: the target plus 1; 0 says nothing. */
+/* The same by a mere load, for ports with a low ifindex; 0 says nothing. */
 struct {
     __uint(type, BPF_MAP_TYPE_ARRAY);
     __uint(max_entries, CPD_NEAR);
@@ -76,7 +76,7 @@ struct {
     __type(value, struct cpd_stats);
 } cpudefend_stats SEC(".maps");
 
-/* The host's own addresses, of IPv4 as ::ffff:a.b.c.d. */
+/* Addresses that the host's routing tables deliver to itself, of IPv4 as ::ffff:a.b.c.d. */
 struct {
     __uint(type, BPF_MAP_TYPE_HASH);
     __uint(map_flags, BPF_F_NO_PREALLOC);
@@ -84,6 +84,15 @@ struct {
     __type(key, struct cpd_address);
     __type(value, __u8);
 } cpudefend_local SEC(".maps");
+
+/* The same of whole prefixes. */
+struct {
+    __uint(type, BPF_MAP_TYPE_LPM_TRIE);
+    __uint(map_flags, BPF_F_NO_PREALLOC);
+    __uint(max_entries, CPD_ADDRESSES);
+    __type(key, struct cpd_prefix);
+    __type(value, __u8);
+} cpudefend_nets SEC(".maps");
 
 /* Samples for source tracing. */
 struct {
@@ -99,13 +108,14 @@ struct {
     __type(value, struct cpd_info);
 } cpudefend_info SEC(".maps");
 
-static __always_inline __u32 target_of(__u32 ifindex)
+/* The place of a port; its target is cpd_port_target() of that. */
+static __always_inline __u32 port_of(__u32 ifindex)
 {
     const __u32 *near = bpf_map_lookup_elem(&cpudefend_near, &ifindex);
     if (near && *near)
-        return *near - 1;
-    const __u32 *target = bpf_map_lookup_elem(&cpudefend_ports, &ifindex);
-    return target ? *target : 0;
+        return *near;
+    const __u32 *far = bpf_map_lookup_elem(&cpudefend_ports, &ifindex);
+    return far ? *far : cpd_port(0, 0);
 }
 
 static __always_inline const struct cpd_policy *policy_of(__u32 target)
@@ -122,7 +132,7 @@ static __always_inline const struct cpd_tables *tables_of(__u32 set)
     return inner ? bpf_map_lookup_elem(inner, &first) : 0;
 }
 
-static __always_inline struct cpd_stats *stats_of(__u32 target, int type)
+static __always_inline struct cpd_stats *stats_of(__u32 target, __u32 type)
 {
     __u32 index = cpd_stats_index(target, type);
     return bpf_map_lookup_elem(&cpudefend_stats, &index);

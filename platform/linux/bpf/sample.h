@@ -60,7 +60,7 @@ static __always_inline int is_sampled(const struct cpd_stats *stats, __u32 tick)
     return stats->sample_tick == tick && stats->samples >= samples_per_tick;
 }
 
-static __always_inline void sample(struct xdp_md *ctx, struct cpd_stats *stats, int type,
+static __always_inline void sample(struct xdp_md *ctx, struct cpd_stats *stats, __u32 type,
                                    __u32 tick, int dropped)
 {
     if (stats->sample_tick != tick) {
@@ -70,7 +70,7 @@ static __always_inline void sample(struct xdp_md *ctx, struct cpd_stats *stats, 
     if (stats->samples >= samples_per_tick)
         return;
     stats->samples++;
-    if (type != CPD_NO_TYPE)
+    if (type < CPD_TYPES)
         cpd_take_sample(ctx, dropped, stats->samples == 1);
 }
 

@@ -9,11 +9,6 @@
 #include "classify.h"
 #include "maps.h"
 
-#define PROTOCOL_SCTP 132
-
-#define TRANSPORT_OFFSET_MASK 0x3fff /* more than six extension headers behind tags can reach */
-#define TCP_FLAGS_OFFSET 13
-
 /* Where a frame is. */
 struct frame {
     const __u8 *data;
@@ -38,13 +33,6 @@ static __always_inline const void *network_header(const struct frame *frame, __u
     return at + size <= frame->end ? at : 0;
 }
 
-/* So many bytes of what the IP headers carry; 0 when the frame or the packet has not got them. */
-static __always_inline const void *transport_header(const struct frame *frame, __u32 size)
-{
-    const __u8 *at = frame->data + (frame->packet->transport & TRANSPORT_OFFSET_MASK);
-    return frame->packet->room >= size && at + size <= frame->end ? at : 0;
-}
-
 static __always_inline int read_addresses(const struct frame *frame, struct cpd_acl_key *key)
 {
     if (frame->packet->version == 4) {
@@ -65,53 +53,23 @@ static __always_inline int read_addresses(const struct frame *frame, struct cpd_
     return 1;
 }
 
-static __always_inline void read_ports(const struct frame *frame, struct cpd_acl_key *key)
-{
-    const struct ports *ports = transport_header(frame, sizeof(*ports));
-    if (!ports)
-        return;
-    key->source_port = bpf_ntohs(ports->source);
-    key->destination_port = bpf_ntohs(ports->destination);
-}
-
-static __always_inline void read_byte(const struct frame *frame, __u32 offset, __u32 *byte)
-{
-    const __u8 *at = transport_header(frame, offset + 1);
-    if (at)
-        *byte = at[offset];
-}
-
-static __always_inline void read_transport(const struct frame *frame, struct cpd_acl_key *key)
-{
-    switch (frame->packet->protocol) {
-    case PROTOCOL_TCP: read_byte(frame, TCP_FLAGS_OFFSET, &key->extra);
-    /* fall through */
-    case PROTOCOL_UDP:
-    case PROTOCOL_SCTP: return read_ports(frame, key);
-    case PROTOCOL_ICMP:
-    case PROTOCOL_ICMPV6: return read_byte(frame, 0, &key->extra);
-    default: return;
-    }
-}
-
-/* A packet of IP: 1 for the first ACL entry when that selects it, and so on; 0 when none does. */
+/* A packet of IP: 1 for the first ACL entry when that selects it, and so on; 0 when none does,
+ * CPD_ACL_UNTOLD when this fragment does not tell. */
 __noinline int cpd_select(struct xdp_md *ctx, struct cpd_packet *packet, __u32 table_set)
 {
     const struct cpd_tables *tables = tables_of(table_set);
     if (!packet || !tables)
         return 0;
     struct cpd_acl_key key = {
-        .source_port = CPD_ACL_NO_PORT,
-        .destination_port = CPD_ACL_NO_PORT,
-        .extra = packet->later ? CPD_ACL_FRAGMENT : CPD_ACL_NO_EXTRA,
+        .source_port = packet->source_port,
+        .destination_port = packet->destination_port,
+        .extra = packet->extra,
         .protocol = packet->protocol,
         .v6 = packet->version == 6,
     };
     struct frame frame = frame_of(ctx, packet);
     if (!read_addresses(&frame, &key))
         return 0;
-    if (!packet->later)
-        read_transport(&frame, &key);
     return cpd_acl_decide(tables, &key);
 }
 
@@ -121,13 +79,23 @@ static __always_inline int is_multicast(const struct cpd_acl_key *key)
     return key->v6 ? address >> 24 == 0xff : address >> 28 == 0xe || address == 0xffffffff;
 }
 
+/* No route leads there: the kernel takes the one of IPv4 for a broadcast (RFC 1122, 3.2.1.3). */
+static __always_inline int is_unspecified(const struct cpd_acl_key *key)
+{
+    const __u32 *word = key->destination;
+    return !(word[0] | (key->v6 ? word[1] | word[2] | word[3] : 0));
+}
+
+/* What the kernel's routing tables deliver to the host: single addresses, then whole prefixes. */
 static __always_inline int is_own(const struct cpd_acl_key *key)
 {
-    struct cpd_address address = {{0, 0, bpf_htonl(0xffff), bpf_htonl(key->destination[0])}};
+    struct cpd_prefix prefix = {CPD_ADDRESS_BITS,
+                                {{0, 0, bpf_htonl(0xffff), bpf_htonl(key->destination[0])}}};
     if (key->v6)
         for (int i = 0; i < 4; i++)
-            address.words[i] = bpf_htonl(key->destination[i]);
-    return bpf_map_lookup_elem(&cpudefend_local, &address) != 0;
+            prefix.address.words[i] = bpf_htonl(key->destination[i]);
+    return bpf_map_lookup_elem(&cpudefend_local, &prefix.address) != 0 ||
+           bpf_map_lookup_elem(&cpudefend_nets, &prefix) != 0;
 }
 
 /* Whether a packet of IP is for the box itself and not for it to forward. */
@@ -139,7 +107,7 @@ __noinline int cpd_for_the_box(struct xdp_md *ctx, struct cpd_packet *packet)
     struct cpd_acl_key key = {.v6 = packet->version == 6};
     if (frame.data + sizeof(struct ethernet_header) > frame.end || !read_addresses(&frame, &key))
         return 1;
-    return frame.data[0] & 1 || is_multicast(&key) || is_own(&key);
+    return frame.data[0] & 1 || is_multicast(&key) || is_unspecified(&key) || is_own(&key);
 }
 
 #endif
