@@ -1,7 +1,6 @@
 #include "flood_test.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <net/if.h>
 #include <sched.h>
@@ -13,6 +12,7 @@
 #include <bpf/libbpf.h>
 
 #include "demo/offload.h"
+#include "front_end.h"
 #include "linux/bpf_probe.h"
 
 void addWire(const std::string &portName, const std::string &peerName)
@@ -96,17 +96,7 @@ void FloodTest::restart()
 
 std::string FloodTest::ctl(const std::string &arguments) const
 {
-    const std::string line = CPUDEFEND_TEST_CTL " " + arguments + " 2>&1";
-    std::FILE *pipe = popen(line.c_str(), "re");
-    if (!pipe)
-        throw std::runtime_error("couldn't run " + line);
-    std::string output;
-    char buffer[4096];
-    while (size_t got = std::fread(buffer, 1, sizeof buffer, pipe))
-        output.append(buffer, got);
-    if (pclose(pipe) != 0)
-        throw std::runtime_error("cpudefendctl " + arguments + " failed: " + output);
-    return output;
+    return cpudefendctl(arguments);
 }
 
 nlohmann::json FloodTest::ctlJson(const std::string &arguments) const

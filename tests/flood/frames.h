@@ -9,9 +9,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "sender.h"
+#include "octets.h"
 
-using Mac = std::array<uint8_t, 6>;
 using Ip4 = std::array<uint8_t, 4>;
 
 constexpr uint16_t etherArp = 0x0806;

@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-using Octets = std::vector<uint8_t>;
+#include "octets.h"
 
 struct sender_bpf;
 

@@ -1,0 +1,45 @@
+/**
+ * What the kernel's own protocols count of what they took.
+ */
+#ifndef REACH_KERNEL_COUNTERS_H
+#define REACH_KERNEL_COUNTERS_H
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "consumers.h"
+#include "descriptor.h"
+
+/** A consumer in the kernel, and the counters that say what it took: their sum. */
+struct KernelConsumer {
+    const char *name;
+    Verdicts verdicts;
+    std::vector<std::string> counters; /**< "Ip InDelivers", or "Ip6InDelivers" */
+};
+
+const std::vector<KernelConsumer> &kernelConsumers();
+
+/** The tables of /proc, read all at once. */
+class KernelCounters
+{
+public:
+    KernelCounters();
+
+    void refresh();
+
+    /** What the counters grow by from one refresh() to another. This must stay where it is. */
+    std::unique_ptr<Eye> watch(const std::vector<std::string> &names) const;
+
+    /** @throw std::runtime_error when the kernel has no such counter */
+    uint64_t number(const std::string &name) const;
+
+private:
+    zynlinux::Descriptor files_[2]; /**< the list for IPv6, then the table with titles */
+    std::string texts_[2];
+};
+
+/** BPDUs that the kernel's spanning tree took from a port of a bridge. */
+std::unique_ptr<Eye> watchSpanningTree(const std::string &port);
+
+#endif

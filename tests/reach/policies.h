@@ -1,0 +1,57 @@
+/**
+ * The daemon that protects the port, and what it is told to deny or to hold to a rate.
+ */
+#ifndef REACH_POLICIES_H
+#define REACH_POLICIES_H
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "consumers.h"
+#include "daemon_process.h"
+
+/** The policy of a denial, whose index is the one of the consumers' verdicts. */
+extern const char *const denialNames[DENIALS];
+
+/** What a rate is counted in. */
+enum class Unit { Packets, Octet };
+
+/** What a limit promises of everybody who sees what it limits. */
+struct Cap {
+    std::string name;
+    std::vector<std::string> consumers; /**< how their names begin */
+    Unit unit;
+    double rate;  /**< of units, in a second */
+    double burst; /**< units at once */
+};
+
+struct RatePolicy {
+    const char *name;
+    std::vector<Cap> caps;
+};
+
+/** Limits of packet types, a white list, and rules: each at rates. */
+const std::vector<RatePolicy> &ratePolicies();
+
+/** Two policies that limit the same types to like rates, one by packets and the other by octets. */
+constexpr const char *turns[] = {"by-packets", "by-octets"};
+const std::vector<Cap> &turningCaps(bool byOctets);
+
+class Protection
+{
+public:
+    /** Start the daemon on the port of the plan, and tell it all policies. None is bound. */
+    explicit Protection(const PortKind &kind);
+    ~Protection();
+
+    /** Bind a policy in place of the one that is bound. */
+    void bind(const std::string &policy);
+
+private:
+    std::string file_;
+    std::unique_ptr<DaemonProcess> daemon_;
+};
+
+#endif
