@@ -47,6 +47,21 @@ constexpr const char *kTooLate = "the daemon did not answer in time";
     failWithErrno("connect");
 }
 
+/**
+ * The socket lies where everybody may put one: what is sent is for the daemon alone, not for
+ * somebody who has taken its place.
+ */
+void checkPeer(int fd, const std::string &path)
+{
+    ucred peer{};
+    socklen_t length = sizeof peer;
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) < 0)
+        failWithErrno("getsockopt");
+    if (peer.uid != 0 && peer.uid != geteuid())
+        fail(Failure::NotTrusted, "user " + std::to_string(peer.uid) + " listens on " + path +
+                                      ", who is neither root nor you");
+}
+
 /** One connection. Each call blocks no longer than what is left until the deadline. */
 class Connection
 {
@@ -94,7 +109,7 @@ void Connection::connectTo(const std::string &path)
     do {
         limit(SO_SNDTIMEO);
         if (connect(fd_, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0)
-            return;
+            return checkPeer(fd_, path);
     } while (errno == EINTR);
     failToConnect(path);
 }

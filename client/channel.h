@@ -23,7 +23,8 @@ public:
                      std::chrono::milliseconds timeout = kTimeout);
 
     /**
-     * Connect, send one request, receive its reply, close.
+     * Connect, send one request, receive its reply, close. Nothing is sent to a daemon that runs
+     * neither as root nor as this process's user.
      * @param body the request's body
      * @return the reply's body
      *

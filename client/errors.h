@@ -16,6 +16,7 @@ namespace cpudefend
 enum class Failure {
     NotRunning,       /**< nobody listens on the socket */
     NotPermitted,     /**< the socket may not be opened by this user */
+    NotTrusted,       /**< who listens there is neither root nor this user: nothing was sent */
     TimedOut,         /**< no whole reply in time */
     Closed,           /**< the connection ended before a whole reply */
     RequestMalformed, /**< zero-length reply: the daemon could not read the request */

@@ -210,6 +210,17 @@ extern int32_t cpuDefendTest; /**< non-zero prints the decisions of CPU-rate swi
 /* ---- Start-up, event loop, channel ---------------------------------------------------- */
 
 /**
+ * Claim the place of the management socket, before anything else is touched. What a daemon left
+ * that has ended, and what belongs to users other than root and our own, may be replaced then.
+ * @return 0, or -1 with the reason printed on standard error: another daemon serves there or is
+ *         starting, or a folder is in the way
+ */
+int32_t cpuDefendSocketClaim();
+
+/** The socket was made: it goes when the process exits, if it is ours still. */
+void cpuDefendSocketKeep();
+
+/**
  * Build the pools, the default policy and the sockets.
  * @param maxPolicyNumber size of the policy pool, 0 for 32; the pools of rules, CAR entries and
  *                        traced sources are 8, 10 and 1 times as large

@@ -2,9 +2,11 @@
 
 #include <errno.h>
 #include <limits.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,6 +18,8 @@ namespace
 
 const char standardFile[] = "/etc/cpudefend/platform.toml";
 const char linuxName[] = "cpuDefend.linux";
+
+int stopSignals = -1; // tells of signals that end the daemon
 
 /** The value of an environment variable; null also for an empty one. */
 const char *setting(const char *name)
@@ -64,6 +68,23 @@ int32_t roleInit(const char *role)
     return 0;
 }
 
+/** A stop waits for the end of a turn. There is nothing that a SIGHUP could have read anew. */
+int32_t signalsInit()
+{
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGINT);
+    stopSignals = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
+    if (stopSignals < 0) {
+        fprintf(stderr, "cpuDefend: couldn't wait for signals: %s\n", strerror(errno));
+        return -1;
+    }
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+    signal(SIGHUP, SIG_IGN);
+    return 0;
+}
+
 } // namespace
 
 const char *linuxPlatformAsked(const char *configured, const char *standard)
@@ -84,6 +105,18 @@ int32_t zynPlatformInit(char *const argv[])
         startLinux(platformFile, argv);
         return -1;
     }
-    int32_t result = roleInit(setting("CPUDEFEND_ROLE"));
-    return result != 0 ? result : journalInit();
+    const bool ready = roleInit(setting("CPUDEFEND_ROLE")) == 0 && journalInit() == 0;
+    return ready ? signalsInit() : -1;
+}
+
+int32_t zynPlatformFd()
+{
+    return stopSignals;
+}
+
+void zynPlatformRun()
+{
+    signalfd_siginfo info;
+    if (read(stopSignals, &info, sizeof info) == sizeof info)
+        exit(EXIT_SUCCESS);
 }

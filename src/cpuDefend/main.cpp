@@ -34,13 +34,14 @@ int main(int argc, char *argv[])
 {
     zynCatchSegFault();
     signal(SIGPIPE, SIG_IGN); // nobody who reads our messages may end us by going away
-    if (!takeStandardDescriptors() || zynPlatformInit(argv) != 0)
+    if (!takeStandardDescriptors() || cpuDefendSocketClaim() != 0 || zynPlatformInit(argv) != 0)
         return -1;
     const uint32_t maxPolicyNumber = argc >= 2 ? number(argv[1]) : CPUDEFEND_DEFAULT_POLICYNUM;
     const uint32_t maxSlotNumber = argc >= 3 ? number(argv[2]) : CPUDEFEND_DEFAULT_SLOTNUM;
-    if (cpuDefendInit(maxPolicyNumber, maxSlotNumber) == 0)
-        cpuDefenTask();
-    else
+    if (cpuDefendInit(maxPolicyNumber, maxSlotNumber) != 0) {
         perror("couldn't start the daemon");
-    return -1;
+        return -1;
+    }
+    cpuDefendSocketKeep();
+    cpuDefenTask();
 }

@@ -210,7 +210,8 @@ TEST(DaemonStart, APlatformFileThatCannotBeReadIsAnError)
 TEST(DaemonStart, ASocketPathThatCannotBeHadIsAnError)
 {
     const FolderInTheWay folder(CPUDEFEND_CMD_SOCKET);
-    EXPECT_EQ(255, runDaemon({}, {}, 20, nullptr));
+    expectRefusedStart({}, "cpuDefend: couldn't take " CPUDEFEND_CMD_SOCKET
+                           ": a folder is in its place\n");
 }
 
 TEST(DaemonStart, ClosedStandardDescriptorsDoNotHinderIt)

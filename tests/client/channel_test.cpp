@@ -87,6 +87,36 @@ TEST(Channel, ASocketOfAnotherUserIsNotPermitted)
     EXPECT_EQ(reason, "permission denied on " + daemon.path());
 }
 
+TEST(Channel, NothingIsSentToADaemonOfAnotherUser)
+{
+    std::atomic<bool> asked = false;
+    const auto serve = [&](int fd, const Bytes &) {
+        asked = true;
+        reply(fd, {7, 8, 9});
+    };
+    const uid_t self = geteuid();
+    if (self != 0 || seteuid(65534) != 0)
+        GTEST_SKIP() << "only root can become another user";
+    std::optional<FakeDaemon> daemon(std::in_place, serve);
+    ASSERT_EQ(seteuid(0), 0);
+    std::string reason;
+    EXPECT_EQ(failureOf(daemon->path(), 5s, &reason), Failure::NotTrusted);
+    EXPECT_EQ(reason, "user 65534 listens on " + daemon->path() + ", who is neither root nor you");
+    daemon.reset();
+    EXPECT_FALSE(asked);
+}
+
+TEST(Channel, RootsDaemonIsTrustedByEverybodyWhomItLetsIn)
+{
+    FakeDaemon daemon([](int fd, const Bytes &) { reply(fd, {7, 8, 9}); });
+    ASSERT_EQ(chmod(daemon.path().c_str(), 0666), 0);
+    const uid_t self = geteuid();
+    if (self != 0 || seteuid(65534) != 0)
+        GTEST_SKIP() << "only root can become another user";
+    EXPECT_EQ(failureOf(daemon.path()), std::nullopt);
+    ASSERT_EQ(seteuid(0), 0);
+}
+
 TEST(Channel, ClosedWithoutAReply)
 {
     FakeDaemon daemon([](int, const Bytes &) {});

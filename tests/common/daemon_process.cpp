@@ -88,6 +88,22 @@ bool readFully(int fd, void *buf, size_t len)
     return true;
 }
 
+/** Whether the daemon answers, if only to a request that is none: it may listen before it serves.
+ */
+bool answers()
+{
+    const int fd = connectToDaemon();
+    if (fd < 0)
+        return false;
+    const uint8_t empty[4] = {};
+    uint8_t reply[4];
+    pollfd ready{fd, POLLIN, 0};
+    const bool answered = send(fd, empty, sizeof empty, MSG_NOSIGNAL) == sizeof empty &&
+                          poll(&ready, 1, 1000) == 1 && readFully(fd, reply, sizeof reply);
+    close(fd);
+    return answered;
+}
+
 } // namespace
 
 DaemonProcess::DaemonProcess(std::vector<std::string> args, std::map<std::string, std::string> env,
@@ -97,11 +113,8 @@ DaemonProcess::DaemonProcess(std::vector<std::string> args, std::map<std::string
     pid_ = start(program, args, env, errFd_);
     const auto deadline = Clock::now() + std::chrono::seconds(20);
     while (Clock::now() < deadline) {
-        const int fd = connectToDaemon();
-        if (fd >= 0) {
-            close(fd);
+        if (answers())
             return;
-        }
         if (!running())
             break;
         usleep(2000);

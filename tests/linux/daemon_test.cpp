@@ -17,9 +17,8 @@
 #include "channel/request.h"
 #include "cpuDefend_nm.h"
 #include "daemon_process.h"
+#include "layer_on_wire.h"
 #include "memory/scratch.h"
-#include "on_wire.h"
-#include "platform_file.h"
 
 using namespace std::chrono_literals;
 using nlohmann::json;
@@ -146,6 +145,24 @@ TEST_F(DaemonOnWire, NeedsOnlyTheCapabilitiesOfItsService)
     int status = -1;
     waitpid(child, &status, 0);
     EXPECT_EQ(status, 0);
+}
+
+TEST_F(DaemonOnWire, StartIsRefusedBeforeAnyPortIsTouchedWhileAnotherDaemonServes)
+{
+    DaemonProcess other;
+    PlatformFile own(unpinned + "ports = [\"" + protectedPort + "\"]\n");
+    std::string errors;
+    EXPECT_EQ(runDaemon({}, {{"CPUDEFEND_PLATFORM", own.path()}}, 20, &errors), 255);
+    EXPECT_EQ(errors, "cpuDefend: couldn't take " CPUDEFEND_CMD_SOCKET ": another daemon has it\n");
+    EXPECT_EQ(programOn(protectedPort), 0u);
+}
+
+TEST_F(DaemonOnWire, TakesItsSocketWithItWhenItIsToldToStop)
+{
+    start();
+    int status = daemon->stop(SIGTERM);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == EXIT_SUCCESS) << status;
+    EXPECT_NE(access(CPUDEFEND_CMD_SOCKET, F_OK), 0);
 }
 
 TEST_F(DaemonOnWire, JournalThatCannotBeOpenedKeepsTheDaemonFromStarting)
