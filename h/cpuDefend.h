@@ -192,6 +192,7 @@ struct tCpuDefendSystem {
     uint32_t useBindingNum;     /**< of policies to places, as configured */
     uint32_t useFollowedNum;    /**< the same, when cpuDefendFollow last saw to them */
     uint32_t useWantedNum;      /**< what these stand for */
+    uint32_t hwCallNum;         /**< calls that programmed or removed something */
     uint32_t hwChangeNum;       /**< policies programmed and removed */
     uint32_t followedChangeNum; /**< the same, when cpuDefendFollow last saw to them */
     uint8_t followsCards;       /**< 1 once a card has a slot's record */

@@ -8,7 +8,8 @@
 
 /**
  * As long as it lives the semaphore is held, and what is programmed gathers. At its end that is
- * completed by what follows from it, and put in force together.
+ * completed by what follows from it, and put in force together. Changes nest; the outermost one
+ * counts.
  */
 class Change
 {
@@ -17,24 +18,33 @@ public:
     {
         OsixTakeSem(gCpuDefend.cpuDefendSem, OSIX_WAIT_FOREVER);
         zynHwChangeBegin();
+        depth_++;
     }
     ~Change() { end(); }
 
-    /** End it now. @return 0, or why it is not in force */
-    int32_t end()
+    /**
+     * End it now.
+     * @param result of the work
+     * @return that; or, if it is 0 and the work programmed something, why that is not in force
+     */
+    int32_t end(int32_t result = CPUDEFEND_OK)
     {
         if (ended_)
-            return 0;
+            return result;
         ended_ = true;
-        cpuDefendFollow();
-        const int32_t result = zynHwChangeEnd();
+        const bool programmed = gCpuDefend.hwCallNum != callNum_;
+        if (--depth_ == 0)
+            cpuDefendFollow();
+        const int32_t failure = zynHwChangeEnd();
         OsixGiveSem(gCpuDefend.cpuDefendSem);
-        return result;
+        return result == CPUDEFEND_OK && programmed ? failure : result;
     }
     Change(const Change &) = delete;
     Change &operator=(const Change &) = delete;
 
 private:
+    static inline uint32_t depth_; // changes that live
+    uint32_t callNum_ = gCpuDefend.hwCallNum;
     bool ended_ = false;
 };
 

@@ -4,7 +4,6 @@
 #include <stdio.h>
 #include <string.h>
 
-#include "cpuDefend_change.h"
 #include "cpuDefend_cmd.h"
 
 namespace
@@ -185,10 +184,7 @@ int32_t call(tRequest &req)
     if (req.valueType == ADR_OCTETS && table.kind(req.cmd) == NM_ANY)
         req.cell.number = 0; // a reset looks at no value, but the standby card gets a number
     const auto handler = req.op == CMD_SET ? table.set : table.sync;
-    Change change;
-    const int32_t result = handler(&req.index, req.cmd, req.value);
-    const int32_t ended = change.end(); // in force before the reply
-    return result != CPUDEFEND_OK ? result : ended;
+    return handler(&req.index, req.cmd, req.value);
 }
 
 void answerValue(tRequest &req)

@@ -45,6 +45,7 @@ int32_t setSystem(uint32_t cmd, tHwCpuDefendPktCarEntry *record)
 
 int32_t call(const tHwCalls &calls, tHwItem &item)
 {
+    gCpuDefend.hwCallNum++;
     const tHwSetting &setting = item.setting;
     tSlotIndex *slot = item.target.slot();
     if (setting.isAcl) // the burst is given as the excess burst too

@@ -3,6 +3,7 @@
  */
 #include <stdio.h>
 
+#include "cpuDefend/cpuDefend_change.h"
 #include "cpuDefend_level.h"
 #include "cpuDefend_nm_attr.h"
 
@@ -240,8 +241,8 @@ int32_t cpuDefendGlobalGetApi(uint32_t, uint32_t attrId, octetstring *value)
 
 int32_t _cpuDefendGlobalSetApi(uint32_t, uint32_t attrId, octetstring *value, uint32_t flag)
 {
-    NmLock lock;
-    return set({attrId, value, flag});
+    Change change;
+    return change.end(set({attrId, value, flag}));
 }
 
 int32_t cpuDefendGlobalSetApi(uint32_t index, uint32_t attrId, octetstring *value)

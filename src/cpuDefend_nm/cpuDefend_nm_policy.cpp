@@ -7,6 +7,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "cpuDefend/cpuDefend_change.h"
 #include "cpuDefend_nm_attr.h"
 
 namespace
@@ -171,7 +172,7 @@ int32_t cpuDefendPolicyGetApi(tCpuDefendPolicyIdx *nameIdx, uint32_t cmd, void *
 
 int32_t _cpuDefendPolicySetApi(tCpuDefendPolicyIdx *nameIdx, uint32_t cmd, void *var, uint32_t flag)
 {
-    NmLock lock;
+    Change change; // a policy that comes may be bound already, by its name
     tCpuDefendPolicyEntry *pPolicy = find(nameIdx);
     if (!pPolicy && cmd == CPUDEFEND_POLICY_ENTRYSTATUS)
         return setRowStatus(nameIdx, nullptr, nmNumber(var));

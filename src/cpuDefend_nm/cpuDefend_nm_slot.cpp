@@ -3,7 +3,9 @@
  * walked.
  */
 #include <stdio.h>
+#include <string.h>
 
+#include "cpuDefend/cpuDefend_change.h"
 #include "cpuDefend_level.h"
 #include "cpuDefend_nm_attr.h"
 
@@ -38,6 +40,7 @@ struct tChange {
     uint32_t attrId;
     octetstring *value;
     uint32_t flag;
+    Change *programming; /**< what is programmed for it */
 };
 
 tCpuDefendSlotEntry *find(const tcpuDefendSlotIdx *idx)
@@ -51,17 +54,51 @@ int32_t sync(const tChange &change, uint32_t extraFlag = 0)
     return zynHwSlotSync(&slot, SYNC_BASE + change.attrId, change.value, change.flag | extraFlag);
 }
 
+/** A slot's fixed policy. */
+struct tBinding {
+    tCpuDefendPolicyEntry *policy;
+    uint8_t name[CPUDEFEND_NAME_MAXLEN];
+    uint8_t nameLen;
+};
+
+tBinding bindingOf(const tCpuDefendSlotEntry *entry)
+{
+    tBinding binding{entry->policyEntry, {}, entry->policyNameLen};
+    memcpy(binding.name, entry->policyName, sizeof binding.name);
+    return binding;
+}
+
+void bind(tCpuDefendSlotEntry *entry, const tBinding &binding)
+{
+    entry->policyEntry = binding.policy;
+    entry->policyNameLen = binding.nameLen;
+    memcpy(entry->policyName, binding.name, sizeof entry->policyName);
+}
+
 /** Take the fixed policy out of the hardware; it stays bound when that fails. */
 int32_t unbind(tCpuDefendSlotEntry *entry, tSlotIndex *index)
 {
     if (entry->policyNameLen == 0)
         return 0;
     const int32_t result = cpuDefendHwDel(index, entry->policyName, entry->policyNameLen);
+    if (result == 0)
+        bind(entry, tBinding{});
+    return result;
+}
+
+/** Program another fixed policy, or none. What can't be programmed is not bound. */
+int32_t replace(tCpuDefendSlotEntry *entry, tCpuDefendPolicyEntry *policy, const octetstring *name)
+{
+    tSlotIndex index = cpuDefendSlotIndex(entry);
+    int32_t result = unbind(entry, &index);
+    if (!policy)
+        return result;
+    result = cpuDefendHwAdd(&index, policy);
     if (result != 0)
         return result;
-    entry->policyEntry = nullptr;
-    nmStoreName(entry->policyName, &entry->policyNameLen, nullptr);
-    return 0;
+    entry->policyEntry = policy;
+    nmStoreName(entry->policyName, &entry->policyNameLen, name);
+    return CPUDEFEND_OK;
 }
 
 int32_t setPolicy(const tChange &change)
@@ -75,16 +112,14 @@ int32_t setPolicy(const tChange &change)
         result = sync(change, ZYN_SYNC_OCTETS);
     if (result != CPUDEFEND_OK)
         return result;
-    tSlotIndex index = cpuDefendSlotIndex(entry);
-    result = unbind(entry, &index);
-    if (!policy)
-        return result;
-    result = cpuDefendHwAdd(&index, policy);
-    if (result != 0)
-        return result;
-    entry->policyEntry = policy;
-    nmStoreName(entry->policyName, &entry->policyNameLen, change.value);
-    return CPUDEFEND_OK;
+    const tBinding before = bindingOf(entry);
+    result = replace(entry, policy, change.value);
+    const int32_t ended = change.programming->end(result);
+    if (ended != result) { // it only turned out now, and is as though a call had failed
+        Change withoutIt;
+        bind(entry, policy ? tBinding{} : before);
+    }
+    return ended;
 }
 
 int32_t resetSrcTrace(const tChange &change)
@@ -201,9 +236,11 @@ int32_t cpuDefendSlotGetApi(tcpuDefendSlotIdx *idx, uint32_t attrId, octetstring
 int32_t _cpuDefendSlotSetApi(tcpuDefendSlotIdx *idx, uint32_t attrId, octetstring *value,
                              uint32_t flag)
 {
-    NmLock lock;
+    Change change;
     tCpuDefendSlotEntry *entry = find(idx);
-    return entry ? set({entry, idx, attrId, value, flag}) : CPUDEFEND_ENOSLOT;
+    if (!entry)
+        return CPUDEFEND_ENOSLOT;
+    return change.end(set({entry, idx, attrId, value, flag, &change}));
 }
 
 int32_t cpuDefendSlotSetApi(tcpuDefendSlotIdx *idx, uint32_t attrId, octetstring *value)

@@ -186,11 +186,18 @@ void zynHwChangeBegin(void)
 
 int32_t zynHwChangeEnd(void)
 {
-    if (changeDepth == 0)
+    if (changeDepth == 0) {
         loneEnd = true;
-    else
-        changesEnded += --changeDepth == 0;
-    return 0;
+        return 0;
+    }
+    if (--changeDepth != 0)
+        return 0;
+    changesEnded++;
+    if (script.changeEnds.empty())
+        return 0;
+    const int32_t result = script.changeEnds.front();
+    script.changeEnds.pop_front();
+    return result;
 }
 
 int32_t zynPlatformFd(void)

@@ -76,6 +76,8 @@ struct Script {
     std::map<size_t, int32_t> failAt;
     /** Result of every call of a kind, unless failAt speaks. */
     std::map<Call, int32_t> failAll;
+    /** Results of the ends of outermost changes: used up in turn, then they are 0. */
+    std::deque<int32_t> changeEnds;
     /** Readings of the CPU usage by selector: used up in turn, the last one stays. */
     std::map<uint32_t, std::deque<uint32_t>> cpu;
     /** Interface unit to (sys, slot); others cannot be translated. */

@@ -650,6 +650,16 @@ TEST_F(Requests, FailedChangeEndsToo)
     EXPECT_EQ("follow 1/1, follow 1/1", text());
 }
 
+TEST_F(Requests, CodeOfTheEndIsAnsweredToWhatWasProgrammedAlone)
+{
+    scripted::script.changeEnds = {0, EIO}; // the timers', the request's
+    EXPECT_EQ(EIO, ask(bindTo("default")));
+    scripted::script.changeEnds = {0, EIO};
+    EXPECT_EQ(
+        0, ask(request(CPUDEFEND_GLOBAL_SETAPI, CPUDEFEND_GLOBAL_DEBUG, globalIndex(), number(2))));
+    EXPECT_TRUE(scripted::script.changeEnds.empty());
+}
+
 TEST_F(Requests, QueriesAndWhatIsRefusedAreNone)
 {
     const std::string timersOnly = "follow 1/1";

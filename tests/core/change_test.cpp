@@ -1,0 +1,261 @@
+// The end of a change: whose result its code is, and what comes of it.
+#include <cerrno>
+#include <functional>
+#include <ostream>
+
+#include "cards.h"
+#include "nm_test.h"
+
+using Programmed = std::vector<std::string>;
+
+class ChangeEnd : public CoreTest
+{
+protected:
+    void SetUp() override
+    {
+        CoreTest::SetUp();
+        addOneCallPolicy("a", 101);
+        addOneCallPolicy("b", 102);
+        addPolicy("c");
+        addRule("c", 1);
+    }
+
+    /** A slot, as a card makes it, or as the debugging entry does. */
+    tCpuDefendSlotEntry *haveSlot(bool byCard)
+    {
+        if (byCard)
+            comes(PORT, 1, 5);
+        else
+            cpuDefendSlotEntryAdd(1, 5);
+        scripted::reset();
+        return cpuDefendSlotEntryGet(1, 5);
+    }
+
+    static std::string boundTo(const tCpuDefendSlotEntry *slot)
+    {
+        return std::string(reinterpret_cast<const char *>(slot->policyName), slot->policyNameLen) +
+               (slot->policyEntry ? "=" + nameOf(slot->policyEntry) : "");
+    }
+};
+
+static int32_t setSlot(uint32_t attr, Cell value)
+{
+    tcpuDefendSlotIdx idx{1, 5};
+    return cpuDefendSlotSetApi(&idx, attr, &value);
+}
+
+static int32_t setGlobalTo(uint32_t attr, Cell value)
+{
+    return cpuDefendGlobalSetApi(0, attr, &value);
+}
+
+static int32_t setRule(uint32_t attr, uint32_t value)
+{
+    tcpuDefendUserDefinedIdx idx{};
+    idx.policyName[0] = 'c';
+    idx.policyNameLen = 1;
+    idx.index = 1;
+    return cpuDefendUserDefinedSetApi(&idx, attr, &value);
+}
+
+/** A set, with what is bound before it. */
+struct Set {
+    const char *name;
+    std::function<void()> before;
+    std::function<int32_t()> make;
+};
+
+static void PrintTo(const Set &set, std::ostream *out)
+{
+    *out << set.name;
+}
+
+static void nothing() {}
+
+static void bindSystem()
+{
+    setGlobalTo(CPUDEFEND_GLOBAL_POLICY, Cell("a"));
+}
+
+static void selectSystemLevel()
+{
+    setGlobalTo(CPUDEFEND_GLOBAL_L1POLICYNAME, Cell("a"));
+    gCpuDefend.selectedPosition = 1;
+}
+
+static void selectSlotLevel()
+{
+    setSlot(CPUDEFEND_SLOT_L3POLICYNAME, Cell("a"));
+    cpuDefendSlotEntryGet(1, 5)->selectedPosition = 3;
+}
+
+class Programs : public ChangeEnd, public testing::WithParamInterface<Set>
+{
+};
+
+TEST_P(Programs, SoTheCodeOfTheEndIsItsOwn)
+{
+    haveSlot(false);
+    GetParam().before();
+    scripted::reset();
+    scripted::script.changeEnds = {EIO};
+    EXPECT_EQ(GetParam().make(), EIO);
+    EXPECT_FALSE(programmed().empty());
+    EXPECT_EQ(scripted::changeDepth, 0u);
+}
+
+TEST_P(Programs, ButTheResultOfItsOwnCallGoesFirst)
+{
+    haveSlot(false);
+    GetParam().before();
+    scripted::reset();
+    scripted::script.failAll = {{scripted::Call::AclAdd, 7}, {scripted::Call::AclDel, 7}};
+    scripted::script.changeEnds = {EIO};
+    EXPECT_EQ(GetParam().make(), 7);
+}
+
+static const Set programs[] = {
+    {"BindingTheSystem", nothing, [] { return setGlobalTo(CPUDEFEND_GLOBAL_POLICY, Cell("a")); }},
+    {"UnbindingTheSystem", bindSystem,
+     [] { return setGlobalTo(CPUDEFEND_GLOBAL_POLICY, Cell("")); }},
+    {"SystemIntoCpuRateMode", bindSystem,
+     [] { return setGlobalTo(CPUDEFEND_GLOBAL_POLICYMODE, Cell(1)); }},
+    {"SystemsLevelInForce", selectSystemLevel,
+     [] { return setGlobalTo(CPUDEFEND_GLOBAL_L1POLICYNAME, Cell("b")); }},
+    {"BindingASlot", nothing, [] { return setSlot(CPUDEFEND_SLOT_POLICY, Cell("a")); }},
+    {"SlotIntoCpuRateMode", bindSystem, [] { return setSlot(CPUDEFEND_SLOT_POLICYMODE, Cell(1)); }},
+    {"SlotsLevelInForce", selectSlotLevel,
+     [] { return setSlot(CPUDEFEND_SLOT_L3POLICYNAME, Cell("b")); }},
+};
+
+INSTANTIATE_TEST_SUITE_P(Sets, Programs, testing::ValuesIn(programs),
+                         [](const auto &each) { return each.param.name; });
+
+class ProgramsNothing : public ChangeEnd, public testing::WithParamInterface<Set>
+{
+};
+
+TEST_P(ProgramsNothing, SoTheCodeOfTheEndIsNotItsOwn)
+{
+    haveSlot(false);
+    GetParam().before();
+    scripted::reset();
+    scripted::script.changeEnds = {EIO, EIO};
+    EXPECT_EQ(GetParam().make(), 0);
+    EXPECT_TRUE(programmed().empty());
+}
+
+static const Set programsNothing[] = {
+    {"Debug", nothing, [] { return setGlobalTo(CPUDEFEND_GLOBAL_DEBUG, Cell(2)); }},
+    {"BoundAlready", bindSystem, [] { return setGlobalTo(CPUDEFEND_GLOBAL_POLICY, Cell("a")); }},
+    {"SystemsThreshold", nothing, [] { return setGlobalTo(CPUDEFEND_GLOBAL_L2CPURAT, Cell(50)); }},
+    {"SystemsLevelNotInForce", selectSystemLevel,
+     [] { return setGlobalTo(CPUDEFEND_GLOBAL_L2POLICYNAME, Cell("b")); }},
+    {"SystemsModeWithNothingBound", nothing,
+     [] { return setGlobalTo(CPUDEFEND_GLOBAL_POLICYMODE, Cell(1)); }},
+    {"SystemsTraces", nothing, [] { return setGlobalTo(CPUDEFEND_GLOBAL_RESETSRCTRACE, Cell(0)); }},
+    {"SystemsState", nothing,
+     [] { return setGlobalTo(CPUDEFEND_GLOBAL_SYNCSTATE, Cell(std::string(12, '\0'))); }},
+    {"SlotsThreshold", nothing, [] { return setSlot(CPUDEFEND_SLOT_L1CPURAT, Cell(50)); }},
+    {"SlotsTraces", nothing, [] { return setSlot(CPUDEFEND_SLOT_RESETSRCTRACE, Cell(0)); }},
+    {"SlotBackToFixedMode", [] { setSlot(CPUDEFEND_SLOT_POLICYMODE, Cell(1)); },
+     [] { return setSlot(CPUDEFEND_SLOT_POLICYMODE, Cell(0)); }},
+    {"Description", nothing, [] { return setPolicy("a", CPUDEFEND_POLICY_DESCRIPTION, "what"); }},
+    {"CreatingAPolicy", nothing,
+     [] { return setPolicy("new", CPUDEFEND_POLICY_ENTRYSTATUS, CPUDEFEND_ROW_CREATE); }},
+    {"DestroyingAPolicy", nothing,
+     [] { return setPolicy("b", CPUDEFEND_POLICY_ENTRYSTATUS, CPUDEFEND_ROW_DESTROY); }},
+    {"Rule", nothing, [] { return setRule(CPUDEFEND_USERDEFINED_IP4ACL, 7); }},
+    {"CarEntry", nothing, [] { return setCar("c", 1, CPUDEFEND_CARPKT_PPS, 7); }},
+};
+
+INSTANTIATE_TEST_SUITE_P(Sets, ProgramsNothing, testing::ValuesIn(programsNothing),
+                         [](const auto &each) { return each.param.name; });
+
+TEST_F(ChangeEnd, PolicyWithoutAnythingInItProgramsNothing)
+{
+    addBarePolicy("bare");
+    scripted::script.changeEnds = {EIO};
+    EXPECT_EQ(setGlobal(CPUDEFEND_GLOBAL_POLICY, std::string("bare")), 0);
+}
+
+TEST_F(ChangeEnd, WhatOnlyFollowsFromASetIsNotItsProgramming)
+{
+    haveSlot(true);
+    tCpuDefendSlotEntry *slot = cpuDefendSlotEntryGet(1, 5);
+    setSlot(CPUDEFEND_SLOT_POLICYMODE, Cell(1));
+    setGlobalTo(CPUDEFEND_GLOBAL_L1POLICYNAME, Cell("a"));
+    gCpuDefend.selectedPosition = 1;
+    scripted::reset();
+    scripted::script.changeEnds = {EIO};
+    EXPECT_EQ(setSlot(CPUDEFEND_SLOT_POLICYMODE, Cell(0)), 0);
+    EXPECT_EQ(programmed(), Programmed{"+101 1/5"}) << "the system's level";
+    EXPECT_EQ(slot->policyMode, CPUDEFEND_FIXED);
+}
+
+TEST_F(ChangeEnd, PolicyThatIsBoundBeforeItIsThereIsProgrammedByItsCreation)
+{
+    const tCpuDefendSlotEntry *slot = haveSlot(true);
+    engine::nameLevel(gCpuDefend.cpuRatControl[0], "later");
+    gCpuDefend.selectedPosition = 1;
+    EXPECT_EQ(setPolicy("later", CPUDEFEND_POLICY_ENTRYSTATUS, CPUDEFEND_ROW_CREATE), 0);
+    EXPECT_EQ(programmed(), Programmed(10, "CAR 0 1/5")); // of an ACL's number they have none
+    EXPECT_EQ(findPolicy("later")->refCount, 1u);
+    EXPECT_EQ(slot->policyNameLen, 0);
+}
+
+/* ---- Slots: what can't be programmed is not bound --------------------------------------- */
+
+TEST_F(ChangeEnd, BindingThatFailsAtTheEndLeavesTheSlotUnbound)
+{
+    const tCpuDefendSlotEntry *slot = haveSlot(false);
+    scripted::script.changeEnds = {ENOSPC};
+    EXPECT_EQ(setSlot(CPUDEFEND_SLOT_POLICY, Cell("a")), ENOSPC);
+    EXPECT_EQ(boundTo(slot), "");
+    EXPECT_EQ(image(slot->policyName), std::string(32, '\0'));
+    EXPECT_EQ(setSlot(CPUDEFEND_SLOT_POLICY, Cell("a")), 0) << "it is no change to none";
+    EXPECT_EQ(boundTo(slot), "a=a");
+}
+
+TEST_F(ChangeEnd, BindingInAnothersPlaceThatFailsAtTheEndLeavesNeither)
+{
+    const tCpuDefendSlotEntry *slot = haveSlot(false);
+    ASSERT_EQ(setSlot(CPUDEFEND_SLOT_POLICY, Cell("a")), 0);
+    scripted::script.changeEnds = {ENOSPC};
+    EXPECT_EQ(setSlot(CPUDEFEND_SLOT_POLICY, Cell("b")), ENOSPC);
+    EXPECT_EQ(boundTo(slot), "");
+}
+
+TEST_F(ChangeEnd, UnbindingThatFailsAtTheEndLeavesTheSlotBound)
+{
+    const tCpuDefendSlotEntry *slot = haveSlot(false);
+    ASSERT_EQ(setSlot(CPUDEFEND_SLOT_POLICY, Cell("a")), 0);
+    scripted::script.changeEnds = {EIO};
+    EXPECT_EQ(setSlot(CPUDEFEND_SLOT_POLICY, Cell("")), EIO);
+    EXPECT_EQ(boundTo(slot), "a=a");
+    EXPECT_EQ(setSlot(CPUDEFEND_SLOT_POLICY, Cell("")), 0);
+    EXPECT_EQ(boundTo(slot), "");
+}
+
+TEST_F(ChangeEnd, WhatIsProgrammedFollowsTheBindingThatFailed)
+{
+    const tCpuDefendSlotEntry *slot = haveSlot(true);
+    bindSystem();
+    scripted::reset();
+    scripted::script.changeEnds = {ENOSPC};
+    EXPECT_EQ(setSlot(CPUDEFEND_SLOT_POLICY, Cell("b")), ENOSPC);
+    EXPECT_EQ(programmed(), (Programmed{"+102 1/5", "-102 1/5", "-101 1/5", "+102 1/5", // bound
+                                        "-102 1/5", "+101 1/5"}));                      // not
+    EXPECT_EQ(scripted::changes, 2u);
+    EXPECT_EQ(scripted::changesEnded, 2u);
+    EXPECT_EQ(boundTo(slot), "");
+    EXPECT_EQ(findPolicy("a")->refCount, 1u);
+    EXPECT_EQ(findPolicy("b")->refCount, 0u);
+}
+
+TEST_F(ChangeEnd, SystemStaysBoundWhateverTheEndSays)
+{
+    scripted::script.changeEnds = {ENOSPC};
+    EXPECT_EQ(setGlobal(CPUDEFEND_GLOBAL_POLICY, std::string("a")), ENOSPC);
+    EXPECT_EQ(getGlobal(CPUDEFEND_GLOBAL_POLICY, 32), (Answer<std::string>{0, "a"}));
+}
