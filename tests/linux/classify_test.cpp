@@ -148,8 +148,10 @@ std::vector<Fixture> linkFixtures()
 
         {"ALB learning packet", CPD_ALB, Frame(peer, peer).u16(0x9000).decided().zeros(46)},
         {"ALB learning packet, old ethertype", CPD_ALB,
-         Frame(peer, peer).u16(0x0060).zeros(3).decided().zeros(43)},
-        {"to itself, of that length, but a BPDU", CPD_STPCUSTOMER,
+         Frame(peer, peer).u16(0x0060).decided().zeros(46)},
+        {"ALB learning packet that looks like IS-IS", CPD_ALB,
+         Frame(peer, peer).u16(0x0060).decided().u8({0xfe, 0xfe, 3, 0x83}).zeros(42)},
+        {"to a group, from itself, of that length: a BPDU", CPD_STPCUSTOMER,
          Frame(bridgeGroup(0), bridgeGroup(0)).u16(0x0060).u8({0x42, 0x42, 3}).decided().zeros(43)},
         {"ALB learning packet in a VLAN", CPD_ALB,
          Frame(peer, peer).tag(0x8100, 7).u16(0x9000).decided().zeros(46)},

@@ -198,7 +198,7 @@ Protection::Protection(const PortKind &kind)
     : file_("/tmp/reach-" + std::to_string(getpid()) + ".toml")
 {
     std::ofstream(file_) << "ports = [\"" << ownPort << "\"]\nmode = \"" << kind.mode
-                         << "\"\npin = \"none\"\n"
+                         << "\"\npin = \"none\"\nunread_pps = 0\n"
                          << lists;
     setenv("CPUDEFEND_PLATFORM", file_.c_str(), 1);
     daemon_ = std::make_unique<DaemonProcess>();

@@ -207,6 +207,11 @@ static __always_inline int is_address(const __u8 *address, __u16 high, __u16 mid
     return a[0] == bpf_htons(high) && a[1] == bpf_htons(middle) && a[2] == bpf_htons(low);
 }
 
+static __always_inline int is_group(const __u8 *address)
+{
+    return address[0] & 1;
+}
+
 /* Bridge protocols go to group addresses of IEEE 802.1, 01:80:c2:00:00:xx. */
 static __always_inline int classify_bridge(const struct ethernet_header *eth)
 {
@@ -574,15 +579,15 @@ static __always_inline int classify_slow(const __u8 *subtype, const void *end)
     return *subtype == SLOW_OAM ? CPD_EFM : CPD_NO_TYPE;
 }
 
-/* Where a length stands. Learning packets of adaptive load balancing, which go from an address to
+/* Where a length stands. Learning packets of adaptive load balancing, which go from a station to
  * itself, bore an ethertype before that is one. */
 static __always_inline int classify_length(const struct ethernet_header *eth, __u16 length,
                                            const void *next, const void *end)
 {
-    int type = classify_llc(eth, next, end);
-    if (type == CPD_NO_TYPE && length == ETH_P_LOOP && same_address(eth->destination, eth->source))
+    if (length == ETH_P_LOOP && same_address(eth->destination, eth->source) &&
+        !is_group(eth->destination))
         return CPD_ALB;
-    return type;
+    return classify_llc(eth, next, end);
 }
 
 /* By the ethertype, or length, behind the tags. */

@@ -107,7 +107,7 @@ __noinline int cpd_for_the_box(struct xdp_md *ctx, struct cpd_packet *packet)
     struct cpd_acl_key key = {.v6 = packet->version == 6};
     if (frame.data + sizeof(struct ethernet_header) > frame.end || !read_addresses(&frame, &key))
         return 1;
-    return frame.data[0] & 1 || is_multicast(&key) || is_unspecified(&key) || is_own(&key);
+    return is_group(frame.data) || is_multicast(&key) || is_unspecified(&key) || is_own(&key);
 }
 
 #endif
