@@ -87,6 +87,8 @@ uint64_t carryOver(uint64_t word, const cpd_settings &before, const cpd_settings
                    uint64_t now, Carry carry)
 {
     uint64_t credit = before.depth - std::min(before.depth, cpd_debt(word, &before, now));
+    if (carry == Carry::Share)
+        credit -= credit % cpd_cost(1, &before);
     return cpd_units(now, &after) + after.depth - convert(credit, before, after, carry);
 }
 

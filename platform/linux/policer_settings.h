@@ -30,7 +30,8 @@ cpd_settings byteSettings(uint32_t cir, uint32_t cbs);
 /** What a policer takes over from another one. */
 enum class Carry {
     Tokens, /**< as many as there are, as far as they fit: it is of the same kind */
-    Share,  /**< the same part of a full bucket: it is of the other kind */
+    Share,  /**< the same part of a full bucket, whole tokens alone, as a flood leaves the rest: it
+                 is of the other kind */
 };
 
 /**

@@ -101,6 +101,8 @@ protected:
         return sum;
     }
 
+    template <class Change> void expectRateOver(Change change);
+
     std::unique_ptr<Host> host;
     std::optional<tHwCpuDefendPktCarEntry> programmed;
 };
@@ -191,6 +193,16 @@ TEST_F(Enforce, ChangeOfRateGivesNoSecondBurst)
     }
 }
 
+TEST_F(Enforce, ChangeOfKindGivesNoSecondBurst)
+{
+    enforce(1, 1, 60'000, ZYN_HW_CAR_CIR); // a bucket of 1000 frames, two more in a second
+    EXPECT_GE(offer(1010), 1000u);
+    for (int i = 0; i < 6; i++) {
+        enforce(1, 1, 60'000, i % 2 == 0 ? ZYN_HW_CAR_PPS : ZYN_HW_CAR_CIR);
+        EXPECT_LE(offer(1000), 5u) << i;
+    }
+}
+
 TEST_F(Enforce, ChangeTakesEffectAsAWholeAtItsEnd)
 {
     enforce(0, 0, 0, 0, ZYN_HW_OP_DENY);
@@ -216,9 +228,10 @@ TEST_F(Enforce, NoPacketSlipsThroughWhileOnePolicyTakesThePlaceOfAnother)
     EXPECT_EQ(passed(), 0u); // a rate of 0 drops all, as deny does
 }
 
-TEST_F(Enforce, RateHoldsOverChangesUnderFlood)
+/** Change something again and again while frames flood in: one bucket of 1000 frames of 60 octets,
+ *  33 more a second, and no more. */
+template <class Change> void Enforce::expectRateOver(Change change)
 {
-    enforce(0, 16, 60'000, ZYN_HW_CAR_CIR); // a bucket of 1000 frames, 33 more in a second
     std::atomic<bool> stop{false};
     std::thread flood([&] {
         while (!stop)
@@ -226,13 +239,27 @@ TEST_F(Enforce, RateHoldsOverChangesUnderFlood)
     });
     auto begin = std::chrono::steady_clock::now();
     for (uint32_t i = 0; i < 40; i++)
-        enforce(0, 16 - i % 2, 60'000, ZYN_HW_CAR_CIR);
+        change(i);
     stop = true;
     flood.join();
     double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     EXPECT_GE(passed(), 1000u);
     EXPECT_LE(static_cast<double>(passed()), 1000 + 34 * seconds + 2);
+}
+
+TEST_F(Enforce, RateHoldsOverChangesOfRateUnderFlood)
+{
+    enforce(0, 16, 60'000, ZYN_HW_CAR_CIR);
+    expectRateOver([this](uint32_t i) { enforce(0, 16 - i % 2, 60'000, ZYN_HW_CAR_CIR); });
+}
+
+TEST_F(Enforce, RateHoldsOverChangesOfKindUnderFlood)
+{
+    enforce(33, 16, 60'000, ZYN_HW_CAR_CIR);
+    expectRateOver([this](uint32_t i) {
+        enforce(33, 16, 60'000, i % 2 == 0 ? ZYN_HW_CAR_PPS : ZYN_HW_CAR_CIR);
+    });
 }
 
 TEST_F(Enforce, IsExactWhenSeveralCpusRunIt)
