@@ -187,7 +187,8 @@ struct tCpuDefendSystem {
     tCpuDefendSrcTraceEntry *srcTraceTable;
     tCpuDefendSlotEntry *slotTable;
     /* Of what is in no pool, as its number is not known at start-up. */
-    uint32_t useHwItemNum;      /**< held by the hardware */
+    uint32_t useHwItemNum;      /**< held by the hardware, or refused by it */
+    uint32_t useHwAskedNum;     /**< that the current change has asked it for */
     uint32_t useLinkNum;        /**< ports that are there and in a slot */
     uint32_t useBindingNum;     /**< of policies to places, as configured */
     uint32_t useFollowedNum;    /**< the same, when cpuDefendFollow last saw to them */
@@ -196,6 +197,7 @@ struct tCpuDefendSystem {
     uint32_t hwChangeNum;       /**< policies programmed and removed */
     uint32_t followedChangeNum; /**< the same, when cpuDefendFollow last saw to them */
     uint8_t followsCards;       /**< 1 once a card has a slot's record */
+    uint8_t retryDue;           /**< 1 when there may be room for what the hardware refused */
 };
 
 extern tCpuDefendSystem gCpuDefend;
@@ -351,10 +353,15 @@ void cpuDefendCardNotify(const unsigned char *buf, int32_t len);
 
 /**
  * Have the hardware hold what binding all that is bound afresh would program, and the policies'
- * refCount say so. Does nothing until a card has a slot's record, nor on a slave card. What the
- * hardware refuses is tried again when the bindings change or a policy is programmed or removed.
+ * refCount say so. Does nothing until a card has a slot's record, nor on a slave card.
  */
 void cpuDefendFollow();
+
+/**
+ * Ask again for what the hardware refused of what is bound, or dropped at the end of a change. Due
+ * (retryDue) after every change of what is programmed: it may have made room.
+ */
+void cpuDefendRetry();
 
 /* ---- Source tracing ------------------------------------------------------------------- */
 
@@ -426,6 +433,13 @@ int32_t cpuDefendHwAdd(tSlotIndex *pSlotIndex, tCpuDefendPolicyEntry *pPolicy);
  *         on a slave card
  */
 int32_t cpuDefendHwDel(tSlotIndex *pSlotIndex, const uint8_t *name, uint32_t nameLen);
+
+/**
+ * End an outermost change. What the hardware drops then is noted, and asked for again by
+ * cpuDefendRetry.
+ * @return 0; or why it is not in force, or something is not that cpuDefendHwAdd programmed in it
+ */
+int32_t cpuDefendHwChangeEnd();
 
 /** Add to the entry's counters what it has counted since, wherever it is programmed. */
 void cpuDefendHwCarCount(const tCpuDefendCarPktEntry *pCarPkt);

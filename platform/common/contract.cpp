@@ -8,6 +8,7 @@
 
 #include "journal.h"
 #include "layer.h"
+#include "refusals.h"
 #include "zynacl.h"
 
 namespace
@@ -41,16 +42,53 @@ int32_t orderedResult()
     return result;
 }
 
+const char *reason; // of the last call's failure, in words; null where its result says all
+
 /** The result of a call: what was ordered, or else what acting gives. */
 template <class Act> int32_t perform(Act act)
 {
+    reason = nullptr;
     int32_t result = orderedResult();
     return result != 0 ? result : act();
+}
+
+/** What the layer answered. */
+int32_t answered(int32_t result)
+{
+    if (result != 0)
+        reason = layer::reason();
+    return result;
 }
 
 /* ---- Changes -------------------------------------------------------------------------- */
 
 uint32_t changeDepth; // changes that have begun and not ended
+
+/* ---- What is said --------------------------------------------------------------------- */
+
+/** What was asked for an entry, and what came of it. */
+void sayAddition(const refusals::tEntry &entry, int32_t result)
+{
+    if (result != 0) {
+        refusals::refused(entry, result, reason);
+        return;
+    }
+    refusals::taken(entry);
+    if (changeDepth == 0)
+        refusals::changeEnded();
+}
+
+void sayRemoval(const refusals::tEntry &entry, int32_t result)
+{
+    refusals::withdrawn(entry);
+    if (result != 0 && result != ENOENT)
+        refusals::removalRefused(entry, result, reason);
+}
+
+void say(const refusals::tEntry &entry, bool add, int32_t result)
+{
+    add ? sayAddition(entry, result) : sayRemoval(entry, result);
+}
 
 /* ---- What no hardware could do -------------------------------------------------------- */
 
@@ -95,7 +133,7 @@ int32_t carSet(const tSlotIndex *slot, bool add, const void *arg)
     auto *entry = static_cast<const tHwCpuDefendPktCarEntry *>(arg);
     if (!isCar(entry))
         return EINVAL;
-    return add ? layer::carAdd(slot, *entry) : layer::carDel(slot, *entry);
+    return answered(add ? layer::carAdd(slot, *entry) : layer::carDel(slot, *entry));
 }
 
 int32_t slotSet(const tSlotIndex *slot, uint32_t cmd, const void *arg, int32_t flag)
@@ -118,7 +156,7 @@ int32_t aclSet(const tSlotIndex *slot, bool add, const layer::tAclSetting &acl)
 {
     if (!isTarget(slot) || !isAcl(acl))
         return EINVAL;
-    return add ? layer::aclAdd(slot, acl) : layer::aclDel(slot, acl);
+    return answered(add ? layer::aclAdd(slot, acl) : layer::aclDel(slot, acl));
 }
 
 int32_t carCount(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry *entry,
@@ -239,10 +277,20 @@ void journalSync(uint32_t scalarId, const void *value, uint32_t flag, bool octet
     journalNumber("flag", flag);
 }
 
+/** The same of a CAR entry, if it is one. */
+void sayCar(const tSlotIndex *slot, bool add, const void *arg, int32_t result)
+{
+    auto *entry = static_cast<const tHwCpuDefendPktCarEntry *>(arg);
+    if (isCar(entry))
+        say(refusals::entryOf(slot, *entry), add, result);
+}
+
 /** Either of the ACL calls. */
 int32_t aclCall(const char *call, const tSlotIndex *slot, bool add, const layer::tAclSetting &acl)
 {
     int32_t result = perform([&] { return aclSet(slot, add, acl); });
+    if (isTarget(slot) && isAcl(acl))
+        say(refusals::entryOf(slot, acl), add, result);
     if (journalBegin(call)) {
         journalSlot("slot", slot);
         journalNumber("acl", acl.acl);
@@ -282,6 +330,8 @@ void contractFailNone()
 int32_t zynHwSlotSet(const tSlotIndex *slot, uint32_t cmd, void *arg, int32_t flag)
 {
     int32_t result = perform([&] { return slotSet(slot, cmd, arg, flag); });
+    if (isSlot(slot) && isSlotCommand(cmd))
+        sayCar(slot, cmd == HW_SLOT_CPUDEFENDPKTCARADD, arg, result);
     if (journalBegin("zynHwSlotSet")) {
         journalSlot("slot", slot);
         journalId("cmd", cmd);
@@ -296,6 +346,8 @@ int32_t zynHwSlotSet(const tSlotIndex *slot, uint32_t cmd, void *arg, int32_t fl
 int32_t zynScalarSetApi(uint32_t index, uint32_t cmd, tHwApiFunc *func)
 {
     int32_t result = perform([&] { return systemSet(index, cmd, func); });
+    if (func != nullptr && isSystemCommand(func->hwCmd))
+        sayCar(nullptr, func->hwCmd == HW_SYS_CPUDEFENDPKTCARADD, func->arg, result);
     if (journalBegin("zynScalarSetApi")) {
         journalNull("slot");
         journalNumber("index", index);
@@ -316,9 +368,24 @@ void zynHwChangeBegin(void)
 
 int32_t zynHwChangeEnd(void)
 {
-    if (changeDepth == 0)
+    if (changeDepth == 0 || --changeDepth != 0)
         return 0;
-    return --changeDepth == 0 ? layer::changeEnd() : 0;
+    const int32_t result = layer::changeEnd();
+    for (uint32_t n = 0; const layer::tDropped *dropped = layer::dropped(n); n++)
+        refusals::refused(refusals::entryOf(dropped->entry), dropped->entry.result,
+                          dropped->reason);
+    if (result == 0)
+        refusals::changeEnded();
+    return result;
+}
+
+int32_t zynHwDropped(uint32_t n, tHwDropped *dropped)
+{
+    const layer::tDropped *found = layer::dropped(n);
+    if (found == nullptr)
+        return ENOENT;
+    *dropped = found->entry;
+    return 0;
 }
 
 int32_t zynHwCarCount(const tSlotIndex *slot, tHwCpuDefendPktCarEntry *entry)

@@ -31,6 +31,9 @@ int32_t carDel(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry &entry) noe
 int32_t aclAdd(const tSlotIndex *slot, const tAclSetting &acl) noexcept;
 int32_t aclDel(const tSlotIndex *slot, const tAclSetting &acl) noexcept;
 
+/** Why one of these failed that was called last, in words; null where its result says all. */
+const char *reason() noexcept;
+
 /** Counters of an entry, each a number that only grows. */
 struct tCarCounts {
     uint64_t passPkt;
@@ -49,6 +52,15 @@ int32_t carCount(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry &entry,
  */
 void changeBegin() noexcept;
 int32_t changeEnd() noexcept;
+
+/** What was taken within a change and dropped at its end. */
+struct tDropped {
+    tHwDropped entry;
+    const char *reason; /**< in words; null where the entry's result says all */
+};
+
+/** The nth of them, or null. Valid until the next change begins. */
+const tDropped *dropped(uint32_t n) noexcept;
 
 /** Whether this card is the slave. */
 bool isSlave() noexcept;

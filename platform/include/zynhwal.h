@@ -77,6 +77,20 @@ enum {
     HW_CPU_USED = 0x06D60003                 /**< CPU usage */
 };
 
+/** An entry that a layer had taken within a change and dropped at its end. */
+typedef struct tHwDropped {
+    int32_t result; /**< why, an errno value above 0 */
+    uint8_t isSlot; /**< 0: it was programmed on the system as a whole */
+    uint8_t isAcl;  /**< 0: a CAR entry */
+    uint16_t acl;   /**< of an ACL, as the next four: the arguments of acl_cpudefend_add */
+    uint32_t action;
+    uint32_t cir;
+    uint32_t cbs;
+    uint32_t ebs;
+    tSlotIndex slot;             /**< where, if on a slot */
+    tHwCpuDefendPktCarEntry car; /**< of a CAR entry: its settings */
+} tHwDropped;
+
 /** Bit of a synchronisation flag: the value is an octetstring. */
 #define ZYN_SYNC_OCTETS 0x80000000u
 
@@ -110,10 +124,24 @@ void zynHwChangeBegin(void);
 
 /**
  * End a change.
- * @return 0, also for a change within another; or why the outermost one could not be put in force
- *         as a whole: what was in force stays so, and the layer says what it does about it
+ *
+ * A layer that can tell only now that an entry does not fit drops that entry, puts the others in
+ * force, and tells of it by zynHwDropped.
+ *
+ * @return 0, also for a change within another; or why nothing of the outermost one could be put in
+ *         force: what was in force stays so, and the layer goes on trying by itself
  */
 int32_t zynHwChangeEnd(void);
+
+/**
+ * The entries that were dropped at the end of the last outermost change. They are no longer
+ * programmed: their removal would be that of what is not there. Optional: a layer that drops
+ * nothing leaves it out.
+ * @param n       which one, from 0 on; of equal entries at a place the newest went first
+ * @param dropped receives it; untouched on failure
+ * @return 0, or ENOENT beyond the last one
+ */
+int32_t zynHwDropped(uint32_t n, tHwDropped *dropped);
 
 /**
  * Add or remove a CAR entry of a slot.

@@ -23,6 +23,7 @@
 #include "pin_folder.h"
 #include "ports.h"
 #include "protection.h"
+#include "refusals.h"
 #include "samples.h"
 
 namespace zynlinux
@@ -240,6 +241,7 @@ using namespace zynlinux;
 int32_t zynPlatformInit(char *const *)
 try {
     host.reset();
+    refusals::forget();
     if (journalInit() != 0)
         return -1;
     auto starting = std::make_unique<Host>(configFile());
@@ -334,6 +336,18 @@ int32_t layer::changeEnd() noexcept
     if (result != 0)
         host->retryLater();
     return result;
+}
+
+const layer::tDropped *layer::dropped(uint32_t n) noexcept
+{
+    if (!host || n >= host->protection().dropped().size())
+        return nullptr;
+    return &host->protection().dropped()[n];
+}
+
+const char *layer::reason() noexcept
+{
+    return host ? host->protection().reason() : nullptr;
 }
 
 bool layer::isSlave() noexcept

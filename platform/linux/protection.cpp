@@ -22,11 +22,22 @@ bool carriesPriority(const cpd_policy &policy)
 
 constexpr char doesNotFit[] = "with those before it, its tables do not fit";
 
-/** Refuse an ACL, and say why: who binds a policy hears of its last part only. */
-int32_t refuse(uint16_t acl, int32_t code, const char *reason)
+/** An ACL entry that was taken and does not fit. */
+layer::tDropped droppedAcl(const cpd_place *slot, const layer::tAclSetting &acl)
 {
-    std::fprintf(stderr, "[platform] ACL %u is not put in force: %s\n", acl, reason);
-    return code;
+    layer::tDropped dropped{};
+    dropped.reason = doesNotFit;
+    dropped.entry.result = ENOSPC;
+    dropped.entry.isAcl = 1;
+    dropped.entry.isSlot = slot != nullptr;
+    if (slot)
+        dropped.entry.slot = {slot->sys, slot->slot, 0};
+    dropped.entry.acl = acl.acl;
+    dropped.entry.action = acl.action;
+    dropped.entry.cir = acl.cir;
+    dropped.entry.cbs = acl.cbs;
+    dropped.entry.ebs = acl.ebs;
+    return dropped;
 }
 
 } // namespace
@@ -120,16 +131,23 @@ uint32_t Protection::targetOf(const tSlotIndex *slot) const
 Protection::Site *Protection::find(const tSlotIndex *slot)
 {
     auto site = sites_.find(targetOf(slot));
+    reason_ = site == sites_.end() ? "the platform file has no such slot" : nullptr;
     return site == sites_.end() ? nullptr : &site->second;
 }
 
 /* ---- Calls ---------------------------------------------------------------------------- */
 
-int32_t Protection::checkCar(const Site *site, const tHwCpuDefendPktCarEntry &entry) const
+int32_t Protection::refuse(int32_t code, const char *reason)
+{
+    reason_ = reason;
+    return code;
+}
+
+int32_t Protection::checkCar(const Site *site, const tHwCpuDefendPktCarEntry &entry)
 {
     if (!site)
         return ENODEV;
-    return cpd_classified(entry.pktType) ? 0 : ENOTSUP;
+    return cpd_classified(entry.pktType) ? 0 : refuse(ENOTSUP, "no frame is of this type");
 }
 
 /** What a type has counted belongs to the entry that was in force so far. */
@@ -214,11 +232,11 @@ int32_t Protection::aclAdd(const tSlotIndex *slot, const layer::tAclSetting &acl
     std::vector<uint16_t> numbers = site->place.aclNumbers();
     numbers.push_back(acl.acl);
     if (!tables_.known({acl.acl}))
-        return refuse(acl.acl, ENOENT, "the platform file has no such list");
+        return refuse(ENOENT, "the platform file has no such list");
     if (numbers.size() > CPD_ACLS)
-        return refuse(acl.acl, ENOSPC, "there are too many at this place");
+        return refuse(ENOSPC, "there are too many at this place");
     if (!inChange_ && !tables_.fits(numbers)) // in a change all are looked at together, at its end
-        return refuse(acl.acl, ENOSPC, doesNotFit);
+        return refuse(ENOSPC, doesNotFit);
     return apply(*site, [&](Place &place) { place.acls.push_back(acl); });
 }
 
@@ -234,6 +252,12 @@ int32_t Protection::aclDel(const tSlotIndex *slot, const layer::tAclSetting &acl
 
 /* ---- Putting it in force -------------------------------------------------------------- */
 
+void Protection::changeBegin()
+{
+    inChange_ = true;
+    dropped_.clear();
+}
+
 int32_t Protection::changeEnd()
 {
     inChange_ = false;
@@ -246,22 +270,22 @@ bool Protection::isBehind() const
                                      [](const auto &each) { return each.second.dirty; });
 }
 
-/** Refuse the ACL entries that do not fit behind the others. @return 0, or ENOSPC */
-int32_t Protection::trimAcls(Site &site)
+/** Drop the ACL entries that do not fit behind the others. */
+void Protection::trimAcls(uint32_t target, Site &site)
 {
     std::vector<uint16_t> numbers = site.place.aclNumbers();
     if (tables_.fits(numbers))
-        return 0;
+        return;
     size_t fitting = 0, refused = numbers.size();
     while (refused - fitting > 1) {
         size_t middle = (fitting + refused) / 2;
         bool fits = tables_.fits({numbers.begin(), numbers.begin() + static_cast<long>(middle)});
         (fits ? fitting : refused) = middle;
     }
-    for (size_t i = fitting; i < numbers.size(); i++)
-        refuse(numbers[i], ENOSPC, doesNotFit);
+    const cpd_place *slot = target != systemTarget ? &plane_.info().targets[target] : nullptr;
+    for (size_t i = numbers.size(); i-- > fitting;)
+        dropped_.push_back(droppedAcl(slot, site.place.acls[i]));
     site.place.acls.resize(fitting);
-    return ENOSPC;
 }
 
 std::map<uint32_t, Draft> Protection::makeDrafts()
@@ -347,13 +371,12 @@ void Protection::keepTables()
 
 int32_t Protection::commit()
 try {
-    int32_t result = 0;
     for (auto &[target, site] : sites_)
-        if (site.dirty && trimAcls(site) != 0)
-            result = ENOSPC;
+        if (site.dirty)
+            trimAcls(target, site);
     std::map<uint32_t, Draft> drafts = makeDrafts();
     if (drafts.empty())
-        return result;
+        return 0;
     const PreparedPolicies policies = prepare(drafts);
     auto before = std::make_unique<cpd_info>(plane_.info());
     try {
@@ -363,7 +386,7 @@ try {
         throw;
     }
     settle(drafts);
-    return result;
+    return 0;
 } catch (const std::exception &failure) {
     std::fprintf(stderr, "couldn't put what was programmed in force: %s\n", failure.what());
     keepTables();

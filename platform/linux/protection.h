@@ -54,10 +54,16 @@ public:
     int32_t aclAdd(const tSlotIndex *slot, const layer::tAclSetting &acl);
     int32_t aclDel(const tSlotIndex *slot, const layer::tAclSetting &acl);
 
-    void changeBegin() { inChange_ = true; }
+    void changeBegin();
 
-    /** @return 0, or why it is not in force as a whole; it is then tried again by commit */
+    /** @return 0, or why it is not in force; it is then tried again by commit */
     int32_t changeEnd();
+
+    /** What was dropped since the change began, as it did not fit. */
+    const std::vector<layer::tDropped> &dropped() const { return dropped_; }
+
+    /** Why a call was refused that was made last, in words; null where its result says all. */
+    const char *reason() const { return reason_; }
 
     /** Whether something that was programmed could not be put in force. */
     bool isBehind() const;
@@ -86,15 +92,16 @@ private:
         std::map<uint32_t, cpd_counters> lastCounters; /**< by packet type with an entry */
     };
 
-    Site *find(const tSlotIndex *slot);
+    Site *find(const tSlotIndex *slot); /**< for the call that begins: also sets reason_ */
     uint32_t targetOf(const tSlotIndex *slot) const;
-    int32_t checkCar(const Site *site, const tHwCpuDefendPktCarEntry &entry) const;
+    int32_t checkCar(const Site *site, const tHwCpuDefendPktCarEntry &entry);
     void attribute(uint32_t target, Site &site, uint32_t type);
     uint32_t claim(const std::pair<uint32_t, uint32_t> &slot, const Slots &slots);
     void makeSite(uint32_t target);
     void putLeftInForce();
     template <class Operation> int32_t apply(Site &site, Operation operation);
-    int32_t trimAcls(Site &site);
+    int32_t refuse(int32_t code, const char *reason);
+    void trimAcls(uint32_t target, Site &site);
     std::map<uint32_t, Draft> makeDrafts();
     PreparedPolicies prepare(const std::map<uint32_t, Draft> &drafts);
     void putInForce(std::map<uint32_t, Draft> &drafts, const PreparedPolicies &policies);
@@ -110,6 +117,8 @@ private:
     PolicerPool pool_;
     uint32_t unreadPps_;
     std::map<uint32_t, Site> sites_; /**< by target */
+    std::vector<layer::tDropped> dropped_;
+    const char *reason_ = nullptr;
     bool inChange_ = false;
 };
 

@@ -7,6 +7,7 @@
 #include "contract.h"
 #include "cpuusage.h"
 #include "layer.h"
+#include "refusals.h"
 
 namespace
 {
@@ -136,6 +137,16 @@ int32_t layer::changeEnd() noexcept
     return 0;
 }
 
+const layer::tDropped *layer::dropped(uint32_t) noexcept
+{
+    return nullptr;
+}
+
+const char *layer::reason() noexcept
+{
+    return nullptr;
+}
+
 int32_t layer::aclAdd(const tSlotIndex *slot, const tAclSetting &acl) noexcept
 {
     tAcl *attached = static_cast<tAcl *>(calloc(1, sizeof *attached));
@@ -262,4 +273,5 @@ void zynMemoryReset(void)
     memset(&meters, 0, sizeof meters);
     memset(series, 0, sizeof series);
     contractFailNone();
+    refusals::forget();
 }

@@ -17,8 +17,8 @@ public:
     Change()
     {
         OsixTakeSem(gCpuDefend.cpuDefendSem, OSIX_WAIT_FOREVER);
-        zynHwChangeBegin();
-        depth_++;
+        if (depth_++ == 0)
+            zynHwChangeBegin();
     }
     ~Change() { end(); }
 
@@ -33,9 +33,7 @@ public:
             return result;
         ended_ = true;
         const bool programmed = gCpuDefend.hwCallNum != callNum_;
-        if (--depth_ == 0)
-            cpuDefendFollow();
-        const int32_t failure = zynHwChangeEnd();
+        const int32_t failure = --depth_ == 0 ? putInForce() : 0;
         OsixGiveSem(gCpuDefend.cpuDefendSem);
         return result == CPUDEFEND_OK && programmed ? failure : result;
     }
@@ -43,6 +41,12 @@ public:
     Change &operator=(const Change &) = delete;
 
 private:
+    static int32_t putInForce()
+    {
+        cpuDefendFollow();
+        return cpuDefendHwChangeEnd();
+    }
+
     static inline uint32_t depth_; // changes that live
     uint32_t callNum_ = gCpuDefend.hwCallNum;
     bool ended_ = false;

@@ -80,7 +80,7 @@ bool isFollowed()
     return true;
 }
 
-/** What has failed now is tried again when something changes, not before. */
+/** What is refused now is asked for again by cpuDefendRetry, not before. */
 void remember()
 {
     followed.clear();
@@ -111,12 +111,18 @@ bool isBound(const tHwTarget &target)
     return false;
 }
 
-/** Take out what the hardware holds at places where @a concerns says so, the newest first. */
+/** Take out the items that @a concerns says, the newest first. */
 template <typename Concerns> void empty(uint32_t from, Concerns concerns)
 {
-    for (uint32_t i = cpuDefendHwHeld.count(); i-- > from;)
-        if (concerns(cpuDefendHwHeld[i].target))
-            cpuDefendHwItemDel(cpuDefendHwHeld[i]);
+    for (uint32_t i = cpuDefendHwHeld.count(); i-- > from;) {
+        tHwItem &item = cpuDefendHwHeld[i];
+        if (!concerns(item))
+            continue;
+        if (item.isRefused)
+            cpuDefendHwHeld.remove(&item);
+        else
+            cpuDefendHwItemDel(item);
+    }
 }
 
 /** The first item for a place at @a from or behind it; the count when there is none. */
@@ -137,9 +143,9 @@ void mend(const tHwTarget &target)
         has = itemAt(cpuDefendHwHeld, has + 1, target);
         wants = itemAt(wanted, wants + 1, target);
     }
-    empty(has, [&target](const tHwTarget &other) { return other == target; });
+    empty(has, [&target](const tHwItem &item) { return item.target == target; });
     for (; wants < wanted.count(); wants = itemAt(wanted, wants + 1, target))
-        cpuDefendHwItemAdd(wanted[wants]);
+        cpuDefendHwItemWant(wanted[wants]);
 }
 
 /** A policy counts the places where it is bound, whatever was added and removed unpaired. */
@@ -152,25 +158,57 @@ void countPlaces()
         binding.policy->refCount++;
 }
 
+/** Make every place hold what is wanted there. */
+void program()
+{
+    zynHwChangeBegin();
+    empty(0, [](const tHwItem &item) { return !isBound(item.target); });
+    for (const tBinding &binding : bindings)
+        mend(binding.target); // at a place bound again there is nothing left to do
+    zynHwChangeEnd();
+    countPlaces();
+    remember();
+}
+
+void complain()
+{
+    CPUDEFEND_DEBUG("[cpuDefend] no memory to follow the cards!\r\n");
+}
+
+bool isAnyRefused()
+{
+    for (const tHwItem &item : cpuDefendHwHeld)
+        if (item.isRefused)
+            return true;
+    return false;
+}
+
 } // namespace
 
 void cpuDefendFollow()
 {
     if (!gCpuDefend.followsCards)
         return;
-    bool complete = bindAll();
+    const bool complete = bindAll();
     if (complete && (isFollowed() || cpuDefendIsSlave()))
         return;
-    complete = complete && spellOut();
-    if (!complete) {
-        CPUDEFEND_DEBUG("[cpuDefend] no memory to follow the cards!\r\n");
+    if (!complete || !spellOut())
+        return complain();
+    program();
+    gCpuDefend.retryDue = 1;
+}
+
+void cpuDefendRetry()
+{
+    if (!isAnyRefused()) {
+        gCpuDefend.retryDue = 0;
         return;
     }
-    zynHwChangeBegin();
-    empty(0, [](const tHwTarget &target) { return !isBound(target); });
-    for (const tBinding &binding : bindings)
-        mend(binding.target); // at a place bound again there is nothing left to do
-    zynHwChangeEnd();
-    countPlaces();
-    remember();
+    if (cpuDefendIsSlave())
+        return;
+    if (!bindAll() || !spellOut())
+        return complain();
+    gCpuDefend.retryDue = 0;
+    empty(0, [](const tHwItem &item) { return item.isRefused; }); // and so they are missing
+    program();
 }

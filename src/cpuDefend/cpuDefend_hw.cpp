@@ -11,6 +11,8 @@ cpuDefendArray<tHwItem> cpuDefendHwHeld(&tCpuDefendSystem::useHwItemNum);
 namespace
 {
 
+cpuDefendArray<tHwItem> asked(&tCpuDefendSystem::useHwAskedNum);
+
 /** The calls that add, and those that remove. */
 struct tHwCalls {
     int32_t (*acl)(const tSlotIndex *, uint16_t, uint32_t, uint32_t, uint32_t, uint32_t);
@@ -55,15 +57,27 @@ int32_t call(const tHwCalls &calls, tHwItem &item)
     return slot ? zynHwSlotSet(slot, calls.slotCmd, &record, 3) : setSystem(calls.sysCmd, &record);
 }
 
-/** The newest item that the hardware can't tell from @a item, or null. */
+/** Whether the hardware can't tell one from the other. */
+bool areAlike(const tHwItem &a, const tHwItem &b)
+{
+    return a.setting == b.setting && a.target == b.target;
+}
+
+/** The newest item like @a item that the hardware holds, or null. */
 tHwItem *newest(const tHwItem &item)
 {
     for (tHwItem *held = cpuDefendHwHeld.end(); held != cpuDefendHwHeld.begin();) {
         held--;
-        if (held->setting == item.setting && held->target == item.target)
+        if (!held->isRefused && areAlike(*held, item))
             return held;
     }
     return nullptr;
+}
+
+void note(const tHwItem &item)
+{
+    if (!cpuDefendHwHeld.append(item))
+        CPUDEFEND_DEBUG("[cpuDefend] no memory to note what is programmed!\r\n");
 }
 
 /** Add what a newest item has counted to the CAR entry that it stands for. */
@@ -85,7 +99,7 @@ void takeCounts(tHwItem *held)
 void forget(tHwItem *gone, const tCpuDefendCarPktEntry *wanted)
 {
     for (tHwItem *held = gone; gone->car != wanted && held-- != cpuDefendHwHeld.begin();)
-        if (held->car == wanted && held->setting == gone->setting && held->target == gone->target) {
+        if (held->car == wanted && areAlike(*held, *gone)) {
             held->car = gone->car;
             break;
         }
@@ -102,6 +116,54 @@ int32_t forEachItem(const tSlotIndex *pSlotIndex, tCpuDefendPolicyEntry *policy,
     return result;
 }
 
+/** Add an item that is part of what a policy was bound for. */
+int32_t ask(tHwItem item)
+{
+    const int32_t result = cpuDefendHwItemAdd(item);
+    if (result == 0)
+        asked.append(item); // without memory, nobody hears of it if it is dropped
+    return result;
+}
+
+/** What was dropped, as it is noted. */
+tHwItem itemOf(const tHwDropped &dropped)
+{
+    const tHwTarget target = cpuDefendHwTarget(dropped.isSlot ? &dropped.slot : nullptr);
+    const tHwCpuDefendPktCarEntry &car = dropped.car;
+    if (dropped.isAcl)
+        return {target,
+                {true, static_cast<uint8_t>(dropped.action), 0, 0, 0, dropped.acl, dropped.cir,
+                 dropped.cbs, 0},
+                nullptr};
+    return {
+        target,
+        {false, car.op, car.queue, car.priority, car.res, car.pktType, car.cir, car.cbs, car.pps},
+        nullptr};
+}
+
+bool wasAsked(const tHwItem &item)
+{
+    for (const tHwItem &each : asked)
+        if (areAlike(each, item))
+            return true;
+    return false;
+}
+
+/** @return why something is not in force that was asked for; 0 when all that was is */
+int32_t noteDropped()
+{
+    int32_t result = 0;
+    tHwDropped dropped;
+    for (uint32_t n = 0; zynHwDropped(n, &dropped) == 0; n++) {
+        const tHwItem item = itemOf(dropped);
+        if (tHwItem *held = newest(item))
+            held->isRefused = true;
+        if (result == 0 && wasAsked(item))
+            result = dropped.result;
+    }
+    return result;
+}
+
 } // namespace
 
 int32_t cpuDefendHwItemAdd(tHwItem item)
@@ -109,9 +171,16 @@ int32_t cpuDefendHwItemAdd(tHwItem item)
     if (item.car)
         takeCounts(newest(item)); // it can't be asked for them while an equal one covers it
     const int32_t result = call(hwAdd, item);
-    if (result == 0 && !cpuDefendHwHeld.append(item))
-        CPUDEFEND_DEBUG("[cpuDefend] no memory to note what is programmed!\r\n");
+    if (result == 0)
+        note(item);
     return result;
+}
+
+void cpuDefendHwItemWant(tHwItem item)
+{
+    item.isRefused = cpuDefendHwItemAdd(item) != 0;
+    if (item.isRefused)
+        note(item);
 }
 
 int32_t cpuDefendHwItemDel(tHwItem item)
@@ -124,6 +193,14 @@ int32_t cpuDefendHwItemDel(tHwItem item)
     return result;
 }
 
+int32_t cpuDefendHwChangeEnd()
+{
+    const int32_t failure = zynHwChangeEnd();
+    const int32_t dropped = noteDropped();
+    asked.clear();
+    return failure != 0 ? failure : dropped;
+}
+
 bool cpuDefendIsSlave()
 {
     return zynHwScalarGet(0, HW_SYS_SWRUNNINGROLEISSLAVE, nullptr) == 0;
@@ -133,9 +210,10 @@ int32_t cpuDefendHwAdd(tSlotIndex *pSlotIndex, tCpuDefendPolicyEntry *pPolicy)
 {
     if (cpuDefendIsSlave())
         return 0;
-    const int32_t result = forEachItem(pSlotIndex, pPolicy, cpuDefendHwItemAdd);
+    const int32_t result = forEachItem(pSlotIndex, pPolicy, ask);
     pPolicy->refCount++; // whatever the calls returned
     gCpuDefend.hwChangeNum++;
+    gCpuDefend.retryDue = 1;
     return result;
 }
 
@@ -149,6 +227,7 @@ int32_t cpuDefendHwDel(tSlotIndex *pSlotIndex, const uint8_t *name, uint32_t nam
     const int32_t result = forEachItem(pSlotIndex, pPolicy, cpuDefendHwItemDel);
     pPolicy->refCount--; // no floor: additions and removals are paired by the callers, or not
     gCpuDefend.hwChangeNum++;
+    gCpuDefend.retryDue = 1;
     return result;
 }
 

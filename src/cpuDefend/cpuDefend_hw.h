@@ -47,19 +47,29 @@ struct tHwItem {
     tHwSetting setting;
     tCpuDefendCarPktEntry
         *car; /**< which it stands for, and which its counts go to; null: an ACL */
+    bool isRefused =
+        false; /**< the hardware does not hold it, though it stands among what it does */
 
-    bool operator==(const tHwItem &) const = default;
+    /** Whether they are the same, each held or refused. */
+    bool operator==(const tHwItem &other) const
+    {
+        return target == other.target && setting == other.setting && car == other.car;
+    }
 };
 
 /**
  * What the hardware has taken and not given back, the oldest first: what contract and results of
- * the calls say, so that it is right about calls that failed, too.
+ * the calls say, so that it is right about calls that failed, too. And what it was wanted to take
+ * and has refused, which stands where it would be.
  */
 extern cpuDefendArray<tHwItem> cpuDefendHwHeld;
 
 /** Have the hardware take an item, or give one back. @return the call's result */
 int32_t cpuDefendHwItemAdd(tHwItem item);
 int32_t cpuDefendHwItemDel(tHwItem item);
+
+/** Have the hardware take an item, which stands among what it holds also when it is refused. */
+void cpuDefendHwItemWant(tHwItem item);
 
 /** One pass over a policy: hands the items that it stands for at a target to @a visit, in order. */
 template <typename Visit> class cpuDefendHwPass

@@ -22,6 +22,11 @@ OPTIONAL int32_t zynHwChangeEnd()
     return 0;
 }
 
+OPTIONAL int32_t zynHwDropped(uint32_t, tHwDropped *)
+{
+    return ENOENT;
+}
+
 OPTIONAL int32_t zynHwCarCount(const tSlotIndex *, tHwCpuDefendPktCarEntry *)
 {
     return ENOSYS;

@@ -23,16 +23,28 @@ struct {
     uint32_t taken;
 } packets;
 
-/** Looking at all links for cards: whether it is due, and when (s) it was done last. */
-struct {
-    bool due;
-    uint64_t second;
-} look;
-
 uint64_t secondNow()
 {
     return osClockNow() / 1000;
 }
+
+/** Work that is done when it is due, but only once in a second. */
+struct tOnceASecond {
+    bool due;
+    uint64_t second; /**< when it was done last */
+
+    /** @return whether it is to be done now */
+    bool take()
+    {
+        if (!due || second == secondNow())
+            return false;
+        *this = {false, secondNow()};
+        return true;
+    }
+};
+
+tOnceASecond look;  // at all links, for cards: there may be many
+tOnceASecond retry; // what was refused, as the platform's work may have made room: it may be a lot
 
 /** How many packets may still be taken in this second. */
 uint32_t packetsLeft()
@@ -42,13 +54,16 @@ uint32_t packetsLeft()
     return PACKETS_PER_SECOND - packets.taken;
 }
 
-/** Look for cards if that is due, but only once in a second: there may be many links. */
 void lookForCards()
 {
-    if (!look.due || look.second == secondNow())
-        return;
-    look = {false, secondNow()};
-    cpuDefendCardStart();
+    if (look.take())
+        cpuDefendCardStart();
+}
+
+void retryRefused()
+{
+    if (retry.take() || gCpuDefend.retryDue)
+        cpuDefendRetry();
 }
 
 /** Descriptors to wait for, and those that became readable. */
@@ -87,6 +102,7 @@ void runTimers()
     Change change;
     timerListCheck(&gCpuDefend.timerList);
     lookForCards();
+    retryRefused();
 }
 
 /** Receive one netlink datagram. Only the kernel (port 0) is listened to. */
@@ -116,8 +132,9 @@ void runPlatform()
 {
     Change change;
     zynPlatformRun();
-    look.due = true;
+    look.due = retry.due = true;
     lookForCards();
+    retryRefused();
 }
 
 /** Hand the next packet to source tracing. @return whether there was one */
@@ -155,6 +172,7 @@ void cpuDefenTaskStart()
     cpuDefendCpuRatControlSysTimerStart();
     packets = {};
     look = {true, UINT64_MAX};
+    retry = {false, UINT64_MAX};
     gCpuDefend.pktSock = zynPktOpen();
     Change change;
     lookForCards();

@@ -12,6 +12,7 @@
 
 #include "core/invariants.h"
 #include "core/link_message.h"
+#include "cpuDefend/cpuDefend_change.h"
 #include "cpuDefend_nm_api.h"
 #include "fresh.h"
 #include "world.h"
@@ -136,6 +137,7 @@ private:
     void rule();
     void car();
     void fail();
+    void room();
     void role() { hardware.slave = below(3) == 0; }
     void position();
     void set(uint32_t attr, std::string value);
@@ -341,6 +343,13 @@ void Walk::fail()
     hardware.failAt = hardware.failable + below(12);
 }
 
+/** The platform's work has made room for ACLs, or has taken it. */
+void Walk::room()
+{
+    hardware.aclRoom = below(2) ? SIZE_MAX : below(4);
+    gCpuDefend.retryDue = 1;
+}
+
 /** The peer says which level is selected. */
 void Walk::position()
 {
@@ -381,6 +390,7 @@ std::vector<std::string> Walk::step()
         {"rule", &Walk::rule},
         {"car", &Walk::car},
         {"fail", &Walk::fail},
+        {"room", &Walk::room},
         {"role", &Walk::role},
         {"role", &Walk::role},
         {"position", &Walk::position},
@@ -390,10 +400,15 @@ std::vector<std::string> Walk::step()
     found_.clear();
     hardware.log.clear();
     before_ = freshBindings();
-    zynHwChangeBegin();
-    (this->*kind.run)();
-    cpuDefendFollow();
-    zynHwChangeEnd();
+    {
+        const Change change;
+        (this->*kind.run)();
+    }
+    {
+        const Change nextTurn;
+        if (gCpuDefend.retryDue)
+            cpuDefendRetry();
+    }
     check();
     return found_;
 }
@@ -461,6 +476,10 @@ void Walk::checkHardware()
     checkCounts();
     const Held fresh = freshHardware();
     if (hardwareHeld() == fresh) {
+        if (hardware.aclRoom != SIZE_MAX) { // so little that a list may be missing unseen
+            met["there is no room"] += !hardware.dropped.empty();
+            return;
+        }
         met["mended"] += excused_;
         excused_ = false;
         met["slots are programmed"] += fresh.size() > 1;
@@ -523,8 +542,9 @@ TEST_P(FollowWalk, AfterEveryStepTheHardwareHoldsWhatAFreshBindWouldProgram)
         for (const auto &[what, times] : walk.met)
             met[what] += times;
     }
-    for (const char *what : {"slave", "a call fails", "mended", "slots are programmed",
-                             "the system is programmed", "a policy in use is changed"})
+    for (const char *what :
+         {"slave", "a call fails", "mended", "slots are programmed", "the system is programmed",
+          "a policy in use is changed", "there is no room"})
         EXPECT_GT(met[what], 0) << what;
 }
 

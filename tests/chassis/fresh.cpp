@@ -111,7 +111,7 @@ Held freshHardware()
         for (const std::string &name : names)
             Items(items).add(*find(name));
         if (!items.empty())
-            held[place] = items;
+            held[place] = fitting(items);
     }
     return held;
 }
@@ -131,6 +131,8 @@ Held daemonHeld()
 {
     Held held;
     for (const tHwItem &item : cpuDefendHwHeld) {
+        if (item.isRefused)
+            continue;
         const tHwSetting &s = item.setting;
         const Place place = item.target.isSlot
                                 ? Place(std::pair(item.target.index.sys, item.target.index.slot))

@@ -21,7 +21,7 @@ using Bound = std::map<Place, std::vector<std::string>>;
 using Held = std::map<Place, std::vector<Item>>;
 
 Bound freshBindings();
-Held freshHardware();
+Held freshHardware(); /**< as far as there is room for it */
 
 /** What the modelled hardware holds, and what the daemon takes it to hold. */
 Held hardwareHeld();

@@ -75,6 +75,32 @@ static int32_t apply(const Call &call)
     return ENOENT;
 }
 
+std::vector<Item> fitting(const std::vector<Item> &items)
+{
+    std::vector<Item> fit;
+    size_t room = hardware.aclRoom;
+    for (const Item &item : items)
+        if (!item.acl || (room > 0 && room--))
+            fit.push_back(item);
+    return fit;
+}
+
+/** Drop the ACLs for which there is no room, the newest first. */
+static void dropUnfitting()
+{
+    for (auto &[place, items] : hardware.held) {
+        const std::vector<Item> fit = fitting(items);
+        const size_t room = fit.size();
+        std::vector<Item> acls;
+        for (const Item &item : items)
+            if (item.acl)
+                acls.push_back(item);
+        for (size_t i = acls.size(); i-- > acls.size() - (items.size() - room);)
+            hardware.dropped.emplace_back(place, acls[i]);
+        items = fit;
+    }
+}
+
 static int32_t answer(Call call)
 {
     call.result = hardware.failable++ == hardware.failAt ? HARDWARE_FAILURE : apply(call);
@@ -154,15 +180,34 @@ int32_t zynHwCarCount(const tSlotIndex *slot, tHwCpuDefendPktCarEntry *entry)
 
 void zynHwChangeBegin(void)
 {
-    hardware.changeDepth++;
+    if (hardware.changeDepth++ == 0)
+        hardware.dropped.clear();
 }
 
 int32_t zynHwChangeEnd(void)
 {
     if (hardware.changeDepth == 0)
         hardware.complaints.push_back("the end of a change that has not begun");
-    else
-        hardware.changeDepth--;
+    else if (--hardware.changeDepth == 0)
+        dropUnfitting();
+    return 0;
+}
+
+int32_t zynHwDropped(uint32_t n, tHwDropped *dropped)
+{
+    if (n >= hardware.dropped.size())
+        return ENOENT;
+    const auto &[place, item] = hardware.dropped[n];
+    *dropped = {};
+    dropped->result = HARDWARE_FULL;
+    dropped->isAcl = 1;
+    dropped->isSlot = place.has_value();
+    if (place)
+        dropped->slot = {place->first, place->second, 0};
+    dropped->acl = static_cast<uint16_t>(item.number);
+    dropped->action = item.op;
+    dropped->cir = item.cir;
+    dropped->cbs = dropped->ebs = item.cbs;
     return 0;
 }
 

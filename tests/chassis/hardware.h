@@ -61,6 +61,10 @@ struct Hardware {
     /** Changes begun and not ended. */
     uint32_t changeDepth = 0;
 
+    /** ACLs that a place has room for. Those beyond are dropped at the end of a change. */
+    size_t aclRoom = SIZE_MAX;
+    std::vector<std::pair<Place, Item>> dropped; /**< at the end of the last one */
+
     /** Calls that can fail, so far: all but role queries. */
     size_t failable = 0;
     std::optional<size_t> failAt; /**< the one that does */
@@ -70,6 +74,10 @@ struct Hardware {
 };
 
 constexpr int32_t HARDWARE_FAILURE = 5;
+constexpr int32_t HARDWARE_FULL = 28;
+
+/** Of what is programmed at a place, what there is room for. */
+std::vector<Item> fitting(const std::vector<Item> &items);
 
 extern Hardware hardware;
 

@@ -13,6 +13,7 @@ std::vector<Record> counted;
 uint32_t changeDepth, changes, changesEnded;
 size_t packetsTaken, platformRuns;
 bool loneEnd;
+static std::vector<tHwDropped> dropped; // at the end of the last change
 
 static const char *const callNames[] = {"SlotSet", "ScalarSet",  "ScalarGet",
                                         "CpuGet",  "ScalarSync", "SlotSync",
@@ -52,6 +53,7 @@ void reset()
     changeDepth = changes = changesEnded = 0;
     packetsTaken = platformRuns = 0;
     loneEnd = false;
+    dropped.clear();
 }
 
 std::vector<Record> programming()
@@ -179,9 +181,21 @@ int32_t zynHwCarCount(const tSlotIndex *slot, tHwCpuDefendPktCarEntry *entry)
     return 0;
 }
 
+/** Take the front of what is used up in turn; a new one when there is none. */
+template <class T> static T next(std::deque<T> &turns)
+{
+    if (turns.empty())
+        return T();
+    T taken = turns.front();
+    turns.pop_front();
+    return taken;
+}
+
 void zynHwChangeBegin(void)
 {
     changes += changeDepth++ == 0;
+    if (changeDepth == 1)
+        dropped.clear();
 }
 
 int32_t zynHwChangeEnd(void)
@@ -193,11 +207,16 @@ int32_t zynHwChangeEnd(void)
     if (--changeDepth != 0)
         return 0;
     changesEnded++;
-    if (script.changeEnds.empty())
-        return 0;
-    const int32_t result = script.changeEnds.front();
-    script.changeEnds.pop_front();
-    return result;
+    dropped = next(script.drops);
+    return next(script.changeEnds);
+}
+
+int32_t zynHwDropped(uint32_t n, tHwDropped *found)
+{
+    if (n >= dropped.size())
+        return 2;
+    *found = dropped[n];
+    return 0;
 }
 
 int32_t zynPlatformFd(void)

@@ -78,6 +78,8 @@ struct Script {
     std::map<Call, int32_t> failAll;
     /** Results of the ends of outermost changes: used up in turn, then they are 0. */
     std::deque<int32_t> changeEnds;
+    /** What is dropped at these ends, in turn, then nothing is. */
+    std::deque<std::vector<tHwDropped>> drops;
     /** Readings of the CPU usage by selector: used up in turn, the last one stays. */
     std::map<uint32_t, std::deque<uint32_t>> cpu;
     /** Interface unit to (sys, slot); others cannot be translated. */

@@ -15,6 +15,7 @@
 #include "contract.h"
 #include "journal.h"
 #include "memory/scratch.h"
+#include "refusals.h"
 #include "zynacl.h"
 
 namespace
@@ -23,6 +24,9 @@ namespace
 std::string trail;
 layer::tCarCounts told;
 int32_t answer;
+const char *why;
+std::vector<layer::tDropped> drops;
+uint64_t clockReading; // in ms
 
 void note(const char *what, const tSlotIndex *slot = nullptr)
 {
@@ -74,6 +78,16 @@ int32_t layer::changeEnd() noexcept
 {
     note(")");
     return answer;
+}
+
+const layer::tDropped *layer::dropped(uint32_t n) noexcept
+{
+    return n < drops.size() ? &drops[n] : nullptr;
+}
+
+const char *layer::reason() noexcept
+{
+    return why;
 }
 
 bool layer::isSlave() noexcept
@@ -130,8 +144,17 @@ struct Layer : testing::Test {
         trail.clear();
         told = {};
         answer = 0;
+        why = nullptr;
+        drops.clear();
+        clockReading = 1000000;
+        osClockSet([] { return clockReading; });
+        refusals::forget();
     }
-    ~Layer() override { contractFailNone(); }
+    ~Layer() override
+    {
+        contractFailNone();
+        osClockSet(nullptr);
+    }
 };
 
 uint64_t whole(const U_INT8 &number)
@@ -143,6 +166,7 @@ uint64_t whole(const U_INT8 &number)
 
 using LayerChange = Layer;
 using LayerCount = Layer;
+using LayerRefusal = Layer;
 
 /* ---- Changes -------------------------------------------------------------------------- */
 
@@ -224,6 +248,219 @@ TEST_F(LayerChange, AsksForNothingByItself)
     EXPECT_EQ(scratch.read("journal"), "");
     EXPECT_EQ(trail, "( )");
     EXPECT_EQ(aclSet(true), EIO) << "it was no call that fails";
+}
+
+TEST_F(LayerChange, WhatWasDroppedAtItsEndIsToldAsOftenAsAsked)
+{
+    drops.resize(2);
+    drops[0].entry.acl = 2000;
+    drops[1].entry.acl = 2001;
+    for (int i = 0; i < 2; i++) {
+        tHwDropped dropped = {};
+        EXPECT_EQ(zynHwDropped(1, &dropped), 0);
+        EXPECT_EQ(dropped.acl, 2001);
+        EXPECT_EQ(zynHwDropped(0, &dropped), 0);
+        EXPECT_EQ(dropped.acl, 2000);
+        EXPECT_EQ(zynHwDropped(2, &dropped), ENOENT);
+        EXPECT_EQ(dropped.acl, 2000) << "untouched";
+    }
+}
+
+/* ---- Refusals are said ---------------------------------------------------------------- */
+
+/** What is said on standard error by @a work. */
+template <class Work> std::string said(Work work)
+{
+    testing::internal::CaptureStderr();
+    work();
+    return testing::internal::GetCapturedStderr();
+}
+
+/** What is said when an ACL is asked for and the layer answers so. */
+std::string asked(int32_t result, uint16_t number = 2000)
+{
+    answer = result;
+    return said([&] { EXPECT_EQ(aclSet(true, number), answer); });
+}
+
+/** What is said when it is asked for in a change, at whose end it is dropped or not. */
+std::string askedInChange(bool isDropped, uint16_t number = 2000)
+{
+    answer = 0;
+    zynHwChangeBegin();
+    std::string text = said([&] { EXPECT_EQ(aclSet(true, number), 0); });
+    EXPECT_EQ(text, "");
+    drops.clear();
+    if (isDropped) {
+        layer::tDropped &dropped = drops.emplace_back();
+        dropped.reason = "it is too big";
+        dropped.entry.result = ENOSPC;
+        dropped.entry.isAcl = 1;
+        dropped.entry.acl = number;
+        dropped.entry.action = ZYN_HW_OP_PERMIT;
+        dropped.entry.cir = 16;
+        dropped.entry.cbs = dropped.entry.ebs = 6400;
+    }
+    return said([] { EXPECT_EQ(zynHwChangeEnd(), 0); });
+}
+
+const std::string lost = "[platform] ACL 2000 (permit) is not put in force on the system: ";
+const std::string lostForSpace = lost + "No space left on device\n";
+
+TEST_F(LayerRefusal, IsSaidWithPlaceEntryAndReason)
+{
+    answer = ENOSPC;
+    EXPECT_EQ(said([] { aclSet(true); }), lostForSpace);
+    EXPECT_EQ(said([] { carSet(true); }),
+              "[platform] CAR entry for packet type 1 (permit) is not put in force on slot 1/2: "
+              "No space left on device\n");
+    why = "it is too big";
+    EXPECT_EQ(said([] { systemSet(); }),
+              "[platform] CAR entry for packet type 1 (permit) is not put in force on the system: "
+              "it is too big\n");
+    EXPECT_EQ(said([] { acl_cpudefend_add(&slot, 7, ZYN_HW_OP_DENY, 0, 0, 0); }),
+              "[platform] ACL 7 (deny) is not put in force on slot 1/2: it is too big\n");
+}
+
+TEST_F(LayerRefusal, WhatIsTakenOrRemovedIsNotTalkedAbout)
+{
+    EXPECT_EQ(asked(0), "");
+    EXPECT_EQ(said([] { aclSet(false); }), "");
+    EXPECT_EQ(said([] { carSet(true), carSet(false), systemSet(); }), "");
+    answer = ENOENT;
+    EXPECT_EQ(said([] { aclSet(false), carSet(false); }), "") << "it is not there any more";
+}
+
+TEST_F(LayerRefusal, RemovalThatFailsIsSaid)
+{
+    answer = EIO;
+    const std::string stays = "[platform] ACL 2000 (permit) is not removed on the system: "
+                              "Input/output error\n";
+    EXPECT_EQ(said([] { aclSet(false); }), stays);
+    EXPECT_EQ(said([] { aclSet(false); }), "");
+    clockReading += 60000;
+    EXPECT_EQ(said([] { aclSet(false); }), stays);
+    EXPECT_NE(asked(EIO), "") << "that is something else";
+    refusals::forget();
+    EXPECT_NE(asked(EIO), "");
+    EXPECT_EQ(said([] { aclSet(false); }), stays);
+}
+
+TEST_F(LayerRefusal, OrderedFailureIsOneWithoutTheLayersReason)
+{
+    why = "it is too big";
+    asked(EFBIG);
+    contractFailAt(1, ENOSPC);
+    EXPECT_EQ(said([] { EXPECT_EQ(aclSet(true), ENOSPC); }), lostForSpace);
+}
+
+TEST_F(LayerRefusal, WhatNoHardwareCouldDoIsNone)
+{
+    tHwCpuDefendPktCarEntry entry = car(), odd = car();
+    odd.pktType = 59;
+    const tSlotIndex itself = {0, 0, 0};
+    for (const auto &[place, arg] :
+         {std::pair{&slot, &odd}, {&itself, &entry}, {nullptr, &entry}, {&slot, nullptr}})
+        EXPECT_EQ(said([&, to = place, what = arg] {
+                      EXPECT_EQ(zynHwSlotSet(to, HW_SLOT_CPUDEFENDPKTCARADD, what, 3), EINVAL);
+                  }),
+                  "");
+    EXPECT_EQ(said([] { EXPECT_EQ(aclSet(true, 0), EINVAL); }), "");
+    EXPECT_EQ(said([] { EXPECT_EQ(zynScalarSetApi(0, 0, nullptr), EINVAL); }), "");
+}
+
+TEST_F(LayerRefusal, IsSaidOnceHoweverOftenItIsAskedForAgain)
+{
+    EXPECT_EQ(asked(ENOSPC), lostForSpace);
+    for (int i = 0; i < 5; i++) {
+        clockReading += 3600000;
+        EXPECT_EQ(asked(ENOSPC), "");
+    }
+}
+
+TEST_F(LayerRefusal, IsSaidOfEachEntry)
+{
+    for (uint16_t number : {1, 2, 3})
+        EXPECT_NE(asked(ENOSPC, number), "");
+    answer = ENOSPC;
+    const auto on = [](const tSlotIndex &place, uint32_t op, uint32_t cir) {
+        return said([&] { acl_cpudefend_add(&place, 1, op, cir, 0, 0); });
+    };
+    EXPECT_NE(on({1, 2, 0}, ZYN_HW_OP_PERMIT, 5), "");
+    EXPECT_NE(on({1, 3, 0}, ZYN_HW_OP_PERMIT, 5), "");
+    EXPECT_NE(on({2, 2, 0}, ZYN_HW_OP_PERMIT, 5), "");
+    EXPECT_NE(on({1, 2, 0}, ZYN_HW_OP_PERMIT, 6), "");
+    EXPECT_NE(on({1, 2, 0}, ZYN_HW_OP_DENY, 0), "");
+    EXPECT_EQ(on({1, 2, 0}, ZYN_HW_OP_PERMIT, 5), "");
+}
+
+TEST_F(LayerRefusal, IsSaidAgainForAnotherReason)
+{
+    EXPECT_EQ(asked(ENOSPC), lostForSpace);
+    EXPECT_EQ(asked(ENOMEM), lost + "Cannot allocate memory\n");
+    EXPECT_EQ(asked(ENOMEM), "");
+}
+
+TEST_F(LayerRefusal, IsSaidAgainOnceItHadBeenTaken)
+{
+    EXPECT_EQ(asked(ENOSPC), lostForSpace);
+    EXPECT_EQ(asked(0), "");
+    EXPECT_EQ(asked(ENOSPC), lostForSpace);
+}
+
+TEST_F(LayerRefusal, IsSaidAgainAMinuteAfterItWasWithdrawn)
+{
+    EXPECT_EQ(asked(ENOSPC), lostForSpace);
+    answer = ENOENT;
+    aclSet(false);
+    clockReading += 59999;
+    EXPECT_EQ(asked(ENOSPC), "") << "so that one which comes and goes is not said each time";
+    answer = ENOENT;
+    aclSet(false);
+    clockReading += 60000;
+    EXPECT_EQ(asked(ENOSPC), lostForSpace);
+}
+
+TEST_F(LayerRefusal, WhatAChangesEndDropsIsOne)
+{
+    EXPECT_EQ(askedInChange(true), lost + "it is too big\n");
+    EXPECT_EQ(askedInChange(true), "") << "it was taken only until the end";
+    EXPECT_EQ(askedInChange(false), "");
+    EXPECT_EQ(askedInChange(true), lost + "it is too big\n");
+}
+
+TEST_F(LayerRefusal, TakenByAChangeThatFailsCountsNot)
+{
+    EXPECT_EQ(asked(ENOSPC), lostForSpace);
+    zynHwChangeBegin();
+    answer = 0;
+    aclSet(true);
+    answer = EIO;
+    EXPECT_EQ(zynHwChangeEnd(), EIO);
+    EXPECT_EQ(asked(ENOSPC), "");
+}
+
+TEST_F(LayerRefusal, ManyAreAllRemembered)
+{
+    for (int round = 0; round < 2; round++)
+        for (uint16_t number = 1; number <= 2000; number++)
+            ASSERT_EQ(asked(ENOSPC, number) != "", round == 0) << number;
+}
+
+TEST_F(LayerRefusal, WhatWasWithdrawnLongAgoMakesRoom)
+{
+    const auto askAndWithdraw = [](uint16_t number) {
+        asked(ENOSPC, number);
+        answer = ENOENT;
+        aclSet(false, number);
+    };
+    asked(ENOSPC, 60001);
+    for (uint16_t number = 1; number <= 2000; number++) {
+        askAndWithdraw(number);
+        clockReading += 1000;
+    }
+    EXPECT_EQ(asked(ENOSPC, 60001), "");
+    EXPECT_LE(refusals::count(), 128u);
 }
 
 /* ---- Counters ------------------------------------------------------------------------- */

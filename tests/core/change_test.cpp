@@ -4,6 +4,7 @@
 #include <ostream>
 
 #include "cards.h"
+#include "cpuDefend/cpuDefend_change.h"
 #include "nm_test.h"
 
 using Programmed = std::vector<std::string>;
@@ -251,6 +252,199 @@ TEST_F(ChangeEnd, WhatIsProgrammedFollowsTheBindingThatFailed)
     EXPECT_EQ(boundTo(slot), "");
     EXPECT_EQ(findPolicy("a")->refCount, 1u);
     EXPECT_EQ(findPolicy("b")->refCount, 0u);
+}
+
+/* ---- What the hardware drops at the end --------------------------------------------------- */
+
+/** The end drops the ACL of a policy made by addOneCallPolicy. */
+static tHwDropped acl(uint16_t number, const tCpuDefendSlotEntry *slot = nullptr)
+{
+    tHwDropped dropped{};
+    dropped.result = ENOSPC;
+    dropped.isAcl = 1;
+    dropped.acl = number;
+    dropped.action = ZYN_HW_OP_DENY;
+    dropped.isSlot = slot != nullptr;
+    if (slot)
+        dropped.slot = cpuDefendSlotIndex(slot);
+    return dropped;
+}
+
+/** What the event loop does at its next turn. */
+static Programmed retried()
+{
+    scripted::calls.clear();
+    {
+        const Change change;
+        cpuDefendRetry();
+    }
+    return programmed();
+}
+
+static int32_t bindSystemTo(Cell value)
+{
+    return setGlobalTo(CPUDEFEND_GLOBAL_POLICY, std::move(value));
+}
+
+TEST_F(ChangeEnd, DroppedEntryIsAskedForAgainAfterTheNextChange)
+{
+    scripted::script.drops = {{acl(101)}};
+    EXPECT_EQ(bindSystemTo(Cell("a")), ENOSPC);
+    EXPECT_EQ(getGlobal(CPUDEFEND_GLOBAL_POLICY, 32), (Answer<std::string>{0, "a"}));
+    scripted::script.drops = {{acl(101)}};
+    EXPECT_EQ(gCpuDefend.retryDue, 1);
+    EXPECT_EQ(retried(), Programmed{"+101"}) << "dropped again";
+    EXPECT_EQ(gCpuDefend.retryDue, 0);
+    EXPECT_EQ(setGlobalTo(CPUDEFEND_GLOBAL_DEBUG, Cell(2)), 0);
+    EXPECT_EQ(gCpuDefend.retryDue, 0) << "that has made no room";
+    cpuDefendHwDel(nullptr, bytes("b"), 1);
+    EXPECT_EQ(gCpuDefend.retryDue, 1);
+    EXPECT_EQ(retried(), Programmed{"+101"});
+    gCpuDefend.retryDue = 1;
+    EXPECT_EQ(retried(), Programmed{}) << "it is in force";
+    EXPECT_EQ(findPolicy("a")->refCount, 1u);
+    EXPECT_EQ(findPolicy("b")->refCount, 0u);
+}
+
+TEST_F(ChangeEnd, DroppedEntryThatIsUnboundIsNotAskedForAgain)
+{
+    scripted::script.drops = {{acl(101)}};
+    EXPECT_EQ(bindSystemTo(Cell("a")), ENOSPC);
+    scripted::script.failAll[scripted::Call::AclDel] = ENOENT;
+    EXPECT_EQ(bindSystemTo(Cell("")), ENOENT);
+    EXPECT_EQ(retried(), Programmed{});
+}
+
+TEST_F(ChangeEnd, DroppedEntryReturnsToItsPlaceInTheOrder)
+{
+    engine::nameLevel(gCpuDefend.cpuRatControl[0], "b");
+    scripted::script.drops = {{acl(101)}};
+    EXPECT_EQ(bindSystemTo(Cell("a")), ENOSPC);
+    gCpuDefend.selectedPosition = 1;
+    cpuDefendHwAdd(nullptr, findPolicy("b"));
+    EXPECT_EQ(retried(), (Programmed{"-102", "+101", "+102"}));
+    gCpuDefend.selectedPosition = 0;
+    cpuDefendHwDel(nullptr, bytes("b"), 1);
+}
+
+TEST_F(ChangeEnd, OfEqualOnesTheNewestIsDropped)
+{
+    const auto *slot = haveSlot(true);
+    findPolicy("b")->blackListIp4Acl = 101;
+    bindSystem();
+    engine::nameLevel(gCpuDefend.cpuRatControl[0], "b");
+    scripted::reset();
+    scripted::script.drops = {{acl(101, slot)}};
+    {
+        const Change change;
+        gCpuDefend.selectedPosition = 1;
+    }
+    EXPECT_EQ(programmed(), Programmed{"+101 1/5"});
+    {
+        const Change change;
+        gCpuDefend.selectedPosition = 0;
+    }
+    EXPECT_EQ(programmed().size(), 1u) << "there is nothing to remove";
+    EXPECT_EQ(retried(), Programmed{});
+}
+
+TEST_F(ChangeEnd, DroppedCarEntryIsAskedForAgain)
+{
+    scripted::script.drops = {{}};
+    tHwDropped &dropped = scripted::script.drops[0].emplace_back();
+    dropped.result = ENOMEM;
+    const tCpuDefendCarPktEntry *car = findCar("default", 3);
+    dropped.car = {
+        3,        car->cir, car->cbs, car->pps, car->queue, car->priority, ZYN_HW_OP_PERMIT,
+        car->bit, {},       {},       {},       {}};
+    EXPECT_EQ(bindSystemTo(Cell("default")), ENOMEM);
+    retried();
+    const auto calls = scripted::programming();
+    ASSERT_EQ(calls.size(), 13u) << "those behind it are removed, and follow it";
+    EXPECT_EQ(calls[0].car.pktType, 9u);
+    EXPECT_EQ(calls[6].car.pktType, 3u);
+    EXPECT_EQ(calls[6].cmd, uint32_t{HW_SYS_CPUDEFENDPKTCARADD});
+}
+
+TEST_F(ChangeEnd, SlotWhoseEntryIsDroppedIsLeftUnbound)
+{
+    const tCpuDefendSlotEntry *slot = haveSlot(true);
+    scripted::script.drops = {{acl(101, slot)}};
+    EXPECT_EQ(setSlot(CPUDEFEND_SLOT_POLICY, Cell("a")), ENOSPC);
+    EXPECT_EQ(boundTo(slot), "");
+    EXPECT_EQ(retried(), Programmed{});
+}
+
+TEST_F(ChangeEnd, SetIsNotBlamedForWhatIsDroppedOfAnother)
+{
+    const tCpuDefendSlotEntry *slot = haveSlot(true);
+    bindSystem(); // asks for it too, but earlier
+    ASSERT_EQ(setSlot(CPUDEFEND_SLOT_POLICY, Cell("b")), 0);
+    scripted::reset();
+    scripted::script.drops = {{acl(101, slot)}};
+    EXPECT_EQ(setSlot(CPUDEFEND_SLOT_POLICY, Cell("")), 0);
+    EXPECT_EQ(programmed(), (Programmed{"-102 1/5", "+101 1/5"})) << "the system's";
+    EXPECT_EQ(boundTo(slot), "");
+    EXPECT_EQ(retried(), Programmed{"+101 1/5"});
+}
+
+TEST_F(ChangeEnd, SetAsksNotForWhatWasRefusedElsewhere)
+{
+    const tCpuDefendSlotEntry *slot = haveSlot(true);
+    scripted::script.drops = {{acl(101, slot)}};
+    bindSystem();
+    comes(PORT + 1, 1, 6);
+    EXPECT_EQ(programmed(), (Programmed{"+101 1/5", "+101 1/6"}));
+    EXPECT_EQ(retried(), Programmed{"+101 1/5"});
+}
+
+TEST_F(ChangeEnd, WhatWasRefusedNeedsNoRemoval)
+{
+    const tCpuDefendSlotEntry *slot = haveSlot(true);
+    scripted::script.drops = {{acl(101, slot)}};
+    bindSystem();
+    scripted::reset();
+    goes(PORT);
+    EXPECT_EQ(programmed(), Programmed{"+101"});
+}
+
+TEST_F(ChangeEnd, SlaveDoesNotAskAgainButWillAsMaster)
+{
+    scripted::script.drops = {{acl(101)}};
+    EXPECT_EQ(bindSystemTo(Cell("a")), ENOSPC);
+    scripted::script.slave = true;
+    EXPECT_EQ(retried(), Programmed{});
+    EXPECT_EQ(gCpuDefend.retryDue, 1);
+    scripted::script.slave = false;
+    EXPECT_EQ(retried(), Programmed{"+101"});
+}
+
+TEST_F(ChangeEnd, WhatIsRefusedAgainByItsCallIsNotForgotten)
+{
+    scripted::script.drops = {{acl(101)}};
+    EXPECT_EQ(bindSystemTo(Cell("a")), ENOSPC);
+    scripted::script.failAll[scripted::Call::AclAdd] = ENOENT;
+    EXPECT_EQ(retried(), Programmed{"+101"});
+    scripted::script.failAll.clear();
+    EXPECT_EQ(retried(), Programmed{"+101"});
+    EXPECT_EQ(retried(), Programmed{});
+}
+
+TEST_F(ChangeEnd, CountersAreNotAskedOfWhatIsNotThere)
+{
+    scripted::script.drops = {{}};
+    tHwDropped &dropped = scripted::script.drops[0].emplace_back();
+    const tCpuDefendCarPktEntry *car = findCar("default", 3);
+    dropped.result = ENOMEM;
+    dropped.car = {
+        3,        car->cir, car->cbs, car->pps, car->queue, car->priority, ZYN_HW_OP_PERMIT,
+        car->bit, {},       {},       {},       {}};
+    EXPECT_EQ(bindSystemTo(Cell("default")), ENOMEM);
+    scripted::counted.clear();
+    cpuDefendHwCarCount(car);
+    EXPECT_TRUE(scripted::counted.empty());
+    cpuDefendHwCarCount(findCar("default", 4));
+    EXPECT_EQ(scripted::counted.size(), 1u);
 }
 
 TEST_F(ChangeEnd, SystemStaysBoundWhateverTheEndSays)

@@ -315,12 +315,17 @@ TEST_F(Follow, WhatFailsIsTriedAgainWhenSomethingChanges)
     scripted::script.failAll[scripted::Call::AclAdd] = 5;
     comes(PORT, 1, 5);
     EXPECT_EQ(programmed(), "-a +a@1/5");
+    gCpuDefend.retryDue = 0;
     for (int i = 0; i < 3; i++)
         turn([] {});
-    EXPECT_EQ(programmed(), ""); // not again and again
+    EXPECT_EQ(gCpuDefend.retryDue, 0); // not again and again
     scripted::script.failAll.clear();
     comes(PORT + 1, 1, 6);
-    EXPECT_EQ(programmed(), "+a@1/5 +a@1/6");
+    EXPECT_EQ(programmed(), "+a@1/6");
+    EXPECT_EQ(gCpuDefend.retryDue, 1);
+    cpuDefendRetry();
+    EXPECT_EQ(programmed(), "+a@1/5");
+    EXPECT_EQ(gCpuDefend.retryDue, 0);
     EXPECT_EQ(counts(), "2000");
 }
 

@@ -61,6 +61,14 @@ void __wrap__Z15cpuDefendFollowv()
     note("follow");
 }
 
+void __real__Z14cpuDefendRetryv();
+
+void __wrap__Z14cpuDefendRetryv()
+{
+    note("retry");
+    __real__Z14cpuDefendRetryv();
+}
+
 int32_t __real__Z20cpuDefendSrcTracePktjtP16packet_rxpktinfoPhi(uint32_t, uint16_t,
                                                                 packet_rxpktinfo *, unsigned char *,
                                                                 int32_t);
@@ -456,7 +464,7 @@ TEST_F(Platform, WorkIsOneChangeAndCardsAreLookedAtAnew)
     scripted::script.platformFd = busy.fd();
     scripted::script.platform = [] { note("platform"); };
     startEarlier();
-    EXPECT_EQ("follow 1/1, platform 1/1, look 1/1, follow 1/1", turn());
+    EXPECT_EQ("follow 1/1, platform 1/1, look 1/1, retry 1/1, follow 1/1", turn());
     EXPECT_EQ(2u, scripted::changesEnded) << "the timers', and this one";
 }
 
@@ -530,24 +538,24 @@ TEST_F(Changes, CardsAreLookedAtAnewWhenNotificationsWereLost)
     }
 }
 
-TEST_F(Changes, CardsAreLookedAtOnceInASecond)
+TEST_F(Changes, CardsAreLookedAtAndRefusalsRetriedOnceInASecond)
 {
     const Signal busy(true), idle(false);
     cpuDefenTaskStart();
     scripted::script.platformFd = busy.fd();
-    const std::string work = "follow 1/1, follow 1/1";
+    EXPECT_EQ("follow 1/1, retry 1/1, follow 1/1", turn());
     for (int i = 0; i < 3; i++)
-        EXPECT_EQ(work, turn()) << "they were looked at in this second";
+        EXPECT_EQ("follow 1/1, follow 1/1", turn()) << "all was done in this second";
     scripted::script.platformFd = idle.fd();
     clockReading += 999;
     EXPECT_EQ("follow 1/1", turn());
     clockReading += 1;
-    EXPECT_EQ("look 1/1, follow 1/1", turn()) << "what was put off is done";
+    EXPECT_EQ("look 1/1, retry 1/1, follow 1/1", turn()) << "what was put off is done";
     EXPECT_EQ("follow 1/1", turn());
     clockReading += 1000;
     EXPECT_EQ("follow 1/1", turn());
     scripted::script.platformFd = busy.fd();
-    EXPECT_EQ("follow 1/1, look 1/1, follow 1/1", turn());
+    EXPECT_EQ("follow 1/1, look 1/1, retry 1/1, follow 1/1", turn());
 }
 
 TEST_F(Changes, ATurnServesTheChannelFirstAndPacketsLast)
@@ -574,8 +582,8 @@ TEST_F(Changes, ATurnServesTheChannelFirstAndPacketsLast)
     plan.sending = [] { note("reply"); };
     scripted::script.packets.front().info.pkt_inport = 1;
     clockReading += 1000;
-    EXPECT_EQ("follow 1/1, reply 0/0, platform 1/1, look 1/1, follow 1/1, cards(32) 1/1, "
-              "follow 1/1",
+    EXPECT_EQ("follow 1/1, reply 0/0, platform 1/1, look 1/1, retry 1/1, follow 1/1, "
+              "cards(32) 1/1, follow 1/1",
               turn());
     EXPECT_EQ(1u, hooked.size());
     EXPECT_FALSE(client.readAll().empty());
@@ -648,6 +656,16 @@ TEST_F(Requests, FailedChangeEndsToo)
 {
     EXPECT_EQ(CPUDEFEND_ENONAME, ask(bindTo("nobody")));
     EXPECT_EQ("follow 1/1, follow 1/1", text());
+}
+
+TEST_F(Requests, WhatWasRefusedIsAskedForAgainInTheNextTurn)
+{
+    EXPECT_EQ(0, ask(bindTo("default")));
+    EXPECT_EQ("retry 1/1, follow 1/1", turn());
+    EXPECT_EQ("follow 1/1", turn());
+    EXPECT_EQ(
+        0, ask(request(CPUDEFEND_GLOBAL_SETAPI, CPUDEFEND_GLOBAL_DEBUG, globalIndex(), number(2))));
+    EXPECT_EQ("follow 1/1", turn()) << "nothing was programmed";
 }
 
 TEST_F(Requests, CodeOfTheEndIsAnsweredToWhatWasProgrammedAlone)

@@ -15,26 +15,37 @@ constexpr char acls[] = "[[acl]]\nnumber = 100\nfamily = \"ipv4\"\n"
                         "[[acl]]\nnumber = 101\nfamily = \"ipv4\"\n"
                         "rules = [\"deny ip 192.0.2.1 any\", \"permit ip 192.0.2.0/25 any\"]\n";
 
+/** A list that is too much for the tables: each of its hosts has a range of ports. */
+inline std::string hugeList(uint16_t number)
+{
+    std::string text =
+        "[[acl]]\nnumber = " + std::to_string(number) + "\nfamily = \"ipv4\"\nrules = [";
+    for (int i = 1; i <= 3000; i++)
+        text += "\"permit udp 10.0." + std::to_string(i / 256) + "." + std::to_string(i % 256) +
+                " any port " + std::to_string(i) + "-" + std::to_string(30000 + 7 * i) + "\",\n";
+    return text + "]\n";
+}
+
+inline std::vector<uint8_t> udp(const std::string &source, const std::string &destination,
+                                uint16_t port)
+{
+    Frame frame(host);
+    frame.ipv4({.protocol = 17, .payloadBytes = 48}).udp(1234, port).zeros(40);
+    std::vector<uint8_t> bytes = frame.bytes();
+    inet_pton(AF_INET, source.c_str(), &bytes[26]);
+    inet_pton(AF_INET, destination.c_str(), &bytes[30]);
+    return bytes;
+}
+
+inline bool udpArrives(const std::string &source, uint16_t port,
+                       const std::string &destination = "198.51.100.1")
+{
+    return arrives(udp(source, destination, port), peerPort, protectedPort, 0x0800);
+}
+
 class AclsOnWire : public LayerOnWire
 {
 protected:
-    static std::vector<uint8_t> udp(const std::string &source, const std::string &destination,
-                                    uint16_t port)
-    {
-        Frame frame(host);
-        frame.ipv4({.protocol = 17, .payloadBytes = 48}).udp(1234, port).zeros(40);
-        std::vector<uint8_t> bytes = frame.bytes();
-        inet_pton(AF_INET, source.c_str(), &bytes[26]);
-        inet_pton(AF_INET, destination.c_str(), &bytes[30]);
-        return bytes;
-    }
-
-    static bool udpArrives(const std::string &source, uint16_t port,
-                           const std::string &destination = "198.51.100.1")
-    {
-        return arrives(udp(source, destination, port), peerPort, protectedPort, 0x0800);
-    }
-
     static int32_t bind(uint16_t number, uint32_t action = ZYN_HW_OP_DENY, uint32_t cir = 0,
                         uint32_t cbs = 0, const tSlotIndex *slot = nullptr)
     {

@@ -14,6 +14,7 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 
+#include "acls_on_wire.h"
 #include "channel/request.h"
 #include "cpuDefend_nm.h"
 #include "daemon_process.h"
@@ -42,15 +43,26 @@ protected:
     /** Set a global attribute over the socket. @return the return code */
     int32_t setGlobal(uint32_t attribute, const channel::Value &value)
     {
+        return ask(CPUDEFEND_GLOBAL_SETAPI, attribute, channel::globalIndex(), value);
+    }
+
+    int32_t setPolicy(const std::string &name, uint32_t attribute, uint32_t value)
+    {
+        return ask(CPUDEFEND_POLICY_SETAPI, attribute, channel::policyIndex(name),
+                   channel::number(value));
+    }
+
+    int32_t ask(uint32_t code, uint32_t attribute, const channel::Index &index,
+                const channel::Value &value)
+    {
         Bytes reply;
-        Bytes body =
-            channel::request(CPUDEFEND_GLOBAL_SETAPI, attribute, channel::globalIndex(), value, 64);
+        Bytes body = channel::request(code, attribute, index, value, 64);
         if (!::exchange(body, &reply) || reply.size() < channel::CODE_AT + 4)
             return INT32_MIN;
-        uint32_t code = 0;
+        uint32_t answer = 0;
         for (size_t i = 0; i < 4; i++)
-            code = code << 8 | reply[channel::CODE_AT + i];
-        return static_cast<int32_t>(code);
+            answer = answer << 8 | reply[channel::CODE_AT + i];
+        return static_cast<int32_t>(answer);
     }
 
     /** The journal's whole lines of a call. */
@@ -103,6 +115,40 @@ TEST_F(DaemonOnWire, BindingIsProgrammedSynchronisedAndJournaled)
         EXPECT_EQ(entries[type].at("entry").at("pktType"), type);
         EXPECT_EQ(entries[type].at("result"), 0) << type;
     }
+}
+
+/** How often a text stands in another. */
+size_t times(const std::string &text, const std::string &in)
+{
+    size_t n = 0;
+    for (size_t at = in.find(text); at != in.npos; at = in.find(text, at + 1))
+        n++;
+    return n;
+}
+
+TEST_F(DaemonOnWire, ListThatDidNotFitIsInForceWithinASecondOnceItFits)
+{
+    start(hugeList(102));
+    ASSERT_EQ(setPolicy("p", CPUDEFEND_POLICY_ENTRYSTATUS, CPUDEFEND_ROW_CREATE), 0);
+    ASSERT_EQ(setPolicy("p", CPUDEFEND_POLICY_BLACKLISTENABLE, CPUDEFEND_ENABLE), 0);
+    ASSERT_EQ(setPolicy("p", CPUDEFEND_POLICY_BLACKLISTIP4ACL, 102), 0);
+    EXPECT_EQ(setGlobal(CPUDEFEND_GLOBAL_POLICY, channel::octets("p")), ENOSPC);
+    EXPECT_EQ(setGlobal(CPUDEFEND_GLOBAL_DEBUG, channel::number(2)), 0);
+    EXPECT_TRUE(udpArrives("192.0.2.7", 5000));
+    const std::string lost = "[platform] ACL 102 (deny) is not put in force on the system: with "
+                             "those before it, its tables do not fit\n";
+    EXPECT_TRUE(within(5s, [&] { return journal("acl_cpudefend_add").size() == 2; }))
+        << "it is asked for again";
+    EXPECT_EQ(times(lost, daemon->errors()), 1u) << daemon->errors();
+
+    file.reset();
+    file.emplace(unpinned + "ports = [\"" + protectedPort + "\"]\n[[acl]]\nnumber = 102\n" +
+                 "family = \"ipv4\"\nrules = [\"permit udp 192.0.2.7 any\"]\n");
+    kill(daemon->pid(), SIGHUP);
+    EXPECT_TRUE(within(1s, [&] { return !udpArrives("192.0.2.7", 5000); }));
+    EXPECT_EQ(times(lost, daemon->errors()), 1u) << daemon->errors();
+    EXPECT_EQ(setGlobal(CPUDEFEND_GLOBAL_POLICY, channel::octets("")), 0);
+    EXPECT_TRUE(udpArrives("192.0.2.7", 5000));
 }
 
 TEST_F(DaemonOnWire, SlaveProgramsNothing)

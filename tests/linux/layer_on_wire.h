@@ -55,6 +55,15 @@ inline bool runUntil(const std::function<bool()> &condition)
     });
 }
 
+/** Whether a frame that is sent by one port arrives at the other. */
+inline bool arrives(const std::vector<uint8_t> &frame, const char *from, const char *to,
+                    uint16_t ethertype)
+{
+    PacketSocket receiver(to, ethertype), sender(from, ethertype);
+    sender.send(frame, 1);
+    return within(std::chrono::milliseconds(200), [&] { return receiver.received() > 0; });
+}
+
 class LayerOnWire : public OnWire
 {
 protected:
@@ -129,15 +138,6 @@ protected:
         func.hwCmd = add ? HW_SYS_CPUDEFENDPKTCARADD : HW_SYS_CPUDEFENDPKTCARDEL;
         func.arg = &entry;
         return zynScalarSetApi(0, 0, &func);
-    }
-
-    /** Whether a frame that is sent by one port arrives at the other. */
-    static bool arrives(const std::vector<uint8_t> &frame, const char *from, const char *to,
-                        uint16_t ethertype)
-    {
-        PacketSocket receiver(to, ethertype), sender(from, ethertype);
-        sender.send(frame, 1);
-        return within(std::chrono::milliseconds(200), [&] { return receiver.received() > 0; });
     }
 
     bool arpArrives(const char *from = peerPort, const char *to = protectedPort) const

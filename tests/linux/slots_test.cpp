@@ -177,22 +177,11 @@ class Acls : public AclsOnWire
 protected:
     Outcome startWith(const std::string &lists) { return startOnPort(lists); }
 
-    /** A list that is too much for the tables: each of its hosts has a range of ports. */
-    static std::string hugeList(uint16_t number)
-    {
-        std::string text =
-            "[[acl]]\nnumber = " + std::to_string(number) + "\nfamily = \"ipv4\"\nrules = [";
-        for (int i = 1; i <= 3000; i++)
-            text += "\"permit udp 10.0." + std::to_string(i / 256) + "." + std::to_string(i % 256) +
-                    " any port " + std::to_string(i) + "-" + std::to_string(30000 + 7 * i) +
-                    "\",\n";
-        return text + "]\n";
-    }
-
     static std::string doesNotFit(uint16_t number)
     {
         return "[platform] ACL " + std::to_string(number) +
-               " is not put in force: with those before it, its tables do not fit\n";
+               " (deny) is not put in force on the system: with those before it, its tables do "
+               "not fit\n";
     }
 };
 
@@ -254,7 +243,8 @@ TEST_F(Acls, UnknownNumberIsNoEntry)
     testing::internal::CaptureStderr();
     EXPECT_EQ(bind(102), ENOENT);
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "[platform] ACL 102 is not put in force: the platform file has no such list\n");
+              "[platform] ACL 102 (deny) is not put in force on the system: the platform file has "
+              "no such list\n");
     EXPECT_EQ(acl_cpudefend_del(nullptr, 102, ZYN_HW_OP_DENY, 0, 0, 0), ENOENT);
 }
 
@@ -296,8 +286,17 @@ TEST_F(Acls, OfAChangeThoseBeforeOneThatDoesNotFitComeInForce)
     for (uint16_t number : {100, 102, 101})
         EXPECT_EQ(bind(number), 0);
     testing::internal::CaptureStderr();
-    EXPECT_EQ(zynHwChangeEnd(), ENOSPC);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), doesNotFit(102) + doesNotFit(101));
+    EXPECT_EQ(zynHwChangeEnd(), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), doesNotFit(101) + doesNotFit(102));
+    tHwDropped dropped{};
+    for (uint32_t i : {0, 1}) {
+        EXPECT_EQ(zynHwDropped(i, &dropped), 0);
+        EXPECT_EQ(dropped.acl, 101 + i) << "the newest first";
+        EXPECT_EQ(dropped.action, uint32_t{ZYN_HW_OP_DENY});
+        EXPECT_EQ(dropped.result, ENOSPC);
+        EXPECT_TRUE(dropped.isAcl && !dropped.isSlot);
+    }
+    EXPECT_EQ(zynHwDropped(2, &dropped), ENOENT);
     EXPECT_FALSE(udpArrives("192.0.2.7", 5000));
     EXPECT_TRUE(udpArrives("192.0.2.7", 5001)); // 101 would have dropped it
     EXPECT_TRUE(udpArrives("10.0.0.5", 5000));
@@ -305,6 +304,51 @@ TEST_F(Acls, OfAChangeThoseBeforeOneThatDoesNotFitComeInForce)
         EXPECT_EQ(acl_cpudefend_del(nullptr, number, ZYN_HW_OP_DENY, 0, 0, 0), ENOENT);
     EXPECT_EQ(bind(101), 0);
     EXPECT_FALSE(udpArrives("192.0.2.7", 5001));
+}
+
+TEST_F(Slots, WhatIsDroppedAtOneIsToldOfIt)
+{
+    ASSERT_EQ(startSlots(acls + hugeList(102)).result, 0);
+    zynHwChangeBegin();
+    EXPECT_EQ(acl_cpudefend_add(nullptr, 100, ZYN_HW_OP_DENY, 0, 0, 0), 0);
+    EXPECT_EQ(acl_cpudefend_add(&second, 100, ZYN_HW_OP_DENY, 0, 0, 0), 0);
+    EXPECT_EQ(acl_cpudefend_add(&second, 102, ZYN_HW_OP_PERMIT, 16, 6400, 6401), 0);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(zynHwChangeEnd(), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "[platform] ACL 102 (permit) is not put in force on slot 1/2: with those before it, "
+              "its tables do not fit\n");
+    tHwDropped dropped{};
+    EXPECT_EQ(zynHwDropped(0, &dropped), 0);
+    EXPECT_EQ(zynHwDropped(1, &dropped), ENOENT);
+    EXPECT_TRUE(dropped.isSlot && dropped.isAcl);
+    EXPECT_EQ(dropped.slot.sys, second.sys);
+    EXPECT_EQ(dropped.slot.slot, second.slot);
+    EXPECT_EQ(dropped.slot.type, 0);
+    EXPECT_EQ(dropped.acl, 102);
+    EXPECT_EQ(dropped.action, uint32_t{ZYN_HW_OP_PERMIT});
+    EXPECT_EQ(dropped.cir, 16u);
+    EXPECT_EQ(dropped.cbs, 6400u);
+    EXPECT_EQ(dropped.ebs, 6401u);
+    zynHwChangeBegin();
+    EXPECT_EQ(zynHwDropped(0, &dropped), ENOENT) << "that was the change before";
+    zynHwChangeEnd();
+}
+
+TEST_F(Slots, EntriesThatAreRefusedAreSaidWithTheReason)
+{
+    ASSERT_EQ(startSlots().result, 0);
+    const tSlotIndex nowhere{1, 77, 0};
+    auto entry = arpEntry(5);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(set(&nowhere, true, entry), ENODEV);
+    entry.pktType = 58;
+    EXPECT_EQ(set(&first, true, entry), ENOTSUP);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "[platform] CAR entry for packet type 1 (permit) is not put in force on slot 1/77: "
+              "the platform file has no such slot\n"
+              "[platform] CAR entry for packet type 58 (permit) is not put in force on slot 0/1: "
+              "no frame is of this type\n");
 }
 
 class Reload : public Acls
