@@ -2,7 +2,6 @@
 
 #include <array>
 #include <netinet/in.h>
-#include <stdexcept>
 #include <sys/socket.h>
 
 #include "host.h"
@@ -151,19 +150,13 @@ void Consumers::addReplies()
         add(each.name, each.verdicts, nullptr);
 }
 
-size_t Consumers::indexOf(const std::string &name) const
+std::vector<size_t> Consumers::of(const std::string &name) const
 {
-    for (size_t i = 0; i < all_.size(); i++)
-        if (all_[i].name == name)
-            return i;
-    throw std::out_of_range("no consumer " + name);
-}
-
-std::vector<size_t> Consumers::of(const std::string &prefix) const
-{
+    const bool isBegin = name.ends_with('*');
+    const std::string begin = isBegin ? name.substr(0, name.size() - 1) : name;
     std::vector<size_t> found;
     for (size_t i = 0; i < all_.size(); i++)
-        if (all_[i].name.starts_with(prefix))
+        if (isBegin ? all_[i].name.starts_with(begin) : all_[i].name == begin)
             found.push_back(i);
     return found;
 }

@@ -60,11 +60,8 @@ public:
 
     const std::vector<Consumer> &all() const { return all_; }
 
-    /** Index of a consumer. @throw std::out_of_range */
-    size_t indexOf(const std::string &name) const;
-
-    /** Those whose names begin so. */
-    std::vector<size_t> of(const std::string &prefix) const;
+    /** Indexes of those of a name, or whose names begin so when a "*" ends it. */
+    std::vector<size_t> of(const std::string &name) const;
 
     /** Ask everybody. @param seen has an element for each */
     void look(std::vector<Sightings> *seen);

@@ -48,6 +48,21 @@ void disarrange(Draft &d, std::vector<Piece> *all)
     }
 }
 
+Octets source(Draft &d, const std::vector<Address> &all)
+{
+    const Address &address = d.usually(all, 5);
+    Octets octets = address.octets;
+    if (&address != &all[0]) {
+        d.note(address.what);
+    } else if (octets.size() == 16) {
+        putId(&octets, 12, d.id);
+    } else {
+        octets[1] = static_cast<uint8_t>(octets[1] | (d.id >> 16 & 1));
+        put16(octets, 2, d.id & 0xffff);
+    }
+    return octets;
+}
+
 } // namespace
 
 Octets markOf(uint32_t id)
@@ -70,25 +85,20 @@ std::vector<Piece> pieces(Draft &d, size_t length, uint32_t oneIn)
     return all;
 }
 
-Octets source(Draft &d, const std::vector<Address> &all)
-{
-    const Address &address = d.usually(all, 5);
-    Octets octets = address.octets;
-    if (&address != &all[0]) {
-        d.note(address.what);
-    } else if (octets.size() == 16) {
-        putId(&octets, 12, d.id);
-    } else {
-        octets[1] = static_cast<uint8_t>(octets[1] | (d.id >> 16 & 1));
-        put16(octets, 2, d.id & 0xffff);
-    }
-    return octets;
-}
-
 Octets destination(Draft &d, const std::vector<Address> &all)
 {
     const Address &address = d.usually(all, 2);
     if (&address != &all[0])
         d.note(address.what);
     return address.octets;
+}
+
+Ends chooseEnds(Draft &d, const std::vector<Address> &sources,
+                const std::vector<Address> &destinations)
+{
+    const Octets to = destination(d, destinations);
+    if (!d.choose.rarely(16))
+        return {source(d, sources), to};
+    d.note("from where it goes to");
+    return {to, to};
 }

@@ -79,8 +79,11 @@ struct Piece {
 /** In which pieces it is sent, and in which order: several once in so many times. */
 std::vector<Piece> pieces(Draft &draft, size_t length, uint32_t oneIn);
 
-/** An address that is chosen; the first of each table has the draft's number in it. */
-Octets source(Draft &draft, const std::vector<Address> &all);
+/** The first of the sources has the draft's number in it. */
+Ends chooseEnds(Draft &draft, const std::vector<Address> &sources,
+                const std::vector<Address> &destinations);
+
+/** One of the addresses that packets go to. */
 Octets destination(Draft &draft, const std::vector<Address> &all);
 
 #endif

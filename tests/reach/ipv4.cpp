@@ -130,7 +130,7 @@ void cutUpBehind(Draft &d, size_t headers)
 Content ipv4(Draft &d)
 {
     d.note("IPv4");
-    const Ends ends = {source(d, sources4()), destination(d, destinations4())};
+    const Ends ends = chooseEnds(d, sources4(), destinations4());
     const Transport t = transport(d, ends);
     const Head head = {ends, options(d), t.protocol, timeToLive(d, t.hops),
                        static_cast<uint16_t>(d.id >> 8)};

@@ -210,7 +210,7 @@ void fragmented(Draft &d, Content *content, const Ends &ends, const std::vector<
 Content ipv6(Draft &d)
 {
     d.note("IPv6");
-    const Ends ends = {source(d, sources6()), destination(d, destinations6())};
+    const Ends ends = chooseEnds(d, sources6(), destinations6());
     const Transport t = transport(d, ends);
     const std::vector<Extension> all = extensions(d);
     const uint8_t hops = hopLimit(d, t.hops);

@@ -11,6 +11,7 @@ constexpr Mac bridgeGroup(uint8_t last)
     return {0x01, 0x80, 0xc2, 0, 0, last};
 }
 
+constexpr Mac toSender = {}; // stands for the address that the frame is sent from
 constexpr Mac neighbours = {0x01, 0, 0x0c, 0xcc, 0xcc, 0xcc};
 
 /** What is known by its ethertype, or by the LLC header that stands in place of one. */
@@ -32,7 +33,8 @@ const std::vector<Protocol> &byEthertype()
         {"PPPoE discovery", 0x8863, everybodyMac, {0x11, 9, 0, 0, 0, 4}},
         {"PPPoE session", 0x8864, ownMac, {0x11, 0, 0, 1, 0, 30, 0, 0x21}},
         {"loopback test", 0x9000, ownMac, {0, 0, 1, 0}},
-        {"old learning packet", 0x0060, ownMac, {}},
+        {"learning packet", 0x9000, toSender, {}},
+        {"old learning packet", 0x0060, toSender, {}},
         {"continuity check", 0x8902, bridgeGroup(0x30), {0x60, 1, 0, 70}},
         {"CFM loopback", 0x8902, ownMac, {0x60, 3, 0, 4}},
         {"ring protection", 0x8902, {0x01, 0x19, 0xa7, 0, 0, 1}, {0x60, 40, 0, 32}},
@@ -110,7 +112,8 @@ Content otherEthertype(Draft &d)
 {
     const Protocol &protocol = d.choose.of(byEthertype());
     d.note(protocol.what);
-    return {protocol.ethertype, false, protocol.to, {carried(d, protocol.head)}};
+    const Mac to = protocol.to == toSender ? sourceMac(d.id) : protocol.to;
+    return {protocol.ethertype, false, to, {carried(d, protocol.head)}};
 }
 
 Content llc(Draft &d)

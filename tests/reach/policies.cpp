@@ -98,8 +98,12 @@ void addDenials()
 // Rates so low that every way around them shows.
 constexpr unsigned packetRate = 100, packetBurst = 2; // docs/platform.md, "Policers"
 constexpr unsigned kilobits = 80, octetRate = kilobits * 1000 / 8, octetBurst = 1600;
-constexpr unsigned turnKilobits = 8, turnOctetRate = turnKilobits * 1000 / 8, turnBurst = 6000;
-constexpr unsigned turnPacketRate = 16;
+
+// The same for frames of 60 octets, with a burst of a tenth of a second by octets and of a fiftieth
+// by packets.
+constexpr unsigned turnPacketRate = 2000, turnPacketBurst = turnPacketRate / 50;
+constexpr unsigned turnOctetRate = 60 * turnPacketRate, turnKilobits = turnOctetRate * 8 / 1000;
+constexpr unsigned turnOctetBurst = turnOctetRate / 10;
 
 void addRates()
 {
@@ -125,8 +129,8 @@ void addTurns()
     for (const char *each : turns)
         cpudefendctl("policy add " + std::string(each));
     limitAll(turns[0], "mode=pps pps=" + std::to_string(turnPacketRate));
-    limitAll(turns[1],
-             "mode=cir cir=" + std::to_string(turnKilobits) + " cbs=" + std::to_string(turnBurst));
+    limitAll(turns[1], "mode=cir cir=" + std::to_string(turnKilobits) +
+                           " cbs=" + std::to_string(turnOctetBurst));
 }
 
 Cap octets(const std::string &name, std::vector<std::string> consumers, unsigned limits = 1)
@@ -171,27 +175,27 @@ std::vector<Cap> typeCaps(Unit unit, double rate, double burst)
 const std::vector<RatePolicy> &ratePolicies()
 {
     static const std::vector<RatePolicy> all = {
-        {"types", typeCaps(Unit::Packets, packetRate, packetBurst)},
+        {"types", typeCaps(Unit::Packet, packetRate, packetBurst)},
         {"white",
-         {octets("IPv4 to the box", {"IPv4: raw socket", "IPv4: UDP port", "IPv4: echo replies"}),
+         {octets("IPv4 to the box", {"IPv4: raw socket*", "IPv4: UDP port*", "IPv4: echo replies"}),
           octets("IPv4 delivered", {"IPv4: delivered"}),
-          octets("IPv6 to the box", {"IPv6: raw socket", "IPv6: UDP port", "IPv6: echo replies"}),
+          octets("IPv6 to the box", {"IPv6: raw socket*", "IPv6: UDP port*", "IPv6: echo replies"}),
           octets("IPv6 delivered", {"IPv6: delivered"})}},
         {"rules",
-         {octets("TCP in both", {"TCP: segments"}, 2), octets("UDP in IPv4", {"IPv4: UDP port"}),
-          octets("UDP in IPv6", {"IPv6: UDP port"}), octets("ICMP", {"IPv4: raw socket of ICMP"}),
+         {octets("TCP in both", {"TCP: segments"}, 2), octets("UDP in IPv4", {"IPv4: UDP port*"}),
+          octets("UDP in IPv6", {"IPv6: UDP port*"}), octets("ICMP", {"IPv4: raw socket of ICMP"}),
           octets("ICMPv6", {"IPv6: raw socket of ICMPv6"})}},
     };
     return all;
 }
 
-const std::vector<Cap> &turningCaps(bool byOctets)
+const std::vector<Cap> &turningCaps(Unit unit)
 {
     static const std::vector<Cap> caps[] = {
-        typeCaps(Unit::Packets, turnPacketRate, packetBurst),
-        typeCaps(Unit::Octet, turnOctetRate, turnBurst),
+        typeCaps(Unit::Packet, turnPacketRate, turnPacketBurst),
+        typeCaps(Unit::Octet, turnOctetRate, turnOctetBurst),
     };
-    return caps[byOctets];
+    return caps[unit == Unit::Octet];
 }
 
 Protection::Protection(const PortKind &kind)

@@ -16,12 +16,12 @@
 extern const char *const denialNames[DENIALS];
 
 /** What a rate is counted in. */
-enum class Unit { Packets, Octet };
+enum class Unit { Packet, Octet };
 
 /** What a limit promises of everybody who sees what it limits. */
 struct Cap {
     std::string name;
-    std::vector<std::string> consumers; /**< how their names begin */
+    std::vector<std::string> consumers; /**< names as Consumers::of() takes them */
     Unit unit;
     double rate;  /**< of units, in a second */
     double burst; /**< units at once */
@@ -37,7 +37,7 @@ const std::vector<RatePolicy> &ratePolicies();
 
 /** Two policies that limit the same types to like rates, one by packets and the other by octets. */
 constexpr const char *turns[] = {"by-packets", "by-octets"};
-const std::vector<Cap> &turningCaps(bool byOctets);
+const std::vector<Cap> &turningCaps(Unit unit);
 
 class Protection
 {

@@ -8,7 +8,8 @@
 
 #include <gtest/gtest.h>
 
-#include "judge.h"
+#include "denial.h"
+#include "limits.h"
 #include "linux/bpf_probe.h"
 #include "linux/test_net.h"
 #include "scene.h"
@@ -34,10 +35,16 @@ uint64_t seed()
     return asked ? std::strtoull(asked, nullptr, 0) : 1;
 }
 
-/** Frames of the quick form; the full one sends twenty times as many. */
-uint64_t frames(uint64_t quick)
+/** How often each step is done; in the full form so many times as often. */
+uint64_t steps(uint64_t quick, uint64_t more)
 {
-    return isFull() ? 20 * quick : quick;
+    return isFull() ? more * quick : quick;
+}
+
+/** Of one seed, each test on each kind of port sends other frames. */
+uint64_t seedOf(const std::string &test)
+{
+    return seed() * 1'000'003 + std::hash<std::string>()(test);
 }
 
 class Reach : public testing::TestWithParam<PortKind>
@@ -49,30 +56,35 @@ protected:
             GTEST_SKIP() << why;
         SKIP_WITHOUT_BPF();
         std::cout << "seed " << seed() << " (CPUDEFEND_REACH_SEED)" << std::endl;
-        scene = std::make_unique<Scene>(GetParam(), seed());
+        scene = std::make_unique<Scene>(GetParam(), seedOf(testName()));
+    }
+
+    static std::string testName()
+    {
+        return testing::UnitTest::GetInstance()->current_test_info()->name();
     }
 
     void protect()
     {
         scene->protect();
-        judge = std::make_unique<Judge>(scene.get());
+        court = std::make_unique<Court>(scene.get());
     }
 
     void expectNoWays() const
     {
-        for (const Way &way : judge->ways())
+        for (const Way &way : court->ways())
             ADD_FAILURE() << GetParam().name << ", " << way.text();
     }
 
     std::unique_ptr<Scene> scene;
-    std::unique_ptr<Judge> judge;
+    std::unique_ptr<Court> court;
 };
 
 /** Otherwise nothing that they do not see would say anything. */
 TEST_P(Reach, EverybodySeesWhatNobodyHolds)
 {
     std::vector<uint64_t> counts(scene->consumers().all().size());
-    for (int i = 0; i < 4000; i += 50) {
+    for (int i = 0; i < 15000; i += 50) {
         std::vector<Item> batch;
         for (int j = 0; j < 50; j++)
             batch.push_back(scene->next());
@@ -88,7 +100,7 @@ TEST_P(Reach, NobodySeesWhatIsDenied)
 {
     protect();
     for (Denial denial : {Everything, Protocols, Ports})
-        judge->deny(denial, frames(2500));
+        deny(court.get(), denial, steps(2500, 20));
     expectNoWays();
 }
 
@@ -96,7 +108,14 @@ TEST_P(Reach, NobodySeesMoreThanARate)
 {
     protect();
     for (const RatePolicy &policy : ratePolicies())
-        judge->limit(policy, frames(300));
+        limit(court.get(), policy, steps(600, 10));
+    expectNoWays();
+}
+
+TEST_P(Reach, NobodySeesASecondBurst)
+{
+    protect();
+    limitByTurns(court.get(), steps(24, 10));
     expectNoWays();
 }
 

@@ -15,6 +15,9 @@ enum { Arp, Echo4, Echo6, Neighbour, NamedTcp, GuardedTcp, OtherTcp };
 constexpr size_t network = 14;
 constexpr uint8_t synAck = 0x12;
 
+// How many hops the host gives what it sends. What it only forwards has one less of something else.
+constexpr uint8_t ownHops = 64, neighbourHops = 255;
+
 unsigned word(std::span<const uint8_t> octets, size_t at)
 {
     return static_cast<unsigned>(octets[at] << 8 | octets[at + 1]);
@@ -88,11 +91,16 @@ std::optional<Reply> replyIn(std::span<const uint8_t> frame)
     switch (word(frame, 12)) {
     case 0x0806: return arpReply(frame.subspan(network));
     case 0x0800: {
+        if (frame[network + 8] != ownHops)
+            return std::nullopt;
         const size_t header = (frame[network] & 0xf) * size_t{4};
         return transportReply(frame[network + 9],
                               frame.subspan(std::min(network + header, frame.size())));
     }
-    case 0x86dd: return transportReply(frame[network + 6], frame.subspan(network + 40));
+    case 0x86dd:
+        if (frame[network + 7] != ownHops && frame[network + 7] != neighbourHops)
+            return std::nullopt;
+        return transportReply(frame[network + 6], frame.subspan(network + 40));
     default: return std::nullopt;
     }
 }

@@ -65,7 +65,7 @@ void Scene::protect()
 
 Item Scene::next()
 {
-    return makeItem(seed_ * 1'000'003 + made_++, ++lastId_, wire_->takesSuperFrames());
+    return makeItem(seed_ + made_++, ++lastId_, wire_->takesSuperFrames());
 }
 
 Item Scene::again(const std::vector<uint32_t> &choices)

@@ -70,6 +70,8 @@ uint16_t udpDestination(Draft &d, const Ends &ends)
 {
     if (d.choose.rarely(20))
         return toPort(d, "UDP to a port", static_cast<uint16_t>(d.choose.below(65536)));
+    if (d.choose.rarely(4))
+        return toPort(d, "UDP to port", ends.isSix() ? 547 : 67);
     return toPort(d, "UDP to port",
                   ends.isSix() ? d.choose.of(udpListeners6) : d.choose.of(udpListeners4));
 }

@@ -1,0 +1,128 @@
+#include "limits.h"
+
+#include <algorithm>
+
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
+
+constexpr unsigned flood = 100; // times that an item is sent: more than any bucket holds
+constexpr unsigned turnsTaken = 8;
+constexpr std::chrono::milliseconds turnLength(30);
+
+/** What a limit is charged with each time that a consumer of this item sees something. */
+double least(const Item &item, Unit unit)
+{
+    if (unit == Unit::Packet)
+        return 1;
+    const Offload &offload = item.shots.front().offload;
+    return static_cast<double>(offload.kind == Offload::None ? item.shortest() : offload.segment);
+}
+
+/** What the consumer saw that saw most, in packets or octets. */
+double seenBy(const Consumers &consumers, const Cap &cap, const Item &item, const Seen &seen)
+{
+    uint64_t count = 0;
+    for (const std::string &name : cap.consumers)
+        for (size_t index : consumers.of(name))
+            count = std::max(count, seen.by[index].count);
+    return static_cast<double>(count) * least(item, cap.unit);
+}
+
+double allowed(const Cap &cap, double seconds)
+{
+    return cap.burst + cap.rate * seconds;
+}
+
+/** With room for a part of a packet, and for a clock that is not the policer's. */
+bool exceeds(double seen, double most, double packet)
+{
+    return seen > 1.01 * most + packet;
+}
+
+void hearExcess(Court *court, const char *around, const Cap &cap, const Item &item,
+                const Court::Test &test)
+{
+    court->hear(around, cap.name + ": more than its rate", {&item}, test);
+}
+
+/** Whether what was seen of an item in a flood is more than its limit allows. */
+bool isMore(Court *court, const Cap &cap, const Item &item, const Seen &seen)
+{
+    return exceeds(seenBy(court->scene().consumers(), cap, item, seen), allowed(cap, seen.seconds),
+                   least(item, cap.unit));
+}
+
+void add(Seen *sum, const Seen &more)
+{
+    sum->by.resize(more.by.size());
+    for (size_t i = 0; i < more.by.size(); i++)
+        sum->by[i].count += more.by[i].count;
+}
+
+/** What is seen of an item that comes all the time while policies take turns. */
+Seen watchTurns(Scene *scene, const Item &item)
+{
+    Seen sum;
+    const auto begin = Clock::now();
+    for (unsigned turn = 0; turn < turnsTaken; turn++) {
+        scene->protection().bind(turns[turn % 2]);
+        for (const auto end = Clock::now() + turnLength; Clock::now() < end;)
+            add(&sum, scene->watch(item, flood / 4));
+    }
+    sum.seconds = std::chrono::duration<double>(Clock::now() - begin).count();
+    return sum;
+}
+
+/** No more than the greater of two limits, in octets, with a single burst. */
+bool isMoreThanOne(Court *court, size_t cap, const Item &item, const Seen &seen)
+{
+    const Cap &octets = turningCaps(Unit::Octet)[cap], &packets = turningCaps(Unit::Packet)[cap];
+    const auto length = static_cast<double>(item.longest());
+    const double most = std::max(octets.burst, packets.burst * length) +
+                        std::max(octets.rate, packets.rate * length) * seen.seconds;
+    return exceeds(seenBy(court->scene().consumers(), octets, item, seen), most, length);
+}
+
+bool anySaw(const Consumers &consumers, const std::vector<Cap> &caps, const Item &item,
+            const Seen &seen)
+{
+    return std::any_of(caps.begin(), caps.end(),
+                       [&](const Cap &cap) { return seenBy(consumers, cap, item, seen) > 0; });
+}
+
+} // namespace
+
+void limit(Court *court, const RatePolicy &policy, uint64_t items)
+{
+    Scene &scene = court->scene();
+    scene.protection().bind(policy.name);
+    for (uint64_t i = 0; i < items; i++) {
+        const Item item = scene.next();
+        const Seen seen = scene.watch(item, flood);
+        for (const Cap &cap : policy.caps)
+            if (isMore(court, cap, item, seen))
+                hearExcess(court, policy.name, cap, item, [&](const Item &again) {
+                    return isMore(court, cap, again, scene.watch(again, flood));
+                });
+    }
+}
+
+void limitByTurns(Court *court, uint64_t items)
+{
+    Scene &scene = court->scene();
+    const std::vector<Cap> &caps = turningCaps(Unit::Octet);
+    scene.protection().bind(turns[1]);
+    for (uint64_t i = 0; i < items; i++) {
+        const Item item = scene.next();
+        if (!anySaw(scene.consumers(), caps, item, scene.watch(item)))
+            continue;
+        const Seen seen = watchTurns(&scene, item);
+        for (size_t cap = 0; cap < caps.size(); cap++)
+            if (isMoreThanOne(court, cap, item, seen))
+                hearExcess(court, "turns", caps[cap], item, [&, cap](const Item &again) {
+                    return isMoreThanOne(court, cap, again, watchTurns(&scene, again));
+                });
+    }
+}
