@@ -7,6 +7,7 @@
 #include "host.h"
 #include "item.h"
 #include "kernel_counters.h"
+#include "marker.h"
 #include "plan.h"
 #include "readers.h"
 #include "replies.h"
@@ -139,6 +140,7 @@ void Consumers::addCounters(const PortKind &kind)
 {
     for (const KernelConsumer &each : kernelConsumers())
         add(each.name, each.verdicts, counters_->watch(each.counters));
+    add(Consumers::loopback, unpromised, watchLoopback());
     if (kind.isBridged)
         add("STP: kernel", never, watchSpanningTree(ownPort));
 }
@@ -167,14 +169,16 @@ void Consumers::look(std::vector<Sightings> *seen)
     for (size_t i = 0; i < all_.size(); i++)
         if (all_[i].eye)
             all_[i].eye->look(&(*seen)[i]);
-    lookAtReplies(seen);
 }
 
-void Consumers::lookAtReplies(std::vector<Sightings> *seen)
+bool Consumers::lookAtReplies(std::vector<Sightings> *seen, uint32_t marker)
 {
     std::array<uint8_t, looked> data;
     while (size_t got = wire_->receive(data)) {
-        const auto reply = replyIn(std::span(data).first(std::min(got, data.size())));
+        const auto frame = std::span(data).first(std::min(got, data.size()));
+        if (isMarker(frame, marker))
+            return true;
+        const auto reply = replyIn(frame);
         if (!reply)
             continue;
         Sightings &whose = (*seen)[firstReply_ + reply->consumer];
@@ -182,4 +186,5 @@ void Consumers::lookAtReplies(std::vector<Sightings> *seen)
         if (reply->id)
             whose.ids.push_back(*reply->id);
     }
+    return false;
 }

@@ -54,6 +54,9 @@ class KernelCounters;
 class Consumers
 {
 public:
+    /** What the host sent to itself. It is nobody that anything is kept from. */
+    static constexpr char loopback[] = "the host itself";
+
     /** Put everybody in place, in the caller's network name space. @throw std::runtime_error */
     Consumers(const PortKind &kind, Wire *wire);
     ~Consumers();
@@ -63,8 +66,11 @@ public:
     /** Indexes of those of a name, or whose names begin so when a "*" ends it. */
     std::vector<size_t> of(const std::string &name) const;
 
-    /** Ask everybody. @param seen has an element for each */
+    /** Ask everybody but who is known by the host's replies. @param seen has an element for each */
     void look(std::vector<Sightings> *seen);
+
+    /** Take in what the host has replied so far. @return whether it ends with the marker */
+    bool lookAtReplies(std::vector<Sightings> *seen, uint32_t marker);
 
 private:
     void add(std::string name, const Verdicts &verdicts, std::unique_ptr<Eye> eye);
@@ -72,7 +78,6 @@ private:
     void addSockets(const PortKind &kind);
     void addCounters(const PortKind &kind);
     void addReplies();
-    void lookAtReplies(std::vector<Sightings> *seen);
 
     Wire *wire_;
     std::unique_ptr<KernelCounters> counters_;

@@ -17,12 +17,16 @@ struct Extension {
     Octets octets;
 };
 
-/** Options that a receiver passes over (RFC 8200, 4.2), so many of them. */
-Octets skippedOptions(unsigned count)
+/** Options that a receiver passes over (RFC 8200, 4.2), so that they fill a header of that length.
+ */
+Octets skippedOptions(size_t header)
 {
     OctetWriter writer;
-    for (unsigned i = 0; i < count; i++)
-        writer.u8({0x1e, 254}).zeros(254);
+    for (size_t left = header - 2; left > 0;) {
+        const size_t option = std::min<size_t>(left, 256);
+        writer.u8({0x1e, static_cast<uint8_t>(option - 2)}).zeros(option - 2);
+        left -= option;
+    }
     return writer.octets();
 }
 
@@ -39,15 +43,16 @@ Octets optionsHeader(const Octets &options)
     return writer.octets();
 }
 
-Extension destinationOptions(Draft &d)
+Extension destinationOptions(Draft &d, bool isLong)
 {
-    if (!d.choose.rarely(4)) {
+    static constexpr uint16_t sizes[] = {264, 520, 1024, 2048};
+    if (!isLong && !d.choose.rarely(6)) {
         d.note("destination options");
         return {IPPROTO_DSTOPTS, optionsHeader({1, 4, 0, 0, 0, 0})};
     }
-    const unsigned count = 1 + d.choose.below(8);
-    d.note("destination options, long ones", count);
-    return {IPPROTO_DSTOPTS, optionsHeader(skippedOptions(count))};
+    const uint16_t size = isLong ? 2048 : d.choose.of(sizes);
+    d.note("destination options of octets", size);
+    return {IPPROTO_DSTOPTS, optionsHeader(skippedOptions(size))};
 }
 
 Extension hopByHop(Draft &d)
@@ -61,7 +66,7 @@ Extension hopByHop(Draft &d)
         return {IPPROTO_HOPOPTS, optionsHeader({0xc2, 4, 0, 1, 0, 0})};
     case 3:
         d.note("hop-by-hop options, a long one");
-        return {IPPROTO_HOPOPTS, optionsHeader(skippedOptions(1))};
+        return {IPPROTO_HOPOPTS, optionsHeader(skippedOptions(264))};
     case 4:
         d.note("hop-by-hop options: an unknown one");
         return {IPPROTO_HOPOPTS, optionsHeader({0xde, 4, 0, 0, 0, 0})};
@@ -102,14 +107,14 @@ Extension rarer(Draft &d)
     }
 }
 
-Extension extension(Draft &d)
+Extension extension(Draft &d, bool isLong)
 {
     switch (d.choose.weighted({10, 4, 2, 1, 1})) {
     case 1: return routing(d);
     case 2: return atomicFragment(d);
     case 3: return hopByHop(d);
     case 4: return rarer(d);
-    default: return destinationOptions(d);
+    default: return destinationOptions(d, isLong);
     }
 }
 
@@ -119,9 +124,10 @@ std::vector<Extension> extensions(Draft &d)
     if (d.choose.rarely(3))
         all.push_back(hopByHop(d));
     if (d.choose.rarely(3)) {
-        const unsigned count = 1 + d.choose.below(10);
+        const bool isLong = d.choose.rarely(3); // and then not many
+        const unsigned count = 1 + d.choose.below(isLong ? 4 : 10);
         for (unsigned i = 0; i < count; i++)
-            all.push_back(extension(d));
+            all.push_back(extension(d, isLong));
     }
     return all;
 }

@@ -111,6 +111,26 @@ private:
     const std::vector<std::string> names_;
 };
 
+class Loopback final : public Growth
+{
+public:
+    Loopback() : file_(open("/proc/thread-self/net/dev", O_RDONLY | O_CLOEXEC)) { last_ = read(); }
+
+private:
+    uint64_t read() const override
+    {
+        std::string text(8192, 0);
+        text.resize(static_cast<size_t>(
+            std::max<ssize_t>(pread(file_.get(), text.data(), text.size(), 0), 0)));
+        const size_t at = text.find(" lo:");
+        if (at == std::string::npos)
+            throw notCounted("what its loopback device carries");
+        return numberAt(&text[at + 1], 2); // behind the octets
+    }
+
+    Descriptor file_;
+};
+
 /** An attribute among others, or nothing. */
 const rtattr *attribute(const void *begin, size_t length, unsigned type)
 {
@@ -224,6 +244,11 @@ uint64_t KernelCounters::number(const std::string &name) const
 std::unique_ptr<Eye> KernelCounters::watch(const std::vector<std::string> &names) const
 {
     return std::make_unique<Counters>(this, names);
+}
+
+std::unique_ptr<Eye> watchLoopback()
+{
+    return std::make_unique<Loopback>();
 }
 
 std::unique_ptr<Eye> watchSpanningTree(const std::string &port)

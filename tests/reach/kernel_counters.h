@@ -39,6 +39,9 @@ private:
     std::string texts_[2];
 };
 
+/** Packets that the loopback device has carried. */
+std::unique_ptr<Eye> watchLoopback();
+
 /** BPDUs that the kernel's spanning tree took from a port of a bridge. */
 std::unique_ptr<Eye> watchSpanningTree(const std::string &port);
 

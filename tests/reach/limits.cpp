@@ -1,6 +1,7 @@
 #include "limits.h"
 
 #include <algorithm>
+#include <thread>
 
 namespace
 {
@@ -20,14 +21,18 @@ double least(const Item &item, Unit unit)
     return static_cast<double>(offload.kind == Offload::None ? item.shortest() : offload.segment);
 }
 
-/** What the consumer saw that saw most, in packets or octets. */
+/**
+ * What the consumer saw that saw most, in packets or octets. What the host sent to itself in answer
+ * did not come through the port.
+ */
 double seenBy(const Consumers &consumers, const Cap &cap, const Item &item, const Seen &seen)
 {
     uint64_t count = 0;
     for (const std::string &name : cap.consumers)
         for (size_t index : consumers.of(name))
             count = std::max(count, seen.by[index].count);
-    return static_cast<double>(count) * least(item, cap.unit);
+    const uint64_t answers = seen.by[consumers.of(Consumers::loopback)[0]].count;
+    return static_cast<double>(count - std::min(count, answers)) * least(item, cap.unit);
 }
 
 double allowed(const Cap &cap, double seconds)
@@ -52,6 +57,27 @@ bool isMore(Court *court, const Cap &cap, const Item &item, const Seen &seen)
 {
     return exceeds(seenBy(court->scene().consumers(), cap, item, seen), allowed(cap, seen.seconds),
                    least(item, cap.unit));
+}
+
+/** What is seen of an item when the limit has its burst to give. */
+Seen watchRefilled(Scene *scene, const Cap &cap, const Item &item)
+{
+    std::this_thread::sleep_for(std::chrono::duration<double>(cap.burst / cap.rate));
+    return scene->watch(item, flood);
+}
+
+/** How to show again that an item exceeds its limit: with the burst to give, if it takes that. */
+Court::Test flooding(Court *court, const Cap &cap, const Item &item)
+{
+    Scene &scene = court->scene();
+    const Court::Test atOnce = [=, &scene](const Item &again) {
+        return isMore(court, cap, again, scene.watch(again, flood));
+    };
+    if (atOnce(scene.again(item.choices)))
+        return atOnce;
+    return [=, &scene](const Item &again) {
+        return isMore(court, cap, again, watchRefilled(&scene, cap, again));
+    };
 }
 
 void add(Seen *sum, const Seen &more)
@@ -103,9 +129,7 @@ void limit(Court *court, const RatePolicy &policy, uint64_t items)
         const Seen seen = scene.watch(item, flood);
         for (const Cap &cap : policy.caps)
             if (isMore(court, cap, item, seen))
-                hearExcess(court, policy.name, cap, item, [&](const Item &again) {
-                    return isMore(court, cap, again, scene.watch(again, flood));
-                });
+                hearExcess(court, policy.name, cap, item, flooding(court, cap, item));
     }
 }
 

@@ -97,7 +97,7 @@ void addDenials()
 
 // Rates so low that every way around them shows.
 constexpr unsigned packetRate = 100, packetBurst = 2; // docs/platform.md, "Policers"
-constexpr unsigned kilobits = 80, octetRate = kilobits * 1000 / 8, octetBurst = 1600;
+constexpr unsigned kilobits = 640, octetRate = kilobits * 1000 / 8, octetBurst = 1600;
 
 // The same for frames of 60 octets, with a burst of a tenth of a second by octets and of a fiftieth
 // by packets.

@@ -18,6 +18,8 @@ namespace
 constexpr uint16_t every = 0x0003, llc = 0x0004; // as the kernel numbers them
 constexpr uint32_t whole = 0x40000, bpduLlc = 0x424203, snapLlc = 0xaaaa03;
 
+constexpr Match lengthField = {12, 2, 1536, UINT32_MAX, true};
+
 constexpr uint16_t loadOf(unsigned size)
 {
     return static_cast<uint16_t>(BPF_LD | BPF_ABS |
@@ -34,6 +36,11 @@ sock_filter unlessEqual(uint32_t value, size_t instructionsLeft)
     return BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, value, 0, static_cast<uint8_t>(instructionsLeft));
 }
 
+sock_filter unlessLess(uint32_t value, size_t instructionsLeft)
+{
+    return BPF_JUMP(BPF_JMP | BPF_JGE | BPF_K, value, static_cast<uint8_t>(instructionsLeft), 0);
+}
+
 void add(Code *code, const sock_filter &instruction)
 {
     code->push_back(instruction);
@@ -46,7 +53,8 @@ Code codeOf(const std::vector<Match> &matches)
         const Match &match = matches[i];
         add(&code, BPF_STMT(loadOf(match.size), match.offset));
         add(&code, BPF_STMT(BPF_ALU | BPF_AND | BPF_K, match.mask));
-        add(&code, unlessEqual(match.value, 3 * (matches.size() - i) - 2));
+        const size_t left = 3 * (matches.size() - i) - 2;
+        add(&code, match.isBound ? unlessLess(match.value, left) : unlessEqual(match.value, left));
     }
     add(&code, BPF_STMT(BPF_RET | BPF_K, whole));
     add(&code, BPF_STMT(BPF_RET | BPF_K, 0));
@@ -165,7 +173,7 @@ const std::vector<Reader> &readers()
          counted,
          true,
          every,
-         {{0, 4, 0x00e02b00}, {4, 2, 4}, {14, 4, snapLlc << 8}, {18, 4, 0xe02b00bb}}},
+         {{0, 4, 0x00e02b00}, {4, 2, 4}, lengthField, {14, 4, snapLlc << 8}, {18, 4, 0xe02b00bb}}},
         {"IS-IS: daemon", counted, false, llc, {{14, 4, 0xfefe0383}}},
         {"BPDU tunnel: daemon", counted, true, every, {{0, 4, 0x01000ccd}, {4, 2, 0xcdd0}}},
         {"link OAM: daemon", counted, true, 0x8809, {{14, 1, 3}}},

@@ -17,6 +17,7 @@ struct Match {
     unsigned size; /**< 1, 2 or 4 octets */
     uint32_t value;
     uint32_t mask = UINT32_MAX;
+    bool isBound = false; /**< less than the value will do, and only that */
 };
 
 /**

@@ -1,12 +1,12 @@
 #include "scene.h"
 
 #include <array>
-#include <poll.h>
 #include <sched.h>
 #include <stdexcept>
 #include <sys/socket.h>
 
 #include "host.h"
+#include "marker.h"
 #include "plan.h"
 #include "readers.h"
 
@@ -15,8 +15,7 @@ namespace
 
 using Clock = std::chrono::steady_clock;
 
-constexpr uint16_t allFrames = 0x0003, markerType = 0x88b5;
-constexpr uint32_t markerMark = 0x4d41524b;
+constexpr uint16_t allFrames = 0x0003;
 constexpr std::chrono::seconds patience(20);
 constexpr size_t sentAtOnce = 100; // a port has room for 256 that nobody has looked at
 
@@ -29,23 +28,12 @@ void keepToThisCpu()
     sched_setaffinity(0, sizeof one, &one);
 }
 
-/** Of no type and for nobody: when it has arrived, so has all before it. */
-Shot marker(uint32_t number)
+/** Wait for something that takes moments, and would else take for ever. */
+template <class Condition> void await(const Condition &condition)
 {
-    OctetWriter writer;
-    writer.bytes(ownMac).bytes(gatewayMac).u16(markerType).u32(markerMark).u32(number);
-    return {writer.padded(60), {}};
-}
-
-uint32_t numberAt(const uint8_t *at)
-{
-    return uint32_t{at[0]} << 24 | uint32_t{at[1]} << 16 | uint32_t{at[2]} << 8 | at[3];
-}
-
-bool isMarker(const uint8_t *frame, size_t length)
-{
-    return length >= 22 && frame[12] == markerType >> 8 && frame[13] == (markerType & 0xff) &&
-           numberAt(frame + 14) == markerMark;
+    for (const auto end = Clock::now() + patience; !condition();)
+        if (Clock::now() > end)
+            throw std::runtime_error("what was sent does not arrive");
 }
 
 } // namespace
@@ -73,7 +61,7 @@ Item Scene::again(const std::vector<uint32_t> &choices)
     return makeItem(choices, ++lastId_, wire_->takesSuperFrames());
 }
 
-void Scene::send(std::span<const Item> items)
+void Scene::sendAll(std::span<const Item> items)
 {
     std::vector<const Shot *> shots;
     for (const Item &item : items)
@@ -86,14 +74,14 @@ bool Scene::lookForMarker(Seen *seen, uint32_t number)
 {
     std::array<uint8_t, 64> data;
     for (ssize_t got; (got = recv(everything_.get(), data.data(), data.size(), 0)) >= 0;) {
-        const auto length = static_cast<size_t>(got);
-        if (!isMarker(data.data(), length)) {
-            seen->passed.count++;
-            if (const auto id = idOfFrame(data.data(), length))
-                seen->passed.ids.push_back(*id);
-        } else if (numberAt(&data[18]) == number) {
+        const auto frame = std::span(data).first(static_cast<size_t>(got));
+        if (isMarker(frame, number))
             return true;
-        }
+        if (isMarker(frame))
+            continue;
+        seen->passed.count++;
+        if (const auto id = idOfFrame(frame.data(), frame.size()))
+            seen->passed.ids.push_back(*id);
     }
     return false;
 }
@@ -103,13 +91,16 @@ void Scene::awaitArrival(Seen *seen)
     const Shot last = marker(++lastMarker_);
     const Shot *shots[] = {&last};
     wire_->send(shots);
-    const auto deadline = Clock::now() + patience;
-    while (!lookForMarker(seen, lastMarker_)) {
-        pollfd ready{everything_.get(), POLLIN, 0};
-        poll(&ready, 1, 100);
-        if (Clock::now() > deadline)
-            throw std::runtime_error("what was sent does not arrive");
-    }
+    await([&] { return lookForMarker(seen, lastMarker_); });
+}
+
+/** The host's answers are on their way before the marker that it sends itself. */
+void Scene::awaitReplies(Seen *seen)
+{
+    const Octets frame = marker(++lastMarker_).frame;
+    if (send(everything_.get(), frame.data(), frame.size(), 0) < 0)
+        throw std::runtime_error("couldn't send from the host");
+    await([&] { return consumers_.lookAtReplies(&seen->by, lastMarker_); });
 }
 
 Seen Scene::watch(std::span<const Item> items, unsigned times)
@@ -118,12 +109,13 @@ Seen Scene::watch(std::span<const Item> items, unsigned times)
     seen.by.resize(consumers_.all().size());
     const auto begin = Clock::now();
     for (size_t sent = 0; times-- > 0;) {
-        send(items);
+        sendAll(items);
         sent += items.size();
         if (times > 0 && sent % sentAtOnce < items.size())
             awaitArrival(&seen);
     }
     awaitArrival(&seen);
+    awaitReplies(&seen);
     consumers_.look(&seen.by);
     seen.seconds = std::chrono::duration<double>(Clock::now() - begin).count();
     return seen;

@@ -51,8 +51,9 @@ public:
 
 private:
     void awaitArrival(Seen *seen);
+    void awaitReplies(Seen *seen);
     bool lookForMarker(Seen *seen, uint32_t number);
-    void send(std::span<const Item> items);
+    void sendAll(std::span<const Item> items);
 
     const PortKind kind_;
     const uint64_t seed_;
