@@ -111,8 +111,12 @@ int32_t zynPlatformInit(char *const argv[]);
  */
 int32_t zynPlatformFd(void);
 
-/** Do the work that is due; none is no error. It may end the process, when it was told to. */
-void zynPlatformRun(void);
+/**
+ * Do the work that is due; none is no error. It may end the process, when it was told to.
+ * @return 0, or non-zero when ports may have come to other places by it, or there may be room for
+ * what was refused: the daemon then looks at all of them anew, and asks again
+ */
+int32_t zynPlatformRun(void);
 
 /**
  * Begin a change: what is added and removed until its end is put in force together then, so that

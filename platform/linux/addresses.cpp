@@ -1,17 +1,13 @@
 #include "addresses.h"
 
-#include <cerrno>
+#include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
-#include <memory>
-#include <sys/socket.h>
+#include <fstream>
+#include <netinet/in.h>
+#include <string>
 #include <utility>
-
-#include <libmnl/libmnl.h>
-#include <linux/rtnetlink.h>
-
-#include "failure.h"
 
 namespace zynlinux
 {
@@ -19,130 +15,141 @@ namespace zynlinux
 namespace
 {
 
-/** Which routes lead to the host itself, by family: addresses of its own and networks that it was
- *  told to take for such, broadcast addresses of IPv4, anycast addresses. */
-struct OwnRoutes {
-    unsigned char family;
-    unsigned char type;
-};
-constexpr OwnRoutes ownRoutes[] = {
-    {AF_INET, RTN_LOCAL},  {AF_INET, RTN_BROADCAST}, {AF_INET, RTN_ANYCAST},
-    {AF_INET6, RTN_LOCAL}, {AF_INET6, RTN_ANYCAST},
+/** What a message says of an address. */
+struct Entry {
+    ifaddrmsg info;
+    NetlinkBytes address; /**< the other end's on a wire that has two ends, otherwise the host's */
+    NetlinkBytes local;   /**< the host's; none where it is the one above */
+    NetlinkBytes broadcast;
 };
 
-struct CloseSocket {
-    void operator()(mnl_socket *socket) const { mnl_socket_close(socket); }
-};
-using Socket = std::unique_ptr<mnl_socket, CloseSocket>;
-
-Failure askFailure()
+bool takeEntry(NetlinkBytes body, Entry &entry)
 {
-    return Failure("ask for the routes to the host itself", errno);
-}
-
-/** A socket whose requests are answered with what they ask for and nothing else (Linux 4.20). */
-Socket openSocket()
-{
-    Socket made(mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC));
-    int on = 1;
-    if (!made || mnl_socket_bind(made.get(), 0, MNL_SOCKET_AUTOPID) != 0 ||
-        mnl_socket_setsockopt(made.get(), NETLINK_GET_STRICT_CHK, &on, sizeof on) != 0)
-        throw askFailure();
-    return made;
-}
-
-/** Of IPv4 as mapped into IPv6. */
-Prefix prefixOf(const rtmsg &route, const nlattr *destination)
-{
-    const bool v4 = route.rtm_family == AF_INET;
-    const uint32_t at = v4 ? 12 : 0;
-    Prefix prefix;
-    prefix.bits = route.rtm_dst_len + 8 * at;
-    if (v4)
-        prefix.address[10] = prefix.address[11] = 0xff;
-    const size_t room = prefix.address.size() - at;
-    if (destination && mnl_attr_get_payload_len(destination) == room)
-        std::memcpy(&prefix.address[at], mnl_attr_get_payload(destination), room);
-    return prefix;
-}
-
-int takeDestination(const nlattr *attribute, void *destination)
-{
-    if (mnl_attr_get_type(attribute) == RTA_DST)
-        *static_cast<const nlattr **>(destination) = attribute;
-    return MNL_CB_OK;
-}
-
-/** One route of an answer. The kernel need not have looked at the type that was asked for. */
-int takeRoute(const nlmsghdr *message, void *own)
-{
-    const auto *route = static_cast<const rtmsg *>(mnl_nlmsg_get_payload(message));
-    const bool wanted = route->rtm_type == RTN_LOCAL || route->rtm_type == RTN_BROADCAST ||
-                        route->rtm_type == RTN_ANYCAST;
-    const nlattr *destination = nullptr;
-    mnl_attr_parse(message, sizeof *route, takeDestination, &destination);
-    if (wanted)
-        static_cast<Prefixes *>(own)->insert(prefixOf(*route, destination));
-    return MNL_CB_OK;
-}
-
-void ask(mnl_socket *socket, const OwnRoutes &which, unsigned sequence)
-{
-    char buffer[MNL_NLMSG_HDRLEN + MNL_ALIGN(sizeof(rtmsg))];
-    nlmsghdr *request = mnl_nlmsg_put_header(buffer);
-    request->nlmsg_type = RTM_GETROUTE;
-    request->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-    request->nlmsg_seq = sequence;
-    auto *route = static_cast<rtmsg *>(mnl_nlmsg_put_extra_header(request, sizeof(rtmsg)));
-    route->rtm_family = which.family;
-    route->rtm_type = which.type;
-    if (mnl_socket_sendto(socket, request, request->nlmsg_len) < 0)
-        throw askFailure();
-}
-
-/** Read the answer to its end. @return false when the tables changed meanwhile */
-bool read(mnl_socket *socket, unsigned sequence, Prefixes &own)
-{
-    static char buffer[32'768]; // what the kernel fills for a dump at most
-    int more = MNL_CB_OK;
-    while (more > MNL_CB_STOP) {
-        ssize_t got = mnl_socket_recvfrom(socket, buffer, sizeof buffer);
-        if (got < 0)
-            throw askFailure();
-        more = mnl_cb_run(buffer, static_cast<size_t>(got), sequence, mnl_socket_get_portid(socket),
-                          takeRoute, &own);
-    }
-    if (more < 0 && errno != EINTR)
-        throw askFailure();
-    return more >= 0;
-}
-
-/** Where the kernel has no IPv6, nothing of it is its own. @return false as read() */
-bool tryToRead(Prefixes &own)
-{
-    Socket socket = openSocket();
-    unsigned sequence = 0;
-    for (const OwnRoutes &which : ownRoutes) {
-        ask(socket.get(), which, ++sequence);
-        if (!read(socket.get(), sequence, own))
-            return false;
-    }
+    if (!takeFront(body, entry.info))
+        return false;
+    eachAttribute(body, [&](int type, NetlinkBytes value) {
+        if (type == IFA_ADDRESS)
+            entry.address = value;
+        else if (type == IFA_LOCAL)
+            entry.local = value;
+        else if (type == IFA_BROADCAST)
+            entry.broadcast = value;
+    });
     return true;
 }
 
-Prefixes readOwn()
+constexpr uint32_t mappedBits = 96; // before an address of IPv4 that is mapped into IPv6
+
+Address mapped(in_addr_t address)
 {
-    for (int tries = 0; tries < 4; tries++)
-        if (Prefixes own; tryToRead(own))
-            return own;
-    throw Failure("ask for the routes to the host itself", "they keep changing");
+    Address all{};
+    all[10] = all[11] = 0xff;
+    std::memcpy(&all[12], &address, sizeof address);
+    return all;
+}
+
+Address ipv6(NetlinkBytes value)
+{
+    Address address{};
+    std::copy_n(value.begin(), std::min(value.size(), address.size()), address.begin());
+    return address;
+}
+
+Prefix single(const Address &address)
+{
+    return {CPD_ADDRESS_BITS, address};
+}
+
+/** An address, and those that all hosts of its network listen to: the configured one, and that of
+ *  all ones, which a network of two hosts does not have (RFC 3021). */
+void addIpv4(Prefixes &own, const Entry &entry)
+{
+    own.insert(single(mapped(numberIn(entry.local.empty() ? entry.address : entry.local))));
+    if (!entry.broadcast.empty())
+        own.insert(single(mapped(numberIn(entry.broadcast))));
+    if (entry.info.ifa_prefixlen < 31)
+        own.insert(single(
+            mapped(numberIn(entry.address) | htonl(UINT32_MAX >> entry.info.ifa_prefixlen))));
+}
+
+void addAddress(Prefixes &own, const Entry &entry)
+{
+    if (entry.info.ifa_family == AF_INET)
+        addIpv4(own, entry);
+    else if (entry.info.ifa_family == AF_INET6)
+        own.insert(single(ipv6(entry.local.empty() ? entry.address : entry.local)));
+}
+
+/** A route of the local table, as the kernel makes one for each of its addresses, and anybody can
+ *  for others: what it delivers to the host. */
+void addRoute(Prefixes &own, NetlinkBytes body)
+{
+    rtmsg route{};
+    if (!takeFront(body, route))
+        return;
+    const bool delivers = route.rtm_type == RTN_LOCAL || route.rtm_type == RTN_BROADCAST ||
+                          route.rtm_type == RTN_ANYCAST;
+    if (!delivers || route.rtm_table != RT_TABLE_LOCAL)
+        return;
+    NetlinkBytes to;
+    eachAttribute(body, [&](int type, NetlinkBytes value) {
+        if (type == RTA_DST)
+            to = value;
+    });
+    if (route.rtm_family == AF_INET)
+        own.insert({mappedBits + route.rtm_dst_len, mapped(numberIn(to))});
+    else if (route.rtm_family == AF_INET6)
+        own.insert({route.rtm_dst_len, ipv6(to)});
+}
+
+/** Anycast addresses, as a router has one for each of its networks (RFC 4291, 2.6.1). */
+void addAnycast(Prefixes &own)
+{
+    std::ifstream list("/proc/self/net/anycast6");
+    std::string index, port, digits, users;
+    while (list >> index >> port >> digits >> users) {
+        Address address{};
+        if (digits.size() != 2 * address.size())
+            continue;
+        for (size_t i = 0; i < address.size(); i++)
+            std::from_chars(&digits[2 * i], &digits[2 * i + 2], address[i], 16);
+        own.insert(single(address));
+    }
 }
 
 } // namespace
 
+bool Addresses::listAddresses(Prefixes &own)
+{
+    return netlink_.list(RTM_GETADDR, ifaddrmsg{}, [&](uint16_t type, NetlinkBytes body) {
+        Entry entry{};
+        if (type == RTM_NEWADDR && takeEntry(body, entry))
+            addAddress(own, entry);
+    });
+}
+
+bool Addresses::listRoutes(int family, Prefixes &own)
+{
+    rtmsg request{};
+    request.rtm_family = static_cast<unsigned char>(family);
+    request.rtm_table = RT_TABLE_LOCAL;
+    return netlink_.list(RTM_GETROUTE, request, [&](uint16_t type, NetlinkBytes body) {
+        if (type == RTM_NEWROUTE)
+            addRoute(own, body);
+    });
+}
+
 void Addresses::refresh()
 {
-    if (!plane_.setOwn(readOwn()) && !std::exchange(saidTooMany_, true))
+    Prefixes now;
+    bool whole = listAddresses(now);
+    for (int family : {AF_INET, AF_INET6})
+        whole = listRoutes(family, now) && whole;
+    addAnycast(now);
+    if (!whole) // more is to come, and nothing has gone for sure
+        now.insert(told_.begin(), told_.end());
+    told_ = std::move(now);
+    if (!plane_.setOwn(told_) && !std::exchange(saidTooMany_, true))
         std::fprintf(stderr,
                      "[platform] warning: of what is the host's own only %u addresses and as many "
                      "networks are known\n",

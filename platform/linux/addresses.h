@@ -5,6 +5,7 @@
 #define ZYNLINUX_ADDRESSES_H
 
 #include "dataplane.h"
+#include "netlink.h"
 
 namespace zynlinux
 {
@@ -15,12 +16,17 @@ public:
     /** @param plane must outlast this object */
     explicit Addresses(DataPlane &plane) : plane_(plane) {}
 
-    /** Tell the packet program what the kernel's routing tables deliver to the host at this moment.
-     *  Says once that it is too much. @throw Failure with what was told before kept */
+    /** Tell the packet program what is delivered to the host at this moment. Says once that it is
+     *  too much. @throw Failure with what was told before kept */
     void refresh();
 
 private:
+    bool listAddresses(Prefixes &own);
+    bool listRoutes(int family, Prefixes &own);
+
     DataPlane &plane_;
+    Netlink netlink_{"the host's addresses"};
+    Prefixes told_;
     bool saidTooMany_ = false;
 };
 

@@ -1,6 +1,6 @@
 /**
- * What happens to the data plane from outside: signals, ports and addresses that come and go, a
- * time that is up. One descriptor tells of all.
+ * What happens to the data plane from outside: signals, links and addresses that change, seconds
+ * that go by. One descriptor tells of all.
  */
 #ifndef ZYNLINUX_EVENTS_H
 #define ZYNLINUX_EVENTS_H
@@ -17,10 +17,12 @@ class Events
 public:
     /** What has happened since it was last asked. */
     struct Happened {
-        bool reload = false;  /**< SIGHUP */
-        bool stop = false;    /**< SIGTERM or SIGINT */
-        bool network = false; /**< a link or an address changed, or messages about it were lost */
-        bool timeUp = false;
+        bool reload = false;    /**< SIGHUP */
+        bool stop = false;      /**< SIGTERM or SIGINT */
+        bool links = false;     /**< some changed */
+        bool addresses = false; /**< some came or went */
+        bool rested = false;    /**< the time of a rest is up */
+        bool second = false;    /**< a second has gone by */
     };
 
     /** From now on the signals are taken here. @throw Failure */
@@ -33,20 +35,23 @@ public:
     /** Turns readable when something has happened. */
     int descriptor() const { return all_.get(); }
 
-    /** Have timeUp told once, after that time. */
-    void alarmIn(std::chrono::nanoseconds time);
+    /** Have changes of the network gather for so long, however many there are. */
+    void rest(std::chrono::nanoseconds time);
 
     Happened take();
 
 private:
-    void watch(const Descriptor &descriptor);
-    bool takeNetwork();
+    void watch(const Descriptor &descriptor) const;
+    void heed(bool network);
     void takeSignals(Happened *happened);
 
     Descriptor all_;
     Descriptor signals_;
-    Descriptor network_;
-    Descriptor alarm_;
+    Descriptor links_;
+    Descriptor addresses_;
+    Descriptor rest_;
+    Descriptor second_;
+    bool resting_ = false;
 };
 
 } // namespace zynlinux

@@ -36,9 +36,12 @@ constexpr char configEnvironment[] = "CPUDEFEND_PLATFORM";
 constexpr char configPath[] = "/etc/cpudefend/platform.toml";
 
 using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-constexpr seconds retryTime{1};
+constexpr milliseconds restTime{50}; // of the network's changes, which are looked at together
+constexpr milliseconds restMax{1000};
+constexpr int restPerWork = 8; // looking takes a ninth of our time at most
 
 /** What the configured host is protected by. */
 class Host
@@ -53,12 +56,11 @@ public:
     /** Leave nothing behind of a start that failed; what was there before stays. */
     void abandon();
 
-    /** What was programmed could not be put in force: try again soon. */
-    void retryLater();
-
     bool isSlave() const { return config_.role == Role::Slave; }
     int eventDescriptor() const { return events_.descriptor(); }
-    void handleEvents();
+
+    /** @return as zynPlatformRun() */
+    bool handleEvents();
 
     Protection &protection() { return protection_; }
     const Ports &ports() const { return ports_; }
@@ -68,9 +70,9 @@ public:
 private:
     static Protection::Slots slotsOf(const Config &config);
     void warnOfUnusedPorts() const;
+    bool lookAtNetwork(const Events::Happened &happened);
     void reload();
-    void handleTime();
-    void setAlarm();
+    void handleSecond();
     [[noreturn]] void stop();
 
     Events events_; // first: a signal waits until the daemon has started
@@ -82,6 +84,7 @@ private:
     Ports ports_;
     Protection protection_;
     Samples samples_;
+    bool unfinished_ = false; /**< not all ports that have come could be looked at */
     std::optional<Clock::time_point> graceEnd_;
 };
 
@@ -110,7 +113,7 @@ void Host::start()
                  "until it is bound again\n",
                  config_.grace);
     graceEnd_ = Clock::now() + seconds(config_.grace);
-    handleTime();
+    handleSecond();
 }
 
 void Host::abandon()
@@ -164,21 +167,8 @@ void Host::stop()
     std::exit(EXIT_SUCCESS);
 }
 
-void Host::retryLater()
-{
-    setAlarm();
-}
-
-/** The alarm for what is due next. */
-void Host::setAlarm()
-{
-    if (protection_.isBehind())
-        events_.alarmIn(retryTime);
-    else if (graceEnd_)
-        events_.alarmIn(std::max<Clock::duration>(*graceEnd_ - Clock::now(), seconds(0)));
-}
-
-void Host::handleTime()
+/** What is due every second: also what was programmed, but could not be put in force. */
+void Host::handleSecond()
 {
     if (graceEnd_ && Clock::now() >= *graceEnd_) {
         graceEnd_.reset();
@@ -189,7 +179,6 @@ void Host::handleTime()
     }
     if (protection_.isBehind())
         protection_.commit();
-    setAlarm();
 }
 
 /** Do something; a failure is said and keeps nothing else from being done. */
@@ -200,19 +189,48 @@ try {
     std::fprintf(stderr, "%s\n", failure.what());
 }
 
-void Host::handleEvents()
+/** CPU time that this thread has used. */
+std::chrono::nanoseconds cpuTime()
+{
+    timespec time{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
+/** However much happens to the network, it takes but a part of our time. */
+bool Host::lookAtNetwork(const Events::Happened &happened)
+{
+    const bool goesOn = std::exchange(unfinished_, false);
+    const auto begin = cpuTime();
+    bool changed = false;
+    if (goesOn || happened.links || happened.second)
+        attempt([&] {
+            Ports::Refreshed refreshed = ports_.refresh(!goesOn);
+            changed = refreshed.changed;
+            unfinished_ = !refreshed.finished;
+        });
+    if (happened.addresses)
+        attempt([this] { addresses_.refresh(); });
+    if (unfinished_)
+        events_.rest(milliseconds(0)); // only to let others have their turn
+    else if (happened.links || happened.addresses)
+        events_.rest(std::clamp<std::chrono::nanoseconds>(restPerWork * (cpuTime() - begin),
+                                                          restTime, restMax));
+    return changed;
+}
+
+bool Host::handleEvents()
 {
     Events::Happened happened = events_.take();
     if (happened.stop)
         stop();
-    if (happened.network) {
-        attempt([this] { ports_.refresh(); });
-        attempt([this] { addresses_.refresh(); });
-    }
+    bool changed = lookAtNetwork(happened);
     if (happened.reload)
         reload();
-    if (happened.timeUp)
-        attempt([this] { handleTime(); });
+    changed = changed || happened.reload;
+    if (happened.second)
+        attempt([this] { handleSecond(); });
+    return changed;
 }
 
 std::string configFile()
@@ -263,12 +281,12 @@ int32_t zynPlatformFd()
     return host ? host->eventDescriptor() : -1;
 }
 
-void zynPlatformRun()
+int32_t zynPlatformRun()
 try {
-    if (host)
-        host->handleEvents();
+    return host && host->handleEvents() ? 1 : 0;
 } catch (const std::exception &failure) {
     std::fprintf(stderr, "%s\n", failure.what());
+    return 1;
 }
 
 int32_t zynPktOpen()
@@ -330,12 +348,7 @@ void layer::changeBegin() noexcept
 
 int32_t layer::changeEnd() noexcept
 {
-    if (!host)
-        return 0;
-    int32_t result = ask([](Protection &protection) { return protection.changeEnd(); });
-    if (result != 0)
-        host->retryLater();
-    return result;
+    return host ? ask([](Protection &protection) { return protection.changeEnd(); }) : 0;
 }
 
 const layer::tDropped *layer::dropped(uint32_t n) noexcept

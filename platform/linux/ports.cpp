@@ -3,14 +3,22 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <net/if.h>
 #include <optional>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <sys/select.h>
+#include <sys/socket.h>
 
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
+#include <linux/ethtool.h>
 #include <linux/if_link.h>
+#include <linux/sockios.h>
 
 #include "failure.h"
 #include "target.h"
@@ -23,6 +31,9 @@ namespace
 
 constexpr char linkPrefix[] = "link-";
 constexpr char tcPrefix[] = "tc-";
+constexpr size_t linksPerPort = 2;
+constexpr int looksAtStart = 5;                               // when links come and go meanwhile
+constexpr std::chrono::milliseconds refreshTime{20};          // others wait meanwhile
 constexpr auto tcxIngress = static_cast<bpf_attach_type>(46); // BPF_TCX_INGRESS, from Linux 6.6 on
 
 std::string pinName(const char *prefix, uint32_t ifindex)
@@ -82,11 +93,27 @@ Mode modeOf(uint32_t ifindex)
     return native ? Mode::Native : Mode::Generic;
 }
 
-/** The interface with this name; 0 when there is none. Nothing when that cannot be told now. */
-std::optional<uint32_t> indexOf(const std::string &name)
+/** Whether a port is a tap device: these take frames of several packets even in native mode. */
+bool isTap(uint32_t ifindex)
 {
-    uint32_t ifindex = if_nametoindex(name.c_str());
-    return ifindex != 0 || errno == ENODEV ? std::optional(ifindex) : std::nullopt;
+    ethtool_drvinfo driver{};
+    driver.cmd = ETHTOOL_GDRVINFO;
+    ifreq request{};
+    request.ifr_data = reinterpret_cast<char *>(&driver);
+    const Descriptor any(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    return if_indextoname(ifindex, request.ifr_name) &&
+           ioctl(any.get(), SIOCETHTOOL, &request) == 0 && std::strcmp(driver.driver, "tun") == 0;
+}
+
+/** Let the process have so many descriptors beside those that select can wait for, if it may. */
+void makeRoom(size_t descriptors)
+{
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return;
+    const rlim_t wanted = std::min<rlim_t>(FD_SETSIZE + descriptors, limit.rlim_max);
+    limit.rlim_cur = std::max(limit.rlim_cur, wanted);
+    setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 void sayProtected(const PortConfig &port, Mode mode, const std::string &more)
@@ -99,12 +126,11 @@ void sayProtected(const PortConfig &port, Mode mode, const std::string &more)
 Ports::Ports(const Config &config, DataPlane &plane, const PinFolder &pins)
     : config_(config), plane_(plane), pins_(pins)
 {
-}
-
-bool Ports::isProtected(uint32_t ifindex) const
-{
-    return std::any_of(ports_.begin(), ports_.end(),
-                       [&](const Port &each) { return each.ifindex == ifindex; });
+    for (const PortConfig &port : config.ports) {
+        byName_[port.name] = ports_.size();
+        ports_.emplace_back().config = &port;
+    }
+    makeRoom(linksPerPort * ports_.size());
 }
 
 /** Whether the program of a former daemon is on a port. */
@@ -113,9 +139,15 @@ bool Ports::isLeft(uint32_t ifindex) const
     return pins_.open(pinName(linkPrefix, ifindex)).get() >= 0;
 }
 
-/** What is pinned need not be held open: there may be more ports than descriptors. */
-Descriptor Ports::unlessPinned(Descriptor made) const
+/**
+ * Hold a descriptor where it is not in the way of those that select waits for. Where there may not
+ * be so many, what is pinned is not held.
+ */
+Descriptor Ports::aside(Descriptor made) const
 {
+    Descriptor high(fcntl(made.get(), F_DUPFD_CLOEXEC, FD_SETSIZE));
+    if (high.get() >= 0)
+        return high;
     return pins_.pins() ? Descriptor() : std::move(made);
 }
 
@@ -137,7 +169,7 @@ Descriptor Ports::takeOver(uint32_t ifindex) const
     return Descriptor();
 }
 
-Descriptor Ports::attach(const PortConfig &port, uint32_t ifindex) const
+Ports::Attached Ports::attach(const PortConfig &port, uint32_t ifindex) const
 {
     Mode mode = config_.mode == Mode::Auto ? Mode::Native : config_.mode;
     std::string why;
@@ -152,31 +184,64 @@ Descriptor Ports::attach(const PortConfig &port, uint32_t ifindex) const
                       attachReason(errno));
     pins_.pin(made.get(), pinName(linkPrefix, ifindex));
     sayProtected(port, mode, why);
-    return made;
+    return {std::move(made), mode};
 }
 
-void Ports::protect(const PortConfig &port, uint32_t ifindex)
+/** An interface stays at its port's place when it goes, until the port is another one. */
+void Ports::remember(const Port &port)
 {
-    Descriptor made = takeOver(ifindex);
-    plane_.placePort(ifindex, targetOf(plane_.info(), port.sys, port.slot), false);
-    if (made.get() >= 0)
-        sayProtected(port, modeOf(ifindex), plane_.takenOver() ? ", as it was left" : "");
-    else
-        made = attach(port, ifindex);
-    ports_.push_back({&port, ifindex, unlessPinned(std::move(made)), Descriptor(), false});
-    lastPlaces_[ifindex] = &port;
-    failures_.erase(&port);
-    if (carriesPriority_ || pins_.open(pinName(tcPrefix, ifindex)).get() >= 0)
-        attachTc(ports_.back());
+    std::erase_if(lastPlaces_, [&](const auto &each) { return each.second == &port; });
+    lastPlaces_[port.ifindex] = &port;
 }
 
-void Ports::tryToProtect(const PortConfig &port, uint32_t ifindex)
+/** What a former daemon has left on a port, or else the program anew. */
+Ports::Attached Ports::takeOverOrAttach(const PortConfig &port, uint32_t ifindex) const
+{
+    Descriptor left = takeOver(ifindex);
+    if (left.get() < 0)
+        return attach(port, ifindex);
+    const Mode mode = modeOf(ifindex);
+    sayProtected(port, mode, plane_.takenOver() ? ", as it was left" : "");
+    return {std::move(left), mode};
+}
+
+/** What comes by a port is under its place from the first frame on. */
+void Ports::protect(Port &port, uint32_t ifindex)
+{
+    const PortConfig &config = *port.config;
+    const uint32_t target = targetOf(plane_.info(), config.sys, config.slot);
+    plane_.placePort(ifindex, target, true);
+    Attached made = takeOverOrAttach(config, ifindex);
+    const bool joins = made.mode == Mode::Generic || isTap(ifindex);
+    if (!joins)
+        plane_.placePort(ifindex, target, false);
+    port.link = aside(std::move(made.link));
+    port.ifindex = ifindex;
+    port.trouble.clear();
+    remember(port);
+    if (joins || carriesPriority_ || pins_.open(pinName(tcPrefix, ifindex)).get() >= 0)
+        attachTc(port);
+}
+
+/** Say what is wrong with a port, but not again and again. */
+void Ports::complain(Port &port, const std::string &trouble)
+{
+    if (std::exchange(port.trouble, trouble) != trouble)
+        std::fprintf(stderr, "%s\n", trouble.c_str());
+}
+
+/** @return whether it is protected now */
+bool Ports::tryToProtect(Port &port, const Sighting &seen)
 try {
-    protect(port, ifindex);
+    if (seen.namesake)
+        throw sameAs(port, seen);
+    protect(port, seen.ifindex);
+    return true;
 } catch (const Failure &failure) {
-    setFree(ifindex);
-    if (std::exchange(failures_[&port], failure.what()) != failure.what())
-        std::fprintf(stderr, "%s\n", failure.what());
+    if (!seen.namesake)
+        setFree(seen.ifindex);
+    complain(port, failure.what());
+    return false;
 }
 
 void Ports::attachTc(Port &port)
@@ -192,10 +257,10 @@ void Ports::attachTc(Port &port)
             pins_.pin(made.get(), name);
     }
     port.marks = made.get() >= 0;
-    port.tc = unlessPinned(std::move(made));
+    port.tc = aside(std::move(made));
     if (!port.marks && !std::exchange(saidNoTc_, true))
-        say("queues and priorities are not carried (" + std::string(std::strerror(errno)) +
-            "): that takes Linux 6.6");
+        say("queues and priorities are not carried, and frames of several packets count as one (" +
+            std::string(std::strerror(errno)) + "): that takes Linux 6.6");
 }
 
 void Ports::carryPriority()
@@ -203,7 +268,8 @@ void Ports::carryPriority()
     if (carriesPriority_)
         return;
     for (Port &each : ports_)
-        attachTc(each);
+        if (each.ifindex != 0)
+            attachTc(each);
     carriesPriority_ = true;
 }
 
@@ -220,26 +286,39 @@ void Ports::setFree(uint32_t ifindex) const
     plane_.forgetPort(ifindex);
 }
 
-void Ports::stop()
+/** The same for a port that this daemon has protected: even where nothing is pinned any more. */
+void Ports::release(Port &port)
 {
-    for (const Port &each : ports_)
-        setFree(each.ifindex);
-    ports_.clear();
+    for (Descriptor *link : {&port.link, &port.tc}) {
+        if (link->get() >= 0)
+            bpf_link_detach(link->get());
+        *link = Descriptor();
+    }
+    setFree(port.ifindex);
+    port.ifindex = 0;
+    port.marks = false;
 }
 
-/** Interfaces that have gone, bear the name of no configured port any more, or were made anew. */
-void Ports::dropGone()
+void Ports::stop()
 {
-    auto gone = [&](const Port &port) {
-        std::optional<uint32_t> index = indexOf(port.config->name);
-        std::optional<uint32_t> program = programOn(port.ifindex);
-        if (!index || !program || (*index == port.ifindex && *program == plane_.programId()))
-            return false;
-        say("port " + port.config->name + " has gone");
-        setFree(port.ifindex);
-        return true;
-    };
-    std::erase_if(ports_, gone);
+    for (Port &each : ports_)
+        if (each.ifindex != 0)
+            release(each);
+}
+
+/**
+ * Set a port free whose interface has gone, does not bear its name any more, was made anew, or has
+ * lost the program. @return whether it was so
+ */
+bool Ports::dropIfGone(Port &port, const Sighting &seen, bool whole)
+{
+    bool unknown = seen.ifindex == 0 && !whole;
+    if (port.ifindex == 0 || unknown || (seen.ifindex == port.ifindex && seen.isProtected))
+        return false;
+    say(seen.ifindex == port.ifindex ? "the program on port " + port.config->name + " has vanished"
+                                     : "port " + port.config->name + " has gone");
+    release(port);
+    return true;
 }
 
 /** Links that a former daemon left on ports which are not configured now. */
@@ -250,58 +329,114 @@ void Ports::dropStrangers() const
             uint32_t ifindex = 0;
             const char *number = name.c_str() + std::strlen(prefix);
             std::from_chars(number, name.c_str() + name.size(), ifindex);
-            bool ours = std::any_of(ports_.begin(), ports_.end(),
-                                    [&](const Port &each) { return each.ifindex == ifindex; });
+            auto last = lastPlaces_.find(ifindex);
+            bool ours = last != lastPlaces_.end() && last->second->ifindex == ifindex;
             if (!ours)
                 setFree(ifindex);
         }
 }
 
+/* ---- Where the ports are -------------------------------------------------------------- */
+
+/** An interface is the port that is protected there; failing that, the first one of its names. */
+void Ports::findNamesakes(std::vector<Sighting> &seen) const
+{
+    std::map<uint32_t, const Port *> owners;
+    for (size_t i = 0; i < seen.size(); i++)
+        if (seen[i].ifindex != 0 && seen[i].ifindex == ports_[i].ifindex)
+            owners[seen[i].ifindex] = &ports_[i];
+    for (size_t i = 0; i < seen.size(); i++)
+        if (seen[i].ifindex != 0) {
+            const Port *owner = owners.try_emplace(seen[i].ifindex, &ports_[i]).first->second;
+            seen[i].namesake = owner == &ports_[i] ? nullptr : owner;
+        }
+}
+
+Ports::Look Ports::look()
+{
+    Look look{std::vector<Sighting>(ports_.size()), false};
+    look.whole = links_.list([&](const Link &link) {
+        bool ours = std::ranges::find(link.programs, plane_.programId()) != link.programs.end();
+        for (std::string_view name : link.names)
+            if (auto port = byName_.find(name); port != byName_.end())
+                look.ports[port->second] = {link.ifindex, ours, nullptr};
+    });
+    findNamesakes(look.ports);
+    return look;
+}
+
+Failure Ports::sameAs(const Port &port, const Sighting &seen)
+{
+    return Failure("protect port " + port.config->name,
+                   "it is port " + seen.namesake->config->name + " by another name");
+}
+
+/** Protect what no former daemon has protected. @return the others, and where they are */
+std::vector<std::pair<Ports::Port *, Ports::Sighting>> Ports::protectNew()
+{
+    std::vector<std::pair<Port *, Sighting>> left;
+    Look whole = look();
+    for (int i = 1; i < looksAtStart && !whole.whole; i++)
+        whole = look();
+    const std::vector<Sighting> &seen = whole.ports;
+    for (size_t i = 0; i < seen.size(); i++) {
+        if (seen[i].namesake)
+            throw sameAs(ports_[i], seen[i]);
+        if (seen[i].ifindex == 0)
+            say("port " + ports_[i].config->name + " is not there yet");
+        else if (isLeft(seen[i].ifindex))
+            left.emplace_back(&ports_[i], seen[i]);
+        else
+            protect(ports_[i], seen[i].ifindex);
+    }
+    return left;
+}
+
 void Ports::start()
 {
-    std::vector<std::pair<const PortConfig *, uint32_t>> left;
+    std::vector<std::pair<Port *, Sighting>> left;
     try {
-        for (const PortConfig &port : config_.ports) {
-            uint32_t ifindex = indexOf(port.name).value_or(0);
-            if (ifindex == 0)
-                say("port " + port.name + " is not there yet");
-            else if (isLeft(ifindex))
-                left.emplace_back(&port, ifindex);
-            else
-                protect(port, ifindex);
-        }
+        left = protectNew();
     } catch (...) {
         stop();
         throw;
     }
-    for (const auto &[port, ifindex] : left)
-        tryToProtect(*port, ifindex);
+    for (const auto &[port, seen] : left)
+        tryToProtect(*port, seen);
     dropStrangers();
 }
 
-void Ports::refresh()
+Ports::Refreshed Ports::refresh(bool retry)
 {
-    dropGone();
-    for (const PortConfig &port : config_.ports) {
-        uint32_t ifindex = indexOf(port.name).value_or(0);
-        if (ifindex != 0 && !isProtected(ifindex))
-            tryToProtect(port, ifindex);
+    const auto end = std::chrono::steady_clock::now() + refreshTime;
+    const Look seen = look();
+    Refreshed result;
+    for (size_t i = 0; i < ports_.size(); i++)
+        result.changed = dropIfGone(ports_[i], seen.ports[i], seen.whole) || result.changed;
+    for (size_t i = 0; i < ports_.size(); i++) {
+        Port &port = ports_[i];
+        if (port.ifindex != 0 || seen.ports[i].ifindex == 0 || (!retry && !port.trouble.empty()))
+            continue;
+        if (std::chrono::steady_clock::now() > end)
+            return result;
+        result.changed = tryToProtect(port, seen.ports[i]) || result.changed;
     }
+    result.finished = true;
+    return result;
 }
 
 const PortConfig *Ports::find(uint32_t ifindex) const
 {
-    for (const Port &each : ports_)
-        if (each.ifindex == ifindex)
-            return each.config;
-    char name[IF_NAMESIZE];
-    if (if_indextoname(ifindex, name)) {
-        auto port = std::find_if(config_.ports.begin(), config_.ports.end(),
-                                 [&](const PortConfig &each) { return each.name == name; });
-        return port == config_.ports.end() ? nullptr : &*port;
-    }
     auto last = lastPlaces_.find(ifindex);
-    return last == lastPlaces_.end() ? nullptr : last->second;
+    const Port *port = last == lastPlaces_.end() ? nullptr : last->second;
+    char name[IF_NAMESIZE];
+    if (port && port->ifindex == ifindex)
+        return port->config;
+    if (if_indextoname(ifindex, name)) {
+        auto named = byName_.find(std::string_view(name));
+        return named == byName_.end() ? nullptr : ports_[named->second].config;
+    }
+    return port ? port->config : nullptr;
 }
 
 } // namespace zynlinux

@@ -5,13 +5,17 @@
 #define ZYNLINUX_PORTS_H
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "config.h"
 #include "dataplane.h"
 #include "descriptor.h"
+#include "failure.h"
+#include "links.h"
 #include "pin_folder.h"
 
 namespace zynlinux
@@ -20,19 +24,30 @@ namespace zynlinux
 class Ports
 {
 public:
+    /** What a refresh came to. */
+    struct Refreshed {
+        bool changed = false;  /**< a port is protected now that was not, or the other way round */
+        bool finished = false; /**< nothing is left to do that would have taken too long */
+    };
+
     /** All arguments must outlast this object. */
     Ports(const Config &config, DataPlane &plane, const PinFolder &pins);
 
     /**
      * Protect the configured ports that are there, last those that a former daemon left protected.
      * A port that is not there is said, and protected once it comes.
-     * @throw Failure for one that cannot be protected; then all are as they were
+     * @throw Failure for one that cannot be protected, or that another one is by another name; then
+     *        all are as they were
      */
     void start();
 
-    /** Look again: protect what has come, forget what has gone. Says what it did, and a failure
-     *  once for each port. */
-    void refresh();
+    /**
+     * Look at all links: protect what has come or is without its program, forget what has gone.
+     * Says what it did, and a failure once for each port. Takes some 20 ms at most.
+     * @param retry whether to try again with ports that could not be protected
+     * @throw Failure when the links cannot be had, with nothing changed
+     */
+    Refreshed refresh(bool retry);
 
     /** Set all ports free. */
     void stop();
@@ -46,30 +61,56 @@ public:
 private:
     struct Port {
         const PortConfig *config;
-        uint32_t ifindex;
-        Descriptor link; /**< the program on the port; invalid when it is pinned */
-        Descriptor tc;   /**< the one behind it, as above */
-        bool marks;      /**< whether that is there: not while nobody needs it */
+        uint32_t ifindex = 0; /**< where the program is; 0: nowhere */
+        Descriptor link;      /**< the program on the port; held also where it is pinned */
+        Descriptor tc;        /**< the one behind it, as above */
+        bool marks = false;   /**< whether that is there: not where nobody needs it */
+        std::string trouble;  /**< what was said of it last */
     };
 
-    bool isProtected(uint32_t ifindex) const;
+    /** A program on a port, and in which mode it runs. */
+    struct Attached {
+        Descriptor link;
+        Mode mode;
+    };
+
+    /** What the list of links says of a configured port. */
+    struct Sighting {
+        uint32_t ifindex = 0; /**< 0: it was not seen */
+        bool isProtected = false;
+        const Port *namesake = nullptr; /**< the one that it is by another name */
+    };
+    struct Look {
+        std::vector<Sighting> ports; /**< as they are configured */
+        bool whole;                  /**< what was not seen is not there */
+    };
+
+    Look look();
+    void findNamesakes(std::vector<Sighting> &seen) const;
+    static Failure sameAs(const Port &port, const Sighting &seen);
+    std::vector<std::pair<Port *, Sighting>> protectNew();
     bool isLeft(uint32_t ifindex) const;
-    void protect(const PortConfig &port, uint32_t ifindex);
-    void tryToProtect(const PortConfig &port, uint32_t ifindex);
+    void protect(Port &port, uint32_t ifindex);
+    bool tryToProtect(Port &port, const Sighting &seen);
+    static void complain(Port &port, const std::string &trouble);
     Descriptor takeOver(uint32_t ifindex) const;
-    Descriptor attach(const PortConfig &port, uint32_t ifindex) const;
+    Attached attach(const PortConfig &port, uint32_t ifindex) const;
+    Attached takeOverOrAttach(const PortConfig &port, uint32_t ifindex) const;
     void attachTc(Port &port);
-    Descriptor unlessPinned(Descriptor made) const;
+    Descriptor aside(Descriptor made) const;
+    void remember(const Port &port);
+    void release(Port &port);
     void setFree(uint32_t ifindex) const;
-    void dropGone();
+    bool dropIfGone(Port &port, const Sighting &seen, bool whole);
     void dropStrangers() const;
 
     const Config &config_;
     DataPlane &plane_;
     const PinFolder &pins_;
-    std::vector<Port> ports_;
-    std::map<uint32_t, const PortConfig *> lastPlaces_;  /**< of interfaces that have gone too */
-    std::map<const PortConfig *, std::string> failures_; /**< what was said of a port last */
+    Links links_;
+    std::vector<Port> ports_; /**< as they are configured */
+    std::map<std::string, size_t, std::less<>> byName_;
+    std::map<uint32_t, const Port *> lastPlaces_; /**< of interfaces that have gone too */
     bool carriesPriority_ = false;
     bool saidNoTc_ = false;
 };

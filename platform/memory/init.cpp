@@ -114,9 +114,10 @@ int32_t zynPlatformFd()
     return stopSignals;
 }
 
-void zynPlatformRun()
+int32_t zynPlatformRun()
 {
     signalfd_siginfo info;
     if (read(stopSignals, &info, sizeof info) == sizeof info)
         exit(EXIT_SUCCESS);
+    return 0;
 }

@@ -13,7 +13,10 @@ OPTIONAL int32_t zynPlatformFd()
     return -1;
 }
 
-OPTIONAL void zynPlatformRun() {}
+OPTIONAL int32_t zynPlatformRun()
+{
+    return 0;
+}
 
 OPTIONAL void zynHwChangeBegin() {}
 

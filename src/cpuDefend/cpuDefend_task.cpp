@@ -127,12 +127,12 @@ void receiveNotification()
     cpuDefendCardNotify(buf, len);
 }
 
-/** The platform's own work. Ports may have got another place by it. */
+/** The platform's own work. */
 void runPlatform()
 {
     Change change;
-    zynPlatformRun();
-    look.due = retry.due = true;
+    if (zynPlatformRun() != 0)
+        look.due = retry.due = true;
     lookForCards();
     retryRefused();
 }

@@ -224,11 +224,12 @@ int32_t zynPlatformFd(void)
     return script.platformFd;
 }
 
-void zynPlatformRun(void)
+int32_t zynPlatformRun(void)
 {
     platformRuns++;
     if (script.platform)
         script.platform();
+    return script.portsMoved;
 }
 
 int32_t zynPktOpen(void)

@@ -92,6 +92,7 @@ struct Script {
     bool flood = false;             /**< the last packet stays: there is always another one */
     int32_t platformFd = -1;        /**< for the platform's own work; -1: there is none */
     std::function<void()> platform; /**< that work */
+    int32_t portsMoved = 1;         /**< what came of it: ports have other places, or 0 */
 };
 
 extern Script script;

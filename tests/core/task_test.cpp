@@ -558,6 +558,19 @@ TEST_F(Changes, CardsAreLookedAtAndRefusalsRetriedOnceInASecond)
     EXPECT_EQ("follow 1/1, look 1/1, retry 1/1, follow 1/1", turn());
 }
 
+TEST_F(Changes, CardsAreNotLookedAtAgainWhenThePlatformMovedNoPort)
+{
+    const Signal busy(true);
+    cpuDefenTaskStart();
+    scripted::script.platformFd = busy.fd();
+    scripted::script.portsMoved = 0;
+    clockReading += 1000;
+    for (int i = 0; i < 2; i++)
+        EXPECT_EQ("follow 1/1, follow 1/1", turn());
+    scripted::script.portsMoved = -1;
+    EXPECT_EQ("follow 1/1, look 1/1, retry 1/1, follow 1/1", turn());
+}
+
 TEST_F(Changes, ATurnServesTheChannelFirstAndPacketsLast)
 {
     const Signal source(true), platform(true);

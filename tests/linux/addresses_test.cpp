@@ -31,20 +31,18 @@ protected:
         ASSERT_EQ(outcome.result, 0) << outcome.text;
         map = zynlinux::Descriptor(bpf_obj_get((pinFolder + "/cpudefend_local").c_str()));
         ASSERT_GE(map.get(), 0);
+        networks = zynlinux::Descriptor(bpf_obj_get((pinFolder + "/cpudefend_nets").c_str()));
+        ASSERT_GE(networks.get(), 0);
         beQuiet();
     }
 
-    /** Let pass what is still heard of how the port came. */
-    static void beQuiet()
+    /** Whether an address lies in a network that the host takes for its own. */
+    bool knowsNetworkOf(const std::string &text) const
     {
-        while (runsWithin(300))
-            zynPlatformRun();
-    }
-
-    static bool runsWithin(int ms)
-    {
-        pollfd ready{zynPlatformFd(), POLLIN, 0};
-        return poll(&ready, 1, ms) > 0;
+        cpd_prefix key{CPD_ADDRESS_BITS, {}};
+        uint8_t value;
+        EXPECT_EQ(inet_pton(AF_INET6, text.c_str(), &key.address), 1) << text;
+        return bpf_map_lookup_elem(networks.get(), &key, &value) == 0;
     }
 
     static void change(const std::string &what, const std::string &more = "")
@@ -71,7 +69,7 @@ protected:
         return runUntil([&] { return !knows(text); });
     }
 
-    zynlinux::Descriptor map;
+    zynlinux::Descriptor map, networks;
 };
 
 TEST_F(OwnAddresses, AreKnownFromTheStart)
@@ -130,6 +128,35 @@ TEST_F(OwnAddresses, AreThoseOfAnyRouterWhileThePortForwards)
     EXPECT_TRUE(knows("2001:db8::5"));
     std::ofstream(forwarding) << 0;
     EXPECT_TRUE(forgets("2001:db8::"));
+}
+
+TEST_F(OwnAddresses, AreWhatLocalRoutesDeliver)
+{
+    std::ofstream("/proc/sys/net/ipv6/conf/lo/disable_ipv6") << 0;
+    command("ip link set lo up");
+    command("ip route add local 198.51.100.0/24 dev lo");
+    startTheLayer();
+    EXPECT_TRUE(knowsNetworkOf("::ffff:198.51.100.77"));
+    EXPECT_TRUE(knowsNetworkOf("::ffff:127.1.2.3"));
+    EXPECT_FALSE(knowsNetworkOf("::ffff:198.51.101.1"));
+
+    command("ip route add local 203.0.113.9 dev lo");
+    EXPECT_TRUE(comesToKnow("::ffff:203.0.113.9"));
+    command("ip route add local 2001:db8:1::/48 dev lo");
+    EXPECT_TRUE(runUntil([this] { return knowsNetworkOf("2001:db8:1:2::3"); }));
+    command("ip route del local 198.51.100.0/24 dev lo");
+    EXPECT_TRUE(runUntil([this] { return !knowsNetworkOf("::ffff:198.51.100.77"); }));
+    EXPECT_TRUE(knows("::ffff:203.0.113.9"));
+}
+
+TEST_F(OwnAddresses, AreNotWhatOtherRoutesLeadTo)
+{
+    command("ip link set lo up");
+    startTheLayer();
+    command("ip route add 198.51.100.0/24 dev " + std::string(protectedPort));
+    command("ip route add local 203.0.113.9 dev lo"); // what is known last
+    EXPECT_TRUE(comesToKnow("::ffff:203.0.113.9"));
+    EXPECT_FALSE(knowsNetworkOf("::ffff:198.51.100.77"));
 }
 
 } // namespace

@@ -64,6 +64,15 @@ inline bool arrives(const std::vector<uint8_t> &frame, const char *from, const c
     return within(std::chrono::milliseconds(200), [&] { return receiver.received() > 0; });
 }
 
+/** Let pass what is still heard of, as of how the ports came, and the rest behind it: what happens
+ *  next is looked at in the next run. */
+inline void beQuiet()
+{
+    pollfd ready{zynPlatformFd(), POLLIN, 0};
+    while (poll(&ready, 1, 300) > 0)
+        zynPlatformRun();
+}
+
 class LayerOnWire : public OnWire
 {
 protected:

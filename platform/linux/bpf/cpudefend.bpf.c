@@ -134,17 +134,6 @@ static __always_inline int conforms(const struct cpd_offer *offer, struct cpd_st
     return !(offer->flags & POLICED) || cpd_conforms(offer, stats);
 }
 
-static __always_inline void count(struct cpd_counters *counters, __u32 octets, int passed)
-{
-    if (passed) {
-        counters->passed_packets++;
-        counters->passed_octets += octets;
-    } else {
-        counters->dropped_packets++;
-        counters->dropped_octets += octets;
-    }
-}
-
 /* What the program behind this one has to know of a frame that passes. */
 static __always_inline void hand_on(struct xdp_md *ctx, __u32 port, __u32 type,
                                     const struct cpd_rule *rule, const struct cpd_offer *offer)
@@ -165,7 +154,7 @@ static __always_inline int admit(struct xdp_md *ctx, __u32 port, __u32 type,
                                  struct cpd_stats *stats)
 {
     int passed = conforms(&offer, stats);
-    count(&stats->counters, offer.octets, passed);
+    count(&stats->counters, 1, offer.octets, passed);
     if (offer.flags)
         sample(ctx, stats, type, offer.tick, !passed);
     if (passed)
@@ -184,7 +173,7 @@ static __always_inline int police(struct xdp_md *ctx, __u32 port, __u32 type,
     const struct cpd_offer offer = {flags, rule->policer, octets, tick_now()};
     if (!cpd_likely(refused_unseen(&offer, stats)))
         return admit(ctx, port, type, rule, offer, stats);
-    count(&stats->counters, offer.octets, 0);
+    count(&stats->counters, 1, offer.octets, 0);
     return XDP_DROP;
 }
 
@@ -195,7 +184,7 @@ static __always_inline int pass(struct xdp_md *ctx, __u32 port, __u32 type, __u3
     const struct cpd_offer offer = {};
     struct cpd_stats *stats = stats_of(cpd_port_target(port), type);
     if (stats) {
-        count(&stats->counters, octets, 1);
+        count(&stats->counters, 1, octets, 1);
         hand_on(ctx, port, type, &none, &offer);
     }
     return XDP_PASS;

@@ -138,4 +138,16 @@ static __always_inline struct cpd_stats *stats_of(__u32 target, __u32 type)
     return bpf_map_lookup_elem(&cpudefend_stats, &index);
 }
 
+static __always_inline void count(struct cpd_counters *counters, __u32 packets, __u32 octets,
+                                  int passed)
+{
+    if (passed) {
+        counters->passed_packets += packets;
+        counters->passed_octets += octets;
+    } else {
+        counters->dropped_packets += packets;
+        counters->dropped_octets += octets;
+    }
+}
+
 #endif

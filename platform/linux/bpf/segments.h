@@ -3,7 +3,7 @@
  * Frames that hold several packets: a peer on a tap device, or a card that joins segments, hands up
  * to 64 KiB over as one, and the host takes it apart again. The packet program has seen a single
  * frame and charged it; only the socket buffer tells how many packets are in it. The rest of them
- * are charged and counted here.
+ * are charged and counted here: the frame's octets have been, and so only their headers are left.
  */
 #ifndef CPUDEFEND_SEGMENTS_H
 #define CPUDEFEND_SEGMENTS_H
@@ -54,64 +54,36 @@ static __always_inline int charge_more(struct cpd_policer *policer, __u32 kind, 
                       tokens < TOKENS_MAX ? tokens : TOKENS_MAX, &unused);
 }
 
-static __always_inline void refund(struct cpd_policer *policer, __u32 kind, __u64 tokens)
-{
-    cpd_refund(&policer->word[kind], &policer->settings[kind], tokens);
-}
-
-/* Charge the other packets to the policers that let the first one pass. All of them or none: what
- * is refused gets back what the first one was charged, too. */
-static __always_inline int rest_conforms(const struct cpd_mark *mark, __u32 octets, __u32 packets,
-                                         __u32 more_octets)
+/* Charge the other packets to the policers that let the first one pass, all of them or none. The
+ * first one stays charged: packet sockets for all protocols have seen the frame already. */
+static __always_inline int rest_conforms(const struct cpd_mark *mark, __u32 packets, __u32 octets)
 {
     __u32 index = mark->policer;
     struct cpd_policer *policer = bpf_map_lookup_elem(&cpudefend_meter, &index);
     if (!policer)
         return 1;
     int by_packets = mark->flags & CPD_RULE_PACKETS, by_bytes = mark->flags & CPD_RULE_BYTES;
-    if (!by_packets || charge_more(policer, CPD_PACKETS, packets)) {
-        if (!by_bytes || charge_more(policer, CPD_BYTES, more_octets))
-            return 1;
-        if (by_packets)
-            refund(policer, CPD_PACKETS, packets);
-    }
+    if (by_packets && !charge_more(policer, CPD_PACKETS, packets))
+        return 0;
+    if (!by_bytes || charge_more(policer, CPD_BYTES, octets))
+        return 1;
     if (by_packets)
-        refund(policer, CPD_PACKETS, 1);
-    if (by_bytes)
-        refund(policer, CPD_BYTES, octets);
+        cpd_refund(&policer->word[CPD_PACKETS], &policer->settings[CPD_PACKETS], packets);
     return 0;
 }
 
-/* The frame was counted as one that passed. */
-static __always_inline void count_rest(const struct cpd_mark *mark, __u32 octets, __u32 packets,
-                                       __u32 more_octets, int passed)
-{
-    __u32 index = mark->stats;
-    struct cpd_stats *stats = bpf_map_lookup_elem(&cpudefend_stats, &index);
-    if (!stats)
-        return;
-    struct cpd_counters *counters = &stats->counters;
-    if (passed) {
-        counters->passed_packets += packets;
-        counters->passed_octets += more_octets;
-        return;
-    }
-    counters->passed_packets--;
-    counters->passed_octets -= octets;
-    counters->dropped_packets += packets + 1;
-    counters->dropped_octets += octets + more_octets;
-}
-
-/* Judge the packets behind the first. Returns whether the frame passes. */
+/* Judge and count the packets behind the first. Returns whether the frame passes. */
 static __always_inline int admit_rest(struct __sk_buff *skb, const struct cpd_mark *mark,
                                       __u32 octets)
 {
-    __u32 headers = headers_of(skb);
+    __u32 headers = headers_of(skb), index = mark->stats;
     __u32 packets = more_packets(skb, octets, headers);
     if (packets == 0)
         return 1;
-    int passed = rest_conforms(mark, octets, packets, packets * headers);
-    count_rest(mark, octets, packets, packets * headers, passed);
+    int passed = rest_conforms(mark, packets, packets * headers);
+    struct cpd_stats *stats = bpf_map_lookup_elem(&cpudefend_stats, &index);
+    if (stats)
+        count(&stats->counters, packets, packets * headers, passed);
     return passed;
 }
 
