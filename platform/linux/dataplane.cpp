@@ -62,6 +62,7 @@ uint8_t samplesPerTick()
 }
 
 constexpr char infoName[] = "cpudefend_info";
+constexpr char pinnedPrefix[] = "cpudefend_"; // of the maps that outlive a daemon
 constexpr uint32_t onlyElement = 0;
 
 /** Whether maps lie pinned that this program can go on with. */
@@ -98,7 +99,7 @@ DataPlane::DataPlane(const PinFolder &pins)
     libraryLog.clear();
     libbpf_set_print(keepLog);
     takenOver_ = canTakeOver(pins);
-    if (const auto left = pins.names("cpudefend_"); !takenOver_ && !left.empty()) {
+    if (const auto left = pins.names(pinnedPrefix); !takenOver_ && !left.empty()) {
         // Of another layout, or half done: its links still hold what it needs.
         std::fputs("[platform] what was left is of another layout: nothing stays in force\n",
                    stderr);
@@ -143,7 +144,7 @@ void DataPlane::load(const PinFolder &pins)
     bpf_object__for_each_map(map, skeleton_->obj)
     {
         std::string name = bpf_map__name(map);
-        if (pins.pins() && name.starts_with("cpudefend_"))
+        if (pins.pins() && name.starts_with(pinnedPrefix))
             check(bpf_map__set_pin_path(map, pins.path(name).c_str()), "name a pinned map");
     }
     if (int error = cpudefend_bpf__load(skeleton_.get()))
@@ -152,6 +153,21 @@ void DataPlane::load(const PinFolder &pins)
     uint32_t size = sizeof info;
     check(bpf_obj_get_info_by_fd(program(), &info, &size), "look at the packet program");
     programId_ = info.id;
+}
+
+size_t DataPlane::pinAgain(const PinFolder &pins, const std::set<std::string> &there) const
+{
+    size_t count = 0;
+    bpf_map *map;
+    bpf_object__for_each_map(map, skeleton_->obj)
+    {
+        const std::string name = bpf_map__name(map);
+        if (!name.starts_with(pinnedPrefix) || there.contains(name))
+            continue;
+        pins.pin(bpf_map__fd(map), name);
+        count++;
+    }
+    return count;
 }
 
 void DataPlane::saveInfo()

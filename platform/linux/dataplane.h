@@ -72,6 +72,10 @@ public:
     /** Whether the maps were found pinned, by a daemon of this layout. */
     bool takenOver() const { return takenOver_; }
 
+    /** Pin again the maps that are not there any more. @param there the names that are
+     *  @return how many. @throw Failure */
+    size_t pinAgain(const PinFolder &pins, const std::set<std::string> &there) const;
+
     /** CPD_POLICERS of them, shared with the program. */
     cpd_policer *policers() { return policers_; }
 

@@ -1,6 +1,9 @@
 #include "pin_folder.h"
 
 #include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
 #include <memory>
@@ -41,16 +44,83 @@ Failure cannotKeep(const std::string &path, const std::string &reason)
     return Failure("keep the data plane in " + path, reason);
 }
 
-void makeFolder(const std::string &path)
+/** A folder's path from the root on, without symbolic links. */
+std::string resolve(const std::string &path)
 {
-    std::string parent = parentOf(path);
+    const size_t end = path.find_last_not_of('/');
+    const std::string plain = path.substr(0, end == std::string::npos ? 0 : end + 1);
+    const std::string name = plain.substr(plain.rfind('/') + 1), parent = parentOf(plain);
+    if (name.empty() || name == "." || name == "..")
+        throw cannotKeep(path, "it is no folder of its own");
+    std::unique_ptr<char, void (*)(void *)> real(realpath(parent.c_str(), nullptr), std::free);
+    if (!real)
+        throw cannotKeep(path, parent + ": " + std::strerror(errno));
+    return std::string(real.get()) + (parentOf(real.get()) == real.get() ? "" : "/") + name;
+}
+
+/** That nobody but root, and the user that the daemon runs as, decides on what is there. */
+void checkOwner(const std::string &path, const std::string &what, const struct stat &info)
+{
+    if (info.st_uid != 0 && info.st_uid != geteuid())
+        throw cannotKeep(path, what + " belongs to user " + std::to_string(info.st_uid) +
+                                   ", and not to root");
+}
+
+Failure openToOthers(const std::string &path, const std::string &what, const struct stat &info)
+{
+    char mode[8];
+    std::snprintf(mode, sizeof mode, "%04o", info.st_mode & 07777u);
+    return cannotKeep(path, "others may write to " + what + " (mode " + mode + ")");
+}
+
+constexpr mode_t othersWrite = S_IWGRP | S_IWOTH;
+
+/** That others cannot put another folder in the place of this one, all the way up. */
+void checkParents(const std::string &path)
+{
+    for (std::string parent = parentOf(path);; parent = parentOf(parent)) {
+        struct stat info {
+        };
+        if (lstat(parent.c_str(), &info) != 0)
+            throw cannotKeep(path, parent + ": " + std::strerror(errno));
+        checkOwner(path, parent, info);
+        // In a sticky folder they may make things, but not remove or rename those of others.
+        if (info.st_mode & othersWrite && !(info.st_mode & S_ISVTX))
+            throw openToOthers(path, parent, info);
+        if (parent == "/")
+            return;
+    }
+}
+
+void checkBpf(const std::string &path)
+{
+    const std::string parent = parentOf(path);
     if (parent == usualPlace && !isBpf(parent)) // a system without a service manager
         mount("bpf", usualPlace, "bpf", MS_NOSUID | MS_NODEV | MS_NOEXEC, "mode=0700");
     if (!isBpf(parent))
-        throw cannotKeep(path, parent + " is no BPF file system (mount -t bpf bpf " + parent +
-                                   ", or pin = \"none\")");
+        throw cannotKeep(path, parent + " is no BPF file system (mount -t bpf -o mode=0700 bpf " +
+                                   parent + ", or pin = \"none\")");
+}
+
+/** The folder, made if need be: ours alone. */
+Descriptor openFolder(const std::string &path)
+{
+    checkBpf(path);
+    checkParents(path);
     if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST)
         throw cannotKeep(path, std::strerror(errno));
+    Descriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat info {
+    };
+    if (folder.get() < 0 || fstat(folder.get(), &info) != 0)
+        throw cannotKeep(path, std::strerror(errno));
+    checkOwner(path, "it", info);
+    if (info.st_mode & othersWrite)
+        throw openToOthers(path, "it", info);
+    if (flock(folder.get(), LOCK_EX | LOCK_NB) != 0)
+        throw cannotKeep(path,
+                         errno == EWOULDBLOCK ? "another daemon holds it" : std::strerror(errno));
+    return folder;
 }
 
 } // namespace
@@ -59,13 +129,22 @@ PinFolder::PinFolder(std::string path) : path_(std::move(path))
 {
     if (!pins())
         return;
-    makeFolder(path_);
-    lock_ = Descriptor(::open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (lock_.get() < 0)
-        throw cannotKeep(path_, std::strerror(errno));
-    if (flock(lock_.get(), LOCK_EX | LOCK_NB) != 0)
-        throw cannotKeep(path_,
-                         errno == EWOULDBLOCK ? "another daemon holds it" : std::strerror(errno));
+    path_ = resolve(path_);
+    lock_ = openFolder(path_);
+}
+
+bool PinFolder::isThere() const
+{
+    struct stat there {
+    }, held{};
+    return stat(path_.c_str(), &there) == 0 && fstat(lock_.get(), &held) == 0 &&
+           there.st_dev == held.st_dev && there.st_ino == held.st_ino;
+}
+
+void PinFolder::restore()
+{
+    if (pins() && !isThere())
+        lock_ = openFolder(path_);
 }
 
 std::vector<std::string> PinFolder::names(std::string_view prefix) const

@@ -19,9 +19,13 @@ public:
     /**
      * Make the folder if need be, and hold it for this process alone.
      * @param path empty: nothing is pinned
-     * @throw Failure where there is no BPF file system, or when another daemon holds it
+     * @throw Failure where there is no BPF file system, when another daemon holds it, or when
+     * others than root (and the daemon's own user) could put something else in its place or into it
      */
     explicit PinFolder(std::string path);
+
+    /** Make it again if it is not there any more. @throw Failure as above; it is still held then */
+    void restore();
 
     bool pins() const { return !path_.empty(); }
     std::string path(const std::string &name) const { return path_ + "/" + name; }
@@ -42,7 +46,9 @@ public:
     void clear();
 
 private:
-    std::string path_;
+    bool isThere() const;
+
+    std::string path_; /**< without symbolic links */
     Descriptor lock_;
 };
 

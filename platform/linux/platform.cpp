@@ -10,6 +10,7 @@
 #include <memory>
 #include <new>
 #include <optional>
+#include <set>
 #include <utility>
 
 #include "addresses.h"
@@ -43,6 +44,23 @@ constexpr milliseconds restTime{50}; // of the network's changes, which are look
 constexpr milliseconds restMax{1000};
 constexpr int restPerWork = 8; // looking takes a ninth of our time at most
 
+/** Does something; a failure is said, once in a row, and keeps nothing else from being done. */
+class Attempt
+{
+public:
+    template <class Work> void operator()(Work work)
+    try {
+        work();
+        said_.clear();
+    } catch (const std::exception &failure) {
+        if (std::exchange(said_, failure.what()) != failure.what())
+            std::fprintf(stderr, "%s\n", failure.what());
+    }
+
+private:
+    std::string said_;
+};
+
 /** What the configured host is protected by. */
 class Host
 {
@@ -72,6 +90,7 @@ private:
     void warnOfUnusedPorts() const;
     bool lookAtNetwork(const Events::Happened &happened);
     void reload();
+    void checkPins();
     void handleSecond();
     [[noreturn]] void stop();
 
@@ -84,6 +103,7 @@ private:
     Ports ports_;
     Protection protection_;
     Samples samples_;
+    Attempt toProtect_, toAsk_, toPin_, toGoOn_;
     bool unfinished_ = false; /**< not all ports that have come could be looked at */
     std::optional<Clock::time_point> graceEnd_;
 };
@@ -167,6 +187,20 @@ void Host::stop()
     std::exit(EXIT_SUCCESS);
 }
 
+/** What is not pinned any more the next daemon would not find. */
+void Host::checkPins()
+{
+    if (!pins_.pins())
+        return;
+    pins_.restore();
+    const std::vector<std::string> names = pins_.names("");
+    const std::set<std::string> there(names.begin(), names.end());
+    const size_t count = plane_.pinAgain(pins_, there) + ports_.pinAgain(there);
+    if (count != 0)
+        std::fprintf(stderr, "[platform] %zu of what was pinned in %s had vanished: pinned again\n",
+                     count, config_.pin.c_str());
+}
+
 /** What is due every second: also what was programmed, but could not be put in force. */
 void Host::handleSecond()
 {
@@ -179,14 +213,6 @@ void Host::handleSecond()
     }
     if (protection_.isBehind())
         protection_.commit();
-}
-
-/** Do something; a failure is said and keeps nothing else from being done. */
-template <class Work> void attempt(Work work)
-try {
-    work();
-} catch (const std::exception &failure) {
-    std::fprintf(stderr, "%s\n", failure.what());
 }
 
 /** CPU time that this thread has used. */
@@ -204,13 +230,13 @@ bool Host::lookAtNetwork(const Events::Happened &happened)
     const auto begin = cpuTime();
     bool changed = false;
     if (goesOn || happened.links || happened.second)
-        attempt([&] {
+        toProtect_([&] {
             Ports::Refreshed refreshed = ports_.refresh(!goesOn);
             changed = refreshed.changed;
             unfinished_ = !refreshed.finished;
         });
     if (happened.addresses)
-        attempt([this] { addresses_.refresh(); });
+        toAsk_([this] { addresses_.refresh(); });
     if (unfinished_)
         events_.rest(milliseconds(0)); // only to let others have their turn
     else if (happened.links || happened.addresses)
@@ -228,8 +254,10 @@ bool Host::handleEvents()
     if (happened.reload)
         reload();
     changed = changed || happened.reload;
-    if (happened.second)
-        attempt([this] { handleSecond(); });
+    if (happened.second) {
+        toPin_([this] { checkPins(); });
+        toGoOn_([this] { handleSecond(); });
+    }
     return changed;
 }
 

@@ -140,8 +140,8 @@ bool Ports::isLeft(uint32_t ifindex) const
 }
 
 /**
- * Hold a descriptor where it is not in the way of those that select waits for. Where there may not
- * be so many, what is pinned is not held.
+ * Hold a link where it is not in the way of what select waits for. Where there may not be so many
+ * descriptors, what is pinned is not held.
  */
 Descriptor Ports::aside(Descriptor made) const
 {
@@ -149,6 +149,22 @@ Descriptor Ports::aside(Descriptor made) const
     if (high.get() >= 0)
         return high;
     return pins_.pins() ? Descriptor() : std::move(made);
+}
+
+/** Pin a new link and hold it. One that is held protects without its pin, too, until that is made
+ *  good. */
+Descriptor Ports::keep(Descriptor made, const std::string &name) const
+{
+    std::optional<Failure> trouble;
+    try {
+        pins_.pin(made.get(), name);
+    } catch (const Failure &failure) {
+        trouble = failure;
+    }
+    Descriptor held = aside(std::move(made));
+    if (trouble && (!started_ || held.get() < 0))
+        throw *trouble;
+    return held;
 }
 
 /**
@@ -182,7 +198,6 @@ Ports::Attached Ports::attach(const PortConfig &port, uint32_t ifindex) const
     if (made.get() < 0)
         throw Failure("protect port " + port.name + " in " + modeName(mode) + " mode",
                       attachReason(errno));
-    pins_.pin(made.get(), pinName(linkPrefix, ifindex));
     sayProtected(port, mode, why);
     return {std::move(made), mode};
 }
@@ -194,28 +209,29 @@ void Ports::remember(const Port &port)
     lastPlaces_[port.ifindex] = &port;
 }
 
-/** What a former daemon has left on a port, or else the program anew. */
-Ports::Attached Ports::takeOverOrAttach(const PortConfig &port, uint32_t ifindex) const
+/** The program of a former daemon, or else the new one. @return in which mode it runs */
+Mode Ports::holdLink(Port &port, uint32_t ifindex, Descriptor left) const
 {
-    Descriptor left = takeOver(ifindex);
-    if (left.get() < 0)
-        return attach(port, ifindex);
-    const Mode mode = modeOf(ifindex);
-    sayProtected(port, mode, plane_.takenOver() ? ", as it was left" : "");
-    return {std::move(left), mode};
+    if (left.get() >= 0) {
+        const Mode mode = modeOf(ifindex);
+        sayProtected(*port.config, mode, plane_.takenOver() ? ", as it was left" : "");
+        port.link = aside(std::move(left));
+        return mode;
+    }
+    Attached made = attach(*port.config, ifindex);
+    port.link = keep(std::move(made.link), pinName(linkPrefix, ifindex));
+    return made.mode;
 }
 
 /** What comes by a port is under its place from the first frame on. */
 void Ports::protect(Port &port, uint32_t ifindex)
 {
-    const PortConfig &config = *port.config;
-    const uint32_t target = targetOf(plane_.info(), config.sys, config.slot);
+    const uint32_t target = targetOf(plane_.info(), port.config->sys, port.config->slot);
+    Descriptor left = takeOver(ifindex);
     plane_.placePort(ifindex, target, true);
-    Attached made = takeOverOrAttach(config, ifindex);
-    const bool joins = made.mode == Mode::Generic || isTap(ifindex);
+    const bool joins = holdLink(port, ifindex, std::move(left)) == Mode::Generic || isTap(ifindex);
     if (!joins)
         plane_.placePort(ifindex, target, false);
-    port.link = aside(std::move(made.link));
     port.ifindex = ifindex;
     port.trouble.clear();
     remember(port);
@@ -238,7 +254,9 @@ try {
     protect(port, seen.ifindex);
     return true;
 } catch (const Failure &failure) {
-    if (!seen.namesake)
+    if (port.ifindex != 0)
+        release(port);
+    else if (!seen.namesake)
         setFree(seen.ifindex);
     complain(port, failure.what());
     return false;
@@ -249,18 +267,20 @@ void Ports::attachTc(Port &port)
     if (port.marks)
         return;
     std::string name = pinName(tcPrefix, port.ifindex);
-    Descriptor made = pins_.open(name);
-    if (made.get() < 0 || bpf_link_update(made.get(), plane_.tcProgram(), nullptr) != 0) {
-        made = Descriptor(bpf_link_create(plane_.tcProgram(), static_cast<int>(port.ifindex),
-                                          tcxIngress, nullptr));
-        if (made.get() >= 0)
-            pins_.pin(made.get(), name);
+    Descriptor left = pins_.open(name);
+    port.marks = left.get() >= 0 && bpf_link_update(left.get(), plane_.tcProgram(), nullptr) == 0;
+    if (port.marks) {
+        port.tc = aside(std::move(left));
+        return;
     }
+    Descriptor made(
+        bpf_link_create(plane_.tcProgram(), static_cast<int>(port.ifindex), tcxIngress, nullptr));
     port.marks = made.get() >= 0;
-    port.tc = aside(std::move(made));
-    if (!port.marks && !std::exchange(saidNoTc_, true))
-        say("queues and priorities are not carried, and frames of several packets count as one (" +
-            std::string(std::strerror(errno)) + "): that takes Linux 6.6");
+    if (port.marks)
+        port.tc = keep(std::move(made), name);
+    else if (!std::exchange(saidNoTc_, true))
+        say("queues and priorities are not carried (" + std::string(std::strerror(errno)) +
+            "): that takes Linux 6.6");
 }
 
 void Ports::carryPriority()
@@ -404,6 +424,7 @@ void Ports::start()
     for (const auto &[port, seen] : left)
         tryToProtect(*port, seen);
     dropStrangers();
+    started_ = true;
 }
 
 Ports::Refreshed Ports::refresh(bool retry)
@@ -437,6 +458,23 @@ const PortConfig *Ports::find(uint32_t ifindex) const
         return named == byName_.end() ? nullptr : ports_[named->second].config;
     }
     return port ? port->config : nullptr;
+}
+
+/* ---- What is pinned ------------------------------------------------------------------- */
+
+size_t Ports::pinAgain(const std::set<std::string> &there) const
+{
+    size_t count = 0;
+    for (const Port &port : ports_)
+        for (const auto &[prefix, link] :
+             {std::pair(linkPrefix, &port.link), {tcPrefix, &port.tc}}) {
+            std::string name = pinName(prefix, port.ifindex);
+            if (link->get() < 0 || there.contains(name))
+                continue;
+            pins_.pin(link->get(), name);
+            count++;
+        }
+    return count;
 }
 
 } // namespace zynlinux

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -48,6 +49,10 @@ public:
      * @throw Failure when the links cannot be had, with nothing changed
      */
     Refreshed refresh(bool retry);
+
+    /** Pin again what is not there any more. @param there the names that are. @return how many
+     *  @throw Failure */
+    size_t pinAgain(const std::set<std::string> &there) const;
 
     /** Set all ports free. */
     void stop();
@@ -95,9 +100,10 @@ private:
     static void complain(Port &port, const std::string &trouble);
     Descriptor takeOver(uint32_t ifindex) const;
     Attached attach(const PortConfig &port, uint32_t ifindex) const;
-    Attached takeOverOrAttach(const PortConfig &port, uint32_t ifindex) const;
+    Mode holdLink(Port &port, uint32_t ifindex, Descriptor left) const;
     void attachTc(Port &port);
     Descriptor aside(Descriptor made) const;
+    Descriptor keep(Descriptor made, const std::string &name) const;
     void remember(const Port &port);
     void release(Port &port);
     void setFree(uint32_t ifindex) const;
@@ -111,6 +117,7 @@ private:
     std::vector<Port> ports_; /**< as they are configured */
     std::map<std::string, size_t, std::less<>> byName_;
     std::map<uint32_t, const Port *> lastPlaces_; /**< of interfaces that have gone too */
+    bool started_ = false;
     bool carriesPriority_ = false;
     bool saidNoTc_ = false;
 };

@@ -218,7 +218,7 @@ TEST_F(TakeOver, FolderThatIsOnNoBpfFileSystemIsAnError)
     Outcome outcome = startOnPort();
     EXPECT_EQ(outcome.result, -1);
     EXPECT_EQ(outcome.text, "couldn't keep the data plane in /tmp/not-bpf: /tmp is no BPF file "
-                            "system (mount -t bpf bpf /tmp, or pin = \"none\")\n");
+                            "system (mount -t bpf -o mode=0700 bpf /tmp, or pin = \"none\")\n");
 }
 
 TEST_F(TakeOver, FailedStartLeavesNothingBehind)
