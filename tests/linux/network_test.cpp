@@ -342,4 +342,122 @@ TEST_F(Network, ProgramsArePutAsideFromWhatSelectWaitsFor)
     EXPECT_EQ(high, 1u);
 }
 
+/* ---- Interfaces of several names ------------------------------------------------------ */
+
+class Namesakes : public Network
+{
+protected:
+    static void property(const std::string &what, const char *port)
+    {
+        command("ip link property " + what + " dev " + port + " altname longer0");
+    }
+
+    /** What the layer says until a condition holds, and while it goes on to. */
+    static std::string told(const std::function<bool()> &condition)
+    {
+        testing::internal::CaptureStderr();
+        EXPECT_TRUE(runUntil(condition));
+        beQuiet();
+        return testing::internal::GetCapturedStderr();
+    }
+
+    static bool isAt(const char *port, uint32_t slot)
+    {
+        tPhyIfInfo info{};
+        return sysIndexTrans(if_nametoindex(port), SYS_INDEX_TRANS_PHY, &info) == 0 &&
+               info.slot == slot;
+    }
+
+    static constexpr char both[] =
+        "ports = [\"port0\"]\n[[slot]]\nslot = 4\nports = [\"longer0\"]\n";
+    static constexpr tSlotIndex slot{0, 4, 0};
+};
+
+TEST_F(Namesakes, OfOneInterfaceKeepTheDaemonFromStarting)
+{
+    property("add", protectedPort);
+    Outcome outcome = start("ports = [\"port0\", \"longer0\"]\n");
+    EXPECT_EQ(outcome.result, -1);
+    EXPECT_NE(
+        outcome.text.find("couldn't protect port longer0: it is port port0 by another name\n"),
+        std::string::npos)
+        << outcome.text;
+    EXPECT_EQ(programOn(protectedPort), 0u);
+    outcome = start("[[slot]]\nslot = 4\nports = [\"longer0\"]\n[[slot]]\nslot = 5\n"
+                    "ports = [\"port0\"]\n");
+    EXPECT_EQ(outcome.result, -1);
+    EXPECT_NE(
+        outcome.text.find("couldn't protect port port0: it is port longer0 by another name\n"),
+        std::string::npos)
+        << outcome.text;
+}
+
+TEST_F(Namesakes, LeaveWhatAFormerDaemonLeft)
+{
+    leaveBehind("ports = [\"port0\"]\n", [] { set(nullptr, true, arpEntry(0, ZYN_HW_OP_DENY)); });
+    property("add", protectedPort);
+    EXPECT_EQ(start(both).result, -1);
+    EXPECT_FALSE(arpArrives());
+}
+
+TEST_F(Namesakes, ThatComeLaterAreSaidAndTakeNothingAway)
+{
+    ASSERT_EQ(start(both).result, 0);
+    ASSERT_EQ(set(nullptr, true, arpEntry(0, ZYN_HW_OP_DENY)), 0);
+    begin();
+    property("add", protectedPort);
+    EXPECT_EQ(told([&] { return kernel.links >= 3; }),
+              "couldn't protect port longer0: it is port port0 by another name\n");
+    EXPECT_FALSE(arpArrives());
+    EXPECT_TRUE(isAt(protectedPort, 0));
+    EXPECT_NE(programOn(protectedPort), 0u);
+
+    property("del", protectedPort);
+    property("add", peerPort); // an interface of its own now
+    EXPECT_EQ(told([] { return programOn(peerPort) != 0; }),
+              "[platform] port longer0 is protected in native mode\n");
+    EXPECT_TRUE(isAt(peerPort, 4));
+    EXPECT_EQ(set(&slot, true, arpEntry(0, ZYN_HW_OP_DENY)), 0);
+    EXPECT_FALSE(arpArrives(protectedPort, peerPort));
+    EXPECT_FALSE(arpArrives());
+}
+
+TEST_F(Namesakes, ThatComeLaterTakeNothingAwayThoughTheyAreConfiguredFirst)
+{
+    ASSERT_EQ(start("[[slot]]\nslot = 5\nports = [\"longer0\"]\n[[slot]]\nslot = 4\n"
+                    "ports = [\"port0\"]\n")
+                  .result,
+              0);
+    ASSERT_EQ(set(&slot, true, arpEntry(0, ZYN_HW_OP_DENY)), 0);
+    begin();
+    property("add", protectedPort);
+    EXPECT_EQ(told([&] { return kernel.links >= 3; }),
+              "couldn't protect port longer0: it is port port0 by another name\n");
+    EXPECT_TRUE(isAt(protectedPort, 4));
+    EXPECT_FALSE(arpArrives());
+}
+
+TEST_F(Namesakes, ThatComeTogetherAreTheOneThatIsConfiguredFirst)
+{
+    command("ip link del port0");
+    ASSERT_EQ(start(both).result, 0);
+    ASSERT_EQ(set(nullptr, true, arpEntry(0, ZYN_HW_OP_DENY)), 0);
+    command("ip link add port0 type veth peer name peer0 && ip link property add dev port0 "
+            "altname longer0 && ip link set port0 arp off up && ip link set peer0 arp off up");
+    EXPECT_TRUE(runUntil([] { return programOn(protectedPort) != 0; }));
+    beQuiet();
+    EXPECT_TRUE(isAt(protectedPort, 0));
+    EXPECT_FALSE(arpArrives());
+}
+
+TEST_F(Namesakes, NameThatIsTakenAwayTakesThePortFromItsPlace)
+{
+    property("add", protectedPort);
+    ASSERT_EQ(start("ports = [\"peer0\"]\n[[slot]]\nslot = 4\nports = [\"longer0\"]\n").result, 0);
+    EXPECT_TRUE(isAt(protectedPort, 4));
+    property("del", protectedPort);
+    EXPECT_EQ(told([] { return programOn(protectedPort) == 0; }),
+              "[platform] port longer0 has gone\n");
+}
+
 } // namespace
