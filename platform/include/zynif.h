@@ -56,7 +56,8 @@ struct packet_rxpktinfo {
 int32_t zynPktOpen(void);
 
 /**
- * Take the next packet. Does not block.
+ * Take the next packet. Does not block. A packet may stand for another one that differs from it in
+ * no more than its sender: tracing counts what it gets, and names whom it sees.
  * @param info     receives what is known of it
  * @param protocol receives the ethertype behind the VLAN tags; 0 for a frame with a length there
  * @param buf      receives the frame from its destination address on, zero-filled past its end
@@ -65,6 +66,15 @@ int32_t zynPktOpen(void);
  */
 int32_t zynPktRecv(struct packet_rxpktinfo *info, uint16_t *protocol, unsigned char *buf,
                    uint32_t size);
+
+/**
+ * Hear how full the table of traced sources is: once before the first packet is taken, and after
+ * each packet, when that has been traced. Records stay until somebody resets the table, so a source
+ * of packets may choose whose it gives. Optional.
+ * @param used records in use
+ * @param most records that there are
+ */
+void zynPktTraced(uint32_t used, uint32_t most);
 
 #ifdef __cplusplus
 }

@@ -44,3 +44,5 @@ OPTIONAL int32_t zynPktRecv(packet_rxpktinfo *, uint16_t *, unsigned char *, uin
 {
     return 0;
 }
+
+OPTIONAL void zynPktTraced(uint32_t, uint32_t) {}

@@ -137,6 +137,12 @@ void runPlatform()
     retryRefused();
 }
 
+/** Tell the platform how full the table of traced sources is. */
+void tellRoom()
+{
+    zynPktTraced(gCpuDefend.useSrcTraceNum, gCpuDefend.maxSrcTraceNum);
+}
+
 /** Hand the next packet to source tracing. @return whether there was one */
 bool tracePacket()
 {
@@ -148,6 +154,7 @@ bool tracePacket()
         return false;
     const auto room = static_cast<int32_t>(sizeof buf);
     cpuDefendSrcTracePkt(info.pkt_inport, protocol, &info, buf, length < room ? length : room);
+    tellRoom();
     return true;
 }
 
@@ -174,6 +181,7 @@ void cpuDefenTaskStart()
     look = {true, UINT64_MAX};
     retry = {false, UINT64_MAX};
     gCpuDefend.pktSock = zynPktOpen();
+    tellRoom();
     Change change;
     lookForCards();
 }

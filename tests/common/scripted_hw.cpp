@@ -12,6 +12,7 @@ std::vector<Record> calls;
 std::vector<Record> counted;
 uint32_t changeDepth, changes, changesEnded;
 size_t packetsTaken, platformRuns;
+std::vector<std::pair<uint32_t, uint32_t>> room;
 bool loneEnd;
 static std::vector<tHwDropped> dropped; // at the end of the last change
 
@@ -52,6 +53,7 @@ void reset()
     counted.clear();
     changeDepth = changes = changesEnded = 0;
     packetsTaken = platformRuns = 0;
+    room.clear();
     loneEnd = false;
     dropped.clear();
 }
@@ -250,6 +252,11 @@ int32_t zynPktRecv(packet_rxpktinfo *info, uint16_t *protocol, unsigned char *bu
     memset(buf, 0, size);
     std::copy_n(packet.frame.begin(), std::min<size_t>(size, packet.frame.size()), buf);
     return static_cast<int32_t>(packet.frame.size());
+}
+
+void zynPktTraced(uint32_t used, uint32_t most)
+{
+    room.emplace_back(used, most);
 }
 
 int32_t zynHwScalarGet(uint32_t, uint32_t id, void *)

@@ -102,6 +102,8 @@ extern uint32_t changeDepth;        /**< changes begun and not ended */
 extern uint32_t changes;            /**< outermost changes begun so far */
 extern uint32_t changesEnded;       /**< of which are over */
 extern size_t packetsTaken;
+extern std::vector<std::pair<uint32_t, uint32_t>>
+    room; /**< told of the table of sources: used, all */
 extern size_t platformRuns;
 extern bool loneEnd; /**< a change was ended that had not begun */
 

@@ -196,6 +196,18 @@ void flood()
     scripted::script.flood = true;
 }
 
+/** Have packets 1 and 2 traced, and their senders recorded from the third one on. */
+void traceAll()
+{
+    uint8_t name[] = {'d', 'e', 'f', 'a', 'u', 'l', 't'};
+    memcpy(gCpuDefend.policyName, name, sizeof name);
+    gCpuDefend.policyNameLen = sizeof name;
+    tCpuDefendPolicyEntry *policy = cpuDefendPolicyEntryGet(name, sizeof name);
+    policy->srcTraceEnable = 1;
+    policy->srcTraceThreshold = 1;
+    scripted::script.ports[71] = scripted::script.ports[72] = {0, 0};
+}
+
 Bytes datagram(size_t size = 32)
 {
     const nlmsghdr header{static_cast<uint32_t>(size), 16, 0, 0, 0};
@@ -272,21 +284,28 @@ TEST_F(Packets, AreTracedWithTheSemaphoreHeld)
 
 TEST_F(Packets, ComeToTheTableOfSources)
 {
-    uint8_t name[] = {'d', 'e', 'f', 'a', 'u', 'l', 't'};
-    memcpy(gCpuDefend.policyName, name, sizeof name);
-    gCpuDefend.policyNameLen = sizeof name;
-    tCpuDefendPolicyEntry *policy = cpuDefendPolicyEntryGet(name, sizeof name);
-    policy->srcTraceEnable = 1;
-    policy->srcTraceThreshold = 1;
+    traceAll();
     const Signal source(true);
     start(source);
-    scripted::script.ports[71] = {0, 0};
     flood();
     turns(1);
     EXPECT_EQ(0, hooked.at(0).result);
     EXPECT_EQ(1u, gCpuDefend.useSrcTraceNum);
     const uint8_t ones[6] = {1, 1, 1, 1, 1, 1};
     EXPECT_NE(nullptr, cpuDefendSrcTraceEntryGet(71, ones, CPUDEFEND_PKTTYPE_ARP, ones));
+}
+
+/** The table has four records here. */
+TEST_F(Packets, TheSourceHearsOfTheRoomThatTheyLeave)
+{
+    using Told = std::vector<std::pair<uint32_t, uint32_t>>;
+    traceAll();
+    const Signal source(true);
+    start(source);
+    EXPECT_EQ((Told{{0, 4}}), scripted::room) << "before there is any";
+    scripted::script.packets = {packet(1), packet(1), packet(1), packet(2)};
+    turns(1);
+    EXPECT_EQ((Told{{0, 4}, {0, 4}, {0, 4}, {1, 4}, {2, 4}}), scripted::room);
 }
 
 TEST_F(Packets, AreTakenWithoutASignOfThem)
