@@ -83,7 +83,6 @@ public:
     Protection &protection() { return protection_; }
     const Ports &ports() const { return ports_; }
     Samples &samples() { return samples_; }
-    int sampleDescriptor() const { return plane_.samples(); }
 
 private:
     static Protection::Slots slotsOf(const Config &config);
@@ -115,7 +114,7 @@ Host::Host(const std::string &file)
     : file_(file), config_(readConfig(file)), pins_(config_.pin), plane_(pins_), addresses_(plane_),
       ports_(config_, plane_, pins_),
       protection_(plane_, ports_, config_.acls, slotsOf(config_), config_.unreadPps),
-      samples_(plane_.samples())
+      samples_(plane_.samples(), ports_)
 {
 }
 
@@ -319,14 +318,15 @@ try {
 
 int32_t zynPktOpen()
 {
-    return host ? host->sampleDescriptor() : 0;
+    return host ? host->samples().descriptor() : 0;
 }
 
 int32_t zynPktRecv(packet_rxpktinfo *info, uint16_t *protocol, unsigned char *buf, uint32_t size)
 try {
-    cpd_sample sample;
-    if (!host || !host->samples().take(&sample))
+    const cpd_sample *next = host ? host->samples().next() : nullptr;
+    if (!next)
         return 0;
+    const cpd_sample &sample = *next;
     *info = {};
     info->pkt_inport = sample.ifindex;
     std::memcpy(info->pkt_srcaddr, sample.data + 6, 6);
@@ -339,8 +339,14 @@ try {
     std::memset(buf, 0, size);
     std::memcpy(buf, sample.data, std::min<size_t>(size, sizeof sample.data));
     return static_cast<int32_t>(sample.length);
-} catch (const std::bad_alloc &) {
+} catch (const std::exception &) {
     return 0;
+}
+
+void zynPktTraced(uint32_t used, uint32_t most)
+{
+    if (host)
+        host->samples().traced(used, most);
 }
 
 int32_t layer::carAdd(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry &entry) noexcept

@@ -2,8 +2,11 @@
  * What the layer tells of a received packet.
  */
 #include <array>
+#include <thread>
 
 #include "layer_on_wire.h"
+
+using namespace std::chrono_literals;
 
 namespace
 {
@@ -28,6 +31,47 @@ protected:
         Outcome outcome = startOnPort();
         ASSERT_EQ(outcome.result, 0) << outcome.text;
         ASSERT_EQ(set(nullptr, true, arpEntry(1000)), 0);
+        zynPktTraced(0, 32);
+    }
+
+    struct Waited {
+        int wakeUps;
+        bool packet; /**< whether there was one, which ends it */
+    };
+
+    /** Wait for the source so long, and look at it whenever it wakes us up. */
+    static Waited waitFor(std::chrono::milliseconds time)
+    {
+        Waited waited{};
+        waited.packet = within(time, [&] {
+            pollfd source{zynPktOpen(), POLLIN, 0};
+            if (poll(&source, 1, 0) <= 0)
+                return false;
+            waited.wakeUps++;
+            Received got;
+            return zynPktRecv(&got.info, &got.ethertype, got.data.data(), got.data.size()) > 0;
+        });
+        return waited;
+    }
+
+    /** Limit types that are not traced. */
+    static void limitUntraced()
+    {
+        for (uint32_t type : {CPD_DOT1X, CPD_LLDP}) {
+            tHwCpuDefendPktCarEntry entry = arpEntry(1000);
+            entry.pktType = type;
+            ASSERT_EQ(set(nullptr, true, entry), 0);
+        }
+    }
+
+    /** Send frames of these, of which more are sampled than are read. */
+    static void sendUntraced(std::chrono::milliseconds time)
+    {
+        PacketSocket sender(peerPort, 0x888e);
+        for (auto end = Clock::now() + time; Clock::now() < end;) {
+            sender.send(Frame(bridgeGroup(0x03), source).u16(0x888e).zeros(46).bytes(), 64);
+            sender.send(Frame(bridgeGroup(0x0e), source).u16(0x88cc).zeros(46).bytes(), 64);
+        }
     }
 
     /** Send a frame, and take what the layer tells of it. */
@@ -96,6 +140,43 @@ TEST_F(PacketsOnWire, WithoutTagsTellTheirSource)
     EXPECT_EQ(info.pkt_outervid, 0);
     EXPECT_EQ(info.pkt_innervid, 0);
     EXPECT_EQ(info.pkt_dataoffset, 14);
+}
+
+/** By the ring, at the end of the pause after it was read, and when the sample's time is over. */
+TEST_F(PacketsOnWire, WakeTheDaemonAFewTimes)
+{
+    EXPECT_EQ(waitFor(100ms).wakeUps, 0);
+    PacketSocket(peerPort, 0x0806).send(arp, 1);
+    const Waited waited = waitFor(5s);
+    EXPECT_TRUE(waited.packet);
+    EXPECT_GE(waited.wakeUps, 3);
+    EXPECT_LE(waited.wakeUps, 4);
+    EXPECT_EQ(waitFor(600ms).wakeUps, 0);
+}
+
+TEST_F(PacketsOnWire, ThatAreNotTracedCannotKeepTheDaemonBusy)
+{
+    limitUntraced();
+    std::thread sender([] { sendUntraced(1s); });
+    EXPECT_LE(waitFor(900ms).wakeUps, 180 + 20); // one each 5 ms
+    sender.join();
+    const int rest = waitFor(2s).wakeUps; // what is in the ring, as fast as is allowed
+    EXPECT_GE(rest, 5);
+    EXPECT_LE(rest, 2048 / 45 + 20);
+    EXPECT_EQ(waitFor(200ms).wakeUps, 0);
+}
+
+TEST_F(PacketsOnWire, ThatFindNoRoomAreSaidOnce)
+{
+    testing::internal::CaptureStderr();
+    zynPktTraced(31, 32);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    testing::internal::CaptureStderr();
+    for (int i = 0; i < 3; i++)
+        zynPktTraced(32, 32);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "[platform] warning: the table of traced sources is full; others are not named until "
+              "it is reset\n");
 }
 
 } // namespace
