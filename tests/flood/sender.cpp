@@ -38,12 +38,13 @@ std::runtime_error failure(const std::string &what)
     return std::runtime_error("couldn't " + what + ": " + std::strerror(errno));
 }
 
-sender_bpf *loadSender(const std::string &port)
+sender_bpf *loadSender(const std::string &port, uint32_t sources)
 {
     sender_bpf *program = sender_bpf__open();
     if (!program)
         throw failure("open the sender's program");
     program->rodata->ifindex = if_nametoindex(port.c_str());
+    program->rodata->sources = sources;
     if (sender_bpf__load(program) == 0)
         return program;
     sender_bpf__destroy(program);
@@ -137,7 +138,10 @@ Stream stream(const std::string &port, const Octets &frame, uint32_t rate, uint6
 
 } // namespace
 
-Generator::Generator(const std::string &port) : program_(loadSender(port), sender_bpf__destroy) {}
+Generator::Generator(const std::string &port, uint32_t sources)
+    : program_(loadSender(port, sources), sender_bpf__destroy)
+{
+}
 
 Generator::~Generator() = default;
 
@@ -168,8 +172,9 @@ uint64_t Generator::sent() const
     return sum;
 }
 
-Flood::Flood(const std::string &port, const std::vector<Octets> &frames, unsigned cpus)
-    : generator_(port)
+Flood::Flood(const std::string &port, const std::vector<Octets> &frames, unsigned cpus,
+             uint32_t sources)
+    : generator_(port, sources)
 {
     listenToNudges();
     running_ = frames.size() * cpus;

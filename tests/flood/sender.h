@@ -23,7 +23,8 @@ struct sender_bpf;
 class Generator
 {
 public:
-    explicit Generator(const std::string &port);
+    /** @param sources that its ARP requests come from in turn; 0: from the one that they name */
+    explicit Generator(const std::string &port, uint32_t sources = 0);
     ~Generator();
 
     /**
@@ -43,7 +44,9 @@ private:
 class Flood
 {
 public:
-    Flood(const std::string &port, const std::vector<Octets> &frames, unsigned cpus);
+    /** @param sources as Generator has them */
+    Flood(const std::string &port, const std::vector<Octets> &frames, unsigned cpus,
+          uint32_t sources = 0);
     ~Flood();
     Flood(const Flood &) = delete;
     Flood &operator=(const Flood &) = delete;

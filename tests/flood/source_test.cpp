@@ -137,6 +137,14 @@ std::map<std::string, json> byMac(const json &sources)
     return found;
 }
 
+/** CPU time of a process so far. */
+Seconds cpuTime(pid_t process)
+{
+    uint64_t ns = 0;
+    std::ifstream("/proc/" + std::to_string(process) + "/schedstat") >> ns;
+    return std::chrono::nanoseconds(ns);
+}
+
 class Sources : public FloodTest
 {
 protected:
@@ -154,6 +162,18 @@ protected:
     }
 
     json list() const { return ctlJson("source list"); }
+
+    /** Of the daemon, over some seconds. */
+    void expectLittleCpuTime() const
+    {
+        constexpr double most = 0.05; // of a CPU
+        const Seconds before = cpuTime(daemon->pid());
+        const auto begin = Clock::now();
+        measure(3s);
+        const double used = (cpuTime(daemon->pid()) - before) / Seconds(Clock::now() - begin);
+        RecordProperty("cpu", std::to_string(used));
+        EXPECT_LT(used, most);
+    }
 };
 
 TEST_F(Sources, AreExactlyThoseThatFlood)
@@ -195,28 +215,79 @@ TEST_F(Sources, WithinTheRateAreNobodys)
     EXPECT_EQ(list(), json::array());
 }
 
-/** CPU time of a process so far. */
-Seconds cpuTime(pid_t process)
-{
-    uint64_t ns = 0;
-    std::ifstream("/proc/" + std::to_string(process) + "/schedstat") >> ns;
-    return std::chrono::nanoseconds(ns);
-}
-
 TEST_F(Sources, CostTheDaemonLittleWhateverTheFlood)
 {
-    constexpr double most = 0.05; // of a CPU
     Flood flood(peerPort, framesOf(attackers()), std::thread::hardware_concurrency());
     ASSERT_TRUE(within(10s, [&] { return !list().empty(); }));
-    const Seconds before = cpuTime(daemon->pid());
-    const auto begin = Clock::now();
-    measure(3s);
-    const double used = (cpuTime(daemon->pid()) - before) / Seconds(Clock::now() - begin);
-    const uint64_t sent = flood.stop();
-    RecordProperty("cpu", std::to_string(used));
-    EXPECT_LT(used, most);
-    EXPECT_GT(sent, 500'000u) << "this was no flood";
+    expectLittleCpuTime();
+    EXPECT_GT(flood.stop(), 500'000u) << "this was no flood";
     EXPECT_EQ(list().size(), attackers().size());
 }
+
+TEST_F(Sources, AreNotThoseWhoSendALittleMeanwhile)
+{
+    const Host innocent = {{0x02, 0, 0, 0, 3, 1}, {192, 0, 2, 9}};
+    Flood flood(peerPort, {attackers()[0].frame}, 1);
+    sendEvenly(peerPort, arpRequest(innocent, wanted), 20, 60);
+    const json found = list();
+    ASSERT_EQ(found.size(), 1u) << found;
+    EXPECT_EQ(found[0].at("mac"), attackers()[0].mac);
+}
+
+/** Sources that are none: addresses that one sender makes up, the number of them given. */
+class BesideSpoofedOnes : public Sources, public testing::WithParamInterface<uint32_t>
+{
+protected:
+    static constexpr Host nobody = {{0x02, 0xee, 0xee, 0, 0, 0}, {10, 0, 0, 0}};
+    static constexpr char flooderMac[] = "02:00:00:00:00:a0";
+
+    /** On the CPU of the flooder, so that neither sends more. */
+    const Flood &spoof()
+    {
+        return spoofed.emplace(peerPort, std::vector<Octets>{arpRequest(nobody, wanted)}, 1,
+                               GetParam());
+    }
+
+    const Flood &flood()
+    {
+        return flooder.emplace(peerPort, std::vector<Octets>{arpRequest(attacker, wanted)}, 1);
+    }
+
+    static uint32_t totalOf(const json &sources, const std::string &mac)
+    {
+        for (const json &each : sources)
+            if (each.at("mac") == mac)
+                return each.at("total");
+        return 0;
+    }
+
+    std::optional<Flood> spoofed, flooder;
+};
+
+TEST_P(BesideSpoofedOnes, TheFlooderIsNamedFirst)
+{
+    spoof();
+    flood();
+    json first;
+    ASSERT_TRUE(within(2s, [&] { return !(first = list()).empty(); }));
+    EXPECT_GT(totalOf(first, flooderMac), 0u) << first.dump(1);
+    expectLittleCpuTime(); // however many are to be told apart
+    const json last = list();
+    for (const json &each : last)
+        EXPECT_LE(each.at("total"), totalOf(last, flooderMac)) << each;
+}
+
+/** What they can take of the table, they have taken by then. */
+TEST_P(BesideSpoofedOnes, TheFlooderIsNamedAlsoWhenItComesLater)
+{
+    spoof();
+    measure(2s);
+    const json before = list();
+    flood();
+    EXPECT_TRUE(within(2s, [&] { return totalOf(list(), flooderMac) > 0; })) << before.size();
+    RecordProperty("spoofed", std::to_string(before.size()));
+}
+
+INSTANTIATE_TEST_SUITE_P(, BesideSpoofedOnes, testing::Values(32, 1000, 30000));
 
 } // namespace
