@@ -94,14 +94,26 @@ typedef struct tHwDropped {
 /** Bit of a synchronisation flag: the value is an octetstring. */
 #define ZYN_SYNC_OCTETS 0x80000000u
 
+/** Status of a daemon that another configuration alone helps: starting it again does not. */
+#define ZYN_EXIT_CONFIG 78
+
 /**
- * Bring the platform up. Called once by main, before the daemon's own start-up; it may replace
- * the process by another executable that is linked with the layer which the host's
- * configuration asks for.
+ * Find out what the host's configuration asks for, and do nothing about it yet. Called once by
+ * main, before the daemon's own start-up; it may replace the process by another executable that
+ * is linked with the layer which is asked for.
  * @param argv the command line, null-terminated
- * @return 0, or -1 with the reason printed on standard error: the daemon then exits non-zero
+ * @return 0, or the status with which the daemon ends, with the reason printed on standard error:
+ *         ZYN_EXIT_CONFIG for a configuration that cannot be, or -1
  */
 int32_t zynPlatformInit(char *const argv[]);
+
+/**
+ * Bring the hardware into service. Called once by main, when all else that can fail at a start is
+ * done. Optional: a layer that has nothing to bring up leaves it out.
+ * @return 0, or -1 with the reason printed on standard error and all as it was before: the daemon
+ *         then ends with this status
+ */
+int32_t zynPlatformStart(void);
 
 /**
  * A descriptor that turns readable when the layer has work of its own to do (a signal, a time

@@ -65,8 +65,8 @@ private:
 class Host
 {
 public:
-    /** Load everything; no port is protected yet. @throw Failure */
-    explicit Host(const std::string &file);
+    /** Load everything; no port is protected yet. @param file the platform file @throw Failure */
+    Host(std::string file, Config config);
 
     /** Protect the ports. @throw Failure */
     void start();
@@ -108,11 +108,12 @@ private:
 };
 
 std::unique_ptr<Host> host;
+Config asked; // by the platform file
 tCpuMeters cpuMeters;
 
-Host::Host(const std::string &file)
-    : file_(file), config_(readConfig(file)), pins_(config_.pin), plane_(pins_), addresses_(plane_),
-      ports_(config_, plane_, pins_),
+Host::Host(std::string file, Config config)
+    : file_(std::move(file)), config_(std::move(config)), pins_(config_.pin), plane_(pins_),
+      addresses_(plane_), ports_(config_, plane_, pins_),
       protection_(plane_, ports_, config_.acls, slotsOf(config_), config_.unreadPps),
       samples_(plane_.samples(), ports_)
 {
@@ -288,8 +289,17 @@ try {
     host.reset();
     refusals::forget();
     if (journalInit() != 0)
-        return -1;
-    auto starting = std::make_unique<Host>(configFile());
+        return ZYN_EXIT_CONFIG;
+    asked = readConfig(configFile());
+    return 0;
+} catch (const std::exception &failure) {
+    std::fprintf(stderr, "%s\n", failure.what());
+    return ZYN_EXIT_CONFIG;
+}
+
+int32_t zynPlatformStart()
+try {
+    auto starting = std::make_unique<Host>(configFile(), std::move(asked));
     try {
         starting->start();
     } catch (...) {

@@ -103,10 +103,15 @@ int32_t zynPlatformInit(char *const argv[])
     const char *platformFile = linuxPlatformAsked(setting("CPUDEFEND_PLATFORM"), standardFile);
     if (platformFile != nullptr) {
         startLinux(platformFile, argv);
-        return -1;
+        return ZYN_EXIT_CONFIG;
     }
-    const bool ready = roleInit(setting("CPUDEFEND_ROLE")) == 0 && journalInit() == 0;
-    return ready ? signalsInit() : -1;
+    const bool sound = roleInit(setting("CPUDEFEND_ROLE")) == 0 && journalInit() == 0;
+    return sound ? 0 : ZYN_EXIT_CONFIG;
+}
+
+int32_t zynPlatformStart()
+{
+    return signalsInit();
 }
 
 int32_t zynPlatformFd()

@@ -8,6 +8,11 @@
 
 #define OPTIONAL __attribute__((weak))
 
+OPTIONAL int32_t zynPlatformStart()
+{
+    return 0;
+}
+
 OPTIONAL int32_t zynPlatformFd()
 {
     return -1;

@@ -34,8 +34,10 @@ int main(int argc, char *argv[])
 {
     zynCatchSegFault();
     signal(SIGPIPE, SIG_IGN); // nobody who reads our messages may end us by going away
-    if (!takeStandardDescriptors() || cpuDefendSocketClaim() != 0 || zynPlatformInit(argv) != 0)
+    if (!takeStandardDescriptors() || cpuDefendSocketClaim() != 0)
         return -1;
+    if (const int32_t status = zynPlatformInit(argv); status != 0)
+        return status;
     const uint32_t maxPolicyNumber = argc >= 2 ? number(argv[1]) : CPUDEFEND_DEFAULT_POLICYNUM;
     const uint32_t maxSlotNumber = argc >= 3 ? number(argv[2]) : CPUDEFEND_DEFAULT_SLOTNUM;
     if (cpuDefendInit(maxPolicyNumber, maxSlotNumber) != 0) {
@@ -43,5 +45,7 @@ int main(int argc, char *argv[])
         return -1;
     }
     cpuDefendSocketKeep();
+    if (zynPlatformStart() != 0)
+        return -1;
     cpuDefenTask();
 }

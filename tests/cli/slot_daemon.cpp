@@ -26,7 +26,7 @@ static void addSource(uint32_t ifUnit, uint8_t lastOfIp, uint32_t pktType, uint8
 /** With an argument there is also slot 0/0: the system itself, which the platform refuses. */
 int main(int argc, char *argv[])
 {
-    if (zynPlatformInit(argv) != 0 || cpuDefendInit(0, 0) != 0)
+    if (zynPlatformInit(argv) != 0 || cpuDefendInit(0, 0) != 0 || zynPlatformStart() != 0)
         return 1;
     cpuDefendSlotEntryAdd(1, 5);
     cpuDefendSlotEntryAdd(1, 2); // behind a greater one: no walk visits it

@@ -3,6 +3,8 @@
  * layer answers, as its journal tells.
  */
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -217,10 +219,67 @@ TEST_F(DaemonOnWire, JournalThatCannotBeOpenedKeepsTheDaemonFromStarting)
     std::string errors;
     EXPECT_EQ(runDaemon({}, {{"CPUDEFEND_PLATFORM", own.path()}, {"CPUDEFEND_JOURNAL", "/none/j"}},
                         20, &errors),
-              255);
+              ZYN_EXIT_CONFIG);
     EXPECT_NE(errors.find("couldn't open the journal /none/j: No such file or directory\n"),
               std::string::npos)
         << errors;
+}
+
+/** A daemon whose start fails at one step or another, with the data plane pinned. */
+class DaemonThatFails : public LayerOnWire
+{
+protected:
+    std::map<std::string, std::string> platform(const std::string &ports) const
+    {
+        std::ofstream(scratch.path("platform.toml"))
+            << "pin = \"" + pinFolder + "\"\nports = [" + ports + "]\n";
+        return {{"CPUDEFEND_PLATFORM", scratch.path("platform.toml")},
+                {"ASAN_OPTIONS", "allocator_may_return_null=1"}};
+    }
+
+    /** More records than any machine has room for. */
+    void failForWantOfMemory(std::string *errors) const
+    {
+        EXPECT_EQ(runDaemon({"4294967295"}, platform("\"port0\""), 20, errors), 255);
+    }
+
+    Scratch scratch;
+};
+
+TEST_F(DaemonThatFails, LeavesNothingBehindForWantOfMemory)
+{
+    std::string errors;
+    failForWantOfMemory(&errors);
+    EXPECT_EQ(errors.find("[platform]"), std::string::npos) << errors;
+    EXPECT_EQ(programOn(protectedPort), 0u);
+    EXPECT_FALSE(std::filesystem::exists(pinFolder));
+    EXPECT_NE(access(CPUDEFEND_CMD_SOCKET, F_OK), 0);
+}
+
+TEST_F(DaemonThatFails, LeavesAFormerProtectionAsItWasForWantOfMemory)
+{
+    DaemonProcess former({}, platform("\"port0\""));
+    former.stop(SIGKILL);
+    const uint32_t left = programOn(protectedPort);
+    ASSERT_NE(left, 0u);
+    std::string errors;
+    failForWantOfMemory(&errors);
+    EXPECT_EQ(programOn(protectedPort), left);
+    DaemonProcess next({}, platform("\"port0\""));
+    EXPECT_NE(next.errors().find("as it was left"), std::string::npos) << next.errors();
+}
+
+TEST_F(DaemonThatFails, LeavesNoSocketBehindWhenAPortIsTaken)
+{
+    command(std::string("ip link add other0 type veth peer name other1"));
+    const zynlinux::Descriptor other = constantProgram(XDP_PASS);
+    ASSERT_EQ(bpf_xdp_attach(static_cast<int>(if_nametoindex("other0")), other.get(), 0, nullptr),
+              0);
+    std::string errors;
+    EXPECT_EQ(runDaemon({}, platform("\"port0\", \"other0\""), 20, &errors), 255);
+    EXPECT_NE(errors.find("another XDP program is on it"), std::string::npos) << errors;
+    EXPECT_NE(access(CPUDEFEND_CMD_SOCKET, F_OK), 0);
+    EXPECT_EQ(programOn(protectedPort), 0u);
 }
 
 } // namespace

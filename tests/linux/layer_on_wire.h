@@ -37,10 +37,13 @@ struct Outcome {
     std::string text; /**< on standard error */
 };
 
+/** Bring the layer up as main does. */
 inline Outcome init()
 {
     testing::internal::CaptureStderr();
     int32_t result = zynPlatformInit(nullptr);
+    if (result == 0)
+        result = zynPlatformStart();
     return {result, testing::internal::GetCapturedStderr()};
 }
 

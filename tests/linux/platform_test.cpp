@@ -38,7 +38,7 @@ TEST(PlatformInit, MissingFileIsAnError)
     setenv("CPUDEFEND_PLATFORM", "/nonexistent.toml", 1);
     Outcome outcome = init();
     unsetenv("CPUDEFEND_PLATFORM");
-    EXPECT_EQ(outcome.result, -1);
+    EXPECT_EQ(outcome.result, ZYN_EXIT_CONFIG);
     EXPECT_EQ(outcome.text,
               "couldn't read platform file /nonexistent.toml: No such file or directory\n");
 }
@@ -47,7 +47,7 @@ TEST(PlatformInit, WrongFileIsAnErrorWithItsLine)
 {
     PlatformFile file("ports = [\"eth0\"]\nspeed = 1\n");
     Outcome outcome = init();
-    EXPECT_EQ(outcome.result, -1);
+    EXPECT_EQ(outcome.result, ZYN_EXIT_CONFIG);
     EXPECT_EQ(outcome.text,
               "couldn't read platform file " + file.path() + ": line 2: unknown key \"speed\"\n");
 }
@@ -73,7 +73,8 @@ TEST(PlatformInit, MissingPermissionIsAnErrorThatSaysWhatIsNeeded)
         if (setuid(nobody) != 0)
             _exit(2);
         testing::internal::CaptureStderr();
-        int32_t result = zynPlatformInit(nullptr);
+        zynPlatformInit(nullptr);
+        int32_t result = zynPlatformStart();
         std::string text = testing::internal::GetCapturedStderr();
         bool told = text.find("couldn't load the packet program into the kernel: ") == 0 &&
                     text.find("(this takes root, or the capabilities") != std::string::npos;
@@ -267,7 +268,7 @@ TEST_F(PlatformOnWire, JournalThatCannotBeOpenedIsAnError)
     setenv("CPUDEFEND_JOURNAL", "/nonexistent/journal", 1);
     Outcome outcome = start();
     unsetenv("CPUDEFEND_JOURNAL");
-    EXPECT_EQ(outcome.result, -1);
+    EXPECT_EQ(outcome.result, ZYN_EXIT_CONFIG);
     EXPECT_NE(outcome.text.find("cpuDefend: couldn't open the journal /nonexistent/journal: "
                                 "No such file or directory\n"),
               std::string::npos)

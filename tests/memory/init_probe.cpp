@@ -9,6 +9,8 @@ int main(int, char *argv[])
 {
     int32_t result = zynPlatformInit(argv);
     printf("init %d\n", static_cast<int>(result));
+    if (result == 0)
+        result = zynPlatformStart();
     if (result != 0)
         return 1;
     bool master = zynHwScalarGet(0, HW_SYS_SWRUNNINGROLEISMASTER, nullptr) == 0;

@@ -122,7 +122,7 @@ TEST_F(MemoryServes, NotAnUnknownRole)
 {
     Outcome outcome = run({{"CPUDEFEND_ROLE", "Slave"}});
     EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.out, "init -1\n");
+    EXPECT_EQ(outcome.out, "init 78\n");
     EXPECT_EQ(outcome.err,
               "cpuDefend: couldn't take the role Slave: CPUDEFEND_ROLE is master or slave\n");
 }
@@ -144,7 +144,7 @@ TEST_F(MemoryServes, NotWithAJournalThatCannotBeOpened)
     std::string journal = scratch.path("none/journal");
     Outcome outcome = run({{"CPUDEFEND_JOURNAL", journal}});
     EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.out, "init -1\n");
+    EXPECT_EQ(outcome.out, "init 78\n");
     EXPECT_EQ(outcome.err,
               "cpuDefend: couldn't open the journal " + journal + ": No such file or directory\n");
 }
@@ -169,7 +169,7 @@ TEST_F(PlatformInit, MissingLinuxDataPlaneIsAnErrorNotAFallBack)
 {
     Outcome outcome = run({{"CPUDEFEND_PLATFORM", "box.toml"}});
     EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.out, "init -1\n");
+    EXPECT_EQ(outcome.out, "init 78\n");
     EXPECT_EQ(outcome.err,
               "cpuDefend: couldn't start the Linux data plane that box.toml asks for: " + sibling +
                   ": No such file or directory\n");
@@ -179,7 +179,7 @@ TEST_F(PlatformInit, LinuxDataPlaneThatIsNoProgramIsAnError)
 {
     std::ofstream(sibling) << "";
     Outcome outcome = run({{"CPUDEFEND_PLATFORM", "box.toml"}});
-    EXPECT_EQ(outcome.out, "init -1\n");
+    EXPECT_EQ(outcome.out, "init 78\n");
     EXPECT_EQ(outcome.err,
               "cpuDefend: couldn't start the Linux data plane that box.toml asks for: " + sibling +
                   ": Permission denied\n");
