@@ -4,7 +4,7 @@
 BUILD := build
 NEED := scripts/setup
 
-.PHONY: all run demo test bench flood fuzz mips coverage install lint format clean help
+.PHONY: all run demo test bench flood reach fuzz mips coverage install lint format clean help
 
 all: ## build the daemon and its front ends, optimised
 	@$(NEED) build
@@ -31,6 +31,12 @@ flood: ## the flood tests at full length, 10 s for each rate
 	@cmake --preset test >/dev/null
 	@cmake --build $(BUILD) >/dev/null
 	@cd $(BUILD) && CPUDEFEND_FLOOD_FULL=1 ctest -L flood --output-on-failure
+
+reach: ## does anything get around a policy: 1,000,000 frames of the seed SEED (1) (needs root)
+	@$(NEED) test
+	@cmake --preset test >/dev/null
+	@cmake --build $(BUILD) >/dev/null
+	@cd $(BUILD) && CPUDEFEND_REACH_FULL=1 CPUDEFEND_REACH_SEED=$(or $(SEED),1) ctest -L reach --output-on-failure
 
 fuzz: ## fuzz each target for FUZZ_SECONDS (60) seconds
 	@$(NEED) fuzz

@@ -1,6 +1,8 @@
 #include "host.h"
 
+#include <cstdlib>
 #include <fstream>
+#include <unistd.h>
 
 #include "linux/test_net.h"
 #include "plan.h"
@@ -85,6 +87,15 @@ void makeBridge()
 const char *addressed(const PortKind &kind)
 {
     return kind.isBridged ? bridge : ownPort;
+}
+
+std::string missingFor(const PortKind &kind)
+{
+    if (kind.isTap && access("/dev/net/tun", R_OK | W_OK) != 0)
+        return "no tap devices on this machine";
+    if (kind.isBridged && std::system("ip link add probe type bridge 2>/dev/null") != 0)
+        return "no bridges on this machine";
+    return {};
 }
 
 std::unique_ptr<Wire> makeHost(const PortKind &kind)

@@ -6,6 +6,9 @@
 
 #include "wire.h"
 
+/** Empty, or why this machine has no such port. */
+std::string missingFor(const PortKind &kind);
+
 /** Make a wire of that kind and the host behind it, in the caller's network name space. */
 std::unique_ptr<Wire> makeHost(const PortKind &kind);
 

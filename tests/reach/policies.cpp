@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
+#include <map>
 #include <stdexcept>
 
 #include <unistd.h>
@@ -85,53 +87,76 @@ void limitAll(const std::string &policy, const std::string &settings)
         cpudefendctl("car set " + policy + " " + type + " " + settings);
 }
 
-void addDenials()
+void addDenial(const std::string &name, const std::string &number)
 {
-    for (int i = 0; i < DENIALS; i++) {
-        const std::string name = denialNames[i], number = "1" + std::to_string(i);
-        cpudefendctl("policy add " + name + " black-list=on black-list-ip4-acl=" + number +
-                     "4 black-list-ip6-acl=" + number + "6");
-        limitAll(name, "action=deny");
-    }
+    cpudefendctl("policy add " + name + " black-list=on black-list-ip4-acl=" + number +
+                 "4 black-list-ip6-acl=" + number + "6");
+    limitAll(name, "action=deny");
 }
 
 // Rates so low that every way around them shows.
 constexpr unsigned packetRate = 100, packetBurst = 2; // docs/platform.md, "Policers"
 constexpr unsigned kilobits = 640, octetRate = kilobits * 1000 / 8, octetBurst = 1600;
 
-// The same for frames of 60 octets, with a burst of a tenth of a second by octets and of a fiftieth
-// by packets.
+// The same for frames of 60 octets, with a bucket that takes the same time to fill: what is left of
+// one carries over to the other in proportion.
 constexpr unsigned turnPacketRate = 2000, turnPacketBurst = turnPacketRate / 50;
 constexpr unsigned turnOctetRate = 60 * turnPacketRate, turnKilobits = turnOctetRate * 8 / 1000;
-constexpr unsigned turnOctetBurst = turnOctetRate / 10;
+constexpr unsigned turnOctetBurst = 60 * turnPacketBurst;
 
-void addRates()
+void addTypes(const std::string &name)
+{
+    cpudefendctl("policy add " + name);
+    limitAll(name, "mode=pps pps=" + std::to_string(packetRate));
+}
+
+void addWhiteList(const std::string &name)
 {
     const std::string rate = std::to_string(kilobits), burst = std::to_string(octetBurst);
-    cpudefendctl("policy add types");
-    limitAll("types", "mode=pps pps=" + std::to_string(packetRate));
-    cpudefendctl("policy add white white-list=on white-list-ip4-acl=104 white-list-ip6-acl=106 "
-                 "white-list-ip4-cir=" +
+    cpudefendctl("policy add " + name +
+                 " white-list=on white-list-ip4-acl=104 white-list-ip6-acl=106"
+                 " white-list-ip4-cir=" +
                  rate + " white-list-ip4-cbs=" + burst + " white-list-ip6-cir=" + rate +
                  " white-list-ip6-cbs=" + burst);
-    limitAll("white", "action=deny");
-    cpudefendctl("policy add rules");
-    for (int i = 1; i <= 3; i++) {
-        const std::string number = "1" + std::to_string(i + 2);
-        cpudefendctl("rule add rules " + std::to_string(i) + " ip4-acl=" + number +
-                     "4 ip6-acl=" + number + "6 cir=" + rate + " cbs=" + burst);
-    }
-    limitAll("rules", "action=deny");
+    limitAll(name, "action=deny");
 }
 
-void addTurns()
+void addRules(const std::string &name)
 {
-    for (const char *each : turns)
-        cpudefendctl("policy add " + std::string(each));
-    limitAll(turns[0], "mode=pps pps=" + std::to_string(turnPacketRate));
-    limitAll(turns[1], "mode=cir cir=" + std::to_string(turnKilobits) +
-                           " cbs=" + std::to_string(turnOctetBurst));
+    cpudefendctl("policy add " + name);
+    for (int i = 1; i <= 3; i++) {
+        const std::string number = "1" + std::to_string(i + 2);
+        cpudefendctl("rule add " + name + " " + std::to_string(i) + " ip4-acl=" + number +
+                     "4 ip6-acl=" + number + "6 cir=" + std::to_string(kilobits) +
+                     " cbs=" + std::to_string(octetBurst));
+    }
+    limitAll(name, "action=deny");
 }
+
+void addByPackets(const std::string &name)
+{
+    cpudefendctl("policy add " + name);
+    limitAll(name, "mode=pps pps=" + std::to_string(turnPacketRate));
+}
+
+void addByOctets(const std::string &name)
+{
+    cpudefendctl("policy add " + name);
+    limitAll(name, "mode=cir cir=" + std::to_string(turnKilobits) +
+                       " cbs=" + std::to_string(turnOctetBurst));
+}
+
+/** How each policy is told to the daemon. */
+const std::map<std::string, std::function<void(const std::string &)>> definitions = {
+    {denialNames[Everything], [](const std::string &name) { addDenial(name, "10"); }},
+    {denialNames[Protocols], [](const std::string &name) { addDenial(name, "11"); }},
+    {denialNames[Ports], [](const std::string &name) { addDenial(name, "12"); }},
+    {"types", addTypes},
+    {"white", addWhiteList},
+    {"rules", addRules},
+    {turns[0], addByPackets},
+    {turns[1], addByOctets},
+};
 
 Cap octets(const std::string &name, std::vector<std::string> consumers, unsigned limits = 1)
 {
@@ -206,9 +231,6 @@ Protection::Protection(const PortKind &kind)
                          << lists;
     setenv("CPUDEFEND_PLATFORM", file_.c_str(), 1);
     daemon_ = std::make_unique<DaemonProcess>();
-    addDenials();
-    addRates();
-    addTurns();
 }
 
 Protection::~Protection()
@@ -220,5 +242,7 @@ Protection::~Protection()
 
 void Protection::bind(const std::string &policy)
 {
+    if (told_.insert(policy).second)
+        definitions.at(policy)(policy);
     cpudefend::Client().bind(policy);
 }

@@ -4,8 +4,8 @@
 #ifndef REACH_POLICIES_H
 #define REACH_POLICIES_H
 
-#include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -42,16 +42,17 @@ const std::vector<Cap> &turningCaps(Unit unit);
 class Protection
 {
 public:
-    /** Start the daemon on the port of the plan, and tell it all policies. None is bound. */
+    /** Start the daemon on the port of the plan. No policy is bound. */
     explicit Protection(const PortKind &kind);
     ~Protection();
 
-    /** Bind a policy in place of the one that is bound. */
+    /** Bind a policy in place of the one that is bound; the first time it is told the daemon. */
     void bind(const std::string &policy);
 
 private:
     std::string file_;
     std::unique_ptr<DaemonProcess> daemon_;
+    std::set<std::string> told_;
 };
 
 #endif

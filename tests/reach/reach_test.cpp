@@ -9,10 +9,17 @@
 #include <gtest/gtest.h>
 
 #include "denial.h"
+#include "host.h"
 #include "limits.h"
 #include "linux/bpf_probe.h"
 #include "linux/test_net.h"
 #include "scene.h"
+
+/** For the names of failed tests. */
+void PrintTo(const PortKind &kind, std::ostream *out)
+{
+    *out << kind.name;
+}
 
 namespace
 {
@@ -55,6 +62,8 @@ protected:
         if (std::string why = enterNameSpace(); !why.empty())
             GTEST_SKIP() << why;
         SKIP_WITHOUT_BPF();
+        if (std::string why = missingFor(GetParam()); !why.empty())
+            GTEST_SKIP() << why;
         std::cout << "seed " << seed() << " (CPUDEFEND_REACH_SEED)" << std::endl;
         scene = std::make_unique<Scene>(GetParam(), seedOf(testName()));
     }

@@ -20,12 +20,14 @@ constexpr std::chrono::seconds patience(20);
 constexpr size_t sentAtOnce = 100; // a port has room for 256 that nobody has looked at
 
 /** What comes in on one CPU is dealt with in the order in which it was sent. */
-void keepToThisCpu()
+cpu_set_t keepToThisCpu()
 {
-    cpu_set_t one;
+    cpu_set_t all, one;
+    sched_getaffinity(0, sizeof all, &all);
     CPU_ZERO(&one);
     CPU_SET(static_cast<size_t>(sched_getcpu()), &one);
     sched_setaffinity(0, sizeof one, &one);
+    return all;
 }
 
 /** Wait for something that takes moments, and would else take for ever. */
@@ -40,14 +42,15 @@ template <class Condition> void await(const Condition &condition)
 
 Scene::Scene(const PortKind &kind, uint64_t seed)
     : kind_(kind), seed_(seed), wire_(makeHost(kind)), consumers_(kind, wire_.get()),
-      everything_(openReader(ownPort, allFrames, {}))
+      everything_(openReader(ownPort, allFrames, {})), cpus_(keepToThisCpu())
 {
-    keepToThisCpu();
 }
 
 void Scene::protect()
 {
+    sched_setaffinity(0, sizeof cpus_, &cpus_); // for the daemon
     protection_ = std::make_unique<Protection>(kind_);
+    keepToThisCpu();
     counted_.emplace(ownPort);
 }
 

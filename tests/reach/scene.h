@@ -8,6 +8,7 @@
 #include <chrono>
 #include <memory>
 #include <optional>
+#include <sched.h>
 #include <span>
 #include <string>
 #include <vector>
@@ -60,6 +61,7 @@ private:
     std::unique_ptr<Wire> wire_;
     Consumers consumers_;
     zynlinux::Descriptor everything_; /**< a packet socket of the port */
+    cpu_set_t cpus_;                  /**< that there are for the daemon */
     std::unique_ptr<Protection> protection_;
     std::optional<Counted> counted_;
     uint64_t made_ = 0;
