@@ -127,6 +127,18 @@ TEST(DaemonStart, FurtherArgumentsAreNotRead)
     EXPECT_EQ(std::vector<uint32_t>({4, 32, 40, 4, 2}), poolSizes());
 }
 
+TEST(DaemonStart, ACrashIsSaidFromTheStartOn)
+{
+    for (const auto &[signal, said] :
+         {std::pair{SIGSEGV, "cpuDefend: caught SIGSEGV (signal 11)"},
+          std::pair{SIGABRT, "cpuDefend: caught SIGABRT (signal 6)"}}) {
+        DaemonProcess daemon;
+        const int status = daemon.stop(signal);
+        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == signal) << status;
+        EXPECT_NE(daemon.errors().find(said), std::string::npos) << daemon.errors();
+    }
+}
+
 TEST(DaemonStart, NoPolicyIsBound)
 {
     const DaemonProcess daemon;

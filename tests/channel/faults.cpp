@@ -99,11 +99,30 @@ ssize_t __wrap_recvfrom(int fd, void *buf, size_t length, int flags, sockaddr *a
     return static_cast<ssize_t>(size);
 }
 
+/** Send the first bytes of a message alone. */
+static ssize_t sendPart(int fd, const msghdr *message, int flags)
+{
+    std::vector<uint8_t> bytes;
+    for (size_t i = 0; i < message->msg_iovlen; i++) {
+        const iovec &piece = message->msg_iov[i];
+        const auto *at = static_cast<const uint8_t *>(piece.iov_base);
+        bytes.insert(bytes.end(), at, at + piece.iov_len);
+    }
+    bytes.resize(std::min(bytes.size(), plan.sendAtMost));
+    iovec part{bytes.data(), bytes.size()};
+    msghdr shorter{};
+    shorter.msg_iov = &part;
+    shorter.msg_iovlen = 1;
+    return __real_sendmsg(fd, &shorter, flags);
+}
+
 ssize_t __wrap_sendmsg(int fd, const msghdr *message, int flags)
 {
     if (plan.sending)
         plan.sending();
-    return fails(Call::SendMsg) ? -1 : __real_sendmsg(fd, message, flags);
+    if (fails(Call::SendMsg))
+        return -1;
+    return plan.sendAtMost ? sendPart(fd, message, flags) : __real_sendmsg(fd, message, flags);
 }
 
 int __wrap_select(int count, fd_set *read, fd_set *write, fd_set *except, timeval *wait)

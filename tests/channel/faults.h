@@ -41,6 +41,7 @@ struct Plan {
     /** Called with each accepted connection before the daemon sees it. */
     std::function<void(int)> accepted;
     std::function<void()> sending; /**< called before each sendmsg */
+    size_t sendAtMost = 0;         /**< bytes that a sendmsg takes; 0: all that it can */
     bool noWait = false;           /**< select polls instead of waiting */
     std::optional<int> ready;      /**< the next select finds this one readable, and no other */
 

@@ -231,6 +231,35 @@ TEST_F(Server, ReceivingTheBodyFailing)
     expectClosed(1);
 }
 
+TEST_F(Server, AReplyThatLeavesInPartsArrivesWhole)
+{
+    Bytes body = plainBody;
+    for (uint8_t i = 0; i < 100; i++)
+        body.push_back(i); // so that no two parts are alike
+    const Bytes reply = framed(answered(body, global, numberItem(4)));
+    for (size_t part : {1u, 2u, 3u, 4u, 5u, 7u, 30u, 100u}) {
+        Client client;
+        client.write(framed(body));
+        plan.sendAtMost = part;
+        EXPECT_EQ("", serve(0));
+        plan.sendAtMost = 0;
+        EXPECT_EQ(reply, client.readAll()) << part;
+    }
+}
+
+TEST_F(Server, AReplyThatIsCutOffAfterAPartIsReportedWithWhatHasLeft)
+{
+    gCpuDefend.cpuDefendDebug = 1;
+    Client client;
+    client.write(framed(plainBody));
+    plan.sendAtMost = 6;
+    plan.next[Call::SendMsg] = {0, 0, EPIPE};
+    EXPECT_EQ("\r\n send 12 bytes was different from " + std::to_string(plainBody.size() + 4) +
+                  " in line N in func cpudefendCmdServer!"
+                  "cpudefendCmdServer sendto failed!: Broken pipe\n",
+              serve(-1));
+}
+
 TEST_F(Server, SendingFailing)
 {
     Client client;

@@ -265,6 +265,8 @@ int32_t zynHwScalarGet(uint32_t, uint32_t id, void *)
     const uint32_t held = script.slave ? HW_SYS_SWRUNNINGROLEISSLAVE : HW_SYS_SWRUNNINGROLEISMASTER;
     record.result = id == held && !script.noRole ? 0 : 1;
     calls.push_back(record);
+    if (script.queried)
+        script.queried(record);
     return record.result;
 }
 
@@ -272,6 +274,8 @@ int32_t zynHwCpuGet(uint32_t selector, uint32_t id, uint32_t *value)
 {
     Record record = about(Call::CpuGet, nullptr, id, 0);
     record.selector = selector;
+    if (script.queried)
+        script.queried(record);
     std::deque<uint32_t> &readings = script.cpu[selector];
     if (readings.empty()) {
         record.result = 5;

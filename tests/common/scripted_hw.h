@@ -87,6 +87,8 @@ struct Script {
     /** What entries have counted and not told yet; the others have counted nothing. */
     std::map<Counted, Counts> counts;
 
+    std::function<void(const Record &)> queried; /**< called at role queries and readings */
+
     int32_t pktSock = 0;            /**< the source of packets; 0: there is none */
     std::deque<Packet> packets;     /**< taken in turn */
     bool flood = false;             /**< the last packet stays: there is always another one */

@@ -18,7 +18,7 @@
 namespace seam
 {
 
-bool armed;
+bool armed, debugging;
 std::vector<Call> calls;
 std::map<std::pair<std::string, int>, long> fail;
 int blocks;
@@ -211,6 +211,7 @@ tOsixSemId __wrap_OsixCreateMSem(uint32_t options)
         seam::armed = wasArmed;
     }
     seam::note("OsixCreateMSem", {static_cast<long>(options)}, sem != nullptr);
+    gCpuDefend.cpuDefendDebug = seam::armed && seam::debugging;
     return sem;
 }
 

@@ -34,6 +34,8 @@ struct Call {
 
 /** Note the calls below, and let them fail where `fail` says so. Off outside start-up tests. */
 extern bool armed;
+/** Have debugging on from the semaphore on, which start-up itself never does. */
+extern bool debugging;
 extern std::vector<Call> calls;
 /** Result of the nth call (from 0) of a function, instead of the call itself. */
 extern std::map<std::pair<std::string, int>, long> fail;

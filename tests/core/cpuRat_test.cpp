@@ -54,6 +54,17 @@ protected:
     }
 };
 
+/** Have every role query and reading note whether @a node is armed for a whole period then. */
+static std::vector<bool> *noteArmed(const tTimerNode *node)
+{
+    static std::vector<bool> armed;
+    armed.clear();
+    scripted::script.queried = [node](const scripted::Record &) {
+        armed.push_back(node->link.next != nullptr && node->expiry == osClockNow() + 500);
+    };
+    return &armed;
+}
+
 /* ---- The system's controller ---------------------------------------------------------------- */
 
 class CpuRatSystem : public CpuRat
@@ -225,6 +236,15 @@ TEST_F(CpuRatSystem, TimerRunsForEverWhateverTheMode)
             EXPECT_EQ(timerListNextTimeout(&gCpuDefend.timerList), 500);
         }
     }
+}
+
+TEST_F(CpuRatSystem, HandlerArmsItselfFirst)
+{
+    gCpuDefend.policyMode = CONTROL;
+    const std::vector<bool> *armed = noteArmed(&gCpuDefend.cpuRatControlTimer);
+    sample(7500);
+    EXPECT_GE(armed->size(), 2u) << "the role, the usage";
+    EXPECT_EQ(*armed, std::vector<bool>(armed->size(), true));
 }
 
 TEST_F(CpuRatSystem, HandlerArmsItself)
@@ -615,6 +635,14 @@ TEST_F(CpuRatSlot, TimerRunsForEverWhateverTheMode)
         }
     }
     EXPECT_EQ(slot->cpuRatControlTimer.arg1, slot);
+}
+
+TEST_F(CpuRatSlot, HandlerArmsItselfFirst)
+{
+    const std::vector<bool> *armed = noteArmed(&slot->cpuRatControlTimer);
+    sample(40);
+    EXPECT_GE(armed->size(), 2u) << "the role, the usage";
+    EXPECT_EQ(*armed, std::vector<bool>(armed->size(), true));
 }
 
 TEST_F(CpuRatSlot, OtherModesLookAtNothing)

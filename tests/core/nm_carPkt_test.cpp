@@ -209,6 +209,30 @@ TEST_F(CarPktApi, PolicyBoundToTheSystemIsRefusedUntilUnbound)
     EXPECT_EQ(entry->cir, 64u);
 }
 
+TEST_F(CarPktApi, PolicyBoundToASlotIsRefusedUntilUnbound)
+{
+    cpuDefendSlotEntryAdd(1, 5);
+    tcpuDefendSlotIdx idx{1, 5};
+    unsigned char name = 'p';
+    octetstring bound{&name, 1}, none{&name, 0};
+    ASSERT_EQ(cpuDefendSlotSetApi(&idx, CPUDEFEND_SLOT_POLICY, &bound), 0);
+    EXPECT_EQ(set(CPUDEFEND_CARPKT_CIR, 64), 0x041E0005);
+    EXPECT_EQ(entry->cir, 16u);
+    ASSERT_EQ(cpuDefendSlotSetApi(&idx, CPUDEFEND_SLOT_POLICY, &none), 0);
+    EXPECT_EQ(set(CPUDEFEND_CARPKT_CIR, 64), 0);
+    EXPECT_EQ(entry->cir, 64u);
+}
+
+TEST_F(CarPktApi, PolicyBoundAnyNumberOfTimesIsRefused)
+{
+    for (uint32_t bindings : {1u, 2u, 3u, 0x100u, 0x10000u, 0x80000000u, 0xffffffffu}) {
+        policy->refCount = bindings;
+        EXPECT_EQ(set(CPUDEFEND_CARPKT_CIR, 64), 0x041E0005) << bindings;
+    }
+    policy->refCount = 0;
+    EXPECT_EQ(entry->cir, 16u);
+}
+
 TEST_F(CarPktApi, DuplicateIsShadowedByTheOlder)
 {
     tCpuDefendCarPktEntry *newer = addCar("p", 1);
@@ -326,6 +350,23 @@ static Answer<std::string> next(const std::string &name, uint32_t pktType)
     tcpuDefendCarPktIdx after{};
     const int32_t code = cpuDefendCarPktGetNext(&idx, &after);
     return {code, keyOf(after)};
+}
+
+TEST_F(CarPktApi, WalkWritesTheNamesBytesAndNoMore)
+{
+    addPolicy("e");
+    tcpuDefendCarPktIdx first, next;
+    memset(&first, '~', sizeof first);
+    memset(&next, '~', sizeof next);
+    ASSERT_EQ(cpuDefendCarPktGetFirst(&first), 0);
+    EXPECT_EQ(image(first.policyName), "e" + std::string(31, '~'));
+    EXPECT_EQ(first.policyNameLen, 1u);
+    memset(&first, 0, sizeof first);
+    memset(first.policyName, 'z', 6); // before all of seven bytes
+    first.policyNameLen = 6;
+    ASSERT_EQ(cpuDefendCarPktGetNext(&first, &next), 0);
+    EXPECT_EQ(image(next.policyName), "default" + std::string(25, '~'));
+    EXPECT_EQ(next.policyNameLen, 7u);
 }
 
 TEST_F(CarPktApi, WalkGoesByNameLengthThenNameThenType)

@@ -193,6 +193,34 @@ TEST_F(GlobalSet, ModeIsItsLowByte)
     EXPECT_EQ(gCpuDefend.policyNameLen, 1);
 }
 
+TEST_F(GlobalSet, ModeWhoseLowByteIs1IsCpuRateMode)
+{
+    bind("a");
+    gCpuDefend.selectedPosition = 2;
+    EXPECT_EQ(set(CPUDEFEND_GLOBAL_POLICYMODE, 0x101), 0);
+    EXPECT_EQ(gCpuDefend.policyMode, 1);
+    EXPECT_EQ(gCpuDefend.policyNameLen, 0);
+    EXPECT_EQ(gCpuDefend.selectedPosition, 0);
+}
+
+TEST_F(GlobalSet, NumbersAreEqualInAllTheirBitsOrNot)
+{
+    for (uint32_t attr : {CPUDEFEND_GLOBAL_POLICYMODE, CPUDEFEND_GLOBAL_L1CPURAT,
+                          CPUDEFEND_GLOBAL_L2CPURAT, CPUDEFEND_GLOBAL_L3CPURAT}) {
+        ASSERT_EQ(set(attr, 1), 0);
+        scripted::reset();
+        for (uint32_t other : {0x101u, 0x10001u, 0x80000001u}) {
+            EXPECT_EQ(set(attr, other), 0);
+            ASSERT_FALSE(synced().empty()) << attr << " is not what it was";
+            EXPECT_EQ(synced().back().number, other);
+            EXPECT_EQ(getGlobal(attr), (Answer<uint32_t>{0, 1}));
+        }
+        scripted::reset();
+        EXPECT_EQ(set(attr, 1), 0);
+        EXPECT_TRUE(synced().empty()) << attr;
+    }
+}
+
 /* ---- Thresholds ----------------------------------------------------------------------- */
 
 TEST_F(GlobalSet, ThresholdsAreCutTo8Bits)

@@ -520,6 +520,22 @@ static Answer<std::string> next(const std::string &name)
     return {code, std::string(reinterpret_cast<char *>(after.name), after.len)};
 }
 
+TEST_F(PolicyApi, WalkWritesTheNamesBytesAndNoMore)
+{
+    addPolicy("abc");
+    addPolicy("e");
+    tCpuDefendPolicyIdx first, next;
+    memset(&first, '~', sizeof first);
+    memset(&next, '~', sizeof next);
+    ASSERT_EQ(cpuDefendPolicyGetFirst(&first), 0);
+    EXPECT_EQ(image(first.name), "abc" + std::string(29, '~'));
+    EXPECT_EQ(first.len, 3u);
+    first = policyIdx("default");
+    ASSERT_EQ(cpuDefendPolicyGetNext(&first, &next), 0);
+    EXPECT_EQ(image(next.name), "e" + std::string(31, '~'));
+    EXPECT_EQ(next.len, 1u);
+}
+
 TEST_F(PolicyApi, WalkIsByteWise)
 {
     for (const char *name : {"b", "abc", "ab", "zz", "B"})

@@ -425,6 +425,34 @@ TEST_F(SlotApi, ModeIsItsLowByte)
     EXPECT_EQ(slot->res[0], 0); // the byte beside it
 }
 
+TEST_F(SlotApi, ModeWhoseLowByteIs1IsCpuRateMode)
+{
+    setGlobal(CPUDEFEND_GLOBAL_POLICY, std::string("a"));
+    slot->selectedPosition = 2;
+    EXPECT_EQ(set(CPUDEFEND_SLOT_POLICYMODE, 0x101), 0);
+    EXPECT_EQ(slot->policyMode, 1);
+    EXPECT_EQ(gCpuDefend.policyNameLen, 0);
+    EXPECT_EQ(slot->selectedPosition, 0);
+}
+
+TEST_F(SlotApi, NumbersAreEqualInAllTheirBitsOrNot)
+{
+    for (uint32_t attr : {CPUDEFEND_SLOT_POLICYMODE, CPUDEFEND_SLOT_L1CPURAT,
+                          CPUDEFEND_SLOT_L2CPURAT, CPUDEFEND_SLOT_L3CPURAT}) {
+        ASSERT_EQ(set(attr, 1), 0);
+        scripted::reset();
+        for (uint32_t other : {0x101u, 0x10001u, 0x80000001u}) {
+            EXPECT_EQ(set(attr, other), 0);
+            ASSERT_FALSE(synced().empty()) << attr << " is not what it was";
+            EXPECT_EQ(synced().back().number, other);
+            EXPECT_EQ(getSlot(1, 5, attr), (Answer<uint32_t>{0, 1}));
+        }
+        scripted::reset();
+        EXPECT_EQ(set(attr, 1), 0);
+        EXPECT_TRUE(synced().empty()) << attr;
+    }
+}
+
 /* ---- Levels --------------------------------------------------------------------------- */
 
 TEST_F(SlotApi, ThresholdsAreCutTo8Bits)

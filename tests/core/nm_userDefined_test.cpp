@@ -396,6 +396,25 @@ static Answer<std::string> next(const std::string &name, uint32_t index)
     return {code, keyOf(after)};
 }
 
+TEST_F(UserDefinedApi, WalkWritesTheNamesBytesAndNoMore)
+{
+    addPolicy("e");
+    addRule("e", 1);
+    addRule("default", 1);
+    tcpuDefendUserDefinedIdx first, next;
+    memset(&first, '~', sizeof first);
+    memset(&next, '~', sizeof next);
+    ASSERT_EQ(cpuDefendUserDefinedGetFirst(&first), 0);
+    EXPECT_EQ(image(first.policyName), "e" + std::string(31, '~'));
+    EXPECT_EQ(first.policyNameLen, 1u);
+    memset(&first, 0, sizeof first);
+    memset(first.policyName, 'z', 6); // before all of seven bytes
+    first.policyNameLen = 6;
+    ASSERT_EQ(cpuDefendUserDefinedGetNext(&first, &next), 0);
+    EXPECT_EQ(image(next.policyName), "default" + std::string(25, '~'));
+    EXPECT_EQ(next.policyNameLen, 7u);
+}
+
 TEST_F(UserDefinedApi, WalkGoesByNameLengthThenNameThenIndex)
 {
     addPolicy("aa");

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <fstream>
 
+#include "channel/diagnostics.h"
 #include "core_test.h"
 
 using testing::internal::CaptureStderr;
@@ -364,22 +365,23 @@ struct SocketFailure {
     const char *function;
     int nth;
     long result;
-    size_t opened; /**< sockets open by then */
+    size_t opened;       /**< sockets open by then */
+    const char *message; /**< while debugging is on */
 };
 
 static const SocketFailure socketFailures[] = {
-    {"socket", 0, -1, 0},
-    {"socket", 0, 0, 0},
-    {"bind", 0, -1, 1},
-    {"setsockopt", 0, -1, 1},
-    {"setsockopt", 0, 1, 1},
-    {"socket", 1, -1, 1},
-    {"socket", 1, 0, 1},
-    {"bind", 1, -1, 2},
-    {"listen", 0, -1, 2},
+    {"socket", 0, -1, 0, "rtSock failed in line N in func cpuDefendInit"},
+    {"socket", 0, 0, 0, "rtSock failed in line N in func cpuDefendInit"},
+    {"bind", 0, -1, 1, "rtSock bind failed in line N in func cpuDefendInit"},
+    {"setsockopt", 0, -1, 1, "rtSock setsockopt failed in line N in func cpuDefendInit"},
+    {"setsockopt", 0, 1, 1, "rtSock setsockopt failed in line N in func cpuDefendInit"},
+    {"socket", 1, -1, 1, "cmdSock failed in line N in func cpuDefendInit"},
+    {"socket", 1, 0, 1, "cmdSock failed in line N in func cpuDefendInit"},
+    {"bind", 1, -1, 2, "[cpudefend] bind failed!\r\n"},
+    {"listen", 0, -1, 2, "[cpudefend] listen failed!\r\n"},
     // Beyond what select can wait for.
-    {"socket", 0, FD_SETSIZE, 0},
-    {"socket", 1, FD_SETSIZE, 1},
+    {"socket", 0, FD_SETSIZE, 0, "rtSock failed in line N in func cpuDefendInit"},
+    {"socket", 1, FD_SETSIZE, 1, "cmdSock failed in line N in func cpuDefendInit"},
 };
 
 class SocketFailures : public StartUp, public testing::WithParamInterface<SocketFailure>
@@ -402,6 +404,17 @@ TEST_P(SocketFailures, AreSilentAndReleaseAllButTheSockets)
     EXPECT_EQ(seam::sockets().size(), row.opened);
     for (int fd : seam::sockets())
         EXPECT_GE(fcntl(fd, F_GETFD), 0);
+}
+
+TEST_P(SocketFailures, AreSaidWhileDebugging)
+{
+    const SocketFailure &row = GetParam();
+    seam::fail[{row.function, row.nth}] = row.result;
+    seam::debugging = true;
+    CaptureStderr();
+    EXPECT_EQ(init(), -1);
+    seam::debugging = false;
+    EXPECT_EQ(channel::withoutLines(GetCapturedStderr()), row.message);
 }
 
 static std::string title(const testing::TestParamInfo<SocketFailure> &failure)
