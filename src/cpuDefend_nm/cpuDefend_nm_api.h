@@ -38,7 +38,6 @@ int32_t cpuDefendSlotSetApi(tcpuDefendSlotIdx *idx, uint32_t attrId, octetstring
 int32_t cpuDefendSlotSyncApi(tcpuDefendSlotIdx *idx, uint32_t attrId, octetstring *value);
 int32_t cpuDefendSlotGetFirst(tcpuDefendSlotIdx *idx);
 int32_t cpuDefendSlotGetNext(tcpuDefendSlotIdx *slotIdx, tcpuDefendSlotIdx *nextSlotId);
-int32_t cpuDefendSlotShow();
 tNmKind cpuDefendSlotAttrKind(uint32_t attrId);
 
 /* Policies. A walk visits them in byte-wise order of their names. */
@@ -49,7 +48,6 @@ int32_t cpuDefendPolicySetApi(tCpuDefendPolicyIdx *nameIdx, uint32_t cmd, void *
 int32_t cpuDefendPolicySyncApi(tCpuDefendPolicyIdx *nameIdx, uint32_t cmd, void *var);
 int32_t cpuDefendPolicyGetFirst(tCpuDefendPolicyIdx *nameIdx);
 int32_t cpuDefendPolicyGetNext(tCpuDefendPolicyIdx *nameIdx, tCpuDefendPolicyIdx *nextNameIdx);
-int32_t cpuDefendPolicyShow();
 tNmKind cpuDefendPolicyAttrKind(uint32_t cmd);
 
 /* User-defined rules. A walk visits them by length of the policy name, then name, then index. */
@@ -64,7 +62,6 @@ int32_t cpuDefendUserDefinedSyncApi(tcpuDefendUserDefinedIdx *userDefinedIdx, ui
 int32_t cpuDefendUserDefinedGetFirst(tcpuDefendUserDefinedIdx *userDefinedIdx);
 int32_t cpuDefendUserDefinedGetNext(tcpuDefendUserDefinedIdx *userDefinedIdx,
                                     tcpuDefendUserDefinedIdx *nextUserDefinedIdx);
-int32_t cpuDefendUserDefinedShow(); /**< @return what its last printf returned */
 tNmKind cpuDefendUserDefinedAttrKind(uint32_t cmd);
 
 /* CAR entries. A walk visits them by length of the policy name, then name, then packet type. */
@@ -75,7 +72,6 @@ int32_t cpuDefendCarPktSetApi(tcpuDefendCarPktIdx *carPktIdx, uint32_t cmd, void
 int32_t cpuDefendCarPktSyncApi(tcpuDefendCarPktIdx *carPktIdx, uint32_t cmd, void *var);
 int32_t cpuDefendCarPktGetFirst(tcpuDefendCarPktIdx *carPktIdx);
 int32_t cpuDefendCarPktGetNext(tcpuDefendCarPktIdx *carPktIdx, tcpuDefendCarPktIdx *nextCarPktIdx);
-int32_t cpuDefendCarPktShow();
 tNmKind cpuDefendCarPktAttrKind(uint32_t cmd);
 
 /* Traced sources, read only. A walk visits them in key order, filtered by the index's searchBit. */
@@ -83,14 +79,23 @@ int32_t cpuDefendSrcTraceGetApi(tcpuDefendSrcTraceIdx *srcTraceIdx, uint32_t cmd
 int32_t cpuDefendSrcTraceGetFirst(tcpuDefendSrcTraceIdx *srcTraceIdx);
 int32_t cpuDefendSrcTraceGetNext(tcpuDefendSrcTraceIdx *srcTraceIdx,
                                  tcpuDefendSrcTraceIdx *nextSrcTraceIdx);
-int32_t cpuDefendSrcTraceShow();
-int32_t cpuDefendSrcTraceShow2();
 tNmKind cpuDefendSrcTraceAttrKind(uint32_t cmd);
 
-/* Debugging entries, for a console. */
+/*
+ * Debugging entries, which a debugger or the platform's console calls by name: they print to
+ * standard output. The executables keep them (src/CMakeLists.txt).
+ */
+extern "C" {
+int32_t cpuDefendSlotShow();
+int32_t cpuDefendPolicyShow();
+int32_t cpuDefendUserDefinedShow(); /**< @return what its last printf returned */
+int32_t cpuDefendCarPktShow();
+int32_t cpuDefendSrcTraceShow();
+int32_t cpuDefendSrcTraceShow2();
 int32_t cpuDefendSlotTest(); /**< makes two slots and binds the policy "test" to them. @return 0 */
 void testcpuDefend();
 void ade(); /**< all of the tables' console tests */
+}
 
 /**
  * Where a per-table synchronisation to the standby card goes: called before each change, a
