@@ -65,17 +65,14 @@ constexpr char infoName[] = "cpudefend_info";
 constexpr char pinnedPrefix[] = "cpudefend_"; // of the maps that outlive a daemon
 constexpr uint32_t onlyElement = 0;
 
-/** Whether maps lie pinned that this program can go on with. */
-bool canTakeOver(const PinFolder &pins)
+/** The kernel's number for a map; 0 for what is none. @param bytes its values must be so long */
+uint32_t idOf(int map, size_t bytes)
 {
-    Descriptor map = pins.open(infoName);
-    auto info = std::make_unique<cpd_info>();
-    bpf_map_info shape{};
-    uint32_t size = sizeof shape;
-    return map.get() >= 0 && bpf_obj_get_info_by_fd(map.get(), &shape, &size) == 0 &&
-           shape.value_size == sizeof *info &&
-           bpf_map_lookup_elem(map.get(), &onlyElement, info.get()) == 0 &&
-           info->layout == CPD_LAYOUT && info->size == sizeof *info;
+    bpf_map_info info{};
+    uint32_t size = sizeof info;
+    bool is =
+        map >= 0 && bpf_obj_get_info_by_fd(map, &info, &size) == 0 && info.value_size == bytes;
+    return is ? info.id : 0;
 }
 
 void check(int result, const char *what)
@@ -98,13 +95,18 @@ DataPlane::DataPlane(const PinFolder &pins)
 {
     libraryLog.clear();
     libbpf_set_print(keepLog);
-    takenOver_ = canTakeOver(pins);
-    if (const auto left = pins.names(pinnedPrefix); !takenOver_ && !left.empty()) {
-        // Of another layout, or half done: its links still hold what it needs.
-        std::fputs("[platform] what was left is of another layout: nothing stays in force\n",
-                   stderr);
-        for (const std::string &name : left)
-            pins.unpin(name);
+    skeleton_.reset(cpudefend_bpf__open());
+    if (!skeleton_)
+        throw loadFailure(errno);
+    if (const auto left = pins.names(pinnedPrefix); !left.empty()) {
+        const std::string wrong = wrongWithLeft(pins);
+        takenOver_ = wrong.empty();
+        if (!takenOver_)
+            std::fprintf(stderr, "[platform] what was left %s: nothing stays in force\n",
+                         wrong.c_str());
+        for (const std::string &name : left) // its links still hold what it needs
+            if (!takenOver_)
+                pins.unpin(name);
     }
     load(pins);
 
@@ -124,6 +126,9 @@ DataPlane::DataPlane(const PinFolder &pins)
     info_->layout = CPD_LAYOUT;
     info_->size = sizeof *info_;
     info_->targets[0].used = 1;
+    std::ranges::transform(pinned(), info_->maps, [](bpf_map *map) {
+        return idOf(bpf_map__fd(map), bpf_map__value_size(map));
+    });
     saveInfo();
 }
 
@@ -135,18 +140,12 @@ DataPlane::~DataPlane()
 
 void DataPlane::load(const PinFolder &pins)
 {
-    skeleton_.reset(cpudefend_bpf__open());
-    if (!skeleton_)
-        throw loadFailure(errno);
     skeleton_->rodata->samples_per_tick = samplesPerTick();
     skeleton_->rodata->tick_length = tickLength();
-    bpf_map *map;
-    bpf_object__for_each_map(map, skeleton_->obj)
-    {
-        std::string name = bpf_map__name(map);
-        if (pins.pins() && name.starts_with(pinnedPrefix))
-            check(bpf_map__set_pin_path(map, pins.path(name).c_str()), "name a pinned map");
-    }
+    for (bpf_map *map : pinned())
+        if (pins.pins())
+            check(bpf_map__set_pin_path(map, pins.path(bpf_map__name(map)).c_str()),
+                  "name a pinned map");
     if (int error = cpudefend_bpf__load(skeleton_.get()))
         throw loadFailure(-error);
     bpf_prog_info info{};
@@ -155,16 +154,47 @@ void DataPlane::load(const PinFolder &pins)
     programId_ = info.id;
 }
 
+/** The maps that outlive a daemon. */
+std::vector<bpf_map *> DataPlane::pinned() const
+{
+    std::vector<bpf_map *> maps;
+    bpf_map *map;
+    bpf_object__for_each_map(
+        map, skeleton_->obj) if (std::string_view(bpf_map__name(map)).starts_with(pinnedPrefix))
+        maps.push_back(map);
+    if (maps.size() > CPD_PINNED_MAPS)
+        throw Failure("keep the data plane", "there are too many maps");
+    return maps;
+}
+
+/** Why this program cannot go on with what lies pinned; empty when it can. */
+std::string DataPlane::wrongWithLeft(const PinFolder &pins) const
+{
+    auto info = std::make_unique<cpd_info>();
+    const Descriptor kept = pins.open(infoName);
+    if (idOf(kept.get(), sizeof *info) == 0 ||
+        bpf_map_lookup_elem(kept.get(), &onlyElement, info.get()) != 0 ||
+        info->layout != CPD_LAYOUT || info->size != sizeof *info)
+        return "is of another layout";
+    const uint32_t *known = info->maps;
+    for (bpf_map *map : pinned()) {
+        const std::string name = bpf_map__name(map);
+        const Descriptor left = pins.open(name);
+        if (left.get() < 0)
+            return "is not whole (" + name + " is missing)";
+        if (idOf(left.get(), bpf_map__value_size(map)) != *known++)
+            return "is not whole (" + name + " is another one)";
+    }
+    return {};
+}
+
 size_t DataPlane::pinAgain(const PinFolder &pins, const std::set<std::string> &there) const
 {
     size_t count = 0;
-    bpf_map *map;
-    bpf_object__for_each_map(map, skeleton_->obj)
-    {
-        const std::string name = bpf_map__name(map);
-        if (!name.starts_with(pinnedPrefix) || there.contains(name))
+    for (bpf_map *map : pinned()) {
+        if (there.contains(bpf_map__name(map)))
             continue;
-        pins.pin(bpf_map__fd(map), name);
+        pins.pin(bpf_map__fd(map), bpf_map__name(map));
         count++;
     }
     return count;

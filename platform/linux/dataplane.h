@@ -17,6 +17,7 @@
 #include "descriptor.h"
 #include "pin_folder.h"
 
+struct bpf_map;
 struct cpudefend_bpf;
 
 namespace zynlinux
@@ -69,7 +70,7 @@ public:
     cpd_info &info() { return *info_; }
     void saveInfo();
 
-    /** Whether the maps were found pinned, by a daemon of this layout. */
+    /** Whether the maps were found pinned: all of them, of one daemon, and of this layout. */
     bool takenOver() const { return takenOver_; }
 
     /** Pin again the maps that are not there any more. @param there the names that are
@@ -129,6 +130,8 @@ public:
     int samples() const;   /**< the ring of samples */
 
 private:
+    std::vector<bpf_map *> pinned() const;
+    std::string wrongWithLeft(const PinFolder &pins) const;
     void load(const PinFolder &pins);
     int newPolicy(const cpd_policy &policy) const;
     int placeNear(uint32_t ifindex, __u32 port);

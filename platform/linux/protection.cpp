@@ -83,9 +83,21 @@ uint32_t Protection::claim(const std::pair<uint32_t, uint32_t> &slot, const Slot
 void Protection::makeSite(uint32_t target)
 {
     Site &site = sites_.try_emplace(target, pool_, unreadPps_).first->second;
-    const cpd_place &left = plane_.info().targets[target];
+    cpd_place &left = plane_.info().targets[target];
     if (!left.in_force)
         return;
+    if (left.policy.acl_count != 0 && !plane_.hasTables(left.policy.table_set)) {
+        const std::string place =
+            target == systemTarget
+                ? "for the system"
+                : "at slot " + std::to_string(left.slot) + " of system " + std::to_string(left.sys);
+        std::fprintf(stderr,
+                     "[platform] what was left %s is not whole (the tables of its ACLs are "
+                     "missing): it does not stay in force\n",
+                     place.c_str());
+        left.in_force = 0;
+        return;
+    }
     site.inherited = true;
     site.place.inherit(left.policy);
     if (left.policy.acl_count != 0)

@@ -189,6 +189,67 @@ TEST_F(TakeOver, PinnedByAnotherLayoutIsReplaced)
     EXPECT_FALSE(arpArrives());
 }
 
+/** What is left of a former daemon, with one of the pinned maps not being there, or not its own. */
+class LeftInPart : public TakeOver, public testing::WithParamInterface<const char *>
+{
+protected:
+    std::string pin() const { return pinFolder + "/" + GetParam(); }
+
+    void expectNothingInForce(const std::string &reason)
+    {
+        Outcome outcome = startOnPort();
+        ASSERT_EQ(outcome.result, 0) << outcome.text;
+        EXPECT_EQ(outcome.text, "[platform] what was left " + reason +
+                                    ": nothing stays in force\n"
+                                    "[platform] port port0 is protected in native mode\n");
+        EXPECT_TRUE(arpArrives());
+        EXPECT_EQ(set(nullptr, true, arpEntry(0, ZYN_HW_OP_DENY)), 0);
+        EXPECT_FALSE(arpArrives());
+    }
+
+    /** A map of the same shape in the place of the one that is pinned. */
+    void replace()
+    {
+        Descriptor own(bpf_obj_get(pin().c_str()));
+        bpf_map_info shape{};
+        uint32_t size = sizeof shape;
+        ASSERT_EQ(bpf_obj_get_info_by_fd(own.get(), &shape, &size), 0);
+        LIBBPF_OPTS(bpf_map_create_opts, options, .map_flags = shape.map_flags);
+        Descriptor like(
+            bpf_map_create(BPF_MAP_TYPE_ARRAY, "inner", 4, sizeof(cpd_policy), 1, nullptr));
+        if (shape.type == BPF_MAP_TYPE_ARRAY_OF_MAPS)
+            options.inner_map_fd = static_cast<uint32_t>(like.get());
+        Descriptor other(bpf_map_create(static_cast<bpf_map_type>(shape.type), shape.name,
+                                        shape.key_size, shape.value_size, shape.max_entries,
+                                        &options));
+        ASSERT_GE(other.get(), 0) << strerror(errno);
+        ASSERT_EQ(unlink(pin().c_str()), 0);
+        ASSERT_EQ(bpf_obj_pin(other.get(), pin().c_str()), 0);
+    }
+};
+
+TEST_P(LeftInPart, MapThatIsMissingIsSaid)
+{
+    leaveArpDenied();
+    ASSERT_EQ(unlink(pin().c_str()), 0);
+    const std::string name = GetParam();
+    expectNothingInForce(name == "cpudefend_info" ? "is of another layout"
+                                                  : "is not whole (" + name + " is missing)");
+}
+
+TEST_P(LeftInPart, MapThatIsNotItsOwnIsSaid)
+{
+    leaveArpDenied();
+    replace();
+    const std::string name = GetParam();
+    expectNothingInForce(name == "cpudefend_info" ? "is of another layout"
+                                                  : "is not whole (" + name + " is another one)");
+}
+
+INSTANTIATE_TEST_SUITE_P(Map, LeftInPart,
+                         testing::Values("cpudefend_meter", "cpudefend_acls", "cpudefend_info"),
+                         [](const auto &each) { return std::string(each.param); });
+
 TEST_F(TakeOver, SecondDaemonIsRefusedWhileTheFirstLives)
 {
     ASSERT_EQ(startOnPort().result, 0);
@@ -300,6 +361,32 @@ TEST_F(LeftAcls, StayInForceAtASlotWhateverIsBoundElsewhere)
         EXPECT_EQ(bind(101, ZYN_HW_OP_DENY, 0, 0, &other), 0);
         expectInForce();
     }
+}
+
+TEST_F(LeftAcls, WithoutTheirTablesAreNotCalledInForce)
+{
+    const std::string text =
+        std::string("ports = [\"peer0\"]\n") + acls + "[[slot]]\nslot = 3\nports = [\"port0\"]\n";
+    const tSlotIndex slot{0, 3, 0};
+    leaveBehind(text, [&] {
+        bind(100, ZYN_HW_OP_DENY, 0, 0, &slot);
+        set(&slot, true, arpEntry(0, ZYN_HW_OP_DENY));
+        set(nullptr, true, arpEntry(0, ZYN_HW_OP_DENY));
+    });
+    Descriptor sets(bpf_obj_get((pinFolder + "/cpudefend_acls").c_str()));
+    for (uint32_t set = 0; set < CPD_TABLE_SETS; set++)
+        bpf_map_delete_elem(sets.get(), &set);
+    Outcome outcome = start(text);
+    ASSERT_EQ(outcome.result, 0);
+    EXPECT_NE(outcome.text.find("[platform] what was left at slot 3 of system 0 is not whole (the "
+                                "tables of its ACLs are missing): it does not stay in force\n"),
+              std::string::npos)
+        << outcome.text;
+    EXPECT_NE(outcome.text.find("stays in force for 60 seconds"), std::string::npos);
+    EXPECT_TRUE(udpArrives("192.0.2.7", 5000));
+    EXPECT_TRUE(arpArrives());
+    EXPECT_FALSE(arpArrives(protectedPort, peerPort)); // the system's is whole
+    EXPECT_EQ(start(text).text.find("not whole"), std::string::npos); // nothing is left of it
 }
 
 /** Stop a daemon with a signal, and see what is left. */

@@ -304,9 +304,12 @@ struct cpd_place {
     struct cpd_policy policy;
 };
 
+#define CPD_PINNED_MAPS 16 /* there are no more */
+
 struct cpd_info {
     __u32 layout; /* CPD_LAYOUT; written last, so anything else is not ours, or not finished */
     __u32 size;   /* sizeof(struct cpd_info), which tells layouts apart that forgot to say so */
+    __u32 maps[CPD_PINNED_MAPS]; /* those that belong together, by the kernel's numbers */
     struct cpd_place targets[CPD_TARGETS];
 };
 
