@@ -228,7 +228,7 @@ void cpuDefendSocketKeep();
  * @param maxPolicyNumber size of the policy pool, 0 for 32; the pools of rules, CAR entries and
  *                        traced sources are 8, 10 and 1 times as large
  * @param maxSlotNumber   size of the slot pool, 0 for 10
- * @return 0, or -1 with everything but open sockets released
+ * @return 0, or -1 with errno set and everything but open sockets released
  */
 int32_t cpuDefendInit(uint32_t maxPolicyNumber, uint32_t maxSlotNumber);
 

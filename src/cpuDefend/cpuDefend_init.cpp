@@ -1,6 +1,7 @@
 /**
  * The daemon's state and its start-up.
  */
+#include <errno.h>
 #include <linux/netlink.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -32,12 +33,21 @@ void sizePools(uint32_t maxPolicyNumber, uint32_t maxSlotNumber)
     gCpuDefend.maxSlotNum = maxSlotNumber ? maxSlotNumber : CPUDEFEND_DEFAULT_SLOTNUM;
 }
 
+/** Print a line about a step that failed. errno stays what the step made it. */
+void say(const char *text, const char *end = "")
+{
+    const int reason = errno;
+    fputs(text, stdout);
+    fputs(end, stdout);
+    errno = reason;
+}
+
 /** Allocate a pool of @a count zeroed records; a failure prints @a failure. */
 template <typename T> bool allocate(T **table, uint32_t count, const char *failure)
 {
     *table = static_cast<T *>(calloc(count, sizeof(T)));
     if (!*table)
-        puts(failure);
+        say(failure, "\n");
     return *table != nullptr;
 }
 
@@ -87,13 +97,14 @@ bool createSem()
 {
     gCpuDefend.cpuDefendSem = OsixCreateMSem(SEM_OPTIONS);
     if (!gCpuDefend.cpuDefendSem)
-        printf("\n\r cpuDefend module create sem error.");
+        say("\n\r cpuDefend module create sem error.");
     return gCpuDefend.cpuDefendSem != nullptr;
 }
 
 bool createDefaultPolicy()
 {
     static const uint8_t name[] = {'d', 'e', 'f', 'a', 'u', 'l', 't'};
+    errno = ENOMEM; // when it fails, there is no record for it
     return cpuDefendPolicyEntryAdd(name, sizeof name) != nullptr;
 }
 
@@ -107,6 +118,8 @@ bool failed(const char *format, int line)
 /** Whether select can wait for a socket. One numbered 0 counts as a failure. */
 bool isUsable(int fd)
 {
+    if (fd == 0 || fd >= FD_SETSIZE)
+        errno = fd == 0 ? EBADF : EMFILE;
     return fd > 0 && fd < FD_SETSIZE;
 }
 
@@ -185,6 +198,8 @@ int32_t cpuDefendInit(uint32_t maxPolicyNumber, uint32_t maxSlotNumber)
     sizePools(maxPolicyNumber, maxSlotNumber);
     if (startUp())
         return 0;
+    const int reason = errno;
     release();
+    errno = reason;
     return -1;
 }

@@ -5,7 +5,6 @@
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <unistd.h>
 
 #include "cpuDefend.h"
 
@@ -15,13 +14,12 @@
  */
 static bool takeStandardDescriptors()
 {
-    int fd;
-    do {
-        fd = open("/dev/null", O_RDWR);
-    } while (fd >= 0 && fd <= 2);
-    if (fd < 0)
-        return false;
-    return close(fd) == 0;
+    for (int fd = 0; fd <= 2; fd++)
+        if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", O_RDWR) != fd) {
+            perror("couldn't open /dev/null");
+            return false;
+        }
+    return true;
 }
 
 /** The argument's number; anything that is none gives 0, which stands for the default. */

@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -224,6 +226,59 @@ TEST(DaemonStart, ASocketPathThatCannotBeHadIsAnError)
     const FolderInTheWay folder(CPUDEFEND_CMD_SOCKET);
     expectRefusedStart({}, "cpuDefend: couldn't take " CPUDEFEND_CMD_SOCKET
                            ": a folder is in its place\n");
+}
+
+/** In a process that has no /dev, @a body is to return what is wrong. @return that, in short */
+template <typename Body> std::string withoutDev(Body body)
+{
+    int said[2];
+    if (pipe2(said, O_CLOEXEC) != 0)
+        return "no pipe";
+    const pid_t child = fork();
+    if (child == 0) {
+        std::string wrong = "no mount name space";
+        if (unshare(CLONE_NEWNS) == 0 &&
+            mount("none", "/", nullptr, MS_REC | MS_PRIVATE, "") == 0 &&
+            mount("none", "/dev", "tmpfs", 0, "") == 0)
+            wrong = body();
+        (void)!write(said[1], wrong.data(), wrong.size());
+        _exit(0);
+    }
+    close(said[1]);
+    std::string wrong(500, '\0');
+    const ssize_t len = read(said[0], wrong.data(), wrong.size());
+    close(said[0]);
+    waitpid(child, nullptr, 0);
+    wrong.resize(len > 0 ? static_cast<size_t>(len) : 0);
+    return wrong;
+}
+
+TEST(DaemonStart, NeedsNoDevNullWhileItsDescriptorsAreOpen)
+{
+    const std::string wrong = withoutDev([]() -> std::string {
+        try {
+            const DaemonProcess daemon;
+            return "";
+        } catch (const std::exception &failure) {
+            return failure.what();
+        }
+    });
+    if (wrong == "no mount name space")
+        GTEST_SKIP() << wrong;
+    EXPECT_EQ(wrong, "");
+}
+
+TEST(DaemonStart, SaysWhyADescriptorCannotBeOpened)
+{
+    const std::string wrong = withoutDev([]() -> std::string {
+        close(STDIN_FILENO);
+        std::string errors;
+        const int status = runDaemon({}, {}, 20, &errors);
+        return std::to_string(status) + ' ' + errors;
+    });
+    if (wrong == "no mount name space")
+        GTEST_SKIP() << wrong;
+    EXPECT_EQ(wrong, "255 couldn't open /dev/null: No such file or directory\n");
 }
 
 TEST(DaemonStart, ClosedStandardDescriptorsDoNotHinderIt)

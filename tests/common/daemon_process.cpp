@@ -56,9 +56,11 @@ pid_t start(const std::string &program, const std::vector<std::string> &args,
 int openErrors()
 {
     char name[] = "/tmp/cpudefend-test-XXXXXX";
-    const int fd = mkstemp(name);
+    const int lowest = mkstemp(name);
+    const int fd = fcntl(lowest, F_DUPFD_CLOEXEC, STDERR_FILENO + 1); // not one that a test closed
     if (fd < 0)
         throw std::runtime_error("no file for the daemon's messages");
+    close(lowest);
     unlink(name);
     return fd;
 }

@@ -52,7 +52,10 @@ static std::optional<long> planned(const std::string &function)
     for (const Call &call : calls)
         nth += call.function == function;
     auto found = fail.find({function, nth});
-    return found == fail.end() ? std::nullopt : std::optional<long>(found->second);
+    if (found == fail.end())
+        return std::nullopt;
+    errno = failure;
+    return found->second;
 }
 
 static void note(const std::string &function, std::vector<long> args, long result,
@@ -124,6 +127,8 @@ void __wrap_free(void *block)
             seam::blocks--;
         }
     __real_free(block);
+    if (seam::armed)
+        errno = ECHILD; /* as a C library may */
 }
 
 int __wrap_socket(int domain, int type, int protocol)

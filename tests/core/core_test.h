@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -39,6 +40,7 @@ extern bool debugging;
 extern std::vector<Call> calls;
 /** Result of the nth call (from 0) of a function, instead of the call itself. */
 extern std::map<std::pair<std::string, int>, long> fail;
+constexpr int failure = EDOM; /**< what errno says of it: no call of start-up fails so */
 /** Blocks from calloc while armed that were not freed. */
 extern int blocks;
 

@@ -361,27 +361,65 @@ TEST_F(StartUp, FailedDefaultPolicyIsSilentAndReleasesAll)
     EXPECT_TRUE(callsOf("socket").empty());
 }
 
+/** As long as it lives, nothing can be printed, and trying leaves an errno of its own. */
+struct NoStdout {
+    NoStdout() : kept(dup(STDOUT_FILENO))
+    {
+        fflush(stdout);
+        setvbuf(stdout, nullptr, _IONBF, 0);
+        close(STDOUT_FILENO);
+    }
+    ~NoStdout()
+    {
+        dup2(kept, STDOUT_FILENO);
+        close(kept);
+        setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+        clearerr(stdout);
+    }
+    int kept;
+};
+
+TEST_F(StartUp, ReasonOfAFailureOutlastsWhatIsSaidOfIt)
+{
+    for (const auto &step : {std::pair{"calloc", 0}, {"calloc", 3}, {"OsixCreateMSem", 0}}) {
+        seam::fail = {{step, 0}};
+        int32_t result;
+        int reason;
+        {
+            const NoStdout silent;
+            result = init();
+            reason = errno;
+        }
+        EXPECT_EQ(result, -1);
+        EXPECT_EQ(reason, seam::failure) << step.first;
+    }
+    seam::fail = {{{"cpuDefendPolicyEntryAdd", 0}, 0}};
+    EXPECT_EQ(init(), -1);
+    EXPECT_EQ(errno, seam::failure);
+}
+
 struct SocketFailure {
     const char *function;
     int nth;
     long result;
     size_t opened;       /**< sockets open by then */
     const char *message; /**< while debugging is on */
+    int reason = seam::failure;
 };
 
 static const SocketFailure socketFailures[] = {
     {"socket", 0, -1, 0, "rtSock failed in line N in func cpuDefendInit"},
-    {"socket", 0, 0, 0, "rtSock failed in line N in func cpuDefendInit"},
+    {"socket", 0, 0, 0, "rtSock failed in line N in func cpuDefendInit", EBADF},
     {"bind", 0, -1, 1, "rtSock bind failed in line N in func cpuDefendInit"},
     {"setsockopt", 0, -1, 1, "rtSock setsockopt failed in line N in func cpuDefendInit"},
     {"setsockopt", 0, 1, 1, "rtSock setsockopt failed in line N in func cpuDefendInit"},
     {"socket", 1, -1, 1, "cmdSock failed in line N in func cpuDefendInit"},
-    {"socket", 1, 0, 1, "cmdSock failed in line N in func cpuDefendInit"},
+    {"socket", 1, 0, 1, "cmdSock failed in line N in func cpuDefendInit", EBADF},
     {"bind", 1, -1, 2, "[cpudefend] bind failed!\r\n"},
     {"listen", 0, -1, 2, "[cpudefend] listen failed!\r\n"},
     // Beyond what select can wait for.
-    {"socket", 0, FD_SETSIZE, 0, "rtSock failed in line N in func cpuDefendInit"},
-    {"socket", 1, FD_SETSIZE, 1, "cmdSock failed in line N in func cpuDefendInit"},
+    {"socket", 0, FD_SETSIZE, 0, "rtSock failed in line N in func cpuDefendInit", EMFILE},
+    {"socket", 1, FD_SETSIZE, 1, "cmdSock failed in line N in func cpuDefendInit", EMFILE},
 };
 
 class SocketFailures : public StartUp, public testing::WithParamInterface<SocketFailure>
@@ -395,6 +433,7 @@ TEST_P(SocketFailures, AreSilentAndReleaseAllButTheSockets)
     CaptureStdout();
     CaptureStderr();
     const int32_t result = init();
+    EXPECT_EQ(errno, row.reason);
     EXPECT_EQ(GetCapturedStdout() + GetCapturedStderr(), "");
     expectReleased(result);
     EXPECT_EQ(callsOf("OsixDeleteSem").size(), 1u);
