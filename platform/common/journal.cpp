@@ -8,6 +8,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace
@@ -116,15 +117,28 @@ const tIdName idNames[] = {
     {HW_CPU_USED, "HW_CPU_USED"},
 };
 
+const char *reasonOf(int32_t error)
+{
+    switch (error) {
+    case EINVAL: return "it is no regular file";
+    case ELOOP: return "it is a symbolic link";
+    default: return strerror(error);
+    }
+}
+
 } // namespace
 
 int32_t journalOpen(const char *path)
 {
-    int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+    int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
     if (fd < 0)
-        return errno;
+        return errno == ENXIO ? EINVAL : errno; // a pipe that nobody reads, or a socket
+    struct stat status;
+    if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+        close(fd);
+        return EINVAL;
+    }
     journalClose();
-    signal(SIGPIPE, SIG_IGN);
     signal(SIGXFSZ, SIG_IGN);
     journal.fd = fd;
     return 0;
@@ -140,7 +154,7 @@ int32_t journalInit()
     int32_t error = journalOpen(path);
     if (error == 0)
         return 0;
-    fprintf(stderr, "cpuDefend: couldn't open the journal %s: %s\n", path, strerror(error));
+    fprintf(stderr, "cpuDefend: couldn't open the journal %s: %s\n", path, reasonOf(error));
     return -1;
 }
 

@@ -12,9 +12,10 @@
 
 /**
  * Open the journal, behind what the file holds already. A new file is readable by its owner
- * alone. From then on the process ignores SIGPIPE and SIGXFSZ, so that a journal which can't be
- * written any more costs lines and not the daemon.
- * @return 0 or an errno value
+ * alone. From then on the process ignores SIGXFSZ, so that a journal which can't be written any
+ * more costs lines and not the daemon.
+ * @return 0 or an errno value: EINVAL for what is no regular file, ELOOP for a link, which is not
+ *         followed
  */
 int32_t journalOpen(const char *path);
 

@@ -4,6 +4,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "zynosal.h"
+
 namespace refusals
 {
 
@@ -85,10 +87,10 @@ void say(const tEntry &entry, const char *what, int32_t result, const char *reas
     char place[sizeof "slot 4294967295/4294967295"] = "the system";
     if (entry.isSlot)
         snprintf(place, sizeof place, "slot %u/%u", entry.sys, entry.slot);
-    fprintf(stderr, "[platform] %s %u (%s) %s on %s: %s\n",
-            entry.isAcl ? "ACL" : "CAR entry for packet type", entry.number,
-            entry.op == ZYN_HW_OP_DENY ? "deny" : "permit", what, place,
-            reason != nullptr ? reason : strerror(result));
+    NM_DEBUG_OUTPUT("[platform] %s %u (%s) %s on %s: %s\n",
+                    entry.isAcl ? "ACL" : "CAR entry for packet type", entry.number,
+                    entry.op == ZYN_HW_OP_DENY ? "deny" : "permit", what, place,
+                    reason != nullptr ? reason : strerror(result));
 }
 
 tEntry entryAt(const tSlotIndex *slot)

@@ -303,8 +303,35 @@ int adr_encodedata(adr_t *adr, unsigned char type, uint16_t len, const void *dat
 
 /* ---- Diagnostics ---------------------------------------------------------------------- */
 
-/** Print to standard error, as printf; errno stays as it is. */
+/** What messages are about. */
+enum {
+    OS_MESSAGES_OF_START,   /**< a start says as much as it has to */
+    OS_MESSAGES_OF_EVENTS,  /**< what happens by itself, or is done to us from outside */
+    OS_MESSAGES_OF_REQUESTS /**< what somebody asks for who may be watching */
+};
+
+#define OS_MESSAGES_BURST 1000 /**< messages of events, and as many of requests, at once */
+#define OS_MESSAGES_RATE 20    /**< more of them in each second */
+
+/**
+ * Print to standard error, as printf; errno stays as it is. A message that osMessageAdmitted
+ * refuses is left out.
+ */
 void NM_DEBUG_OUTPUT(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+/**
+ * Say what the messages from now on are about; of a start to begin with. To be called now and
+ * then: how many were left out since is said here, once a second at most.
+ * @param about OS_MESSAGES_OF_EVENTS or OS_MESSAGES_OF_REQUESTS; another value stands for a start
+ */
+void osMessagesAbout(uint32_t about);
+
+/**
+ * Whether a message may be printed now, by whatever means. One that may counts as printed, one
+ * that may not as left out. Events and requests do not take from each other.
+ * @return 1, or 0 while there were too many
+ */
+int osMessageAdmitted(void);
 
 /**
  * From now on a fatal signal (SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT) prints its name and a

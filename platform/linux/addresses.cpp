@@ -2,12 +2,13 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <netinet/in.h>
 #include <string>
 #include <utility>
+
+#include "zynosal.h"
 
 namespace zynlinux
 {
@@ -150,10 +151,10 @@ void Addresses::refresh()
         now.insert(told_.begin(), told_.end());
     told_ = std::move(now);
     if (!plane_.setOwn(told_) && !std::exchange(saidTooMany_, true))
-        std::fprintf(stderr,
-                     "[platform] warning: of what is the host's own only %u addresses and as many "
-                     "networks are known\n",
-                     static_cast<unsigned>(CPD_ADDRESSES));
+        NM_DEBUG_OUTPUT(
+            "[platform] warning: of what is the host's own only %u addresses and as many "
+            "networks are known\n",
+            static_cast<unsigned>(CPD_ADDRESSES));
 }
 
 } // namespace zynlinux

@@ -3,14 +3,14 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdio>
-#include <memory>
+#include <fcntl.h>
 #include <net/if.h>
-#include <optional>
+#include <sys/stat.h>
 #include <utility>
 
 #include <toml++/toml.h>
 
+#include "descriptor.h"
 #include "failure.h"
 
 namespace zynlinux
@@ -257,13 +257,24 @@ try {
     fail(error.source(), std::string(error.description()));
 }
 
-std::optional<std::string> slurp(std::FILE *file)
+/** The text of a regular file: another may keep its reader waiting, or never end. */
+std::string slurp(const std::string &path)
 {
+    const std::string what = "read platform file " + path;
+    Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat status;
+    if (file.get() < 0 || fstat(file.get(), &status) != 0)
+        throw Failure(what, errno);
+    if (!S_ISREG(status.st_mode))
+        throw Failure(what, "it is no regular file");
     std::string text;
     char buffer[4096];
-    while (size_t got = std::fread(buffer, 1, sizeof buffer, file))
-        text.append(buffer, got);
-    return std::ferror(file) ? std::nullopt : std::optional(std::move(text));
+    ssize_t got;
+    while ((got = read(file.get(), buffer, sizeof buffer)) > 0)
+        text.append(buffer, static_cast<size_t>(got));
+    if (got < 0)
+        throw Failure(what, errno);
+    return text;
 }
 
 } // namespace
@@ -275,14 +286,7 @@ Config parseConfig(std::string_view text, const std::string &name)
 
 Config readConfig(const std::string &path)
 {
-    std::unique_ptr<std::FILE, int (*)(std::FILE *)> file(std::fopen(path.c_str(), "re"),
-                                                          std::fclose);
-    std::optional<std::string> text;
-    if (file)
-        text = slurp(file.get());
-    if (!text)
-        throw Failure("read platform file " + path, errno);
-    return parseConfig(*text, path);
+    return parseConfig(slurp(path), path);
 }
 
 const char *modeName(Mode mode)

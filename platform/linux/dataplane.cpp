@@ -14,6 +14,7 @@
 
 #include "cpudefend.skel.h"
 #include "failure.h"
+#include "zynosal.h"
 
 namespace zynlinux
 {
@@ -102,8 +103,7 @@ DataPlane::DataPlane(const PinFolder &pins)
         const std::string wrong = wrongWithLeft(pins);
         takenOver_ = wrong.empty();
         if (!takenOver_)
-            std::fprintf(stderr, "[platform] what was left %s: nothing stays in force\n",
-                         wrong.c_str());
+            NM_DEBUG_OUTPUT("[platform] what was left %s: nothing stays in force\n", wrong.c_str());
         for (const std::string &name : left) // its links still hold what it needs
             if (!takenOver_)
                 pins.unpin(name);

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -26,6 +25,7 @@
 #include "protection.h"
 #include "refusals.h"
 #include "samples.h"
+#include "zynosal.h"
 
 namespace zynlinux
 {
@@ -54,7 +54,7 @@ public:
         said_.clear();
     } catch (const std::exception &failure) {
         if (std::exchange(said_, failure.what()) != failure.what())
-            std::fprintf(stderr, "%s\n", failure.what());
+            NM_DEBUG_OUTPUT("%s\n", failure.what());
     }
 
 private:
@@ -128,10 +128,9 @@ void Host::start()
     warnOfUnusedPorts();
     if (!protection_.hasInherited())
         return;
-    std::fprintf(stderr,
-                 "[platform] what a former daemon programmed stays in force for %u seconds, or "
-                 "until it is bound again\n",
-                 config_.grace);
+    NM_DEBUG_OUTPUT("[platform] what a former daemon programmed stays in force for %u seconds, or "
+                    "until it is bound again\n",
+                    config_.grace);
     graceEnd_ = Clock::now() + seconds(config_.grace);
     handleSecond();
 }
@@ -158,27 +157,25 @@ void Host::warnOfUnusedPorts() const
         return;
     for (const PortConfig &port : config_.ports)
         if (port.sys == 0 && port.slot == 0)
-            std::fprintf(stderr,
-                         "[platform] warning: port %s is in no slot; while a slot has ports, "
-                         "nothing is programmed for it\n",
-                         port.name.c_str());
+            NM_DEBUG_OUTPUT("[platform] warning: port %s is in no slot; while a slot has ports, "
+                            "nothing is programmed for it\n",
+                            port.name.c_str());
 }
 
 /** ACLs are taken from the platform file anew; the rest of it counts at the next start. */
 void Host::reload()
 try {
     protection_.reload(readConfig(file_).acls);
-    std::fprintf(stderr, "[platform] ACLs are those of %s now\n", file_.c_str());
+    NM_DEBUG_OUTPUT("[platform] ACLs are those of %s now\n", file_.c_str());
     protection_.prepare();
 } catch (const std::exception &failure) {
-    std::fprintf(stderr, "%s; the ACLs stay as they were\n", failure.what());
+    NM_DEBUG_OUTPUT("%s; the ACLs stay as they were\n", failure.what());
 }
 
 void Host::stop()
 {
     bool leave = config_.onStop == OnStop::Leave && pins_.pins();
-    std::fprintf(stderr, "[platform] stopping; the protection %s\n",
-                 leave ? "stays in force" : "ends");
+    NM_DEBUG_OUTPUT("[platform] stopping; the protection %s\n", leave ? "stays in force" : "ends");
     if (!leave) {
         ports_.stop();
         pins_.clear();
@@ -197,8 +194,8 @@ void Host::checkPins()
     const std::set<std::string> there(names.begin(), names.end());
     const size_t count = plane_.pinAgain(pins_, there) + ports_.pinAgain(there);
     if (count != 0)
-        std::fprintf(stderr, "[platform] %zu of what was pinned in %s had vanished: pinned again\n",
-                     count, config_.pin.c_str());
+        NM_DEBUG_OUTPUT("[platform] %zu of what was pinned in %s had vanished: pinned again\n",
+                        count, config_.pin.c_str());
 }
 
 /** What is due every second: also what was programmed, but could not be put in force. */
@@ -207,7 +204,7 @@ void Host::handleSecond()
     if (graceEnd_ && Clock::now() >= *graceEnd_) {
         graceEnd_.reset();
         if (protection_.hasInherited()) {
-            std::fprintf(stderr, "[platform] what was not bound again is dropped\n");
+            NM_DEBUG_OUTPUT("[platform] what was not bound again is dropped\n");
             protection_.dropInherited();
         }
     }
@@ -274,7 +271,7 @@ try {
 } catch (const std::bad_alloc &) {
     return ENOMEM;
 } catch (const std::exception &failure) {
-    std::fprintf(stderr, "%s\n", failure.what());
+    NM_DEBUG_OUTPUT("%s\n", failure.what());
     return EIO;
 }
 
@@ -293,7 +290,7 @@ try {
     asked = readConfig(configFile());
     return 0;
 } catch (const std::exception &failure) {
-    std::fprintf(stderr, "%s\n", failure.what());
+    NM_DEBUG_OUTPUT("%s\n", failure.what());
     return ZYN_EXIT_CONFIG;
 }
 
@@ -309,7 +306,7 @@ try {
     host = std::move(starting);
     return 0;
 } catch (const std::exception &failure) {
-    std::fprintf(stderr, "%s\n", failure.what());
+    NM_DEBUG_OUTPUT("%s\n", failure.what());
     return -1;
 }
 
@@ -322,7 +319,7 @@ int32_t zynPlatformRun()
 try {
     return host && host->handleEvents() ? 1 : 0;
 } catch (const std::exception &failure) {
-    std::fprintf(stderr, "%s\n", failure.what());
+    NM_DEBUG_OUTPUT("%s\n", failure.what());
     return 1;
 }
 

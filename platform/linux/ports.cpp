@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <charconv>
 #include <chrono>
-#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <net/if.h>
@@ -22,6 +21,7 @@
 
 #include "failure.h"
 #include "target.h"
+#include "zynosal.h"
 
 namespace zynlinux
 {
@@ -43,7 +43,7 @@ std::string pinName(const char *prefix, uint32_t ifindex)
 
 void say(const std::string &line)
 {
-    std::fprintf(stderr, "[platform] %s\n", line.c_str());
+    NM_DEBUG_OUTPUT("[platform] %s\n", line.c_str());
 }
 
 std::string attachReason(int error)
@@ -243,7 +243,7 @@ void Ports::protect(Port &port, uint32_t ifindex)
 void Ports::complain(Port &port, const std::string &trouble)
 {
     if (std::exchange(port.trouble, trouble) != trouble)
-        std::fprintf(stderr, "%s\n", trouble.c_str());
+        NM_DEBUG_OUTPUT("%s\n", trouble.c_str());
 }
 
 /** @return whether it is protected now */

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <memory>
 
 #include "failure.h"
+#include "zynosal.h"
 
 namespace zynlinux
 {
@@ -91,10 +91,9 @@ void Protection::makeSite(uint32_t target)
             target == systemTarget
                 ? "for the system"
                 : "at slot " + std::to_string(left.slot) + " of system " + std::to_string(left.sys);
-        std::fprintf(stderr,
-                     "[platform] what was left %s is not whole (the tables of its ACLs are "
-                     "missing): it does not stay in force\n",
-                     place.c_str());
+        NM_DEBUG_OUTPUT("[platform] what was left %s is not whole (the tables of its ACLs are "
+                        "missing): it does not stay in force\n",
+                        place.c_str());
         left.in_force = 0;
         return;
     }
@@ -329,7 +328,7 @@ try {
     for (auto &[target, draft] : drafts)
         draft.undo(now);
 } catch (const Failure &failure) {
-    std::fprintf(stderr, "%s\n", failure.what());
+    NM_DEBUG_OUTPUT("%s\n", failure.what());
     for (auto &[target, draft] : drafts)
         draft.abandon();
 }
@@ -400,7 +399,7 @@ try {
     settle(drafts);
     return 0;
 } catch (const std::exception &failure) {
-    std::fprintf(stderr, "couldn't put what was programmed in force: %s\n", failure.what());
+    NM_DEBUG_OUTPUT("couldn't put what was programmed in force: %s\n", failure.what());
     keepTables();
     return EIO;
 }

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <sys/epoll.h>
 #include <sys/timerfd.h>
@@ -12,6 +11,7 @@
 #include <bpf/libbpf.h>
 
 #include "failure.h"
+#include "zynosal.h"
 
 namespace zynlinux
 {
@@ -112,9 +112,8 @@ void Samples::traced(uint32_t used, uint32_t size)
 {
     feed_.traced(used, size);
     if (full_.isDue(used >= size, gathered_))
-        std::fprintf(stderr,
-                     "[platform] warning: the table of traced sources is full; others are not "
-                     "named until it is reset\n");
+        NM_DEBUG_OUTPUT("[platform] warning: the table of traced sources is full; others are not "
+                        "named until it is reset\n");
 }
 
 /** Have it told when there is something to do. @param pause leave the ring alone for a while */

@@ -115,10 +115,61 @@ void warmUpBacktrace()
 #endif
 }
 
+/* ---- How many messages there may be ---- */
+
+constexpr uint64_t MESSAGE_TIME = 1000 / OS_MESSAGES_RATE; // ms
+constexpr uint64_t BURST_TIME = OS_MESSAGES_BURST * MESSAGE_TIME;
+constexpr uint64_t SUMMARY_TIME = 1000;
+
+struct {
+    uint32_t about;                             // OS_MESSAGES_OF_*
+    uint64_t full[OS_MESSAGES_OF_REQUESTS + 1]; // ms: when so many may come at once again
+    uint32_t leftOut;
+    uint64_t summary; // ms: when what was left out was said last
+} messages;
+
+/** Take a message out of a bucket, if there is one. */
+bool take(uint64_t *full)
+{
+    const uint64_t now = osClockNow();
+    if (*full < now || *full > now + BURST_TIME) // the latter with another clock
+        *full = now;
+    if (*full + MESSAGE_TIME > now + BURST_TIME)
+        return false;
+    *full += MESSAGE_TIME;
+    return true;
+}
+
+void sayWhatWasLeftOut()
+{
+    const uint64_t now = osClockNow();
+    if (messages.leftOut == 0 || now - messages.summary < SUMMARY_TIME)
+        return;
+    fprintf(stderr, "\r\n[cpuDefend] %u messages were left out\r\n", messages.leftOut);
+    messages.leftOut = 0;
+    messages.summary = now;
+}
+
 } // namespace
+
+void osMessagesAbout(uint32_t about)
+{
+    messages.about = about <= OS_MESSAGES_OF_REQUESTS ? about : 0;
+    sayWhatWasLeftOut();
+}
+
+int osMessageAdmitted(void)
+{
+    const bool admitted =
+        messages.about == OS_MESSAGES_OF_START || take(&messages.full[messages.about]);
+    messages.leftOut += !admitted;
+    return admitted;
+}
 
 void NM_DEBUG_OUTPUT(const char *format, ...)
 {
+    if (!osMessageAdmitted())
+        return;
     const int savedErrno = errno; // a perror may follow the message
     va_list args;
     va_start(args, format);

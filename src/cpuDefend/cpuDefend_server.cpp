@@ -111,6 +111,13 @@ uint32_t sendReply(int fd, unsigned char *length, unsigned char *body, uint32_t 
     return sent;
 }
 
+int32_t failed(const char *what)
+{
+    if (osMessageAdmitted())
+        perror(what);
+    return -1;
+}
+
 int32_t reply(int fd, unsigned char *body, uint32_t bodyLen)
 {
     unsigned char length[LENGTH_LEN];
@@ -125,8 +132,7 @@ int32_t reply(int fd, unsigned char *body, uint32_t bodyLen)
                     static_cast<int>(sent), static_cast<int>(LENGTH_LEN + bodyLen), __LINE__,
                     "cpudefendCmdServer");
     errno = reason;
-    perror("cpudefendCmdServer sendto failed!");
-    return -1;
+    return failed("cpudefendCmdServer sendto failed!");
 }
 
 uint32_t lengthOf(tFrame &frame)
@@ -144,12 +150,6 @@ bool receiveBody(int fd, tFrame &frame, uint32_t len, Patience &patience)
         return false;
     }
     return receive(fd, frame, LENGTH_LEN + len, patience);
-}
-
-int32_t failed(const char *what)
-{
-    perror(what);
-    return -1;
 }
 
 int32_t serve(int fd)

@@ -127,6 +127,14 @@ void receiveNotification()
     cpuDefendCardNotify(buf, len);
 }
 
+/** Whoever asks reads what there is to say about it, however much happens besides. */
+void serveRequest()
+{
+    osMessagesAbout(OS_MESSAGES_OF_REQUESTS);
+    cpudefendCmdServer();
+    osMessagesAbout(OS_MESSAGES_OF_EVENTS);
+}
+
 /** The platform's own work. */
 void runPlatform()
 {
@@ -188,6 +196,7 @@ void cpuDefenTaskStart()
 
 void cpuDefenTaskTurn()
 {
+    osMessagesAbout(OS_MESSAGES_OF_EVENTS);
     runTimers();
     Descriptors readable;
     const int platformFd = zynPlatformFd();
@@ -198,7 +207,7 @@ void cpuDefenTaskTurn()
         readable.add(gCpuDefend.pktSock);
     readable.wait();
     if (readable.has(gCpuDefend.cmdSock))
-        cpudefendCmdServer();
+        serveRequest();
     if (readable.has(platformFd))
         runPlatform(); // before what tells of a link: the platform knows its place then
     if (readable.has(gCpuDefend.rtSock))

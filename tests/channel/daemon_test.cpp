@@ -22,6 +22,7 @@
 
 #include "cpuDefend_nm.h"
 #include "daemon_process.h"
+#include "linux/platform_file.h"
 #include "request.h"
 #include "transcript.h"
 
@@ -29,8 +30,6 @@ using namespace channel;
 
 namespace
 {
-
-using Clock = std::chrono::steady_clock;
 
 const Index global = globalIndex();
 
@@ -453,6 +452,28 @@ TEST(DaemonService, AReaderOfItsMessagesThatGoesAwayDoesNotEndIt)
     close(fd);
     EXPECT_EQ(1u, globalCount(CPUDEFEND_GLOBAL_USEPOLICYNUM));
     EXPECT_TRUE(daemon.running());
+}
+
+TEST(DaemonService, MessagesOfAFloodAreLeftOutAndCounted)
+{
+    DaemonProcess daemon;
+    channel::Bytes reply;
+    ASSERT_TRUE(exchange(
+        request(CPUDEFEND_GLOBAL_SETAPI, CPUDEFEND_GLOBAL_DEBUG, global, number(1)), &reply));
+    const auto begin = Clock::now();
+    for (int i = 0; i < 3000; ++i) // of two messages each
+        ASSERT_TRUE(exchange(channel::Bytes(25), &reply));
+    EXPECT_TRUE(within(std::chrono::seconds(10), [&daemon] {
+        return daemon.errors().find(" messages were left out") != std::string::npos;
+    }));
+    const auto seconds =
+        static_cast<size_t>(std::chrono::duration<double>(Clock::now() - begin).count()) + 1;
+    size_t messages = 0;
+    const std::string errors = daemon.errors();
+    for (size_t at = 0; (at = errors.find(" in line ", at)) != std::string::npos; ++at)
+        messages++;
+    EXPECT_GE(messages, 1000u);
+    EXPECT_LE(messages, 1000u + 20 * seconds);
 }
 
 TEST(DaemonService, BindingIsWrittenToTheJournal)

@@ -123,6 +123,7 @@ protected:
     }
     void TearDown() override
     {
+        osMessagesAbout(OS_MESSAGES_OF_START);
         EXPECT_EQ(0, plan.semDepth);
         EXPECT_EQ(0u, scripted::changeDepth);
         EXPECT_FALSE(scripted::loneEnd);
@@ -725,6 +726,39 @@ TEST_F(Requests, QueriesAndWhatIsRefusedAreNone)
     EXPECT_EQ(timersOnly, text());
     ask(Bytes(10)); // malformed
     EXPECT_EQ(timersOnly, text());
+}
+
+/** Use up what may be said, at a time of its own: at any other all may be said again. */
+void sayAllThatMayBeSaid(uint32_t about)
+{
+    static uint64_t time;
+    clockReading += time += 1'000'000'000;
+    osMessagesAbout(about);
+    while (osMessageAdmitted())
+        ;
+}
+
+/** What is wrong with a request, as the next turn says it. */
+std::string saidOfRequest()
+{
+    Client client;
+    EXPECT_TRUE(client.write({0, 0, 0x10, 0})); // longer than one may be
+    testing::internal::CaptureStderr();
+    cpuDefenTaskTurn();
+    return testing::internal::GetCapturedStderr();
+}
+
+TEST_F(Requests, WhatIsSaidOfThemIsSaidBesideAFloodOfEvents)
+{
+    sayAllThatMayBeSaid(OS_MESSAGES_OF_EVENTS);
+    EXPECT_NE(std::string::npos, saidOfRequest().find("recv buf failed!"));
+    EXPECT_FALSE(osMessageAdmitted()) << "it is about events again";
+}
+
+TEST_F(Requests, WhatIsSaidOfThemIsLimited)
+{
+    sayAllThatMayBeSaid(OS_MESSAGES_OF_REQUESTS);
+    EXPECT_EQ(std::string::npos, saidOfRequest().find("recv buf failed!"));
 }
 
 } // namespace

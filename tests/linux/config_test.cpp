@@ -1,6 +1,8 @@
 #include <fstream>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <tuple>
+#include <unistd.h>
 
 #include "config.h"
 #include "failure.h"
@@ -263,14 +265,28 @@ TEST(PlatformFile, ThatIsMissingIsNamed)
     }
 }
 
-TEST(PlatformFile, ThatIsADirectoryIsRefused)
+TEST(PlatformFile, ThatIsNoRegularFileIsRefusedWithoutWaitingForIt)
 {
-    try {
-        readConfig("/");
-        FAIL() << "read it";
-    } catch (const Failure &failure) {
-        EXPECT_STREQ(failure.what(), "couldn't read platform file /: Is a directory");
+    const std::string pipe = "/tmp/config-test-pipe-" + std::to_string(getpid());
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    for (const std::string &path : {pipe, std::string("/"), std::string("/dev/zero")}) {
+        try {
+            readConfig(path);
+            ADD_FAILURE() << "read " << path;
+        } catch (const Failure &failure) {
+            EXPECT_EQ(failure.what(),
+                      "couldn't read platform file " + path + ": it is no regular file");
+        }
     }
+    unlink(pipe.c_str());
+}
+
+TEST(PlatformFile, MayBeALinkToOne)
+{
+    const std::string link = "/tmp/config-test-link-" + std::to_string(getpid());
+    ASSERT_EQ(symlink(CPUDEFEND_PLATFORM_EXAMPLE, link.c_str()), 0);
+    EXPECT_FALSE(readConfig(link).ports.empty());
+    unlink(link.c_str());
 }
 
 TEST(PlatformFile, ExampleIsValid)

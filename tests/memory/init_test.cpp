@@ -149,6 +149,18 @@ TEST_F(MemoryServes, NotWithAJournalThatCannotBeOpened)
               "cpuDefend: couldn't open the journal " + journal + ": No such file or directory\n");
 }
 
+TEST_F(MemoryServes, NotWithAJournalThatIsAPipeOrALink)
+{
+    const std::string pipe = scratch.path("pipe"), link = scratch.path("link");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    ASSERT_EQ(symlink("elsewhere", link.c_str()), 0);
+    EXPECT_EQ(run({{"CPUDEFEND_JOURNAL", pipe}}).err,
+              "cpuDefend: couldn't open the journal " + pipe + ": it is no regular file\n");
+    EXPECT_EQ(run({{"CPUDEFEND_JOURNAL", link}}).err,
+              "cpuDefend: couldn't open the journal " + link + ": it is a symbolic link\n");
+    EXPECT_FALSE(std::filesystem::exists(scratch.path("elsewhere")));
+}
+
 TEST_F(PlatformInit, LinuxDataPlaneGetsArgumentsAndEnvironment)
 {
     writeScript(sibling, "echo \"$CPUDEFEND_PLATFORM|$OTHER\"\nfor a; do echo \"<$a>\"; done\n");

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
@@ -114,6 +115,98 @@ TEST(DebugOutput, LeavesErrnoToAPerrorThatFollows)
     close(kept);
     clearerr(stderr);
     EXPECT_EQ(after, EPIPE);
+}
+
+/* ---- How many there may be ------------------------------------------------------------ */
+
+namespace
+{
+
+uint64_t testTime = 1'000'000; // ms; it goes on from test to test, as time does
+
+/** Messages on a clock that the test steps, with nothing left of those before. */
+class MessageLimit : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        osClockSet([] { return testTime; });
+        saidAfter(1'000'000);
+        testTime += 1'000'000;
+    }
+    void TearDown() override
+    {
+        osMessagesAbout(OS_MESSAGES_OF_START);
+        osClockSet(nullptr);
+    }
+
+    /** Print so many messages about something. @return how many came */
+    static size_t print(uint32_t about, unsigned count)
+    {
+        testing::internal::CaptureStderr();
+        osMessagesAbout(about);
+        for (unsigned i = 0; i < count; i++)
+            NM_DEBUG_OUTPUT("#");
+        const std::string text = testing::internal::GetCapturedStderr();
+        return static_cast<size_t>(std::count(text.begin(), text.end(), '#'));
+    }
+
+    /** What is said when time has passed. */
+    static std::string saidAfter(uint64_t ms)
+    {
+        testTime += ms;
+        testing::internal::CaptureStderr();
+        osMessagesAbout(OS_MESSAGES_OF_EVENTS);
+        return testing::internal::GetCapturedStderr();
+    }
+};
+
+} // namespace
+
+TEST_F(MessageLimit, AStartSaysAll)
+{
+    EXPECT_EQ(print(OS_MESSAGES_OF_START, 5000), 5000u);
+    EXPECT_EQ(saidAfter(1000), "");
+}
+
+TEST_F(MessageLimit, OfAFloodABurstIsPrintedAndThenARate)
+{
+    for (uint32_t about : {OS_MESSAGES_OF_EVENTS, OS_MESSAGES_OF_REQUESTS}) {
+        EXPECT_EQ(print(about, 5000), OS_MESSAGES_BURST);
+        testTime += 500;
+        EXPECT_EQ(print(about, 5000), OS_MESSAGES_RATE / 2);
+    }
+}
+
+TEST_F(MessageLimit, TheBurstIsThereAgainAfterItsTime)
+{
+    print(OS_MESSAGES_OF_EVENTS, 5000);
+    saidAfter(1000 * OS_MESSAGES_BURST / OS_MESSAGES_RATE);
+    EXPECT_EQ(print(OS_MESSAGES_OF_EVENTS, 5000), OS_MESSAGES_BURST);
+}
+
+TEST_F(MessageLimit, AFloodOfEventsLeavesTheRequestsTheirs)
+{
+    print(OS_MESSAGES_OF_EVENTS, 5000);
+    EXPECT_EQ(print(OS_MESSAGES_OF_REQUESTS, 10), 10u);
+}
+
+TEST_F(MessageLimit, WhatWasLeftOutIsSaidOnceAndOnceASecondAtMost)
+{
+    print(OS_MESSAGES_OF_EVENTS, OS_MESSAGES_BURST + 7);
+    EXPECT_EQ(saidAfter(0), "\r\n[cpuDefend] 7 messages were left out\r\n");
+    EXPECT_EQ(saidAfter(0), "");
+    print(OS_MESSAGES_OF_EVENTS, 3);
+    EXPECT_EQ(saidAfter(999), "");
+    EXPECT_EQ(saidAfter(1), "\r\n[cpuDefend] 3 messages were left out\r\n");
+    EXPECT_EQ(saidAfter(5000), "");
+}
+
+TEST_F(MessageLimit, AnotherClockBeginsAnew)
+{
+    print(OS_MESSAGES_OF_EVENTS, 5000);
+    osClockSet([] { return uint64_t{5}; });
+    EXPECT_EQ(print(OS_MESSAGES_OF_EVENTS, 1), 1u);
 }
 
 TEST(CrashDeathTest, SegmentationFaultIsReportedWithItsAddress)
