@@ -1,5 +1,6 @@
 #include "denial.h"
 
+#include <algorithm>
 #include <unordered_set>
 
 namespace
@@ -27,12 +28,21 @@ size_t framesIn(const Batch &batch)
     return frames;
 }
 
+/** Whether all that was seen had a number, and one of the batch: frames are damaged there, too. */
+bool areKnown(const Batch &batch, const Sightings &seen)
+{
+    const auto isKnown = [&](uint32_t id) {
+        return std::any_of(batch.begin(), batch.end(),
+                           [&](const Item &item) { return item.id == id; });
+    };
+    return seen.ids.size() == seen.count && std::all_of(seen.ids.begin(), seen.ids.end(), isKnown);
+}
+
 /** Who saw something without its number is looked for among all that passed. */
 std::vector<const Item *> suspects(const Batch &batch, const Seen &seen, size_t consumer)
 {
     const Sightings &sightings = seen.by[consumer];
-    const bool haveIds = sightings.ids.size() == sightings.count;
-    return ofIds(batch, haveIds ? sightings.ids : seen.passed.ids);
+    return ofIds(batch, areKnown(batch, sightings) ? sightings.ids : seen.passed.ids);
 }
 
 void expectNothing(Court *court, Denial denial, size_t consumer, const Batch &batch,

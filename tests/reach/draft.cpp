@@ -76,8 +76,7 @@ std::vector<Piece> pieces(Draft &d, size_t length, uint32_t oneIn)
     if (d.offload.kind != Offload::None || mostEights == 0 || !d.choose.rarely(oneIn))
         return {{0, length, false}};
     const bool isTiny = !d.choose.rarely(3);
-    const size_t eights = 1 + d.choose.below(static_cast<uint32_t>(
-                                  isTiny ? std::min<size_t>(mostEights, 3) : mostEights));
+    const size_t eights = isTiny ? 1 : 1 + d.choose.below(static_cast<uint32_t>(mostEights));
     const size_t count = 2 + d.choose.below(3);
     d.note("a first fragment of", static_cast<uint32_t>(8 * eights));
     std::vector<Piece> all = cut(length, 8 * eights, count);

@@ -16,11 +16,21 @@ struct Draft {
     Choices choose;
     uint32_t id;
     bool superFrames;
+    bool mayLie =
+        false; /**< whether lengths, versions and such may be wrong: in half of all frames */
     unsigned depth = 0; /**< how many packets it is inside of */
     std::vector<Note> notes = {};
     Offload offload = {};
 
     void note(const char *what, uint32_t value = Note::noValue) { notes.push_back({what, value}); }
+
+    /** Which lie is told: an index by weights, of which 0 is the truth. */
+    uint32_t lie(std::initializer_list<uint32_t> weights)
+    {
+        return mayLie ? choose.weighted(weights) : 0;
+    }
+
+    bool liesOnceIn(uint32_t times) { return mayLie && choose.rarely(times); }
 
     /** One of a table whose entries have a name; the first, which is usual, most of the time. */
     template <class Table> const auto &usually(const Table &table, uint32_t oneIn)

@@ -36,7 +36,7 @@ Octets options(Draft &d)
 uint8_t versionAndWords(Draft &d, size_t optionOctets)
 {
     const auto right = static_cast<uint8_t>(0x40 | (header + optionOctets) / 4);
-    switch (d.choose.weighted({40, 1, 1, 1})) {
+    switch (d.lie({20, 1, 1, 1})) {
     case 1: d.note("a header too short"); return static_cast<uint8_t>(0x40 | d.choose.below(5));
     case 2: d.note("a header too long"); return 0x4f;
     case 3: d.note("a version of", 6); return static_cast<uint8_t>(0x60 | (right & 0xf));
@@ -47,7 +47,7 @@ uint8_t versionAndWords(Draft &d, size_t optionOctets)
 /** What the total length says. */
 size_t totalLength(Draft &d, size_t headers, size_t right)
 {
-    switch (d.choose.weighted({24, 1, 1, 1, 1, 1, 1})) {
+    switch (d.lie({12, 1, 1, 1, 1, 1, 1})) {
     case 1: d.note("total length 0"); return 0;
     case 2: d.note("total length within the header"); return 1 + d.choose.below(19);
     case 3: d.note("total length of the header alone"); return headers;
@@ -61,7 +61,7 @@ size_t totalLength(Draft &d, size_t headers, size_t right)
 uint8_t timeToLive(Draft &d, uint8_t usual)
 {
     static constexpr uint8_t others[] = {1, 0, 255};
-    if (!d.choose.rarely(20))
+    if (!d.liesOnceIn(10))
         return usual;
     const uint8_t hops = d.choose.of(others);
     d.note("time to live", hops);
@@ -100,7 +100,7 @@ Octets packet(Draft &d, const Head &head, const Octets &data, uint16_t fragment)
     writer.bytes(head.ends.source).bytes(head.ends.destination).bytes(head.options);
     Octets octets = writer.octets();
     put16(octets, 10, checksum(octets));
-    if (d.choose.rarely(100)) {
+    if (d.liesOnceIn(50)) {
         d.note("a wrong header checksum");
         octets[10] ^= 0x55;
     }

@@ -146,7 +146,7 @@ Octets chained(const std::vector<Extension> &all, size_t from, const Transport &
 
 size_t payloadLength(Draft &d, size_t right)
 {
-    switch (d.choose.weighted({24, 3, 1, 1})) {
+    switch (d.lie({12, 3, 1, 1})) {
     case 1: d.note("payload length 0"); return 0;
     case 2: d.note("payload length short"); return d.choose.below(static_cast<uint32_t>(right));
     case 3: d.note("payload length beyond"); return right + 1 + d.choose.below(2000);
@@ -157,7 +157,7 @@ size_t payloadLength(Draft &d, size_t right)
 uint8_t hopLimit(Draft &d, uint8_t usual)
 {
     static constexpr uint8_t others[] = {1, 0, 255};
-    if (!d.choose.rarely(20))
+    if (!d.liesOnceIn(10))
         return usual;
     const uint8_t hops = d.choose.of(others);
     d.note("hop limit", hops);
@@ -170,7 +170,7 @@ Octets packet(Draft &d, const Ends &ends, uint8_t next, uint8_t hops, const Octe
     writer.u32(0x60000000).u16(static_cast<unsigned>(payloadLength(d, data.size())));
     writer.u8({next, hops}).bytes(ends.source).bytes(ends.destination).bytes(data);
     Octets octets = writer.octets();
-    if (d.choose.rarely(60)) {
+    if (d.liesOnceIn(30)) {
         d.note("a version of", 4);
         octets[0] = 0x45;
     }

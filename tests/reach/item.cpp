@@ -101,7 +101,7 @@ void wrapInSnap(Draft &d, Content *content)
 /** What stands behind the packet, or what is missing of it. */
 void end(Draft &d, Octets *frame)
 {
-    switch (d.choose.weighted({24, 4, 2, 2})) {
+    switch (d.lie({12, 4, 2, 2})) {
     case 1: d.note("not padded"); return;
     case 2: {
         const size_t length = 14 + d.choose.below(static_cast<uint32_t>(frame->size() - 13));
@@ -119,7 +119,7 @@ void end(Draft &d, Octets *frame)
 
 void damage(Draft &d, Octets *frame)
 {
-    if (!d.choose.rarely(30) || frame->size() <= 14)
+    if (!d.liesOnceIn(15) || frame->size() <= 14)
         return;
     const size_t at =
         12 + d.choose.below(static_cast<uint32_t>(std::min<size_t>(frame->size() - 12, 120)));
@@ -166,6 +166,7 @@ Content content(Draft &d)
 Item make(Draft d)
 {
     Item item{d.id, {}, {}, {}};
+    d.mayLie = d.choose.rarely(2);
     Content what = content(d);
     wrapInSnap(d, &what);
     OctetWriter head;

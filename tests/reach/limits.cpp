@@ -9,8 +9,8 @@ namespace
 using Clock = std::chrono::steady_clock;
 
 constexpr unsigned flood = 100; // times that an item is sent: more than any bucket holds
-constexpr unsigned turnsTaken = 8;
-constexpr std::chrono::milliseconds turnLength(30);
+constexpr unsigned turnsTaken = 16;
+constexpr std::chrono::milliseconds turnLength(5);
 
 /** What a limit is charged with each time that a consumer of this item sees something. */
 double least(const Item &item, Unit unit)
@@ -62,7 +62,7 @@ bool isMore(Court *court, const Cap &cap, const Item &item, const Seen &seen)
 /** What is seen of an item when the limit has its burst to give. */
 Seen watchRefilled(Scene *scene, const Cap &cap, const Item &item)
 {
-    std::this_thread::sleep_for(std::chrono::duration<double>(cap.burst / cap.rate));
+    std::this_thread::sleep_for(std::chrono::duration<double>(2 * cap.burst / cap.rate));
     return scene->watch(item, flood);
 }
 

@@ -108,8 +108,9 @@ TEST_P(Reach, EverybodySeesWhatNobodyHolds)
 TEST_P(Reach, NobodySeesWhatIsDenied)
 {
     protect();
-    for (Denial denial : {Everything, Protocols, Ports})
-        deny(court.get(), denial, steps(2500, 20));
+    deny(court.get(), Everything, steps(2000, 18));
+    deny(court.get(), Protocols, steps(2000, 18));
+    deny(court.get(), Ports, steps(4500, 18)); // few frames are for these
     expectNoWays();
 }
 

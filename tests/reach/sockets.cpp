@@ -76,7 +76,7 @@ void join(int fd, int family, const std::string &device)
             join6(fd, group, index);
 }
 
-/** Not the errors: the host tells them to itself when a packet claims to come from it. */
+/** Not the errors and redirects: the host tells itself when a packet claims to come from it. */
 void leaveOutErrors(int fd, int protocol)
 {
     if (protocol == IPPROTO_ICMP) {
@@ -89,6 +89,7 @@ void leaveOutErrors(int fd, int protocol)
         ICMP6_FILTER_SETPASSALL(&filter);
         for (int type = ICMP6_DST_UNREACH; type <= ICMP6_PARAM_PROB; type++)
             ICMP6_FILTER_SETBLOCK(type, &filter);
+        ICMP6_FILTER_SETBLOCK(ND_REDIRECT, &filter);
         setsockopt(fd, IPPROTO_ICMPV6, ICMP6_FILTER, &filter, sizeof filter);
     }
 }

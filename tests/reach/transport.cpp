@@ -28,7 +28,7 @@ void seal(Draft &d, const Ends &ends, Transport *t, size_t at)
     }
     const uint16_t right = checksum(t->octets, sum);
     put16(t->octets, at, right == 0 ? 0xffff : right);
-    if (!d.choose.rarely(40))
+    if (!d.liesOnceIn(20))
         return;
     d.note("a wrong checksum");
     put16(t->octets, at, right ^ 0x5555);
@@ -88,7 +88,7 @@ uint16_t udpSource(Draft &d)
 /** What the length field says. */
 uint16_t udpLength(Draft &d, size_t right)
 {
-    switch (d.choose.weighted({16, 1, 1, 1, 1})) {
+    switch (d.lie({8, 1, 1, 1, 1})) {
     case 1: d.note("UDP length 0"); return 0;
     case 2:
         d.note("UDP length within its header");
@@ -130,7 +130,7 @@ uint8_t tcpFlags(Draft &d)
 /** The header's length, in words of 32 bits. */
 uint8_t tcpWords(Draft &d)
 {
-    if (!d.choose.rarely(20))
+    if (!d.liesOnceIn(10))
         return 5;
     const auto words = static_cast<uint8_t>(d.choose.below(16));
     d.note("a TCP header of words", words);
