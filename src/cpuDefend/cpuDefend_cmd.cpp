@@ -12,6 +12,9 @@ namespace
 /** Some answers are up to this long whatever length was asked for. */
 constexpr uint32_t SHORT_ANSWER = 4;
 
+/** What stands before a value in its section: marker, type, length. */
+constexpr uint32_t VALUE_HEAD = 4;
+
 /** A request on its way from bytes to a reply. */
 struct tRequest {
     adr_t adr;
@@ -187,10 +190,20 @@ int32_t call(tRequest &req)
     return handler(&req.index, req.cmd, req.value);
 }
 
+/** The bytes of an answer come in the place of the value first, one byte behind their own. */
+void putInPlace(tRequest &req)
+{
+    const octetstring &octets = req.cell.octets;
+    const uint32_t at = req.valuePos + VALUE_HEAD;
+    const uint32_t room = req.len - at;
+    memmove(req.adr.adr_stream + at, octets.pBuf, octets.len < room ? octets.len : room);
+}
+
 void answerValue(tRequest &req)
 {
     switch (req.valueType) {
     case ADR_OCTETS:
+        putInPlace(req);
         adr_encodedata(&req.adr, ADR_OCTETS, static_cast<uint16_t>(req.cell.octets.len),
                        req.cell.octets.pBuf);
         break;
