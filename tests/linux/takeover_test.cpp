@@ -385,7 +385,7 @@ TEST_F(LeftAcls, WithoutTheirTablesAreNotCalledInForce)
     EXPECT_NE(outcome.text.find("stays in force for 60 seconds"), std::string::npos);
     EXPECT_TRUE(udpArrives("192.0.2.7", 5000));
     EXPECT_TRUE(arpArrives());
-    EXPECT_FALSE(arpArrives(protectedPort, peerPort)); // the system's is whole
+    EXPECT_FALSE(arpArrives(protectedPort, peerPort));                // the system's is whole
     EXPECT_EQ(start(text).text.find("not whole"), std::string::npos); // nothing is left of it
 }
 
