@@ -35,7 +35,7 @@ flood: ## the flood tests at full length, 10 s for each rate
 reach: ## does anything get around a policy: 1,000,000 frames of the seed SEED (1) (needs root)
 	@$(NEED) test
 	@cmake --preset test >/dev/null
-	@cmake --build $(BUILD) >/dev/null
+	@cmake --build $(BUILD) --target linux_reach_test >/dev/null
 	@cd $(BUILD) && CPUDEFEND_REACH_FULL=1 CPUDEFEND_REACH_SEED=$(or $(SEED),1) ctest -L reach --output-on-failure
 
 fuzz: ## fuzz each target for FUZZ_SECONDS (60) seconds

@@ -127,14 +127,38 @@ void damage(Draft &d, Octets *frame)
     (*frame)[at] = static_cast<uint8_t>(d.choose.below(256));
 }
 
-/** What the port takes. */
+/** What the port takes: one that takes super-frames takes any frame as long. */
 void fit(Draft &d, Octets *frame)
 {
-    const size_t room = d.offload.kind == Offload::None ? 14 + mtu : 65535;
+    const size_t room = d.superFrames ? 65535 : 14 + mtu;
     if (frame->size() <= room)
         return;
     d.note("cut to the greatest length");
     frame->resize(room);
+}
+
+/** Where a super-frame is to be cut, as the sender says. */
+Offload offload(Draft &d, size_t head)
+{
+    static constexpr uint16_t sizes[] = {1, 8, 65535};
+    Offload offload = d.offload;
+    offload.headers = static_cast<uint16_t>(offload.headers + head);
+    offload.checksumStart = static_cast<uint16_t>(offload.checksumStart + head);
+    if (offload.kind == Offload::None)
+        return offload;
+    if (d.liesOnceIn(4)) {
+        offload.segment = d.choose.of(sizes);
+        d.note("to be cut after octets", offload.segment);
+    }
+    if (d.liesOnceIn(4)) {
+        offload.headers = static_cast<uint16_t>(d.choose.below(200));
+        d.note("behind headers of octets", offload.headers);
+    }
+    if (d.liesOnceIn(8)) {
+        offload.kind = static_cast<Offload::Kind>(1 + d.choose.below(3));
+        d.note("as of kind", offload.kind);
+    }
+    return offload;
 }
 
 Shot shot(Draft &d, const Octets &head, const Content &content, const Octets &packet)
@@ -146,10 +170,7 @@ Shot shot(Draft &d, const Octets &head, const Content &content, const Octets &pa
     end(d, &frame);
     damage(d, &frame);
     fit(d, &frame);
-    Offload offload = d.offload;
-    offload.headers = static_cast<uint16_t>(offload.headers + head.size() + 2);
-    offload.checksumStart = static_cast<uint16_t>(offload.checksumStart + head.size() + 2);
-    return {frame, offload};
+    return {frame, offload(d, head.size() + 2)};
 }
 
 Content content(Draft &d)

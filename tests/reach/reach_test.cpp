@@ -73,6 +73,12 @@ protected:
         return testing::UnitTest::GetInstance()->current_test_info()->name();
     }
 
+    void TearDown() override
+    {
+        if (scene)
+            std::cout << scene->summary() << std::endl;
+    }
+
     void protect()
     {
         scene->protect();

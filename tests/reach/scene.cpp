@@ -70,6 +70,7 @@ void Scene::sendAll(std::span<const Item> items)
     for (const Item &item : items)
         for (const Shot &shot : item.shots)
             shots.push_back(&shot);
+    sent_ += shots.size();
     wire_->send(shots);
 }
 
@@ -101,6 +102,7 @@ void Scene::awaitArrival(Seen *seen)
 void Scene::awaitReplies(Seen *seen)
 {
     const Octets frame = marker(++lastMarker_).frame;
+    consumers_.lookAtReplies(&seen->by, lastMarker_); // makes room for the marker
     if (send(everything_.get(), frame.data(), frame.size(), 0) < 0)
         throw std::runtime_error("couldn't send from the host");
     await([&] { return consumers_.lookAtReplies(&seen->by, lastMarker_); });
@@ -120,6 +122,15 @@ Seen Scene::watch(std::span<const Item> items, unsigned times)
     awaitArrival(&seen);
     awaitReplies(&seen);
     consumers_.look(&seen.by);
+    passed_ += seen.passed.count;
+    for (const Sightings &each : seen.by)
+        sightings_ += each.count;
     seen.seconds = std::chrono::duration<double>(Clock::now() - begin).count();
     return seen;
+}
+
+std::string Scene::summary() const
+{
+    return std::to_string(made_) + " items made, " + std::to_string(sent_) + " frames sent, " +
+           std::to_string(passed_) + " came through, " + std::to_string(sightings_) + " sightings";
 }

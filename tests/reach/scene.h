@@ -47,6 +47,9 @@ public:
     Seen watch(std::span<const Item> items, unsigned times = 1);
     Seen watch(const Item &item, unsigned times = 1) { return watch({&item, 1}, times); }
 
+    /** What was sent and seen so far, for the reader of a test's output. */
+    std::string summary() const;
+
     /** Frames that were counted as passed, so far. */
     uint64_t counted() { return counted_->read().passed; }
 
@@ -64,7 +67,7 @@ private:
     cpu_set_t cpus_;                  /**< that there are for the daemon */
     std::unique_ptr<Protection> protection_;
     std::optional<Counted> counted_;
-    uint64_t made_ = 0;
+    uint64_t made_ = 0, sent_ = 0, passed_ = 0, sightings_ = 0;
     uint32_t lastId_ = 0, lastMarker_ = 0;
 };
 
