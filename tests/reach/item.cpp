@@ -200,6 +200,14 @@ Item make(Draft d)
     return item;
 }
 
+/** Two numbers in one, as tags have them, are told in hexadecimal digits. */
+std::string written(uint32_t value)
+{
+    char text[16];
+    std::snprintf(text, sizeof text, value > 0xffff ? " 0x%08x" : " %u", value);
+    return text;
+}
+
 } // namespace
 
 Mac sourceMac(uint32_t id)
@@ -220,14 +228,6 @@ Item makeItem(uint64_t seed, uint32_t id, bool superFrames)
 Item makeItem(const std::vector<uint32_t> &choices, uint32_t id, bool superFrames)
 {
     return make({Choices(choices), id, superFrames});
-}
-
-/** Two numbers in one, as tags have them, are told in hexadecimal digits. */
-static std::string written(uint32_t value)
-{
-    char text[16];
-    std::snprintf(text, sizeof text, value > 0xffff ? " 0x%08x" : " %u", value);
-    return text;
 }
 
 std::string Item::story() const
