@@ -220,31 +220,42 @@ static __always_inline int gather_headers(struct xdp_md *ctx, __u32 octets)
            bpf_xdp_pull_data(ctx, octets < HEADERS_MAX ? octets : HEADERS_MAX) == 0;
 }
 
+/* Judge a packet of a type. */
+static __always_inline int judge(struct xdp_md *ctx, __u32 port, const struct cpd_policy *policy,
+                                 __u32 type, __u32 octets)
+{
+    if (!policy)
+        return pass(ctx, port, type, octets);
+    const struct cpd_rule *rule = rule_of(policy, &type);
+    return police(ctx, port, type, rule, rule->flags, octets);
+}
+
+/* A frame whose headers are out of reach. A function of its own, out of the flood's way. */
+__noinline int cpd_judge_unread(struct xdp_md *ctx)
+{
+    __u32 port = port_of(ctx->ingress_ifindex);
+    const struct cpd_policy *policy = policy_of(cpd_port_target(port));
+    return judge(ctx, port, policy, CPD_UNREAD, bpf_xdp_get_buff_len(ctx));
+}
+
 SEC("xdp.frags")
 int cpudefend_xdp(struct xdp_md *ctx)
 {
     __u32 octets = bpf_xdp_get_buff_len(ctx);
-    int in_reach = gather_headers(ctx, octets);
+    if (!gather_headers(ctx, octets))
+        return cpd_judge_unread(ctx) == XDP_PASS ? XDP_PASS : XDP_DROP;
     __u32 port = port_of(ctx->ingress_ifindex);
     const struct cpd_policy *policy = policy_of(cpd_port_target(port));
-    const struct cpd_rule *rule;
-    __u32 type = CPD_UNREAD, flags = 0;
+    __u32 type, flags = 0;
 
-    if (cpd_likely(in_reach)) {
-        if (policy && policy->acl_count) {
-            rule = classify_and_select(ctx, policy, &type, &flags);
-            if (rule)
-                return police(ctx, port, type, rule, flags, octets);
-        } else {
-            type = type_of(ctx);
-        }
+    if (policy && policy->acl_count) {
+        const struct cpd_rule *rule = classify_and_select(ctx, policy, &type, &flags);
+        if (rule)
+            return police(ctx, port, type, rule, flags, octets);
+    } else {
+        type = type_of(ctx);
     }
-    if (type == CPD_NO_TYPE)
-        return XDP_PASS;
-    if (!policy)
-        return pass(ctx, port, type, octets);
-    rule = rule_of(policy, &type);
-    return police(ctx, port, type, rule, rule->flags, octets);
+    return type == CPD_NO_TYPE ? XDP_PASS : judge(ctx, port, policy, type, octets);
 }
 
 /* Behind it, on the socket buffer. Whatever other filters there are decide on the packet. */

@@ -123,15 +123,17 @@ enum cpd_rule_flag {
 
 /* The place of a port: its target, and whether frames on it may hold several packets. Never 0. */
 #define CPD_PORT_SEGMENTS 0x80000000u
+#define CPD_PORT_PLACED 0x40000000u
+#define CPD_PORT_TARGET 0xffu
 
 static inline __u32 cpd_port(__u32 target, int segments)
 {
-    return (target + 1) | (segments ? CPD_PORT_SEGMENTS : 0);
+    return target | CPD_PORT_PLACED | (segments ? CPD_PORT_SEGMENTS : 0);
 }
 
 static inline __u32 cpd_port_target(__u32 port)
 {
-    return (port & ~CPD_PORT_SEGMENTS) - 1;
+    return port & CPD_PORT_TARGET;
 }
 
 struct cpd_rule {
