@@ -1,6 +1,7 @@
 #include "client/channel.h"
 
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -54,6 +55,10 @@ constexpr const char *kTooLate = "the daemon did not answer in time";
 void checkPeer(int fd, const std::string &path)
 {
     ucred peer{};
+    struct stat place {
+    };
+    if (lstat(path.c_str(), &place) == 0 && !S_ISSOCK(place.st_mode))
+        fail(Failure::NotTrusted, path + " is no socket: a link may lead to anybody's");
     socklen_t length = sizeof peer;
     if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) < 0)
         failWithErrno("getsockopt");

@@ -93,16 +93,18 @@ Mode modeOf(uint32_t ifindex)
     return native ? Mode::Native : Mode::Generic;
 }
 
-/** Whether a port is a tap device: these take frames of several packets even in native mode. */
+/** Whether a port is a tap device, or cannot be told from one: these take frames of several packets
+ *  even in native mode. */
 bool isTap(uint32_t ifindex)
 {
     ethtool_drvinfo driver{};
     driver.cmd = ETHTOOL_GDRVINFO;
     ifreq request{};
     request.ifr_data = reinterpret_cast<char *>(&driver);
-    const Descriptor any(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    return if_indextoname(ifindex, request.ifr_name) &&
-           ioctl(any.get(), SIOCETHTOOL, &request) == 0 && std::strcmp(driver.driver, "tun") == 0;
+    const Descriptor any(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)); // the unit allows no other
+    const bool known =
+        if_indextoname(ifindex, request.ifr_name) && ioctl(any.get(), SIOCETHTOOL, &request) == 0;
+    return known ? std::strcmp(driver.driver, "tun") == 0 : errno != EOPNOTSUPP;
 }
 
 /** Let the process have so many descriptors beside those that select can wait for, if it may. */

@@ -1017,6 +1017,41 @@ TEST_F(PacketAcls, NetworksThatAreDeliveredToTheBoxAreItsOwn)
     EXPECT_FALSE(drops(Frame(v6).zeros(15).u8({2}).udp(1, 2).zeros(20)));
 }
 
+TEST_F(PacketAcls, WhatTheBoxActsUponIsForTheBoxWhereverItGoes)
+{
+    auto limited = [&](Frame frame, AclFamily family = AclFamily::Ipv4) {
+        program->meter(4, {1, 0, 0, 0}, byteSettings(0, 0));
+        bind({"permit ip any any"}, {police}, family);
+        return drops(frame);
+    };
+    auto v4 = [](unsigned ihl, unsigned ttl, unsigned protocol) {
+        return Frame(host)
+            .u16(0x0800)
+            .u8({0x40 | ihl, 0})
+            .u16(60)
+            .zeros(4)
+            .u8({ttl, protocol})
+            .zeros(2)
+            .u8({192, 0, 2, 1, 198, 51, 100, 1});
+    };
+    auto v6 = [](unsigned hops, unsigned next, unsigned type) {
+        Frame f = Frame(host).u16(0x86dd).u8({0x60, 0, 0, 0}).u16(24).u8({next, hops});
+        return f.u16(0x2001).zeros(14).u16(0x2001).zeros(14).u8({type}).zeros(23);
+    };
+    constexpr AclFamily six = AclFamily::Ipv6;
+    EXPECT_FALSE(limited(v4(5, 64, 46).zeros(40)));
+    EXPECT_TRUE(limited(v4(5, 1, 46).zeros(40)));
+    EXPECT_TRUE(limited(v4(6, 64, 46).u8({148, 4, 0, 0}).zeros(40)));
+    EXPECT_TRUE(limited(v4(5, 64, 17).udp(67, 68).zeros(20)));
+    EXPECT_FALSE(limited(v4(5, 64, 17).udp(67, 69).zeros(20)));
+    EXPECT_FALSE(limited(v6(64, 47, 0), six));
+    EXPECT_TRUE(limited(v6(1, 47, 0), six));
+    EXPECT_TRUE(limited(v6(64, 0, 47), six));
+    EXPECT_TRUE(limited(v6(255, 58, 135), six));
+    EXPECT_FALSE(limited(v6(254, 58, 135), six));
+    EXPECT_FALSE(limited(v6(255, 58, 128), six));
+}
+
 /** Frames that cannot be judged to the end. */
 std::vector<Frame> unread()
 {

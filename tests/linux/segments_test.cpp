@@ -192,6 +192,24 @@ TEST_F(SuperFrames, AreLookedIntoBehindTags)
     EXPECT_EQ(send(6, 2), 0u);
 }
 
+TEST_F(SuperFrames, BehindTagsCountWhateverStandsWhereHeadersMayBe)
+{
+    limit(packetsAtOnce(10), {}, CPD_RULE_PACKETS);
+    auto frame = datagrams(28, 2);
+    frame[26] = 0x12; // an identification and a TTL that look like a long header of TCP
+    frame[27] = 0x06;
+    frame[30] = 0xf0;
+    uint32_t sum = 0;
+    frame[32] = frame[33] = 0;
+    for (size_t at = 22; at < 42; at += 2)
+        sum += frame[at] << 8 | frame[at + 1];
+    sum = ~((sum & 0xffff) + (sum >> 16));
+    frame[32] = static_cast<uint8_t>(sum >> 8);
+    frame[33] = static_cast<uint8_t>(sum);
+    EXPECT_TRUE(tap->send(frame, headers + 8, 1)); // 28 datagrams of an octet
+    EXPECT_EQ(received(), 0u);
+}
+
 TEST_F(SuperFrames, CarryTheirQueueAllTheSame)
 {
     program->meter(5, packetsAtOnce(10));

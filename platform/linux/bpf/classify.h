@@ -83,16 +83,20 @@
 #define PORT_BFD_MULTIHOP 4784
 #define PORT_BFD_LAG 6784
 
+#define IPV4_WORDS 5 /* of a header without options */
+#define ND_FIRST 133 /* ICMPv6 types of neighbour discovery: RFC 4861, 4 */
+#define ND_LAST 137
+
 /* IGMP messages that tell of a host's membership: RFC 1112, RFC 2236, RFC 3376. */
 #define IGMP_V1_REPORT 0x12
 #define IGMP_V2_REPORT 0x16
 #define IGMP_V2_LEAVE 0x17
 #define IGMP_V3_REPORT 0x22
 
-/* DSAP, SSAP and control field of unnumbered information. */
-#define LLC_BRIDGE 0x424203 /* IEEE 802.1: spanning tree, also GARP */
-#define LLC_SNAP 0xaaaa03
-#define LLC_OSI 0xfefe03
+/* DSAP. Packet sockets commonly ask for neither SSAP nor control field. */
+#define LLC_BRIDGE 0x42 /* IEEE 802.1: spanning tree, also GARP */
+#define LLC_SNAP 0xaa
+#define LLC_OSI 0xfe
 #define NLPID_ISIS 0x83 /* ISO/IEC 10589, clause 9 */
 
 #define OUI_UDLD 0x00000c
@@ -258,7 +262,7 @@ static __always_inline int classify_llc(const struct ethernet_header *eth, const
     const struct llc_header *llc = next;
     if ((const void *)(llc + 1) > end)
         return CPD_UNREAD;
-    switch (llc->dsap << 16 | llc->ssap << 8 | llc->control) {
+    switch (llc->dsap) {
     case LLC_BRIDGE: return classify_bridge(eth);
     case LLC_SNAP: return classify_snap(eth, llc + 1, end);
     case LLC_OSI: return classify_osi((const void *)(llc + 1), end);
@@ -490,8 +494,8 @@ static __always_inline int step_over(struct xdp_md *ctx, __u32 network, struct w
     if (bpf_xdp_load_bytes(ctx, walk->offset, &header, sizeof(header)) != 0)
         return -1;
     if (walk->protocol == PROTOCOL_FRAGMENT &&
-        enter_fragment(ctx, network, header.fragment, walk) != 0)
-        return -1;
+        (walk->first || enter_fragment(ctx, network, header.fragment, walk) != 0))
+        return -1; /* a fragment within a first one ends who knows where */
     walk->offset += extension_size(walk->protocol, header.length);
     walk->protocol = header.next_header;
     return 0;

@@ -24,26 +24,33 @@ static __always_inline __u8 byte_at(struct __sk_buff *skb, __u32 offset)
     return byte;
 }
 
-/* The headers that each of the packets has, the MAC header included. */
+/* The headers that each of the packets has, the MAC header included; 0 when they are not
+ * understood, as behind a second tag. */
 static __always_inline __u32 headers_of(struct __sk_buff *skb)
 {
     int v6 = skb->protocol == bpf_htons(ETH_P_IPV6);
+    if (!v6 && skb->protocol != bpf_htons(ETH_P_IP))
+        return 0;
     __u8 protocol = byte_at(skb, v6 ? __builtin_offsetof(struct ipv6_header, next_header)
                                     : __builtin_offsetof(struct ipv4_header, protocol));
     __u32 transport = v6 ? sizeof(struct ipv6_header) : (byte_at(skb, 0) & 0x0f) * 4;
-    __u32 length = UDP_HEADER;
-    if (protocol == PROTOCOL_TCP)
-        length = (byte_at(skb, transport + TCP_LENGTH_OFFSET) >> 4) * 4;
-    return sizeof(struct ethernet_header) + transport + length;
+    if (protocol == PROTOCOL_UDP)
+        return sizeof(struct ethernet_header) + transport + UDP_HEADER;
+    if (protocol != PROTOCOL_TCP)
+        return 0;
+    return sizeof(struct ethernet_header) + transport +
+           (byte_at(skb, transport + TCP_LENGTH_OFFSET) >> 4) * 4;
 }
 
 /* How many packets a buffer holds besides the first. Who gives the kernel a buffer need not say how
- * many, and then the kernel does not know yet. */
+ * many, and then the kernel does not know yet: rather one too many is charged than one too few. */
 static __always_inline __u32 more_packets(struct __sk_buff *skb, __u32 octets, __u32 headers)
 {
     __u32 segments = skb->gso_segs, size = skb->gso_size;
-    if (segments == 0 && size != 0 && octets > headers)
-        segments = (octets - headers + size - 1) / size;
+    if (segments == 0 && size != 0) {
+        __u32 payload = octets > headers ? octets - headers : octets;
+        segments = (payload + size - 1) / size;
+    }
     return segments > 1 ? segments - 1 : 0;
 }
 

@@ -98,6 +98,38 @@ static __always_inline int is_own(const struct cpd_acl_key *key)
            bpf_map_lookup_elem(&cpudefend_nets, &prefix) != 0;
 }
 
+/* What the box itself acts upon wherever it goes: hop limits that end here (RFC 1812, 5.3.1; RFC
+ * 4443, 3.3), IP options, of which the router alert is one (RFC 2113, RFC 2711), neighbour
+ * discovery, which it answers for others as a proxy (RFC 4861, 6 and 7), and DHCP, as a client
+ * without an address. */
+#define HOP_LIMIT_ND 255
+
+static __always_inline int is_dhcp(const struct cpd_packet *packet)
+{
+    __u32 port = packet->destination_port;
+    if (packet->protocol != PROTOCOL_UDP)
+        return 0;
+    return packet->version == 4 ? port == PORT_DHCP_SERVER || port == PORT_DHCP_CLIENT
+                                : port == PORT_DHCP6_SERVER || port == PORT_DHCP6_CLIENT;
+}
+
+static __always_inline int is_discovery(const struct cpd_packet *packet)
+{
+    return packet->protocol == PROTOCOL_ICMPV6 && packet->extra >= ND_FIRST &&
+           packet->extra <= ND_LAST;
+}
+
+static __always_inline int ends_here(const struct frame *frame)
+{
+    if (frame->packet->version == 4) {
+        const struct ipv4_header *ip = network_header(frame, sizeof(*ip));
+        return !ip || ip->ttl <= 1 || (ip->version_ihl & 0x0f) > IPV4_WORDS;
+    }
+    const struct ipv6_header *ip = network_header(frame, sizeof(*ip));
+    return !ip || ip->hop_limit <= 1 || ip->next_header == PROTOCOL_HOP_BY_HOP ||
+           (ip->hop_limit == HOP_LIMIT_ND && is_discovery(frame->packet));
+}
+
 /* Whether a packet of IP is for the box itself and not for it to forward. */
 __noinline int cpd_for_the_box(struct xdp_md *ctx, struct cpd_packet *packet)
 {
@@ -107,7 +139,8 @@ __noinline int cpd_for_the_box(struct xdp_md *ctx, struct cpd_packet *packet)
     struct cpd_acl_key key = {.v6 = packet->version == 6};
     if (frame.data + sizeof(struct ethernet_header) > frame.end || !read_addresses(&frame, &key))
         return 1;
-    return is_group(frame.data) || is_multicast(&key) || is_unspecified(&key) || is_own(&key);
+    return is_group(frame.data) || is_multicast(&key) || is_unspecified(&key) || is_own(&key) ||
+           is_dhcp(packet) || ends_here(&frame);
 }
 
 #endif
