@@ -140,7 +140,7 @@ void Consumers::addCounters(const PortKind &kind)
 {
     for (const KernelConsumer &each : kernelConsumers())
         add(each.name, each.verdicts, counters_->watch(each.counters));
-    add(Consumers::loopback, unpromised, watchLoopback());
+    add(Consumers::loopback, unpromised, counters_->watchOwn());
     if (kind.isBridged)
         add("STP: kernel", never, watchSpanningTree(ownPort));
 }

@@ -111,24 +111,20 @@ private:
     const std::vector<std::string> names_;
 };
 
+/** What it sent by the loopback device, and what it sent to all, and so to itself. */
 class Loopback final : public Growth
 {
 public:
-    Loopback() : file_(open("/proc/thread-self/net/dev", O_RDONLY | O_CLOEXEC)) { last_ = read(); }
+    explicit Loopback(const KernelCounters *all) : all_(all) { last_ = read(); }
 
 private:
     uint64_t read() const override
     {
-        std::string text(8192, 0);
-        text.resize(static_cast<size_t>(
-            std::max<ssize_t>(pread(file_.get(), text.data(), text.size(), 0), 0)));
-        const size_t at = text.find(" lo:");
-        if (at == std::string::npos)
-            throw notCounted("what its loopback device carries");
-        return numberAt(&text[at + 1], 2); // behind the octets
+        return all_->number("lo:") + all_->number("IpExt OutBcastPkts") +
+               all_->number("IpExt OutMcastPkts") + all_->number("Ip6OutMcastPkts");
     }
 
-    Descriptor file_;
+    const KernelCounters *all_;
 };
 
 /** An attribute among others, or nothing. */
@@ -216,29 +212,31 @@ const std::vector<KernelConsumer> &kernelConsumers()
 }
 
 KernelCounters::KernelCounters()
-    : files_{Descriptor(open("/proc/thread-self/net/snmp6", O_RDONLY | O_CLOEXEC)),
-             Descriptor(open("/proc/thread-self/net/snmp", O_RDONLY | O_CLOEXEC))}
 {
+    for (const char *name : {"snmp6", "dev", "snmp", "netstat"})
+        files_.emplace_back(
+            open((std::string("/proc/thread-self/net/") + name).c_str(), O_RDONLY | O_CLOEXEC));
     refresh();
 }
 
 void KernelCounters::refresh()
 {
-    for (int isTable = 0; isTable < 2; isTable++) {
-        std::string &text = texts_[isTable];
-        text.resize(16384);
-        const ssize_t got = pread(files_[isTable].get(), &text[1], text.size() - 1, 0);
-        text[0] = '\n';
-        text.resize(1 + static_cast<size_t>(std::max<ssize_t>(got, 0)));
+    text_ = "\n";
+    for (const Descriptor &file : files_) {
+        char part[16384];
+        const ssize_t got = pread(file.get(), part, sizeof part, 0);
+        text_.append(part, static_cast<size_t>(std::max<ssize_t>(got, 0)));
     }
 }
 
 uint64_t KernelCounters::number(const std::string &name) const
 {
+    if (name == "lo:") // behind the octets
+        return numberAt(&text_[lineOf(text_, "    lo:")], 3);
     const size_t space = name.find(' ');
     return space == std::string::npos
-               ? numberInList(texts_[0], name)
-               : numberInTable(texts_[1], name.substr(0, space) + ":", name.substr(space + 1));
+               ? numberInList(text_, name)
+               : numberInTable(text_, name.substr(0, space) + ":", name.substr(space + 1));
 }
 
 std::unique_ptr<Eye> KernelCounters::watch(const std::vector<std::string> &names) const
@@ -246,9 +244,9 @@ std::unique_ptr<Eye> KernelCounters::watch(const std::vector<std::string> &names
     return std::make_unique<Counters>(this, names);
 }
 
-std::unique_ptr<Eye> watchLoopback()
+std::unique_ptr<Eye> KernelCounters::watchOwn() const
 {
-    return std::make_unique<Loopback>();
+    return std::make_unique<Loopback>(this);
 }
 
 std::unique_ptr<Eye> watchSpanningTree(const std::string &port)

@@ -31,16 +31,20 @@ public:
     /** What the counters grow by from one refresh() to another. This must stay where it is. */
     std::unique_ptr<Eye> watch(const std::vector<std::string> &names) const;
 
-    /** @throw std::runtime_error when the kernel has no such counter */
+    /** Packets that the host sent to itself, in the same way. */
+    std::unique_ptr<Eye> watchOwn() const;
+
+    /**
+     * A number of the tables with titles ("Ip InDelivers") or the list for IPv6 ("Ip6InDelivers"),
+     * or what the loopback device has carried ("lo:").
+     * @throw std::runtime_error when the kernel has no such counter
+     */
     uint64_t number(const std::string &name) const;
 
 private:
-    zynlinux::Descriptor files_[2]; /**< the list for IPv6, then the table with titles */
-    std::string texts_[2];
+    std::vector<zynlinux::Descriptor> files_;
+    std::string text_;
 };
-
-/** Packets that the loopback device has carried. */
-std::unique_ptr<Eye> watchLoopback();
 
 /** BPDUs that the kernel's spanning tree took from a port of a bridge. */
 std::unique_ptr<Eye> watchSpanningTree(const std::string &port);

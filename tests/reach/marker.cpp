@@ -7,7 +7,6 @@
 namespace
 {
 
-constexpr uint16_t ethertype = 0x88b5; // for experiments (IEEE 802)
 constexpr uint32_t mark = 0x4d41524b;
 constexpr size_t head = 18, whole = 22; // octets without the number, and with it
 
@@ -16,7 +15,7 @@ constexpr size_t head = 18, whole = 22; // octets without the number, and with i
 Shot marker(uint32_t number)
 {
     OctetWriter writer;
-    writer.bytes(ownMac).bytes(gatewayMac).u16(ethertype).u32(mark).u32(number);
+    writer.bytes(ownMac).bytes(gatewayMac).u16(markerType).u32(mark).u32(number);
     return {writer.padded(60), {}};
 }
 

@@ -9,6 +9,9 @@
 
 #include "item.h"
 
+/** Their ethertype. */
+constexpr uint16_t markerType = 0x88b5; // for experiments (IEEE 802)
+
 Shot marker(uint32_t number);
 
 /** Whether a frame is that very one. */

@@ -208,8 +208,9 @@ const std::vector<RatePolicy> &ratePolicies()
           octets("IPv6 delivered", {"IPv6: delivered"})}},
         {"rules",
          {octets("TCP in both", {"TCP: segments"}, 2), octets("UDP in IPv4", {"IPv4: UDP port*"}),
-          octets("UDP in IPv6", {"IPv6: UDP port*"}), octets("ICMP", {"IPv4: raw socket of ICMP"}),
-          octets("ICMPv6", {"IPv6: raw socket of ICMPv6"})}},
+          octets("UDP in IPv6", {"IPv6: UDP port*"}),
+          octets("ICMP", {"IPv4: echo", "IPv4: echo replies"}),
+          octets("ICMPv6", {"IPv6: echo", "IPv6: neighbour discovery"})}},
     };
     return all;
 }

@@ -56,6 +56,7 @@ public:
 private:
     void awaitArrival(Seen *seen);
     void awaitReplies(Seen *seen);
+    void awaitLoopback();
     bool lookForMarker(Seen *seen, uint32_t number);
     void sendAll(std::span<const Item> items);
 
@@ -64,6 +65,7 @@ private:
     std::unique_ptr<Wire> wire_;
     Consumers consumers_;
     zynlinux::Descriptor everything_; /**< a packet socket of the port */
+    zynlinux::Descriptor loopback_;   /**< one of the loopback device, for markers */
     cpu_set_t cpus_;                  /**< that there are for the daemon */
     std::unique_ptr<Protection> protection_;
     std::optional<Counted> counted_;
