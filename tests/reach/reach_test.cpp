@@ -124,7 +124,7 @@ TEST_P(Reach, NobodySeesMoreThanARate)
 {
     protect();
     for (const RatePolicy &policy : ratePolicies())
-        limit(court.get(), policy, steps(600, 10));
+        limit(court.get(), policy, steps(900, 8));
     expectNoWays();
 }
 
