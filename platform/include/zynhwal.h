@@ -124,7 +124,8 @@ int32_t zynPlatformStart(void);
 int32_t zynPlatformFd(void);
 
 /**
- * Do the work that is due; none is no error. It may end the process, when it was told to.
+ * Do the work that is due; none is no error. It may end the process, when it was told to. It is
+ * called within a change, at whose end comes in force what is ready by then.
  * @return 0, or non-zero when ports may have come to other places by it, or there may be room for
  * what was refused: the daemon then looks at all of them anew, and asks again
  */
@@ -142,10 +143,13 @@ void zynHwChangeBegin(void);
  * End a change.
  *
  * A layer that can tell only now that an entry does not fit drops that entry, puts the others in
- * force, and tells of it by zynHwDropped.
+ * force, and tells of it by zynHwDropped. One that has to work on something for long takes the
+ * change, has what was in force stay, and puts all of it in force at the end of a later change: it
+ * tells by zynPlatformFd when there is one to make.
  *
- * @return 0, also for a change within another; or why nothing of the outermost one could be put in
- *         force: what was in force stays so, and the layer goes on trying by itself
+ * @return 0, also for a change within another, and one that was taken; or why nothing of the
+ * outermost one could be put in force: what was in force stays so, and the layer goes on trying by
+ * itself
  */
 int32_t zynHwChangeEnd(void);
 

@@ -41,11 +41,13 @@ bool increment(AclValue &value)
 
 } // namespace
 
-AclReducer::AclReducer(const AclRules &rules, AclFields remaining)
+AclReducer::AclReducer(const AclRules &rules, AclFields remaining, AclBudget &budget)
     : rules_(rules), remaining_(remaining)
 {
+    constexpr size_t stepsPerRule = 32;
     std::map<std::array<uint32_t, CPD_ACL_FIELDS>, uint32_t> shapes;
     for (const AclFlatRule &rule : rules.rules) {
+        budget.spend(stepsPerRule);
         auto match = rule.match;
         for (unsigned field = 0; field < CPD_ACL_FIELDS; field++)
             if (!(remaining >> field & 1))
@@ -247,8 +249,9 @@ Columns::Columns(const AclClasses &classes)
       seen_(classes.count())
 {
     for (uint32_t column = 0; column < classes.count(); column++) {
+        classes.budget().spend(of_.size() / 64 * AclBudget::perWord +
+                               classes.sequence(column).size());
         sets_.emplace_back(of_.size());
-        classes.budget().spend(of_.size() / 64 + classes.sequence(column).size());
         for (uint32_t rule : classes.sequence(column)) {
             sets_.back().flip(rule);
             of_[rule].push_back(column);

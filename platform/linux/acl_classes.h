@@ -6,6 +6,7 @@
 #define ZYNLINUX_ACL_CLASSES_H
 
 #include <array>
+#include <atomic>
 #include <compare>
 #include <cstddef>
 #include <cstdint>
@@ -23,18 +24,29 @@ namespace zynlinux
 struct AclTooLarge {
 };
 
-/** What compiling may still cost, in steps of about a nanosecond. */
+/**
+ * What compiling may still cost, in steps of some nanoseconds. Memory costs too: whatever the
+ * lists, compiling them takes no more than some 200 MB.
+ */
 class AclBudget
 {
 public:
+    static constexpr size_t perRule = 512; /**< in a list, before anything is known of it */
+    static constexpr size_t perFlat = 64;  /**< of those that a protocol's packets can match */
+    static constexpr size_t perWord = 8;   /**< of memory for sets of rules */
+
+    /** @param stop when it turns true, nothing may be spent any more; may be null */
+    explicit AclBudget(const std::atomic<bool> *stop = nullptr) : stop_(stop) {}
+
     void spend(size_t steps)
     {
-        if (steps > left_)
+        if (steps > left_ || (stop_ && *stop_))
             throw AclTooLarge();
         left_ -= steps;
     }
 
 private:
+    const std::atomic<bool> *stop_;
     size_t left_ = 100'000'000;
 };
 
@@ -89,7 +101,7 @@ class AclReducer
 {
 public:
     /** @param remaining the fields that have not been looked at */
-    AclReducer(const AclRules &rules, AclFields remaining);
+    AclReducer(const AclRules &rules, AclFields remaining, AclBudget &budget);
 
     void begin();
     /** The next rule, in order. */
@@ -134,7 +146,7 @@ class AclClasses
 {
 public:
     AclClasses(const AclRules &rules, AclFields remaining, AclBudget &budget)
-        : rules_(rules), budget_(budget), reducer_(rules, remaining)
+        : rules_(rules), budget_(budget), reducer_(rules, remaining, budget)
     {
     }
 

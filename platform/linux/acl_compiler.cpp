@@ -261,8 +261,10 @@ uint32_t FamilyCompiler::compile(std::optional<uint8_t> protocol)
 {
     Flattener flattener;
     visit([&](uint32_t list, const AclRule &rule) {
-        if (!rule.protocol || rule.protocol == protocol)
-            flattener.add(list, rule);
+        if (rule.protocol && rule.protocol != protocol)
+            return;
+        cells_.budget().spend(AclBudget::perFlat);
+        flattener.add(list, rule);
     });
     AclRules rules = flattener.take();
     if (rules.rules.empty())
@@ -287,10 +289,13 @@ void FamilyCompiler::compile()
 
 } // namespace
 
-size_t compileAcls(std::span<const AclList *const> lists, cpd_tables &tables)
+size_t compileAcls(std::span<const AclList *const> lists, cpd_tables &tables,
+                   const std::atomic<bool> *stop)
 try {
     std::ranges::fill(tables.cells, 0);
-    AclBudget budget;
+    AclBudget budget(stop);
+    for (const AclList *list : lists)
+        budget.spend(list->rules.size() * AclBudget::perRule);
     AclCells cells(tables, budget);
     for (AclFamily family : {AclFamily::Ipv4, AclFamily::Ipv6})
         FamilyCompiler(cells, lists, family).compile();

@@ -8,6 +8,7 @@
 #include <iterator>
 #include <netinet/in.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/timerfd.h>
@@ -88,10 +89,11 @@ timespec toTimespec(std::chrono::nanoseconds time)
     return {time.count() / perSecond, time.count() % perSecond};
 }
 
-bool isUp(const Descriptor &timer)
+/** Whether a timer's time is up, or an event has been counted. */
+bool isUp(const Descriptor &counter)
 {
-    uint64_t expirations;
-    return read(timer.get(), &expirations, sizeof expirations) == sizeof expirations;
+    uint64_t count;
+    return read(counter.get(), &count, sizeof count) == sizeof count;
 }
 
 /** So many messages are taken with one call, and so often in a row. */
@@ -131,7 +133,8 @@ Events::Events()
       addresses_(networkSocket(RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR | RTMGRP_IPV4_ROUTE |
                                    RTMGRP_IPV6_ROUTE | 1u << (RTNLGRP_IPV6_NETCONF - 1),
                                "hear of addresses that come and go")),
-      rest_(timer("rest")), second_(timer("hear of seconds"))
+      rest_(timer("rest")), second_(timer("hear of seconds")),
+      call_(checked(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC), "be called"))
 {
     sigset_t set = ourSignals();
     signals_ = checked(signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC), "wait for signals");
@@ -140,6 +143,7 @@ Events::Events()
     watch(signals_);
     watch(rest_);
     watch(second_);
+    watch(call_);
     watch(links_);
     watch(addresses_);
     sigprocmask(SIG_BLOCK, &set, nullptr);
@@ -187,12 +191,18 @@ void Events::takeSignals(Happened *happened)
     }
 }
 
+void Events::call() const
+{
+    eventfd_write(call_.get(), 1);
+}
+
 Events::Happened Events::take()
 {
     Happened happened;
     takeSignals(&happened);
     happened.rested = isUp(rest_);
     happened.second = isUp(second_);
+    happened.called = isUp(call_);
     if (happened.rested)
         heed(true);
     if (!resting_) {

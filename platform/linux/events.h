@@ -23,6 +23,7 @@ public:
         bool addresses = false; /**< some came or went */
         bool rested = false;    /**< the time of a rest is up */
         bool second = false;    /**< a second has gone by */
+        bool called = false;    /**< call() was called */
     };
 
     /** From now on the signals are taken here. @throw Failure */
@@ -38,6 +39,9 @@ public:
     /** Have changes of the network gather for so long, however many there are. */
     void rest(std::chrono::nanoseconds time);
 
+    /** Have that told; from any thread. */
+    void call() const;
+
     Happened take();
 
 private:
@@ -51,6 +55,7 @@ private:
     Descriptor addresses_;
     Descriptor rest_;
     Descriptor second_;
+    Descriptor call_;
     bool resting_ = false;
 };
 

@@ -1,7 +1,6 @@
 #include "pin_folder.h"
 
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <dirent.h>
@@ -147,15 +146,28 @@ void PinFolder::restore()
         lock_ = openFolder(path_);
 }
 
-std::vector<std::string> PinFolder::names(std::string_view prefix) const
+std::set<std::string> PinFolder::allNames() const
 {
-    std::vector<std::string> found;
-    std::unique_ptr<DIR, int (*)(DIR *)> folder(pins() ? opendir(path_.c_str()) : nullptr,
-                                                closedir);
-    while (const dirent *entry = folder ? readdir(folder.get()) : nullptr)
-        if (std::string_view(entry->d_name).starts_with(prefix) && entry->d_name[0] != '.')
-            found.emplace_back(entry->d_name);
+    std::set<std::string> found;
+    std::unique_ptr<DIR, int (*)(DIR *)> folder(opendir(path_.c_str()), closedir);
+    if (!folder)
+        throw Failure("look into " + path_, errno);
+    while (const dirent *entry = readdir(folder.get()))
+        if (entry->d_name[0] != '.')
+            found.insert(entry->d_name);
     return found;
+}
+
+std::vector<std::string> PinFolder::names(std::string_view prefix) const
+try {
+    std::vector<std::string> found;
+    if (pins())
+        for (const std::string &name : allNames())
+            if (name.starts_with(prefix))
+                found.push_back(name);
+    return found;
+} catch (const Failure &) {
+    return {};
 }
 
 void PinFolder::pin(int object, const std::string &name) const

@@ -4,6 +4,7 @@
 #ifndef ZYNLINUX_PIN_FOLDER_H
 #define ZYNLINUX_PIN_FOLDER_H
 
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -30,8 +31,11 @@ public:
     bool pins() const { return !path_.empty(); }
     std::string path(const std::string &name) const { return path_ + "/" + name; }
 
-    /** Names in the folder that begin so. */
+    /** Names in the folder that begin so; none when it cannot be read. */
     std::vector<std::string> names(std::string_view prefix) const;
+
+    /** All names in the folder. @throw Failure when it cannot be read now */
+    std::set<std::string> allNames() const;
 
     /** Pin an object, in place of whatever has that name. Does nothing when nothing is pinned.
      *  @throw Failure */

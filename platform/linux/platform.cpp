@@ -20,6 +20,7 @@
 #include "failure.h"
 #include "journal.h"
 #include "layer.h"
+#include "list_reload.h"
 #include "pin_folder.h"
 #include "ports.h"
 #include "protection.h"
@@ -88,7 +89,7 @@ private:
     static Protection::Slots slotsOf(const Config &config);
     void warnOfUnusedPorts() const;
     bool lookAtNetwork(const Events::Happened &happened);
-    void reload();
+    bool takeLists();
     void checkPins();
     void handleSecond();
     [[noreturn]] void stop();
@@ -102,8 +103,10 @@ private:
     Ports ports_;
     Protection protection_;
     Samples samples_;
+    ListReload reload_;
     Attempt toProtect_, toAsk_, toPin_, toGoOn_;
     bool unfinished_ = false; /**< not all ports that have come could be looked at */
+    bool asks_ = false;       /**< the addresses that are known are not those of now */
     std::optional<Clock::time_point> graceEnd_;
 };
 
@@ -114,8 +117,9 @@ tCpuMeters cpuMeters;
 Host::Host(std::string file, Config config)
     : file_(std::move(file)), config_(std::move(config)), pins_(config_.pin), plane_(pins_),
       addresses_(plane_), ports_(config_, plane_, pins_),
-      protection_(plane_, ports_, config_.acls, slotsOf(config_), config_.unreadPps),
-      samples_(plane_.samples(), ports_)
+      protection_(plane_, ports_, config_.acls, slotsOf(config_), config_.unreadPps,
+                  [this] { events_.call(); }),
+      samples_(plane_.samples(), ports_), reload_(file_, [this] { events_.call(); })
 {
 }
 
@@ -162,14 +166,22 @@ void Host::warnOfUnusedPorts() const
                             port.name.c_str());
 }
 
-/** ACLs are taken from the platform file anew; the rest of it counts at the next start. */
-void Host::reload()
+/**
+ * ACLs are taken from the platform file anew; the rest of it counts at the next start.
+ * @return whether others are in force now
+ */
+bool Host::takeLists()
 try {
-    protection_.reload(readConfig(file_).acls);
+    std::optional<CompiledLists> lists = reload_.take(protection_.boundAcls());
+    if (!lists)
+        return false;
+    protection_.reload(std::move(*lists));
     NM_DEBUG_OUTPUT("[platform] ACLs are those of %s now\n", file_.c_str());
     protection_.prepare();
+    return true;
 } catch (const std::exception &failure) {
     NM_DEBUG_OUTPUT("%s; the ACLs stay as they were\n", failure.what());
+    return false;
 }
 
 void Host::stop()
@@ -190,15 +202,14 @@ void Host::checkPins()
     if (!pins_.pins())
         return;
     pins_.restore();
-    const std::vector<std::string> names = pins_.names("");
-    const std::set<std::string> there(names.begin(), names.end());
+    const std::set<std::string> there = pins_.allNames();
     const size_t count = plane_.pinAgain(pins_, there) + ports_.pinAgain(there);
     if (count != 0)
         NM_DEBUG_OUTPUT("[platform] %zu of what was pinned in %s had vanished: pinned again\n",
                         count, config_.pin.c_str());
 }
 
-/** What is due every second: also what was programmed, but could not be put in force. */
+/** What is due every second. */
 void Host::handleSecond()
 {
     if (graceEnd_ && Clock::now() >= *graceEnd_) {
@@ -208,8 +219,6 @@ void Host::handleSecond()
             protection_.dropInherited();
         }
     }
-    if (protection_.isBehind())
-        protection_.commit();
 }
 
 /** CPU time that this thread has used. */
@@ -232,8 +241,12 @@ bool Host::lookAtNetwork(const Events::Happened &happened)
             changed = refreshed.changed;
             unfinished_ = !refreshed.finished;
         });
-    if (happened.addresses)
-        toAsk_([this] { addresses_.refresh(); });
+    asks_ = asks_ || happened.addresses;
+    if (happened.addresses || (asks_ && happened.second))
+        toAsk_([this] {
+            addresses_.refresh();
+            asks_ = false;
+        });
     if (unfinished_)
         events_.rest(milliseconds(0)); // only to let others have their turn
     else if (happened.links || happened.addresses)
@@ -248,9 +261,10 @@ bool Host::handleEvents()
     if (happened.stop)
         stop();
     bool changed = lookAtNetwork(happened);
+    if (happened.called)
+        changed = takeLists() || changed;
     if (happened.reload)
-        reload();
-    changed = changed || happened.reload;
+        reload_.begin(protection_.boundAcls());
     if (happened.second) {
         toPin_([this] { checkPins(); });
         toGoOn_([this] { handleSecond(); });

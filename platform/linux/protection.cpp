@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <memory>
 
 #include "failure.h"
@@ -21,6 +22,10 @@ bool carriesPriority(const cpd_policy &policy)
 }
 
 constexpr char doesNotFit[] = "with those before it, its tables do not fit";
+constexpr char takesLong[] = "compiling it takes a while; try again in a moment";
+
+/** How long a change may wait for lists to be compiled, while all else waits for the change. */
+constexpr std::chrono::milliseconds compileTime{200};
 
 /** An ACL entry that was taken and does not fit. */
 layer::tDropped droppedAcl(const cpd_place *slot, const layer::tAclSetting &acl)
@@ -43,8 +48,8 @@ layer::tDropped droppedAcl(const cpd_place *slot, const layer::tAclSetting &acl)
 } // namespace
 
 Protection::Protection(DataPlane &plane, Ports &ports, AclLists lists, const Slots &slots,
-                       uint32_t unreadPps)
-    : plane_(plane), ports_(ports), lists_(std::move(lists)), tables_(plane, lists_),
+                       uint32_t unreadPps, std::function<void()> compiled)
+    : plane_(plane), ports_(ports), tables_(plane, std::move(lists), std::move(compiled)),
       pool_(plane.policers()), unreadPps_(unreadPps)
 {
     makeSite(systemTarget);
@@ -185,6 +190,7 @@ template <class Operation> int32_t Protection::apply(Site &site, Operation opera
     CarTable cars;
     std::vector<layer::tAclSetting> acls;
     bool dirty = std::exchange(site.dirty, true);
+    site.fresh = true;
     if (!inChange_) {
         cars = site.place.cars;
         acls = site.place.acls;
@@ -246,8 +252,12 @@ int32_t Protection::aclAdd(const tSlotIndex *slot, const layer::tAclSetting &acl
         return refuse(ENOENT, "the platform file has no such list");
     if (numbers.size() > CPD_ACLS)
         return refuse(ENOSPC, "there are too many at this place");
-    if (!inChange_ && !tables_.fits(numbers)) // in a change all are looked at together, at its end
-        return refuse(ENOSPC, doesNotFit);
+    if (!inChange_) { // in a change all are looked at together, at its end
+        tables_.waitFor(compileTime);
+        const Fit fit = tables_.fits(numbers);
+        if (fit != Fit::Yes)
+            return fit == Fit::No ? refuse(ENOSPC, doesNotFit) : refuse(EAGAIN, takesLong);
+    }
     return apply(*site, [&](Place &place) { place.acls.push_back(acl); });
 }
 
@@ -275,35 +285,51 @@ int32_t Protection::changeEnd()
     return commit();
 }
 
-bool Protection::isBehind() const
+/** Drop the ACL entries that do not fit behind the others. @return false: it is not known yet */
+bool Protection::trimAcls(uint32_t target, Site &site)
 {
-    return !inChange_ && std::any_of(sites_.begin(), sites_.end(),
-                                     [](const auto &each) { return each.second.dirty; });
-}
-
-/** Drop the ACL entries that do not fit behind the others. */
-void Protection::trimAcls(uint32_t target, Site &site)
-{
-    std::vector<uint16_t> numbers = site.place.aclNumbers();
-    if (tables_.fits(numbers))
-        return;
-    size_t fitting = 0, refused = numbers.size();
-    while (refused - fitting > 1) {
-        size_t middle = (fitting + refused) / 2;
-        bool fits = tables_.fits({numbers.begin(), numbers.begin() + static_cast<long>(middle)});
-        (fits ? fitting : refused) = middle;
-    }
+    const AclNumbers numbers = site.place.aclNumbers();
+    bool sure = true;
+    const size_t fitting = tables_.countFitting(numbers, &sure);
+    if (!sure)
+        return false;
     const cpd_place *slot = target != systemTarget ? &plane_.info().targets[target] : nullptr;
     for (size_t i = numbers.size(); i-- > fitting;)
         dropped_.push_back(droppedAcl(slot, site.place.acls[i]));
     site.place.acls.resize(fitting);
+    return true;
+}
+
+/**
+ * Have the ACLs of all places compiled. What was programmed just now is waited for; what has been
+ * late before goes on beside that, without another word.
+ */
+void Protection::compile()
+{
+    bool anyLate = false;
+    for (bool fresh : {true, false}) {
+        tables_.waitFor(fresh ? compileTime : std::chrono::milliseconds(0));
+        for (auto &[target, site] : sites_) {
+            if (!site.dirty || site.fresh != fresh)
+                continue;
+            const bool wasLate = std::exchange(site.late, !trimAcls(target, site));
+            anyLate = anyLate || (fresh && site.late);
+            if (wasLate && !site.late && !site.place.acls.empty())
+                NM_DEBUG_OUTPUT("[platform] access lists that took a while are compiled\n");
+        }
+    }
+    for (auto &[target, site] : sites_)
+        site.fresh = false;
+    if (anyLate)
+        NM_DEBUG_OUTPUT("[platform] access lists are being compiled; what was programmed comes in "
+                        "force when that is done\n");
 }
 
 std::map<uint32_t, Draft> Protection::makeDrafts()
 {
     std::map<uint32_t, Draft> drafts;
     for (auto &[target, site] : sites_) {
-        if (!site.dirty)
+        if (!site.dirty || site.late)
             continue;
         Draft draft = site.place.draft();
         if (draft.policy().acl_count != 0)
@@ -380,11 +406,10 @@ void Protection::keepTables()
     tables_.keep(inForce);
 }
 
+/** Put in force what is not. @return 0, or an errno value, the reason having been said */
 int32_t Protection::commit()
 try {
-    for (auto &[target, site] : sites_)
-        if (site.dirty)
-            trimAcls(target, site);
+    compile();
     std::map<uint32_t, Draft> drafts = makeDrafts();
     if (drafts.empty())
         return 0;
@@ -404,39 +429,45 @@ try {
     return EIO;
 }
 
-/** What keeps the lists from being those of all that is bound; null when nothing does. */
-const char *Protection::wrongWithLists()
+std::set<AclNumbers> Protection::boundAcls() const
 {
-    for (const auto &[target, site] : sites_) {
-        std::vector<uint16_t> numbers = site.place.aclNumbers();
-        if (!tables_.known(numbers))
+    std::set<AclNumbers> bound;
+    for (const auto &[target, site] : sites_)
+        bound.insert(site.place.aclNumbers());
+    bound.erase(AclNumbers{});
+    return bound;
+}
+
+/** What keeps the lists from being those of all that is bound; null when nothing does. */
+const char *Protection::wrongWith(const CompiledLists &lists) const
+{
+    for (const AclNumbers &bound : boundAcls()) {
+        if (!lists.known(bound))
             return "one that is bound is not there any more";
-        if (!tables_.fits(numbers))
+        auto tables = lists.tables.find(bound);
+        if (tables == lists.tables.end() || tables->second.empty())
             return "those that are bound together do not fit";
     }
     return nullptr;
 }
 
-void Protection::reload(AclLists lists)
+void Protection::reload(CompiledLists lists)
 {
+    if (const char *wrong = wrongWith(lists))
+        throw Failure("take the new ACLs", wrong);
     std::vector<Site *> changed;
-    std::swap(lists_, lists);
-    tables_.forget();
-    const char *wrong = wrongWithLists();
     for (auto &[target, site] : sites_)
-        if (!wrong && !site.dirty && !site.place.acls.empty())
+        if (!site.dirty && !site.place.acls.empty())
             changed.push_back(&site);
     for (Site *site : changed)
         site->dirty = true;
-    if (!wrong && commit() != 0)
-        wrong = "they could not be put in force";
-    if (!wrong)
+    tables_.exchange(lists);
+    if (commit() == 0)
         return;
-    std::swap(lists_, lists);
-    tables_.forget();
+    tables_.exchange(lists);
     for (Site *site : changed)
         site->dirty = false;
-    throw Failure("take the new ACLs", wrong);
+    throw Failure("take the new ACLs", "they could not be put in force");
 }
 
 bool Protection::hasInherited() const

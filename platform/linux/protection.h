@@ -5,6 +5,7 @@
 #define ZYNLINUX_PROTECTION_H
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <set>
 #include <utility>
@@ -36,10 +37,12 @@ public:
      * Have a place for the system and one for each slot, with what was left in force there.
      * Plane and ports must outlast this object.
      * @param unreadPps see Place
+     * @param compiled  is called, in another thread, when the end of a change has something to do:
+     *                  lists that took a while are compiled. May be empty
      * @throw Failure
      */
     Protection(DataPlane &plane, Ports &ports, AclLists lists, const Slots &slots,
-               uint32_t unreadPps);
+               uint32_t unreadPps, std::function<void()> compiled = {});
 
     /** Do beforehand what would take time when something is bound. */
     void prepare();
@@ -56,7 +59,11 @@ public:
 
     void changeBegin();
 
-    /** @return 0, or why it is not in force; it is then tried again by commit */
+    /**
+     * Put in force what is not. ACLs that take long to compile have their place wait for them: what
+     * was programmed there is put in force as a whole at the end of a later change.
+     * @return 0, or why nothing is in force; it is then tried again at the end of the next change
+     */
     int32_t changeEnd();
 
     /** What was dropped since the change began, as it did not fit. */
@@ -65,18 +72,16 @@ public:
     /** Why a call was refused that was made last, in words; null where its result says all. */
     const char *reason() const { return reason_; }
 
-    /** Whether something that was programmed could not be put in force. */
-    bool isBehind() const;
-
-    /** Put in force what is not. @return 0, or an errno value, the reason having been said */
-    int32_t commit();
+    /** The ACLs that are bound together, at any place. */
+    std::set<AclNumbers> boundAcls() const;
 
     /**
      * Take other ACL lists, and have all that is bound judge by them.
+     * @param lists with what is compiled of them: all that is bound, as far as it is known there
      * @throw Failure with nothing changed, also when one that is bound is missing or they do not
      * fit
      */
-    void reload(AclLists lists);
+    void reload(CompiledLists lists);
 
     /** Whether something that a former daemon left is still in force. */
     bool hasInherited() const;
@@ -89,6 +94,8 @@ private:
         Place place;
         bool inherited = false; /**< in force is what a former daemon left */
         bool dirty = false;     /**< what is in force is not what was programmed */
+        bool fresh = false;     /**< it was programmed since that was last looked at */
+        bool late = false;      /**< its ACLs are being compiled */
         std::map<uint32_t, cpd_counters> lastCounters; /**< by packet type with an entry */
     };
 
@@ -99,20 +106,21 @@ private:
     uint32_t claim(const std::pair<uint32_t, uint32_t> &slot, const Slots &slots);
     void makeSite(uint32_t target);
     void putLeftInForce();
+    int32_t commit();
     template <class Operation> int32_t apply(Site &site, Operation operation);
     int32_t refuse(int32_t code, const char *reason);
-    void trimAcls(uint32_t target, Site &site);
+    bool trimAcls(uint32_t target, Site &site);
+    void compile();
     std::map<uint32_t, Draft> makeDrafts();
     PreparedPolicies prepare(const std::map<uint32_t, Draft> &drafts);
     void putInForce(std::map<uint32_t, Draft> &drafts, const PreparedPolicies &policies);
     void putBack(std::map<uint32_t, Draft> &drafts, const cpd_info &before);
     void settle(std::map<uint32_t, Draft> &drafts);
     void keepTables();
-    const char *wrongWithLists();
+    const char *wrongWith(const CompiledLists &lists) const;
 
     DataPlane &plane_;
     Ports &ports_;
-    AclLists lists_;
     TableSets tables_;
     PolicerPool pool_;
     uint32_t unreadPps_;

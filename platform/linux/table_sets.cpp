@@ -4,64 +4,42 @@
 #include <memory>
 #include <utility>
 
-#include "acl_compiler.h"
 #include "failure.h"
 
 namespace zynlinux
 {
 
-namespace
-{
-
-std::vector<const AclList *> listsOf(const AclLists &lists, const std::vector<uint16_t> &numbers)
-{
-    std::vector<const AclList *> found;
-    for (uint16_t number : numbers)
-        found.push_back(&lists.at(number));
-    return found;
-}
-
-} // namespace
-
-TableSets::TableSets(DataPlane &plane, const AclLists &lists)
-    : plane_(plane), lists_(lists), sets_(CPD_TABLE_SETS)
+TableSets::TableSets(DataPlane &plane, AclLists lists, std::function<void()> done)
+    : plane_(plane), compiler_(std::make_shared<const AclLists>(std::move(lists)), std::move(done)),
+      sets_(CPD_TABLE_SETS)
 {
 }
 
 void TableSets::prepare()
 {
-    if (!lists_.empty())
+    if (compiler_.anyLists())
         idleSet();
 }
 
-bool TableSets::known(const std::vector<uint16_t> &numbers) const
+Fit TableSets::fits(const AclNumbers &numbers)
 {
-    return std::all_of(numbers.begin(), numbers.end(),
-                       [this](uint16_t number) { return lists_.contains(number); });
+    if (numbers.empty() || numbers_.contains(numbers))
+        return Fit::Yes;
+    const AclTables *tables = compiler_.compile(numbers, end_);
+    return !tables ? Fit::NotYet : tables->empty() ? Fit::No : Fit::Yes;
 }
 
-const cpd_tables *TableSets::compile(const std::vector<uint16_t> &numbers)
+size_t TableSets::countFitting(const AclNumbers &numbers, bool *sure)
 {
-    if (compiledNumbers_ == numbers)
-        return compiled_.get();
-    if (!compiled_)
-        compiled_ = std::make_unique_for_overwrite<cpd_tables>();
-    compiledNumbers_.clear();
-    compiledCells_ = compileAcls(listsOf(lists_, numbers), *compiled_);
-    if (compiledCells_ == 0)
-        return nullptr;
-    compiledNumbers_ = numbers;
-    return compiled_.get();
-}
-
-bool TableSets::fits(const std::vector<uint16_t> &numbers)
-{
-    if (numbers.empty())
-        return true;
-    auto before = fits_.find(numbers);
-    if (before == fits_.end())
-        before = fits_.emplace(numbers, compile(numbers) != nullptr).first;
-    return before->second;
+    size_t fitting = 0, refused = numbers.size() + 1;
+    for (size_t count = numbers.size(); refused - fitting > 1; count = (fitting + refused) / 2) {
+        switch (fits({numbers.begin(), numbers.begin() + static_cast<long>(count)})) {
+        case Fit::Yes: fitting = count; break;
+        case Fit::No: refused = count; break;
+        case Fit::NotYet: *sure = false; return fitting;
+        }
+    }
+    return fitting;
 }
 
 /** A set that is made and that nobody refers to; a new one where there is none. */
@@ -82,21 +60,21 @@ uint32_t TableSets::idleSet()
 }
 
 /** Take over what was compiled; the most of a set is never touched. */
-void TableSets::fill(Set &set, const cpd_tables &tables) const
+void TableSets::fill(Set &set, const AclTables &tables)
 {
-    std::copy_n(tables.cells, compiledCells_, set.tables->cells);
-    if (set.used > compiledCells_)
-        std::fill(set.tables->cells + compiledCells_, set.tables->cells + set.used, 0u);
-    set.used = compiledCells_;
+    std::ranges::copy(tables, set.tables->cells);
+    if (set.used > tables.size())
+        std::fill(set.tables->cells + tables.size(), set.tables->cells + set.used, 0u);
+    set.used = tables.size();
 }
 
-uint32_t TableSets::use(const std::vector<uint16_t> &numbers)
+uint32_t TableSets::use(const AclNumbers &numbers)
 {
     auto before = numbers_.find(numbers);
     if (before != numbers_.end())
         return before->second;
-    const cpd_tables *tables = compile(numbers);
-    if (!tables)
+    const AclTables *tables = compiler_.compile(numbers, end_);
+    if (!tables || tables->empty())
         throw Failure("compile ACLs", "their tables do not fit");
     uint32_t number = idleSet();
     fill(sets_[number], *tables);
@@ -120,7 +98,7 @@ void TableSets::dropUnknown()
 void TableSets::keep(const std::vector<uint32_t> &inForce)
 {
     bool spare = false; // one that is idle stays, for the next change
-    dropCompiled();
+    compiler_.forgetTables([this](const AclNumbers &each) { return numbers_.contains(each); });
     for (uint32_t number = 0; number < sets_.size(); number++) {
         Set &set = sets_[number];
         bool wasMade = set.tables || set.taken;
@@ -135,17 +113,10 @@ void TableSets::keep(const std::vector<uint32_t> &inForce)
     }
 }
 
-void TableSets::dropCompiled()
+void TableSets::exchange(CompiledLists &lists)
 {
-    compiledNumbers_.clear();
-    compiled_.reset();
-}
-
-void TableSets::forget()
-{
-    fits_.clear();
+    compiler_.exchange(lists);
     numbers_.clear();
-    dropCompiled();
 }
 
 } // namespace zynlinux

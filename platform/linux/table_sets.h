@@ -4,39 +4,52 @@
 #ifndef ZYNLINUX_TABLE_SETS_H
 #define ZYNLINUX_TABLE_SETS_H
 
+#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
-#include <memory>
 #include <vector>
 
-#include "acl.h"
+#include "compiled_acls.h"
 #include "dataplane.h"
 
 namespace zynlinux
 {
 
-using AclLists = std::map<uint16_t, AclList>; /**< by number */
+/** Whether ACLs can be compiled together. */
+enum class Fit { Yes, No, NotYet /**< that takes longer than was waited for; it goes on */ };
 
 class TableSets
 {
 public:
-    /** Both must outlast this object. */
-    TableSets(DataPlane &plane, const AclLists &lists);
+    /** @param plane must outlast this object
+     *  @param done  is called, in another thread, when what was not compiled yet is; may be empty
+     */
+    TableSets(DataPlane &plane, AclLists lists, std::function<void()> done);
 
     /** Have an idle set ready if there are lists, so that binding need not wait for one. */
     void prepare();
 
     /** Whether all these ACLs are there. */
-    bool known(const std::vector<uint16_t> &numbers) const;
+    bool known(const AclNumbers &numbers) const { return compiler_.known(numbers); }
 
-    /** Whether they can be compiled together; none can. */
-    bool fits(const std::vector<uint16_t> &numbers);
+    /** From now on wait so long in all for what is asked. */
+    void waitFor(std::chrono::milliseconds time) { end_ = AclCompiler::Clock::now() + time; }
+
+    /** Whether ACLs that are known can be compiled together; none can. */
+    Fit fits(const AclNumbers &numbers);
 
     /**
-     * The set for these ACLs, compiled now if it has not been.
-     * @throw Failure when they do not fit, or no set is free
+     * How many of them can be compiled together, from the first on.
+     * @param sure becomes false when there may be more: finding out takes longer
      */
-    uint32_t use(const std::vector<uint16_t> &numbers);
+    size_t countFitting(const AclNumbers &numbers, bool *sure);
+
+    /**
+     * The set for these ACLs, which are known to fit.
+     * @throw Failure when no set is free
+     */
+    uint32_t use(const AclNumbers &numbers);
 
     /** A set that a former daemon left in force. */
     void inherit(uint32_t set);
@@ -47,8 +60,9 @@ public:
     /** Give back the sets that no policy in force refers to. @param inForce all those that do */
     void keep(const std::vector<uint32_t> &inForce);
 
-    /** The lists have changed: what is compiled from now on is compiled anew. */
-    void forget();
+    /** Take other lists, with what is compiled of them; the former ones are given back. What is in
+     *  force stays, but is not used again. */
+    void exchange(CompiledLists &lists);
 
 private:
     /** What the kernel has of a set. */
@@ -58,19 +72,13 @@ private:
         size_t used = 0;     /**< cells from the first on; the others are 0 */
     };
 
-    /** The compiled ACLs, or null when they do not fit. */
-    const cpd_tables *compile(const std::vector<uint16_t> &numbers);
-    void fill(Set &set, const cpd_tables &tables) const;
-    void dropCompiled();
+    static void fill(Set &set, const AclTables &tables);
     uint32_t idleSet();
 
     DataPlane &plane_;
-    const AclLists &lists_;
-    std::map<std::vector<uint16_t>, bool> fits_;
-    std::vector<uint16_t> compiledNumbers_; /**< what compiled_ was made from */
-    size_t compiledCells_ = 0;              /**< in use of it */
-    std::unique_ptr<cpd_tables> compiled_;  /**< kept from asking whether it fits to its use */
-    std::map<std::vector<uint16_t>, uint32_t> numbers_; /**< of the sets in use, by their ACLs */
+    AclCompiler compiler_;
+    AclCompiler::Clock::time_point end_;     /**< until when to wait */
+    std::map<AclNumbers, uint32_t> numbers_; /**< of the sets in use, by their ACLs */
     std::vector<Set> sets_;
 };
 

@@ -1,4 +1,6 @@
 #include <algorithm>
+#include <atomic>
+#include <ctime>
 #include <gtest/gtest.h>
 
 #include "acl_fixture.h"
@@ -391,6 +393,57 @@ TEST(CompiledAcl, ThatFitsAgainAfterOneThatDidNotIsTheSame)
     std::ranges::fill(again->cells, 0xdeadbeef);
     ASSERT_NE(compileAcls(bound, *again), 0u);
     EXPECT_TRUE(std::ranges::equal(tables->cells, again->cells));
+}
+
+/** CPU time that compiling takes (s), of the same list so many times. @param fits receives whether
+ */
+double compileTime(const AclList &list, size_t times, bool *fits)
+{
+    auto now = [] {
+        timespec time{};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+    };
+    const std::vector<const AclList *> bound(times, &list);
+    auto tables = std::make_unique<cpd_tables>();
+    const double begin = now();
+    *fits = compileAcls(bound, *tables) != 0;
+    return now() - begin;
+}
+
+TEST(CompilingAcls, OfMoreRulesThanCanFitIsNotBegun)
+{
+    const AclList list = portOfEachHost(0, aclRulesMax);
+    bool fits = false;
+    const double once = compileTime(list, 1, &fits);
+    EXPECT_TRUE(fits);
+    EXPECT_LT(compileTime(list, 60, &fits), once);
+    EXPECT_FALSE(fits);
+}
+
+TEST(CompilingAcls, EndsInTimeWhereEachProtocolHasAllRules)
+{
+    AclList list{1, AclFamily::Ipv4, {}};
+    for (uint32_t n = 0; n < aclRulesMax; n++)
+        list.rules.push_back(parseAclRule("deny ip any any", AclFamily::Ipv4));
+    bool fits = false;
+    const double withoutProtocols = compileTime(list, 16, &fits);
+    EXPECT_TRUE(fits);
+    for (uint32_t n = 0; n < aclRulesMax; n += 16)
+        list.rules[n].protocol = static_cast<uint8_t>(n / 16);
+    EXPECT_LT(compileTime(list, 16, &fits), 12 * withoutProtocols);
+    EXPECT_FALSE(fits);
+}
+
+TEST(CompilingAcls, IsGivenUpWhenThatIsWanted)
+{
+    const AclList list = portOfEachHost(0, 16);
+    const AclList *bound[] = {&list};
+    auto tables = std::make_unique<cpd_tables>();
+    std::atomic<bool> stop{false};
+    EXPECT_NE(compileAcls(bound, *tables, &stop), 0u);
+    stop = true;
+    EXPECT_EQ(compileAcls(bound, *tables, &stop), 0u);
 }
 
 } // namespace

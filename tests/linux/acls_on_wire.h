@@ -51,6 +51,29 @@ protected:
     {
         return acl_cpudefend_add(slot, number, action, cir, cbs, cbs);
     }
+
+    /** The same, however long it takes to compile the list. */
+    static int32_t bindAtLast(uint16_t number)
+    {
+        int32_t result = EAGAIN;
+        within(std::chrono::seconds(20), [&] { return (result = bind(number)) != EAGAIN; });
+        return result;
+    }
+
+    /** Have the platform file read anew. @return what is said of it */
+    static std::string reload()
+    {
+        Heard heard;
+        reload(heard);
+        return heard.text();
+    }
+
+    /** The same; @a heard hears what is said of it. */
+    static void reload(Heard &heard)
+    {
+        raise(SIGHUP);
+        EXPECT_TRUE(runUntil([&] { return heard.has("ACLs"); }));
+    }
 };
 
 #endif

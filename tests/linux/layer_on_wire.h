@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <fcntl.h>
 #include <string>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -47,13 +48,57 @@ inline Outcome init()
     return {result, testing::internal::GetCapturedStderr()};
 }
 
+/** As long as it lives, standard error is heard here. Takes no descriptor while it listens. */
+class Heard
+{
+public:
+    Heard() : own_(dup(STDERR_FILENO))
+    {
+        if (pipe2(ends_, O_NONBLOCK | O_CLOEXEC) != 0 || dup2(ends_[1], STDERR_FILENO) < 0)
+            throw std::runtime_error("couldn't listen to standard error");
+    }
+    ~Heard()
+    {
+        dup2(own_, STDERR_FILENO);
+        for (int fd : {own_, ends_[0], ends_[1]})
+            close(fd);
+    }
+    Heard(const Heard &) = delete;
+    Heard &operator=(const Heard &) = delete;
+
+    /** All that was said so far. */
+    const std::string &text()
+    {
+        char buffer[4096];
+        for (ssize_t got; (got = read(ends_[0], buffer, sizeof buffer)) > 0;)
+            text_.append(buffer, static_cast<size_t>(got));
+        return text_;
+    }
+
+    bool has(const std::string &part) { return text().find(part) != std::string::npos; }
+
+private:
+    int own_;
+    int ends_[2];
+    std::string text_;
+};
+
+/** Have the layer do what it finds to do, as the daemon does. @return as zynPlatformRun() */
+inline int32_t runPlatform()
+{
+    zynHwChangeBegin();
+    const int32_t result = zynPlatformRun();
+    zynHwChangeEnd();
+    return result;
+}
+
 /** Have the layer do what it finds to do, until a condition holds. @return whether it does */
 inline bool runUntil(const std::function<bool()> &condition)
 {
     return within(std::chrono::seconds(5), [&] {
         pollfd ready{zynPlatformFd(), POLLIN, 0};
         if (poll(&ready, 1, 0) > 0)
-            zynPlatformRun();
+            runPlatform();
         return condition();
     });
 }
@@ -73,7 +118,7 @@ inline void beQuiet()
 {
     pollfd ready{zynPlatformFd(), POLLIN, 0};
     while (poll(&ready, 1, 300) > 0)
-        zynPlatformRun();
+        runPlatform();
 }
 
 class LayerOnWire : public OnWire

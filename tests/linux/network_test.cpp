@@ -251,7 +251,7 @@ TEST_F(Network, ManyPortsThatComeAreProtectedALittleAtATime)
     unsigned most = 0;
     EXPECT_TRUE(within(5s, [&] {
         const unsigned before = kernel.attached;
-        zynPlatformRun();
+        runPlatform();
         most = std::max(most, kernel.attached - before);
         return kernel.attached == 12;
     }));
@@ -269,7 +269,7 @@ TEST_F(Network, OnlyPortsThatComeOrGoMayHaveMoved)
             pollfd ready{zynPlatformFd(), POLLIN, 0};
             return poll(&ready, 1, 0) > 0;
         }));
-        return zynPlatformRun() != 0;
+        return runPlatform() != 0;
     };
     EXPECT_FALSE(moved()); // a second has gone by
     beQuiet();
@@ -292,7 +292,7 @@ TEST_F(Network, PortIsNotSetFreeBecauseTheKernelCouldNotBeAsked)
     kernel.isDeaf = true;
     command("ip link set peer0 mtu 1400 && ip addr add 198.51.100.3/24 dev peer0");
     testing::internal::CaptureStderr();
-    zynPlatformRun();
+    runPlatform();
     const std::string told = testing::internal::GetCapturedStderr();
     EXPECT_NE(told.find("couldn't ask for the links: Cannot allocate memory\n"), std::string::npos)
         << told;
@@ -303,8 +303,7 @@ TEST_F(Network, PortIsNotSetFreeBecauseTheKernelCouldNotBeAsked)
     EXPECT_FALSE(arpArrives());
     EXPECT_TRUE(isKnown("::ffff:198.51.100.2"));
     kernel.isDeaf = false;
-    command("ip addr add 198.51.100.4/24 dev peer0");
-    EXPECT_TRUE(runUntil([&] { return isKnown("::ffff:198.51.100.4"); }));
+    EXPECT_TRUE(runUntil([&] { return isKnown("::ffff:198.51.100.3"); }));
 }
 
 TEST_F(Network, WhatAnInterruptedListLeavesOutHasNotGone)
@@ -315,7 +314,7 @@ TEST_F(Network, WhatAnInterruptedListLeavesOutHasNotGone)
     kernel.interrupts = true;
     command("ip link set peer0 mtu 1400 && ip addr add 198.51.100.3/24 dev peer0");
     testing::internal::CaptureStderr();
-    zynPlatformRun();
+    runPlatform();
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
     EXPECT_NE(programOn(protectedPort), 0u);
     EXPECT_TRUE(isKnown("::ffff:198.51.100.2"));

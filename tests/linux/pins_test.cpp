@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "layer_on_wire.h"
+#include "scarce.h"
 
 using namespace zynlinux;
 using namespace std::chrono_literals;
@@ -175,6 +176,21 @@ TEST_F(Pins, FolderThatCannotBeMadeAgainIsSaidOnceAndProtectsAllTheSame)
     EXPECT_FALSE(arpArrives("late1", "late0"));
     ASSERT_EQ(mount("bpf", mounted.c_str(), "bpf", 0, nullptr), 0);
     EXPECT_TRUE(runUntil([&] { return isThere(linkPin()); }));
+}
+
+TEST_F(Pins, FolderThatCannotBeReadNowHasNotBeenEmptied)
+{
+    startAndDeny();
+    Heard heard;
+    {
+        NoDescriptors none;
+        EXPECT_TRUE(within(5s, [&] { // poll takes no descriptor either, then
+            runPlatform();
+            return heard.has("couldn't look into " + pinFolder);
+        }));
+    }
+    beQuiet();
+    EXPECT_FALSE(heard.has("vanished")) << heard.text();
 }
 
 TEST_F(Pins, ProgramThatVanishesIsPutBack)

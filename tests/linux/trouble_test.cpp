@@ -3,13 +3,11 @@
  */
 #include <arpa/inet.h>
 #include <csignal>
-#include <fcntl.h>
 #include <optional>
-#include <sys/resource.h>
 #include <sys/wait.h>
 
-#include "failure.h"
-#include "layer_on_wire.h"
+#include "acls_on_wire.h"
+#include "scarce.h"
 
 using namespace zynlinux;
 using namespace std::chrono_literals;
@@ -17,54 +15,9 @@ using namespace std::chrono_literals;
 namespace
 {
 
-class Trouble : public LayerOnWire
+class Trouble : public AclsOnWire
 {
 protected:
-    template <class Base> static void showFailureAs()
-    {
-        try {
-            throw Failure("try", "no reason");
-        } catch (const Base &failure) {
-            EXPECT_NE(*failure.what(), 0);
-        }
-    }
-
-    /** A sanitizer needs descriptors when it looks at a type for the first time. */
-    static void showFailures()
-    {
-        showFailureAs<std::exception>();
-        showFailureAs<std::runtime_error>();
-    }
-
-    /** As long as it lives, no descriptor can be had. */
-    struct NoDescriptors {
-        NoDescriptors()
-        {
-            showFailures();
-            getrlimit(RLIMIT_NOFILE, &before);
-            rlimit none = before;
-            none.rlim_cur = 0;
-            setrlimit(RLIMIT_NOFILE, &none);
-        }
-        ~NoDescriptors() { setrlimit(RLIMIT_NOFILE, &before); }
-        rlimit before;
-    };
-
-    /** As long as it lives, one descriptor can be had at a time. */
-    struct OneDescriptor {
-        OneDescriptor()
-        {
-            showFailures();
-            getrlimit(RLIMIT_NOFILE, &before);
-            Descriptor lowest(open("/dev/null", O_RDONLY | O_CLOEXEC));
-            rlimit one{static_cast<rlim_t>(lowest.get() + 1), before.rlim_max};
-            lowest = Descriptor();
-            setrlimit(RLIMIT_NOFILE, &one);
-        }
-        ~OneDescriptor() { setrlimit(RLIMIT_NOFILE, &before); }
-        rlimit before;
-    };
-
     static std::string slots(int from, int count)
     {
         std::string text;
@@ -170,7 +123,7 @@ TEST_F(Trouble, ChangeComesInForceByItselfAlsoWhenItFailsAgainAtFirst)
     ASSERT_EQ(poll(&ready, 1, 5000), 1);
     {
         NoDescriptors none;
-        zynPlatformRun();
+        runPlatform();
     }
     EXPECT_TRUE(arpArrives());
     EXPECT_TRUE(runUntil([&] { return !arpArrives(); }));
@@ -199,7 +152,7 @@ TEST_F(Trouble, GraceTimeEndsAlsoWhenAddressesDoNotFit)
     }
     command("ip -batch /tmp/addresses");
     std::this_thread::sleep_for(1200ms); // both are due in one run
-    zynPlatformRun();
+    runPlatform();
     EXPECT_TRUE(arpArrives());
 }
 
@@ -225,11 +178,7 @@ TEST_F(Trouble, ListsAreTakenAnewWhileNoneIsBound)
 {
     PlatformFile file("pin = \"" + pinFolder + "\"\nports = [\"port0\"]\n" + acl);
     ASSERT_EQ(init().result, 0);
-    testing::internal::CaptureStderr();
-    raise(SIGHUP);
-    zynPlatformRun();
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "[platform] ACLs are those of " + file.path() + " now\n");
+    EXPECT_EQ(reload(), "[platform] ACLs are those of " + file.path() + " now\n");
 }
 
 TEST_F(Trouble, ListsAreTakenAnewWhileOneOfTwoPlacesHasSome)
@@ -238,11 +187,7 @@ TEST_F(Trouble, ListsAreTakenAnewWhileOneOfTwoPlacesHasSome)
     ASSERT_EQ(init().result, 0);
     tSlotIndex slot{0, 1, 0};
     ASSERT_EQ(acl_cpudefend_add(&slot, 100, ZYN_HW_OP_DENY, 0, 0, 0), 0);
-    testing::internal::CaptureStderr();
-    raise(SIGHUP);
-    zynPlatformRun();
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "[platform] ACLs are those of " + file.path() + " now\n");
+    EXPECT_EQ(reload(), "[platform] ACLs are those of " + file.path() + " now\n");
 }
 
 TEST_F(Trouble, MessageOfAReloadIsTrueWhenThePolicyCouldNotBeMade)
@@ -251,29 +196,20 @@ TEST_F(Trouble, MessageOfAReloadIsTrueWhenThePolicyCouldNotBeMade)
     ASSERT_EQ(init().result, 0);
     ASSERT_EQ(acl_cpudefend_add(nullptr, 100, ZYN_HW_OP_DENY, 0, 0, 0), 0);
     beQuiet();
-    showFailures();
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
     for (int i = 0; i < 70; i++) {
-        raise(SIGHUP);
-        testing::internal::CaptureStderr();
-        Descriptor lowest(open("/dev/null", O_RDONLY | O_CLOEXEC));
-        rlimit few{static_cast<rlim_t>(lowest.get() + 1), limit.rlim_max};
-        lowest = Descriptor();
-        setrlimit(RLIMIT_NOFILE, &few); // room for one: the file, then the tables, not the policy
-        zynPlatformRun();
-        setrlimit(RLIMIT_NOFILE, &limit);
-        std::string told = testing::internal::GetCapturedStderr();
+        Heard heard;
+        {
+            OneDescriptor one; // the file, then the tables, not the policy
+            reload(heard);
+        }
+        const std::string &told = heard.text();
         EXPECT_TRUE(told.find("couldn't") == std::string::npos ||
                     told.find("are those of") == std::string::npos)
             << told;
     }
     EXPECT_LE(tableSets(), 3);
     EXPECT_EQ(acl_cpudefend_add(nullptr, 100, ZYN_HW_OP_PERMIT, 8, 6400, 0), 0);
-    testing::internal::CaptureStderr();
-    raise(SIGHUP);
-    zynPlatformRun();
-    EXPECT_EQ(testing::internal::GetCapturedStderr().find("couldn't"), std::string::npos);
+    EXPECT_EQ(reload().find("couldn't"), std::string::npos);
 }
 
 TEST_F(Trouble, TablesOfPoliciesThatCouldNotBeMadeAreGivenBack)
@@ -285,13 +221,12 @@ TEST_F(Trouble, TablesOfPoliciesThatCouldNotBeMadeAreGivenBack)
     ASSERT_EQ(acl_cpudefend_add(&slot, 100, ZYN_HW_OP_DENY, 0, 0, 0), 0);
     beQuiet();
     for (int i = 0; i < 8; i++) {
-        raise(SIGHUP);
-        testing::internal::CaptureStderr();
+        Heard heard;
         {
             OneDescriptor one; // enough for the tables and a policy, not for the other's
-            zynPlatformRun();
+            reload(heard);
         }
-        std::string told = testing::internal::GetCapturedStderr();
+        const std::string &told = heard.text();
         EXPECT_NE(told.find("couldn't put what was programmed in force"), std::string::npos)
             << told;
     }
