@@ -95,7 +95,7 @@ inline int32_t runPlatform()
 /** Have the layer do what it finds to do, until a condition holds. @return whether it does */
 inline bool runUntil(const std::function<bool()> &condition)
 {
-    return within(std::chrono::seconds(5), [&] {
+    return within(std::chrono::seconds(20), [&] {
         pollfd ready{zynPlatformFd(), POLLIN, 0};
         if (poll(&ready, 1, 0) > 0)
             runPlatform();

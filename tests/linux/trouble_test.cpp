@@ -196,6 +196,7 @@ TEST_F(Trouble, MessageOfAReloadIsTrueWhenThePolicyCouldNotBeMade)
     ASSERT_EQ(init().result, 0);
     ASSERT_EQ(acl_cpudefend_add(nullptr, 100, ZYN_HW_OP_DENY, 0, 0, 0), 0);
     beQuiet();
+    EXPECT_EQ(reload().find("couldn't"), std::string::npos);
     for (int i = 0; i < 70; i++) {
         Heard heard;
         {
@@ -220,6 +221,7 @@ TEST_F(Trouble, TablesOfPoliciesThatCouldNotBeMadeAreGivenBack)
     ASSERT_EQ(acl_cpudefend_add(nullptr, 100, ZYN_HW_OP_DENY, 0, 0, 0), 0);
     ASSERT_EQ(acl_cpudefend_add(&slot, 100, ZYN_HW_OP_DENY, 0, 0, 0), 0);
     beQuiet();
+    EXPECT_EQ(reload().find("couldn't"), std::string::npos);
     for (int i = 0; i < 8; i++) {
         Heard heard;
         {
