@@ -12,20 +12,20 @@
 #include <set>
 #include <utility>
 
-#include "addresses.h"
-#include "config.h"
+#include "base/failure.h"
 #include "cpuusage.h"
-#include "dataplane.h"
-#include "events.h"
-#include "failure.h"
+#include "host/addresses.h"
+#include "host/config.h"
+#include "host/events.h"
+#include "host/list_reload.h"
+#include "host/ports.h"
 #include "journal.h"
+#include "kernel/dataplane.h"
+#include "kernel/pin_folder.h"
 #include "layer.h"
-#include "list_reload.h"
-#include "pin_folder.h"
-#include "ports.h"
 #include "protection.h"
 #include "refusals.h"
-#include "samples.h"
+#include "trace/samples.h"
 #include "zynosal.h"
 
 namespace zynlinux

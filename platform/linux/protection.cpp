@@ -5,7 +5,7 @@
 #include <chrono>
 #include <memory>
 
-#include "failure.h"
+#include "base/failure.h"
 #include "zynosal.h"
 
 namespace zynlinux

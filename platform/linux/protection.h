@@ -11,14 +11,14 @@
 #include <utility>
 #include <vector>
 
-#include "counters.h"
-#include "dataplane.h"
+#include "host/ports.h"
+#include "kernel/counters.h"
+#include "kernel/dataplane.h"
+#include "kernel/target.h"
 #include "layer.h"
-#include "place.h"
-#include "policer_pool.h"
-#include "ports.h"
-#include "table_sets.h"
-#include "target.h"
+#include "policy/place.h"
+#include "policy/policer_pool.h"
+#include "policy/table_sets.h"
 
 namespace zynlinux
 {

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "base/descriptor.h"
 #include "bpf/arrivals_shared.h"
-#include "descriptor.h"
 
 struct arrivals_bpf;
 

@@ -20,7 +20,7 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 
-#include "descriptor.h"
+#include "base/descriptor.h"
 #include "sender.skel.h"
 
 namespace

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "acl.h"
-#include "acl_compiler.h"
+#include "acl/acl.h"
+#include "acl/acl_compiler.h"
 
 namespace zynlinux
 {

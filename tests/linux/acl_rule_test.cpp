@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "acl.h"
+#include "acl/acl.h"
 
 using namespace zynlinux;
 

@@ -11,7 +11,7 @@
 #include <bpf/bpf.h>
 #include <linux/bpf.h>
 
-#include "descriptor.h"
+#include "base/descriptor.h"
 
 /** A program that gives every packet the same verdict. */
 inline zynlinux::Descriptor constantProgram(int verdict)

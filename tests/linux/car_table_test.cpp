@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "car_table.h"
+#include "policy/car_table.h"
 
 using zynlinux::CarTable;
 using Entry = tHwCpuDefendPktCarEntry;

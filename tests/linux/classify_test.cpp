@@ -10,7 +10,7 @@
 #include "bpf_probe.h"
 #include "cpuDefend_nm.h"
 #include "frame.h"
-#include "policer_settings.h"
+#include "policy/policer_settings.h"
 #include "program.h"
 
 namespace

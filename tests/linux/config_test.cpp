@@ -4,8 +4,8 @@
 #include <tuple>
 #include <unistd.h>
 
-#include "config.h"
-#include "failure.h"
+#include "base/failure.h"
+#include "host/config.h"
 
 using namespace zynlinux;
 

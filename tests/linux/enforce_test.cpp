@@ -10,12 +10,12 @@
 #include <bpf/bpf.h>
 
 #include "bpf_probe.h"
-#include "counters.h"
-#include "dataplane.h"
 #include "frame.h"
-#include "pin_folder.h"
-#include "policer_settings.h"
-#include "ports.h"
+#include "host/ports.h"
+#include "kernel/counters.h"
+#include "kernel/dataplane.h"
+#include "kernel/pin_folder.h"
+#include "policy/policer_settings.h"
 #include "protection.h"
 
 using namespace zynlinux;

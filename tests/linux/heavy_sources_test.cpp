@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "heavy_sources.h"
+#include "trace/heavy_sources.h"
 
 using namespace zynlinux;
 using namespace std::chrono_literals;

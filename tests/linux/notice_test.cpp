@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "notice.h"
+#include "base/notice.h"
 
 using zynlinux::Notice;
 using namespace std::chrono_literals;

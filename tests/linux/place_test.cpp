@@ -5,9 +5,9 @@
 #include <map>
 #include <vector>
 
-#include "failure.h"
-#include "place.h"
-#include "policer_settings.h"
+#include "base/failure.h"
+#include "policy/place.h"
+#include "policy/policer_settings.h"
 
 using namespace zynlinux;
 

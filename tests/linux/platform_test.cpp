@@ -16,9 +16,9 @@
 #include <linux/if_link.h>
 
 #include "bpf_probe.h"
-#include "counters.h"
 #include "frame.h"
 #include "journal.h"
+#include "kernel/counters.h"
 #include "layer_on_wire.h"
 #include "memory/scratch.h"
 #include "platform_file.h"

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "bpf/cpudefend_shared.h"
-#include "policer_settings.h"
+#include "policy/policer_settings.h"
 
 static std::atomic<uint64_t> virtualNow;
 

@@ -20,9 +20,9 @@
 #include <bpf/libbpf.h>
 #include <linux/bpf.h>
 
+#include "base/descriptor.h"
 #include "bpf/acl_lookup.h"
 #include "bpf/cpudefend_shared.h"
-#include "descriptor.h"
 
 #include "cpudefend.skel.h"
 

@@ -14,10 +14,10 @@
 #include <net/if.h>
 #include <poll.h>
 
-#include "acl_compiler.h"
+#include "acl/acl_compiler.h"
 #include "bpf_probe.h"
 #include "frame.h"
-#include "policer_settings.h"
+#include "policy/policer_settings.h"
 #include "program.h"
 #include "test_net.h"
 

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "bpf/cpudefend_shared.h"
-#include "policer_settings.h"
+#include "policy/policer_settings.h"
 
 static uint64_t virtualNow;
 static unsigned readings;

@@ -8,8 +8,8 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include "descriptor.h"
-#include "failure.h"
+#include "base/descriptor.h"
+#include "base/failure.h"
 
 template <class Base> void showFailureAs()
 {

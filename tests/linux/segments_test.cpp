@@ -9,9 +9,9 @@
 #include <poll.h>
 
 #include "bpf_probe.h"
-#include "dataplane.h"
 #include "frame.h"
-#include "policer_settings.h"
+#include "kernel/dataplane.h"
+#include "policy/policer_settings.h"
 #include "program.h"
 #include "tap.h"
 #include "test_net.h"

@@ -5,7 +5,7 @@
 #include <optional>
 
 #include "acls_on_wire.h"
-#include "counters.h"
+#include "kernel/counters.h"
 
 using namespace zynlinux;
 using namespace std::chrono_literals;

@@ -7,7 +7,7 @@
 
 #include "channel/state.h"
 #include "scripted_hw.h"
-#include "source_feed.h"
+#include "trace/source_feed.h"
 #include "traced_frame.h"
 
 using namespace zynlinux;

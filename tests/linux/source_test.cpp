@@ -6,7 +6,7 @@
 
 #include "channel/state.h"
 #include "scripted_hw.h"
-#include "source.h"
+#include "trace/source.h"
 #include "traced_frame.h"
 
 using namespace zynlinux;

@@ -7,8 +7,8 @@
 #include <thread>
 
 #include "acls_on_wire.h"
-#include "counters.h"
-#include "pin_folder.h"
+#include "kernel/counters.h"
+#include "kernel/pin_folder.h"
 
 using namespace zynlinux;
 using namespace std::chrono_literals;

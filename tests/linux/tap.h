@@ -15,7 +15,7 @@
 
 #include <linux/if_tun.h>
 
-#include "descriptor.h"
+#include "base/descriptor.h"
 
 /** What goes before a frame: virtio 1.2, 5.1.6, in the host's order (its C header is none of C++).
  */

@@ -20,7 +20,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include "descriptor.h"
+#include "base/descriptor.h"
 
 constexpr char protectedPort[] = "port0";
 constexpr char peerPort[] = "peer0";

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "descriptor.h"
+#include "base/descriptor.h"
 #include "wire.h"
 
 /** What may come to a consumer while something is denied. */

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "descriptor.h"
+#include "base/descriptor.h"
 
 class Counted
 {

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "base/descriptor.h"
 #include "consumers.h"
-#include "descriptor.h"
 
 /** A consumer in the kernel, and the counters that say what it took: their sum. */
 struct KernelConsumer {

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "base/descriptor.h"
 #include "consumers.h"
-#include "descriptor.h"
 
 /** What must stand somewhere in a frame. */
 struct Match {

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string>
 
-#include "descriptor.h"
+#include "base/descriptor.h"
 
 /**
  * Sockets on the wildcard address, that never block and have joined the groups of the plan.

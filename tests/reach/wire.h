@@ -8,7 +8,7 @@
 #include <span>
 #include <string>
 
-#include "descriptor.h"
+#include "base/descriptor.h"
 #include "item.h"
 
 /** A kind of port, and what is on it. */
