@@ -86,7 +86,7 @@ public:
     Samples &samples() { return samples_; }
 
 private:
-    static Protection::Slots slotsOf(const Config &config);
+    static Slots slotsOf(const Config &config);
     void warnOfUnusedPorts() const;
     bool lookAtNetwork(const Events::Happened &happened);
     bool takeLists();
@@ -145,9 +145,9 @@ void Host::abandon()
         pins_.clear();
 }
 
-Protection::Slots Host::slotsOf(const Config &config)
+Slots Host::slotsOf(const Config &config)
 {
-    Protection::Slots slots;
+    Slots slots;
     for (const PortConfig &port : config.ports)
         if (port.sys != 0 || port.slot != 0)
             slots.emplace(port.sys, port.slot);

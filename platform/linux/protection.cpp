@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <memory>
 
 #include "base/failure.h"
 #include "zynosal.h"
@@ -52,61 +51,26 @@ Protection::Protection(DataPlane &plane, Ports &ports, AclLists lists, const Slo
     : plane_(plane), ports_(ports), tables_(plane, std::move(lists), std::move(compiled)),
       pool_(plane.policers()), unreadPps_(unreadPps)
 {
-    makeSite(systemTarget);
-    for (const auto &slot : slots)
-        makeSite(claim(slot, slots));
+    for (uint32_t target : claimTargets(plane, slots))
+        makeSite(target);
     plane_.saveInfo();
     putLeftInForce();
     if (plane_.takenOver())
         tables_.dropUnknown();
 }
 
-/** The target of a slot; where there is no free one, that of a slot which is no more. */
-uint32_t Protection::claim(const std::pair<uint32_t, uint32_t> &slot, const Slots &slots)
-{
-    cpd_info &info = plane_.info();
-    uint32_t known = zynlinux::targetOf(info, slot.first, slot.second);
-    if (known != noTarget)
-        return known;
-    uint32_t target = claimTarget(info, slot.first, slot.second);
-    for (uint32_t each = 1; target == noTarget && each < CPD_TARGETS; each++) {
-        if (slots.contains({info.targets[each].sys, info.targets[each].slot}))
-            continue;
-        plane_.remove(each);
-        info.targets[each] = {};
-        target = claimTarget(info, slot.first, slot.second);
-    }
-    if (target == noTarget)
-        throw Failure("make room for slot " + std::to_string(slot.second),
-                      "there are too many slots");
-    if (plane_.takenOver())
-        plane_.clearCounters(target);
-    return target;
-}
-
 /** Have a place, and know what was left in force there. */
 void Protection::makeSite(uint32_t target)
 {
     Site &site = sites_.try_emplace(target, pool_, unreadPps_).first->second;
-    cpd_place &left = plane_.info().targets[target];
-    if (!left.in_force)
+    const cpd_policy *left = leftInForce(plane_, target);
+    if (!left)
         return;
-    if (left.policy.acl_count != 0 && !plane_.hasTables(left.policy.table_set)) {
-        const std::string place =
-            target == systemTarget
-                ? "for the system"
-                : "at slot " + std::to_string(left.slot) + " of system " + std::to_string(left.sys);
-        NM_DEBUG_OUTPUT("[platform] what was left %s is not whole (the tables of its ACLs are "
-                        "missing): it does not stay in force\n",
-                        place.c_str());
-        left.in_force = 0;
-        return;
-    }
     site.inherited = true;
-    site.place.inherit(left.policy);
-    if (left.policy.acl_count != 0)
-        tables_.inherit(left.policy.table_set);
-    if (carriesPriority(left.policy))
+    site.place.inherit(*left);
+    if (left->acl_count != 0)
+        tables_.inherit(left->table_set);
+    if (carriesPriority(*left))
         ports_.carryPriority();
 }
 
@@ -128,14 +92,7 @@ void Protection::prepare()
 
 void Protection::dropFormerSlots()
 {
-    for (uint32_t target = 0; target < CPD_TARGETS; target++) {
-        cpd_place &place = plane_.info().targets[target];
-        if (!place.used || sites_.contains(target))
-            continue;
-        plane_.remove(target);
-        place = {};
-    }
-    plane_.saveInfo();
+    dropUnclaimed(plane_, [this](uint32_t target) { return sites_.contains(target); });
     keepTables();
 }
 
@@ -325,76 +282,20 @@ void Protection::compile()
                         "force when that is done\n");
 }
 
-std::map<uint32_t, Draft> Protection::makeDrafts()
+Drafts Protection::makeDrafts()
 {
-    std::map<uint32_t, Draft> drafts;
+    Drafts drafts;
     for (auto &[target, site] : sites_) {
         if (!site.dirty || site.late)
             continue;
         Draft draft = site.place.draft();
         if (draft.policy().acl_count != 0)
             draft.policy().table_set = tables_.use(site.place.aclNumbers());
+        if (carriesPriority(draft.policy()))
+            ports_.carryPriority();
         drafts.emplace(target, std::move(draft));
     }
     return drafts;
-}
-
-/** What was in force is so again, as far as the kernel lets it. */
-void Protection::putBack(std::map<uint32_t, Draft> &drafts, const cpd_info &before)
-try {
-    Policies policies;
-    plane_.info() = before;
-    for (const auto &[target, draft] : drafts) {
-        const cpd_place &place = before.targets[target];
-        policies[target] = place.in_force ? &place.policy : nullptr;
-    }
-    plane_.saveInfo();
-    plane_.replace(plane_.prepare(policies));
-    uint64_t now = monotonicNow();
-    for (auto &[target, draft] : drafts)
-        draft.undo(now);
-} catch (const Failure &failure) {
-    NM_DEBUG_OUTPUT("%s\n", failure.what());
-    for (auto &[target, draft] : drafts)
-        draft.abandon();
-}
-
-/** All that is wanted of the kernel beforehand, so that little is left to go wrong. */
-PreparedPolicies Protection::prepare(const std::map<uint32_t, Draft> &drafts)
-{
-    Policies policies;
-    for (const auto &[target, draft] : drafts) {
-        policies[target] = draft.rulesAnything() ? &draft.policy() : nullptr;
-        if (carriesPriority(draft.policy()))
-            ports_.carryPriority();
-    }
-    return plane_.prepare(policies);
-}
-
-/** What is kept for the next daemon is written first: it makes good what is cut short here. */
-void Protection::putInForce(std::map<uint32_t, Draft> &drafts, const PreparedPolicies &policies)
-{
-    for (auto &[target, draft] : drafts) {
-        cpd_place &kept = plane_.info().targets[target];
-        kept.in_force = draft.rulesAnything();
-        kept.policy = draft.policy();
-    }
-    for (auto &[target, draft] : drafts)
-        draft.moveTokens(monotonicNow()); // first: whoever makes this good finds no token twice
-    plane_.saveInfo();
-    plane_.replace(policies);
-}
-
-void Protection::settle(std::map<uint32_t, Draft> &drafts)
-{
-    uint64_t now = monotonicNow();
-    for (auto &[target, draft] : drafts) {
-        Site &site = sites_.at(target);
-        draft.settle(now);
-        site.dirty = false;
-        site.inherited = false;
-    }
-    keepTables();
 }
 
 void Protection::keepTables()
@@ -410,18 +311,16 @@ void Protection::keepTables()
 int32_t Protection::commit()
 try {
     compile();
-    std::map<uint32_t, Draft> drafts = makeDrafts();
+    Drafts drafts = makeDrafts();
     if (drafts.empty())
         return 0;
-    const PreparedPolicies policies = prepare(drafts);
-    auto before = std::make_unique<cpd_info>(plane_.info());
-    try {
-        putInForce(drafts, policies);
-    } catch (...) {
-        putBack(drafts, *before);
-        throw;
+    putInForce(plane_, drafts);
+    for (const auto &[target, draft] : drafts) {
+        Site &site = sites_.at(target);
+        site.dirty = false;
+        site.inherited = false;
     }
-    settle(drafts);
+    keepTables();
     return 0;
 } catch (const std::exception &failure) {
     NM_DEBUG_OUTPUT("couldn't put what was programmed in force: %s\n", failure.what());

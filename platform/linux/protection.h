@@ -16,9 +16,11 @@
 #include "kernel/dataplane.h"
 #include "kernel/target.h"
 #include "layer.h"
+#include "policy/in_force.h"
 #include "policy/place.h"
 #include "policy/policer_pool.h"
 #include "policy/table_sets.h"
+#include "policy/takeover.h"
 
 namespace zynlinux
 {
@@ -31,8 +33,6 @@ namespace zynlinux
 class Protection
 {
 public:
-    using Slots = std::set<std::pair<uint32_t, uint32_t>>; /**< system and slot number */
-
     /**
      * Have a place for the system and one for each slot, with what was left in force there.
      * Plane and ports must outlast this object.
@@ -103,7 +103,6 @@ private:
     uint32_t targetOf(const tSlotIndex *slot) const;
     int32_t checkCar(const Site *site, const tHwCpuDefendPktCarEntry &entry);
     void attribute(uint32_t target, Site &site, uint32_t type);
-    uint32_t claim(const std::pair<uint32_t, uint32_t> &slot, const Slots &slots);
     void makeSite(uint32_t target);
     void putLeftInForce();
     int32_t commit();
@@ -111,11 +110,7 @@ private:
     int32_t refuse(int32_t code, const char *reason);
     bool trimAcls(uint32_t target, Site &site);
     void compile();
-    std::map<uint32_t, Draft> makeDrafts();
-    PreparedPolicies prepare(const std::map<uint32_t, Draft> &drafts);
-    void putInForce(std::map<uint32_t, Draft> &drafts, const PreparedPolicies &policies);
-    void putBack(std::map<uint32_t, Draft> &drafts, const cpd_info &before);
-    void settle(std::map<uint32_t, Draft> &drafts);
+    Drafts makeDrafts();
     void keepTables();
     const char *wrongWith(const CompiledLists &lists) const;
 

@@ -25,7 +25,7 @@ namespace
 
 /** Everything but ports. */
 struct Host {
-    explicit Host(const AclLists &lists = {}, const Protection::Slots &slots = {})
+    explicit Host(const AclLists &lists = {}, const Slots &slots = {})
         : plane(pins), ports(config, plane, pins), protection(plane, ports, lists, slots, 100)
     {
     }
