@@ -106,6 +106,23 @@ TEST(Channel, NothingIsSentToADaemonOfAnotherUser)
     EXPECT_FALSE(asked);
 }
 
+TEST(Channel, ALinkIsNotFollowedNotEvenToADaemonThatIsTrusted)
+{
+    std::atomic<bool> asked = false;
+    std::optional<FakeDaemon> daemon(std::in_place, [&](int fd, const Bytes &) {
+        asked = true;
+        reply(fd, {7, 8, 9});
+    });
+    const std::string link = daemon->path() + ".link";
+    ASSERT_EQ(symlink(daemon->path().c_str(), link.c_str()), 0);
+    std::string reason;
+    EXPECT_EQ(failureOf(link, 5s, &reason), Failure::NotTrusted);
+    EXPECT_EQ(reason, link + " is no socket: a link may lead to anybody's");
+    unlink(link.c_str());
+    daemon.reset();
+    EXPECT_FALSE(asked);
+}
+
 TEST(Channel, RootsDaemonIsTrustedByEverybodyWhomItLetsIn)
 {
     FakeDaemon daemon([](int fd, const Bytes &) { reply(fd, {7, 8, 9}); });
