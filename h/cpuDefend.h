@@ -220,8 +220,13 @@ extern int32_t cpuDefendTest; /**< non-zero prints the decisions of CPU-rate swi
  */
 int32_t cpuDefendSocketClaim();
 
-/** The socket was made: it goes when the process exits, if it is ours still. */
-void cpuDefendSocketKeep();
+/**
+ * Bind a socket to its place, with mode 0600 from its first instant, also while others keep putting
+ * things there: these give way, but for a folder of root's or our own. It goes when a process that
+ * claimed the place exits, if it is ours still.
+ * @return 0, or -1 with errno set, and the reason printed where the place was claimed
+ */
+int32_t cpuDefendSocketBind(int32_t fd);
 
 /**
  * Build the pools, the default policy and the sockets.

@@ -8,8 +8,6 @@
 #include <string.h>
 #include <sys/select.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include "cpuDefend.h"
@@ -139,18 +137,6 @@ bool openNetlink()
     return true;
 }
 
-/** Bind to the channel's path, which must not be open to others for a moment. */
-int bindPrivately(int fd)
-{
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    strncpy(address.sun_path, CPUDEFEND_CMD_SOCKET, sizeof address.sun_path - 1);
-    const mode_t before = umask(S_IXUSR | S_IRWXG | S_IRWXO);
-    const int result = bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
-    umask(before);
-    return result;
-}
-
 /** The management channel. */
 bool openChannel()
 {
@@ -158,7 +144,7 @@ bool openChannel()
     gCpuDefend.cmdSock = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (!isUsable(gCpuDefend.cmdSock))
         return failed("cmdSock failed in line %d in func %s", __LINE__);
-    if (bindPrivately(gCpuDefend.cmdSock) < 0) {
+    if (cpuDefendSocketBind(gCpuDefend.cmdSock) < 0) {
         CPUDEFEND_DEBUG("[cpudefend] bind failed!\r\n");
         return false;
     }

@@ -6,12 +6,15 @@
  */
 #include <errno.h>
 #include <fcntl.h>
+#include <inttypes.h>
+#include <linux/fs.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -23,7 +26,11 @@ namespace
 /** Held for as long as a daemon lives, so that of two that start at once one serves. */
 constexpr char LOCK_FILE[] = CPUDEFEND_CMD_SOCKET ".lock";
 
+/** Each has an even chance at least, whatever a stranger does. */
+constexpr int MOVE_ATTEMPTS = 64;
+
 struct {
+    bool claimed;
     int lock = -1;
     ino_t socket; // 0: not made yet
 } ours;
@@ -76,24 +83,24 @@ bool lock()
     return true;
 }
 
-/** Whether somebody listens on the socket. */
-bool isServed()
+sockaddr_un addressOf(const char *path)
 {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    strcpy(address.sun_path, CPUDEFEND_CMD_SOCKET);
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    const bool served = connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 ||
-                        errno == EAGAIN; // by one that is busy
-    close(fd);
-    return served;
+    strncpy(address.sun_path, path, sizeof address.sun_path - 1);
+    return address;
 }
 
-/** Give a folder another name, as it may hold what cannot be removed. */
-bool moveAside()
+/** Whether somebody listens on the socket. */
+bool isServed()
 {
-    char aside[] = CPUDEFEND_CMD_SOCKET ".XXXXXX";
-    return mkdtemp(aside) && rename(CPUDEFEND_CMD_SOCKET, aside) == 0;
+    const sockaddr_un address = addressOf(CPUDEFEND_CMD_SOCKET);
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    const bool served =
+        connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 ||
+        errno == EAGAIN; // by one that is busy
+    close(fd);
+    return served;
 }
 
 /** What keeps a daemon from serving here; null when nothing does. */
@@ -102,15 +109,93 @@ const char *hindrance()
     struct stat status;
     if (lstat(CPUDEFEND_CMD_SOCKET, &status) != 0)
         return nullptr;
-    const bool folder = S_ISDIR(status.st_mode);
     if (!isTrusted(status)) {
         fprintf(stderr, "cpuDefend: %s is user %u's: it is replaced\n", CPUDEFEND_CMD_SOCKET,
                 static_cast<unsigned>(status.st_uid));
-        return folder && !moveAside() ? "a folder is in its place" : nullptr;
+        return nullptr;
     }
-    if (folder)
+    if (S_ISDIR(status.st_mode))
         return "a folder is in its place";
     return S_ISSOCK(status.st_mode) && isServed() ? "another daemon serves it" : nullptr;
+}
+
+/** Say what keeps the daemon from serving. errno stays what it was. */
+void complain(const char *reason)
+{
+    const int error = errno;
+    fprintf(stderr, "cpuDefend: couldn't take %s: %s\n", CPUDEFEND_CMD_SOCKET, reason);
+    errno = error;
+}
+
+int bindTo(int fd, const char *path)
+{
+    const sockaddr_un address = addressOf(path);
+    return bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address);
+}
+
+/** Whether a folder is in the place that is not to be replaced. */
+bool isTrustedFolderInPlace()
+{
+    struct stat status;
+    return lstat(CPUDEFEND_CMD_SOCKET, &status) == 0 && S_ISDIR(status.st_mode) &&
+           isTrusted(status);
+}
+
+/** Let two names stand for what the other one stands for, in one step. */
+bool exchangeNames(const char *one, const char *other)
+{
+    return syscall(SYS_renameat2, AT_FDCWD, one, AT_FDCWD, other, RENAME_EXCHANGE) == 0;
+}
+
+/**
+ * Move a socket into the place, whatever is made and removed there meanwhile. A rename fails where
+ * a folder is, and an exchange where nothing is; everything else gives way to either. A coin
+ * decides between them, as whoever changed the place in step with us could foil any fixed order.
+ * @return whether it is there, or else with errno set
+ */
+bool moveIntoPlace(const char *socket, uint64_t coins)
+{
+    for (int i = 0; i < MOVE_ATTEMPTS && !isTrustedFolderInPlace(); i++)
+        if (coins >> i & 1 ? exchangeNames(socket, CPUDEFEND_CMD_SOCKET)
+                           : rename(socket, CPUDEFEND_CMD_SOCKET) == 0)
+            return true;
+    return rename(socket, CPUDEFEND_CMD_SOCKET) == 0;
+}
+
+/** Remove what has a name, if anything has. errno stays what it was. */
+void tidy(const char *path)
+{
+    const int error = errno;
+    if (remove(path) != 0 && errno != ENOENT)
+        fprintf(stderr, "cpuDefend: what was there is %s now\n", path);
+    errno = error;
+}
+
+/**
+ * Bind a socket under a name that nobody guesses, and move it into the place. That name is beside
+ * the place, since a stranger's folder goes to no other parent without rights to that folder, which
+ * a service that has few capabilities lacks, also as root.
+ */
+int bindBeside(int fd)
+{
+    uint64_t random[2];
+    char beside[sizeof CPUDEFEND_CMD_SOCKET ".0123456789abcdef"];
+    if (getentropy(random, sizeof random) != 0)
+        return -1;
+    snprintf(beside, sizeof beside, CPUDEFEND_CMD_SOCKET ".%016" PRIx64, random[0]);
+    if (bindTo(fd, beside) != 0)
+        return -1;
+    const int result = moveIntoPlace(beside, random[1]) ? 0 : -1;
+    tidy(beside);
+    return result;
+}
+
+/** Note that the socket in the place is ours. */
+void keep()
+{
+    struct stat status;
+    if (lstat(CPUDEFEND_CMD_SOCKET, &status) == 0)
+        ours.socket = status.st_ino;
 }
 
 void leave()
@@ -128,15 +213,25 @@ void leave()
 int32_t cpuDefendSocketClaim()
 {
     atexit(leave);
+    ours.claimed = true;
     const char *hindered = lock() ? hindrance() : "another daemon has it";
     if (hindered)
-        fprintf(stderr, "cpuDefend: couldn't take %s: %s\n", CPUDEFEND_CMD_SOCKET, hindered);
+        complain(hindered);
     return hindered ? -1 : 0;
 }
 
-void cpuDefendSocketKeep()
+// Its own name is tried first: the one that it is bound to is what lists of sockets show, and by
+// that those who clean up in /tmp know a socket in use.
+int32_t cpuDefendSocketBind(int32_t fd)
 {
-    struct stat status;
-    if (lstat(CPUDEFEND_CMD_SOCKET, &status) == 0)
-        ours.socket = status.st_ino;
+    const mode_t before = umask(S_IXUSR | S_IRWXG | S_IRWXO);
+    int result = bindTo(fd, CPUDEFEND_CMD_SOCKET);
+    if (result != 0 && errno == EADDRINUSE)
+        result = bindBeside(fd);
+    umask(before);
+    if (result == 0)
+        keep();
+    else if (ours.claimed)
+        complain(strerror(errno));
+    return result;
 }

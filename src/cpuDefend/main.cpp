@@ -42,7 +42,6 @@ int main(int argc, char *argv[])
         perror("couldn't start the daemon");
         return -1;
     }
-    cpuDefendSocketKeep();
     if (zynPlatformStart() != 0)
         return -1;
     cpuDefenTask();

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -227,8 +228,11 @@ TEST(DaemonStart, ASocketPathThatCannotBeHadIsAnError)
                            ": a folder is in its place\n");
 }
 
-/** In a process that has no /dev, @a body is to return what is wrong. @return that, in short */
-template <typename Body> std::string withoutDev(Body body)
+/**
+ * In a process with mounts of its own, once @a arrange has changed them, @a body is to return what
+ * is wrong. @return that, in short
+ */
+template <typename Arrange, typename Body> std::string apart(Arrange arrange, Body body)
 {
     int said[2];
     if (pipe2(said, O_CLOEXEC) != 0)
@@ -237,8 +241,7 @@ template <typename Body> std::string withoutDev(Body body)
     if (child == 0) {
         std::string wrong = "no mount name space";
         if (unshare(CLONE_NEWNS) == 0 &&
-            mount("none", "/", nullptr, MS_REC | MS_PRIVATE, "") == 0 &&
-            mount("none", "/dev", "tmpfs", 0, "") == 0)
+            mount("none", "/", nullptr, MS_REC | MS_PRIVATE, "") == 0 && arrange())
             wrong = body();
         (void)!write(said[1], wrong.data(), wrong.size());
         _exit(0);
@@ -252,16 +255,23 @@ template <typename Body> std::string withoutDev(Body body)
     return wrong;
 }
 
+template <typename Body> std::string withoutDev(Body body)
+{
+    return apart([] { return mount("none", "/dev", "tmpfs", 0, "") == 0; }, body);
+}
+
+/** @return what a daemon says that does not start, its standard error being @a errFd */
+std::string startsOrSays(int errFd = -1)
+try {
+    const DaemonProcess daemon({}, {}, "", errFd);
+    return "";
+} catch (const std::exception &failure) {
+    return failure.what();
+}
+
 TEST(DaemonStart, NeedsNoDevNullWhileItsDescriptorsAreOpen)
 {
-    const std::string wrong = withoutDev([]() -> std::string {
-        try {
-            const DaemonProcess daemon;
-            return "";
-        } catch (const std::exception &failure) {
-            return failure.what();
-        }
-    });
+    const std::string wrong = withoutDev([] { return startsOrSays(); });
     if (wrong == "no mount name space")
         GTEST_SKIP() << wrong;
     EXPECT_EQ(wrong, "");
@@ -278,6 +288,22 @@ TEST(DaemonStart, SaysWhyADescriptorCannotBeOpened)
     if (wrong == "no mount name space")
         GTEST_SKIP() << wrong;
     EXPECT_EQ(wrong, "255 couldn't open /dev/null: No such file or directory\n");
+}
+
+TEST(DaemonStart, SaysWhyItsSocketCannotBeMade)
+{
+    const auto fill = [] { // as far as the daemon can tell
+        return mount("/tmp", "/tmp", nullptr, MS_BIND | MS_REC, nullptr) == 0 &&
+               mount(nullptr, "/tmp", nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) == 0;
+    };
+    const std::string wrong =
+        apart(fill, [] { return startsOrSays(memfd_create("errors", MFD_CLOEXEC)); });
+    if (wrong == "no mount name space")
+        GTEST_SKIP() << wrong;
+    EXPECT_EQ(wrong, "the daemon did not start: cpuDefend: couldn't lock " CPUDEFEND_CMD_SOCKET
+                     ".lock: two starts at once are not told apart\n"
+                     "cpuDefend: couldn't take " CPUDEFEND_CMD_SOCKET ": Read-only file system\n"
+                     "couldn't start the daemon: Read-only file system\n");
 }
 
 TEST(DaemonStart, ClosedStandardDescriptorsDoNotHinderIt)

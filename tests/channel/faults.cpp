@@ -52,6 +52,8 @@ ssize_t __real_recvfrom(int fd, void *buf, size_t length, int flags, sockaddr *a
 ssize_t __real_sendmsg(int fd, const msghdr *message, int flags);
 int __real_select(int count, fd_set *read, fd_set *write, fd_set *except, timeval *wait);
 int __real_bind(int fd, const sockaddr *address, socklen_t length);
+int __real_rename(const char *from, const char *to);
+long __real_syscall(long number, ...);
 int __real_chmod(const char *path, mode_t mode);
 int __real_fchmod(int fd, mode_t mode);
 int32_t __real_OsixTakeSem(tOsixSemId sem, int32_t wait);
@@ -144,12 +146,30 @@ int __wrap_select(int count, fd_set *read, fd_set *write, fd_set *except, timeva
 
 int __wrap_bind(int fd, const sockaddr *address, socklen_t length)
 {
+    if (plan.binding)
+        plan.binding();
     const int result = __real_bind(fd, address, length);
     struct stat status;
-    if (address->sa_family == AF_UNIX &&
+    if (result == 0 && address->sa_family == AF_UNIX &&
         stat(reinterpret_cast<const sockaddr_un *>(address)->sun_path, &status) == 0)
         plan.modeWhenBound = status.st_mode;
     return result;
+}
+
+int __wrap_rename(const char *from, const char *to)
+{
+    if (plan.moving)
+        plan.moving();
+    return __real_rename(from, to);
+}
+
+/** Of the system calls by number, what goes by here is renameat2. */
+long __wrap_syscall(long number, int fromFolder, const char *from, int toFolder, const char *to,
+                    unsigned flags)
+{
+    if (plan.moving)
+        plan.moving();
+    return __real_syscall(number, fromFolder, from, toFolder, to, flags);
 }
 
 int __wrap_chmod(const char *path, mode_t mode)

@@ -41,6 +41,8 @@ struct Plan {
     /** Called with each accepted connection before the daemon sees it. */
     std::function<void(int)> accepted;
     std::function<void()> sending; /**< called before each sendmsg */
+    std::function<void()> binding; /**< called before each bind */
+    std::function<void()> moving;  /**< called before a file changes its name */
     size_t sendAtMost = 0;         /**< bytes that a sendmsg takes; 0: all that it can */
     bool noWait = false;           /**< select polls instead of waiting */
     std::optional<int> ready;      /**< the next select finds this one readable, and no other */

@@ -24,6 +24,7 @@
 #include "client.h"
 #include "diagnostics.h"
 #include "faults.h"
+#include "place.h"
 #include "request.h"
 #include "scripted_hw.h"
 #include "state.h"
@@ -465,6 +466,68 @@ TEST_F(Server, TheMaskForNewFilesIsWhatItWas)
     ASSERT_EQ(0, cpuDefendInit(4, 2));
     EXPECT_EQ(027u, umask(mine));
     EXPECT_EQ(0600u, plan.modeWhenBound & 07777u);
+}
+
+/** Somebody is always one step ahead of the socket. */
+TEST_F(Server, WhatIsMadeJustBeforeTheSocketGivesWayToIt)
+{
+    const std::function<void()> makers[] = {
+        [] { close(open(CPUDEFEND_CMD_SOCKET, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644)); },
+        [] { (void)!symlink("/tmp/cpudefend-test-elsewhere", CPUDEFEND_CMD_SOCKET); },
+    };
+    for (const auto &maker : makers) {
+        takeDown();
+        plan.binding = maker;
+        ASSERT_EQ(0, cpuDefendInit(4, 2));
+        EXPECT_EQ(0600u, plan.modeWhenBound & 07777u);
+        EXPECT_EQ(0, plan.modeChanges);
+        struct stat status;
+        ASSERT_EQ(0, lstat(CPUDEFEND_CMD_SOCKET, &status));
+        EXPECT_TRUE(S_ISSOCK(status.st_mode));
+        EXPECT_EQ(0600u, status.st_mode & 07777u);
+        EXPECT_EQ(std::vector<std::string>(), place::leftBeside());
+        const Client client;
+        client.write(framed(plainBody));
+        expectServed(client);
+    }
+}
+
+bool makeStrangersFolder()
+{
+    return mkdir(CPUDEFEND_CMD_SOCKET, 0700) == 0 && chown(CPUDEFEND_CMD_SOCKET, 65534, 65534) == 0;
+}
+
+/** Somebody puts a folder there before one step, and takes it away before the next. */
+TEST_F(Server, ChangingThePlaceInStepKeepsNoSocketFromIt)
+{
+    for (const bool first : {false, true}) {
+        takeDown();
+        if (!makeStrangersFolder()) {
+            rmdir(CPUDEFEND_CMD_SOCKET);
+            GTEST_SKIP() << "only root can give a folder away";
+        }
+        plan.moving = [there = first]() mutable {
+            rmdir(CPUDEFEND_CMD_SOCKET);
+            if ((there = !there))
+                makeStrangersFolder();
+        };
+        ASSERT_EQ(0, cpuDefendInit(4, 2));
+        plan.moving = nullptr;
+    }
+}
+
+TEST_F(Server, AFolderOfOnesOwnIsNeverReplaced)
+{
+    takeDown();
+    const mode_t mine = umask(027);
+    plan.binding = [] { mkdir(CPUDEFEND_CMD_SOCKET, 0700); };
+    EXPECT_EQ(-1, cpuDefendInit(4, 2));
+    EXPECT_EQ(EISDIR, errno);
+    EXPECT_EQ(027u, umask(mine));
+    EXPECT_EQ(std::vector<std::string>(), place::leftBeside());
+    plan.binding = nullptr;
+    EXPECT_EQ(0, rmdir(CPUDEFEND_CMD_SOCKET));
+    ASSERT_EQ(0, cpuDefendInit(4, 2));
 }
 
 TEST_F(Server, SocketsAreNotInheritedByAProgramStarted)

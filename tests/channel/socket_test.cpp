@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -15,7 +16,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -23,11 +23,14 @@
 #include "cpuDefend_nm.h"
 #include "daemon_process.h"
 #include "linux/platform_file.h"
+#include "place.h"
+
+using place::leftBeside;
+using place::LOCK_FILE;
 
 namespace
 {
 
-constexpr char LOCK_FILE[] = CPUDEFEND_CMD_SOCKET ".lock";
 constexpr uid_t STRANGER = 65534;
 
 bool exists(const char *path)
@@ -40,6 +43,27 @@ bool isServed()
 {
     Bytes reply;
     return exchange({}, &reply); // a request too short to be one is answered, too
+}
+
+void makeFile(const char *path = CPUDEFEND_CMD_SOCKET)
+{
+    close(open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+}
+
+void makeFolder()
+{
+    mkdir(CPUDEFEND_CMD_SOCKET, 0700);
+}
+
+void makeFullFolder()
+{
+    makeFolder();
+    makeFile(CPUDEFEND_CMD_SOCKET "/file");
+}
+
+void makeLink()
+{
+    (void)!symlink("/tmp/cpudefend-test-elsewhere", CPUDEFEND_CMD_SOCKET);
 }
 
 /** A socket that listens in this process. */
@@ -76,6 +100,8 @@ protected:
     {
         for (const char *path : {CPUDEFEND_CMD_SOCKET, LOCK_FILE})
             std::filesystem::remove_all(path);
+        for (const std::string &path : leftBeside())
+            std::filesystem::remove_all(path);
     }
 
     static void expectRefused(const std::string &reason)
@@ -110,11 +136,18 @@ protected:
         DaemonProcess daemon;
         EXPECT_EQ(said, daemon.errors());
         EXPECT_TRUE(isServed());
+        expectPlace();
+        EXPECT_TRUE(daemon.running());
+    }
+
+    /** A socket that is root's alone has the place. */
+    static void expectPlace()
+    {
         struct stat status;
         ASSERT_EQ(0, lstat(CPUDEFEND_CMD_SOCKET, &status));
         EXPECT_TRUE(S_ISSOCK(status.st_mode));
+        EXPECT_EQ(0600u, status.st_mode & 07777);
         EXPECT_EQ(0u, status.st_uid);
-        EXPECT_TRUE(daemon.running());
     }
 
     const std::string replaced = "cpuDefend: " CPUDEFEND_CMD_SOCKET " is user 65534's: it is "
@@ -253,15 +286,22 @@ TEST_F(SocketPlaceOfAStranger, ALinkToWhatRootServesIsReplaced)
     expectStart(replaced);
 }
 
-TEST_F(SocketPlaceOfAStranger, AFolderIsMovedAside)
+TEST_F(SocketPlaceOfAStranger, AFolderIsRemoved)
 {
-    const std::string file = CPUDEFEND_CMD_SOCKET "/file";
-    asStranger([&] {
-        ASSERT_EQ(0, mkdir(CPUDEFEND_CMD_SOCKET, 0700));
-        std::ofstream{file};
-    });
-    ASSERT_TRUE(exists(file.c_str()));
+    asStranger(makeFolder);
     expectStart(replaced);
+    EXPECT_EQ(std::vector<std::string>(), leftBeside());
+}
+
+TEST_F(SocketPlaceOfAStranger, AFolderWithSomethingInItIsGivenAnotherName)
+{
+    asStranger(makeFullFolder);
+    const DaemonProcess daemon;
+    expectPlace();
+    const std::vector<std::string> left = leftBeside();
+    ASSERT_EQ(1u, left.size());
+    EXPECT_EQ(replaced + "cpuDefend: what was there is " + left[0] + " now\n", daemon.errors());
+    EXPECT_TRUE(exists((left[0] + "/file").c_str()));
 }
 
 TEST_F(SocketPlaceOfAStranger, ALockThatIsHeldIsReplaced)
@@ -287,5 +327,103 @@ TEST_F(SocketPlaceOfAStranger, TheLockIsOutOfReach)
     DaemonProcess daemon;
     asStranger([] { EXPECT_EQ(-1, open(LOCK_FILE, O_RDONLY | O_CLOEXEC)); });
 }
+
+// ---- A stranger who does not rest --------------------------------------------------------------
+
+struct Attack {
+    const char *name;
+    void (*act)();
+    bool leaves = false; /**< what is the stranger's own */
+};
+
+void PrintTo(const Attack &attack, std::ostream *out)
+{
+    *out << attack.name;
+}
+
+const Attack attacks[] = {
+    {"Files", [] { makeFile(); }},
+    {"Links", makeLink},
+    {"Folders", makeFolder},
+    {"FullFolders", makeFullFolder, true},
+    {"FoldersThatGo",
+     [] {
+         makeFolder();
+         rmdir(CPUDEFEND_CMD_SOCKET);
+     }},
+    {"EverythingInTurn",
+     [] {
+         makeLink();
+         remove(CPUDEFEND_CMD_SOCKET);
+         makeFolder();
+         remove(CPUDEFEND_CMD_SOCKET);
+         makeFile();
+         remove(CPUDEFEND_CMD_SOCKET);
+         makeFile(LOCK_FILE);
+     }},
+};
+
+/** A process of the stranger's, which does one thing for as long as this object lives. */
+class Attacker
+{
+public:
+    explicit Attacker(void (*act)()) : pid_(fork())
+    {
+        if (pid_ != 0)
+            return;
+        if (setuid(STRANGER) != 0 || prctl(PR_SET_PDEATHSIG, SIGKILL) != 0)
+            _exit(EXIT_FAILURE);
+        for (;;)
+            act();
+    }
+    ~Attacker()
+    {
+        int status = 0;
+        kill(pid_, SIGKILL);
+        EXPECT_EQ(pid_, waitpid(pid_, &status, 0));
+        EXPECT_TRUE(WIFSIGNALED(status)) << "it did not attack";
+    }
+    Attacker(const Attacker &) = delete;
+    Attacker &operator=(const Attacker &) = delete;
+
+private:
+    pid_t pid_;
+};
+
+class SocketPlaceUnderAttack : public SocketPlaceOfAStranger,
+                               public testing::WithParamInterface<Attack>
+{
+protected:
+    /** @return whether a daemon started and has the place */
+    static bool starts(int signal)
+    try {
+        DaemonProcess daemon;
+        expectPlace();
+        return daemon.running() && daemon.stop(signal) >= 0;
+    } catch (const std::exception &failure) {
+        ADD_FAILURE() << failure.what();
+        return false;
+    }
+};
+
+TEST_P(SocketPlaceUnderAttack, EveryStartSucceeds)
+{
+    int started = 0;
+    {
+        const Attacker one(GetParam().act), other(GetParam().act);
+        for (int start = 0; start < 20; start++) // every other one finds the socket of one killed
+            started += starts(start % 2 ? SIGTERM : SIGKILL);
+    }
+    EXPECT_EQ(20, started);
+    for (const std::string &name : leftBeside()) {
+        EXPECT_TRUE(GetParam().leaves) << name;
+        struct stat status;
+        ASSERT_EQ(0, lstat(name.c_str(), &status));
+        EXPECT_EQ(STRANGER, status.st_uid) << name;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(With, SocketPlaceUnderAttack, testing::ValuesIn(attacks),
+                         [](const auto &attack) { return std::string(attack.param.name); });
 
 } // namespace
