@@ -42,10 +42,12 @@ bool isTrusted(const struct stat &status)
            (S_ISDIR(status.st_mode) || status.st_nlink == 1);
 }
 
+/** A file that others may open they can hold the lock of, too, whosever it is. */
 bool isOurLock(int fd)
 {
     struct stat status;
-    return fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && isTrusted(status);
+    return fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && isTrusted(status) &&
+           (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
 }
 
 /** Open the lock file. What stands there instead is removed. @return -1 when that was so */

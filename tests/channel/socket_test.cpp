@@ -315,6 +315,19 @@ TEST_F(SocketPlaceOfAStranger, ALockThatIsHeldIsReplaced)
     close(held);
 }
 
+TEST_F(SocketPlaceOfAStranger, AFileOfRootsWhoseLockAStrangerHoldsIsReplaced)
+{
+    makeFile(LOCK_FILE);
+    ASSERT_EQ(0, chmod(LOCK_FILE, 0644));
+    int held = -1;
+    asStranger([&] {
+        held = open(LOCK_FILE, O_RDONLY | O_CLOEXEC);
+        ASSERT_EQ(0, flock(held, LOCK_EX));
+    });
+    expectStart("");
+    close(held);
+}
+
 TEST_F(SocketPlaceOfAStranger, AFolderAsTheLockIsNoBar)
 {
     asStranger([&] { ASSERT_EQ(0, mkdir(LOCK_FILE, 0700)); });
