@@ -18,6 +18,9 @@ SOCKET = "/tmp/cpudefendCmd.socket"
 PINS = "/sys/fs/bpf/cpudefend"
 SOUND = 'ports = ["port0"]\n'
 
+# What a stranger does who does not want the daemon to start.
+STRANGER = f"umask 077; while :; do mkdir -p {SOCKET}/folder; done 2>/dev/null"
+
 container = None
 
 
@@ -180,6 +183,23 @@ class Refusal(Service):
 
 
 class Confinement(Service):
+    def test_a_stranger_does_not_keep_it_from_starting(self):
+        """Root's few capabilities are enough to take the place from somebody else's folders."""
+        container.command("systemd-run", "--unit", "stranger", "--quiet", "--uid", "nobody",
+                          "sh", "-c", STRANGER)
+        self.addCleanup(container.systemctl, "stop", "stranger")
+        for _ in range(5):
+            self.assertTrue(within(20, lambda: self.exists(f"{SOCKET}/folder")))
+            self.start()
+            self.assertEqual(self.state("NRestarts"), "0", self.journal())
+            container.systemctl("stop", "cpudefend")
+
+    def test_it_may_ask_what_a_port_is(self):
+        """Only a tap device would get the program that counts the packets of super-frames."""
+        self.start()
+        self.assertIn("port port0 is protected in native mode", self.journal())
+        self.assertEqual(container.command("find", PINS, "-name", "tc-*"), "")
+
     def test_exposure(self):
         """What it may do beyond its need, from 0 to 10, as systemd rates its restrictions."""
         rating = container.command("systemd-analyze", "security", "--no-pager", "cpudefend")
