@@ -128,7 +128,7 @@ void Host::start()
     addresses_.refresh();
     ports_.start();
     protection_.dropFormerSlots();
-    protection_.prepare();
+    protection_.keepTablesReady();
     warnOfUnusedPorts();
     if (!protection_.hasInherited())
         return;
@@ -177,7 +177,7 @@ try {
         return false;
     protection_.reload(std::move(*lists));
     NM_DEBUG_OUTPUT("[platform] ACLs are those of %s now\n", file_.c_str());
-    protection_.prepare();
+    protection_.keepTablesReady();
     return true;
 } catch (const std::exception &failure) {
     NM_DEBUG_OUTPUT("%s; the ACLs stay as they were\n", failure.what());

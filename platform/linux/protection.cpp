@@ -52,7 +52,7 @@ Protection::Protection(DataPlane &plane, Ports &ports, AclLists lists, const Slo
       pool_(plane.policers()), unreadPps_(unreadPps)
 {
     for (uint32_t target : claimTargets(plane, slots))
-        makeSite(target);
+        makePlace(target);
     plane_.saveInfo();
     putLeftInForce();
     if (plane_.takenOver())
@@ -60,14 +60,14 @@ Protection::Protection(DataPlane &plane, Ports &ports, AclLists lists, const Slo
 }
 
 /** Have a place, and know what was left in force there. */
-void Protection::makeSite(uint32_t target)
+void Protection::makePlace(uint32_t target)
 {
-    Site &site = sites_.try_emplace(target, pool_, unreadPps_).first->second;
+    Place &place = places_.try_emplace(target, pool_, unreadPps_).first->second;
     const cpd_policy *left = leftInForce(plane_, target);
     if (!left)
         return;
-    site.inherited = true;
-    site.place.inherit(*left);
+    place.inherited = true;
+    place.programmed.inherit(*left);
     if (left->acl_count != 0)
         tables_.inherit(left->table_set);
     if (carriesPriority(*left))
@@ -80,19 +80,19 @@ void Protection::putLeftInForce()
     if (!plane_.takenOver())
         return;
     Policies policies;
-    for (const auto &[target, site] : sites_)
-        policies[target] = site.inherited ? &plane_.info().targets[target].policy : nullptr;
+    for (const auto &[target, place] : places_)
+        policies[target] = place.inherited ? &plane_.info().targets[target].policy : nullptr;
     plane_.replace(plane_.prepare(policies));
 }
 
-void Protection::prepare()
+void Protection::keepTablesReady()
 {
-    tables_.prepare();
+    tables_.keepOneReady();
 }
 
 void Protection::dropFormerSlots()
 {
-    dropUnclaimed(plane_, [this](uint32_t target) { return sites_.contains(target); });
+    dropUnclaimed(plane_, [this](uint32_t target) { return places_.contains(target); });
     keepTables();
 }
 
@@ -101,11 +101,11 @@ uint32_t Protection::targetOf(const tSlotIndex *slot) const
     return slot ? zynlinux::targetOf(plane_.info(), slot->sys, slot->slot) : systemTarget;
 }
 
-Protection::Site *Protection::find(const tSlotIndex *slot)
+Protection::Place *Protection::find(const tSlotIndex *slot)
 {
-    auto site = sites_.find(targetOf(slot));
-    reason_ = site == sites_.end() ? "the platform file has no such slot" : nullptr;
-    return site == sites_.end() ? nullptr : &site->second;
+    auto place = places_.find(targetOf(slot));
+    reason_ = place == places_.end() ? "the platform file has no such slot" : nullptr;
+    return place == places_.end() ? nullptr : &place->second;
 }
 
 /* ---- Calls ---------------------------------------------------------------------------- */
@@ -116,22 +116,22 @@ int32_t Protection::refuse(int32_t code, const char *reason)
     return code;
 }
 
-int32_t Protection::checkCar(const Site *site, const tHwCpuDefendPktCarEntry &entry)
+int32_t Protection::checkCar(const Place *place, const tHwCpuDefendPktCarEntry &entry)
 {
-    if (!site)
+    if (!place)
         return ENODEV;
     return cpd_classified(entry.pktType) ? 0 : refuse(ENOTSUP, "no frame is of this type");
 }
 
 /** What a type has counted belongs to the entry that was in force so far. */
-void Protection::attribute(uint32_t target, Site &site, uint32_t type)
+void Protection::attribute(uint32_t target, Place &place, uint32_t type)
 {
     std::optional<cpd_counters> read = readCounters(plane_.counters(), target, type);
     if (!read)
         return; // and the next reading tells of this time too
     const cpd_counters &now = *read;
-    auto [last, first] = site.lastCounters.try_emplace(type, now);
-    CarEntry *entry = site.place.cars.inForce(type);
+    auto [last, first] = place.lastCounters.try_emplace(type, now);
+    CarEntry *entry = place.programmed.cars.inForce(type);
     if (entry && !first) {
         entry->counted.passPkt += now.passed_packets - last->second.passed_packets;
         entry->counted.passOct += now.passed_octets - last->second.passed_octets;
@@ -141,69 +141,70 @@ void Protection::attribute(uint32_t target, Site &site, uint32_t type)
     last->second = now;
 }
 
-/** Change what is programmed at a site. Outside of a change that is in force at once, or undone. */
-template <class Operation> int32_t Protection::apply(Site &site, Operation operation)
+/** Change what is programmed at a place. Outside of a change that is in force at once, or undone.
+ */
+template <class Operation> int32_t Protection::apply(Place &place, Operation operation)
 {
     CarTable cars;
     std::vector<layer::tAclSetting> acls;
-    bool dirty = std::exchange(site.dirty, true);
-    site.fresh = true;
+    bool dirty = std::exchange(place.dirty, true);
+    place.fresh = true;
     if (!inChange_) {
-        cars = site.place.cars;
-        acls = site.place.acls;
+        cars = place.programmed.cars;
+        acls = place.programmed.acls;
     }
-    operation(site.place);
+    operation(place.programmed);
     if (inChange_)
         return 0;
     int32_t result = commit();
     if (result != 0) {
-        site.place.cars = std::move(cars);
-        site.place.acls = std::move(acls);
-        site.dirty = dirty;
+        place.programmed.cars = std::move(cars);
+        place.programmed.acls = std::move(acls);
+        place.dirty = dirty;
     }
     return result;
 }
 
 int32_t Protection::carAdd(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry &entry)
 {
-    Site *site = find(slot);
-    if (int32_t refused = checkCar(site, entry))
+    Place *place = find(slot);
+    if (int32_t refused = checkCar(place, entry))
         return refused;
-    attribute(targetOf(slot), *site, entry.pktType);
-    return apply(*site, [&](Place &place) { place.cars.add(entry); });
+    attribute(targetOf(slot), *place, entry.pktType);
+    return apply(*place, [&](Programmed &programmed) { programmed.cars.add(entry); });
 }
 
 int32_t Protection::carDel(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry &entry)
 {
-    Site *site = find(slot);
-    if (int32_t refused = checkCar(site, entry))
+    Place *place = find(slot);
+    if (int32_t refused = checkCar(place, entry))
         return refused;
-    if (!site->place.cars.find(entry))
+    if (!place->programmed.cars.find(entry))
         return ENOENT;
-    attribute(targetOf(slot), *site, entry.pktType);
-    return apply(*site, [&](Place &place) { place.cars.remove(entry); });
+    attribute(targetOf(slot), *place, entry.pktType);
+    return apply(*place, [&](Programmed &programmed) { programmed.cars.remove(entry); });
 }
 
 int32_t Protection::carCount(const tSlotIndex *slot, const tHwCpuDefendPktCarEntry &entry,
                              layer::tCarCounts *counts)
 {
-    Site *site = find(slot);
-    if (int32_t refused = checkCar(site, entry))
+    Place *place = find(slot);
+    if (int32_t refused = checkCar(place, entry))
         return refused;
-    CarEntry *counted = site->place.cars.find(entry);
+    CarEntry *counted = place->programmed.cars.find(entry);
     if (!counted)
         return ENOENT;
-    attribute(targetOf(slot), *site, entry.pktType);
+    attribute(targetOf(slot), *place, entry.pktType);
     *counts = std::exchange(counted->counted, {});
     return 0;
 }
 
 int32_t Protection::aclAdd(const tSlotIndex *slot, const layer::tAclSetting &acl)
 {
-    Site *site = find(slot);
-    if (!site)
+    Place *place = find(slot);
+    if (!place)
         return ENODEV;
-    std::vector<uint16_t> numbers = site->place.aclNumbers();
+    std::vector<uint16_t> numbers = place->programmed.aclNumbers();
     numbers.push_back(acl.acl);
     if (!tables_.known({acl.acl}))
         return refuse(ENOENT, "the platform file has no such list");
@@ -215,17 +216,17 @@ int32_t Protection::aclAdd(const tSlotIndex *slot, const layer::tAclSetting &acl
         if (fit != Fit::Yes)
             return fit == Fit::No ? refuse(ENOSPC, doesNotFit) : refuse(EAGAIN, takesLong);
     }
-    return apply(*site, [&](Place &place) { place.acls.push_back(acl); });
+    return apply(*place, [&](Programmed &programmed) { programmed.acls.push_back(acl); });
 }
 
 int32_t Protection::aclDel(const tSlotIndex *slot, const layer::tAclSetting &acl)
 {
-    Site *site = find(slot);
-    if (!site)
+    Place *place = find(slot);
+    if (!place)
         return ENODEV;
-    if (!site->place.hasAcl(acl))
+    if (!place->programmed.hasAcl(acl))
         return ENOENT;
-    return apply(*site, [&](Place &place) { place.removeAcl(acl); });
+    return apply(*place, [&](Programmed &programmed) { programmed.removeAcl(acl); });
 }
 
 /* ---- Putting it in force -------------------------------------------------------------- */
@@ -243,17 +244,17 @@ int32_t Protection::changeEnd()
 }
 
 /** Drop the ACL entries that do not fit behind the others. @return false: it is not known yet */
-bool Protection::trimAcls(uint32_t target, Site &site)
+bool Protection::trimAcls(uint32_t target, Place &place)
 {
-    const AclNumbers numbers = site.place.aclNumbers();
+    const AclNumbers numbers = place.programmed.aclNumbers();
     bool sure = true;
     const size_t fitting = tables_.countFitting(numbers, &sure);
     if (!sure)
         return false;
     const cpd_place *slot = target != systemTarget ? &plane_.info().targets[target] : nullptr;
     for (size_t i = numbers.size(); i-- > fitting;)
-        dropped_.push_back(droppedAcl(slot, site.place.acls[i]));
-    site.place.acls.resize(fitting);
+        dropped_.push_back(droppedAcl(slot, place.programmed.acls[i]));
+    place.programmed.acls.resize(fitting);
     return true;
 }
 
@@ -266,17 +267,17 @@ void Protection::compile()
     bool anyLate = false;
     for (bool fresh : {true, false}) {
         tables_.waitFor(fresh ? compileTime : std::chrono::milliseconds(0));
-        for (auto &[target, site] : sites_) {
-            if (!site.dirty || site.fresh != fresh)
+        for (auto &[target, place] : places_) {
+            if (!place.dirty || place.fresh != fresh)
                 continue;
-            const bool wasLate = std::exchange(site.late, !trimAcls(target, site));
-            anyLate = anyLate || (fresh && site.late);
-            if (wasLate && !site.late && !site.place.acls.empty())
+            const bool wasLate = std::exchange(place.late, !trimAcls(target, place));
+            anyLate = anyLate || (fresh && place.late);
+            if (wasLate && !place.late && !place.programmed.acls.empty())
                 NM_DEBUG_OUTPUT("[platform] access lists that took a while are compiled\n");
         }
     }
-    for (auto &[target, site] : sites_)
-        site.fresh = false;
+    for (auto &[target, place] : places_)
+        place.fresh = false;
     if (anyLate)
         NM_DEBUG_OUTPUT("[platform] access lists are being compiled; what was programmed comes in "
                         "force when that is done\n");
@@ -285,12 +286,12 @@ void Protection::compile()
 Drafts Protection::makeDrafts()
 {
     Drafts drafts;
-    for (auto &[target, site] : sites_) {
-        if (!site.dirty || site.late)
+    for (auto &[target, place] : places_) {
+        if (!place.dirty || place.late)
             continue;
-        Draft draft = site.place.draft();
+        Draft draft = place.programmed.draft();
         if (draft.policy().acl_count != 0)
-            draft.policy().table_set = tables_.use(site.place.aclNumbers());
+            draft.policy().table_set = tables_.use(place.programmed.aclNumbers());
         if (carriesPriority(draft.policy()))
             ports_.carryPriority();
         drafts.emplace(target, std::move(draft));
@@ -316,9 +317,9 @@ try {
         return 0;
     putInForce(plane_, drafts);
     for (const auto &[target, draft] : drafts) {
-        Site &site = sites_.at(target);
-        site.dirty = false;
-        site.inherited = false;
+        Place &place = places_.at(target);
+        place.dirty = false;
+        place.inherited = false;
     }
     keepTables();
     return 0;
@@ -331,8 +332,8 @@ try {
 std::set<AclNumbers> Protection::boundAcls() const
 {
     std::set<AclNumbers> bound;
-    for (const auto &[target, site] : sites_)
-        bound.insert(site.place.aclNumbers());
+    for (const auto &[target, place] : places_)
+        bound.insert(place.programmed.aclNumbers());
     bound.erase(AclNumbers{});
     return bound;
 }
@@ -354,31 +355,31 @@ void Protection::reload(CompiledLists lists)
 {
     if (const char *wrong = wrongWith(lists))
         throw Failure("take the new ACLs", wrong);
-    std::vector<Site *> changed;
-    for (auto &[target, site] : sites_)
-        if (!site.dirty && !site.place.acls.empty())
-            changed.push_back(&site);
-    for (Site *site : changed)
-        site->dirty = true;
+    std::vector<Place *> changed;
+    for (auto &[target, place] : places_)
+        if (!place.dirty && !place.programmed.acls.empty())
+            changed.push_back(&place);
+    for (Place *place : changed)
+        place->dirty = true;
     tables_.exchange(lists);
     if (commit() == 0)
         return;
     tables_.exchange(lists);
-    for (Site *site : changed)
-        site->dirty = false;
+    for (Place *place : changed)
+        place->dirty = false;
     throw Failure("take the new ACLs", "they could not be put in force");
 }
 
 bool Protection::hasInherited() const
 {
-    return std::any_of(sites_.begin(), sites_.end(),
+    return std::any_of(places_.begin(), places_.end(),
                        [](const auto &each) { return each.second.inherited; });
 }
 
 void Protection::dropInherited()
 {
-    for (auto &[target, site] : sites_)
-        site.dirty = site.dirty || site.inherited;
+    for (auto &[target, place] : places_)
+        place.dirty = place.dirty || place.inherited;
     commit();
 }
 

@@ -17,8 +17,8 @@
 #include "kernel/target.h"
 #include "layer.h"
 #include "policy/in_force.h"
-#include "policy/place.h"
 #include "policy/policer_pool.h"
+#include "policy/programmed.h"
 #include "policy/table_sets.h"
 #include "policy/takeover.h"
 
@@ -36,7 +36,7 @@ public:
     /**
      * Have a place for the system and one for each slot, with what was left in force there.
      * Plane and ports must outlast this object.
-     * @param unreadPps see Place
+     * @param unreadPps see Programmed
      * @param compiled  is called, in another thread, when the end of a change has something to do:
      *                  lists that took a while are compiled. May be empty
      * @throw Failure
@@ -45,7 +45,7 @@ public:
                uint32_t unreadPps, std::function<void()> compiled = {});
 
     /** Do beforehand what would take time when something is bound. */
-    void prepare();
+    void keepTablesReady();
 
     /** Drop what was left for slots that are no more; first let no port belong to them. */
     void dropFormerSlots();
@@ -88,10 +88,10 @@ public:
     void dropInherited();
 
 private:
-    struct Site {
-        Site(PolicerPool &pool, uint32_t unreadPps) : place(pool, unreadPps) {}
+    struct Place {
+        Place(PolicerPool &pool, uint32_t unreadPps) : programmed(pool, unreadPps) {}
 
-        Place place;
+        Programmed programmed;
         bool inherited = false; /**< in force is what a former daemon left */
         bool dirty = false;     /**< what is in force is not what was programmed */
         bool fresh = false;     /**< it was programmed since that was last looked at */
@@ -99,16 +99,16 @@ private:
         std::map<uint32_t, cpd_counters> lastCounters; /**< by packet type with an entry */
     };
 
-    Site *find(const tSlotIndex *slot); /**< for the call that begins: also sets reason_ */
+    Place *find(const tSlotIndex *slot); /**< for the call that begins: also sets reason_ */
     uint32_t targetOf(const tSlotIndex *slot) const;
-    int32_t checkCar(const Site *site, const tHwCpuDefendPktCarEntry &entry);
-    void attribute(uint32_t target, Site &site, uint32_t type);
-    void makeSite(uint32_t target);
+    int32_t checkCar(const Place *place, const tHwCpuDefendPktCarEntry &entry);
+    void attribute(uint32_t target, Place &place, uint32_t type);
+    void makePlace(uint32_t target);
     void putLeftInForce();
     int32_t commit();
-    template <class Operation> int32_t apply(Site &site, Operation operation);
+    template <class Operation> int32_t apply(Place &place, Operation operation);
     int32_t refuse(int32_t code, const char *reason);
-    bool trimAcls(uint32_t target, Site &site);
+    bool trimAcls(uint32_t target, Place &place);
     void compile();
     Drafts makeDrafts();
     void keepTables();
@@ -119,7 +119,7 @@ private:
     TableSets tables_;
     PolicerPool pool_;
     uint32_t unreadPps_;
-    std::map<uint32_t, Site> sites_; /**< by target */
+    std::map<uint32_t, Place> places_; /**< by target */
     std::vector<layer::tDropped> dropped_;
     const char *reason_ = nullptr;
     bool inChange_ = false;

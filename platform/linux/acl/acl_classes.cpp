@@ -293,7 +293,7 @@ void spread(AclRow &row, uint32_t columns)
 }
 
 /** Make the most frequent value that of all columns that have no cell. */
-void settle(AclRow &row, uint32_t columns)
+void shorten(AclRow &row, uint32_t columns)
 {
     std::unordered_map<uint32_t, size_t> uses;
     for (const auto &[column, value] : row.cells)
@@ -329,7 +329,7 @@ std::vector<AclRow> crossClasses(const AclClasses &rows, const AclClasses &colum
             row.other = classes.of(set.words(), all.common());
         for (uint32_t column : touched)
             row.cells.emplace_back(column, classes.of(set.words(), all.set(column)));
-        settle(row, all.count());
+        shorten(row, all.count());
         classes.budget().spend(touched.size() * 8);
     }
     return table;

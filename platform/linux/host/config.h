@@ -46,7 +46,7 @@ struct Config {
     std::string pin = "/sys/fs/bpf/cpudefend"; /**< folder of what is pinned; empty: nothing is */
     uint32_t grace = 60; /**< seconds until what is not bound again after a start is dropped */
     OnStop onStop = OnStop::Remove;
-    uint32_t unreadPps = 100;         /**< packets/s that cannot be judged, see Place */
+    uint32_t unreadPps = 100;         /**< packets/s that cannot be judged, see Programmed */
     std::map<uint16_t, AclList> acls; /**< by number */
 };
 

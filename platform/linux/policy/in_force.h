@@ -8,7 +8,7 @@
 #include <map>
 
 #include "kernel/dataplane.h"
-#include "policy/place.h"
+#include "policy/programmed.h"
 
 namespace zynlinux
 {

@@ -15,7 +15,7 @@ TableSets::TableSets(DataPlane &plane, AclLists lists, std::function<void()> don
 {
 }
 
-void TableSets::prepare()
+void TableSets::keepOneReady()
 {
     if (compiler_.anyLists())
         idleSet();

@@ -28,7 +28,7 @@ public:
     TableSets(DataPlane &plane, AclLists lists, std::function<void()> done);
 
     /** Have an idle set ready if there are lists, so that binding need not wait for one. */
-    void prepare();
+    void keepOneReady();
 
     /** Whether all these ACLs are there. */
     bool known(const AclNumbers &numbers) const { return compiler_.known(numbers); }

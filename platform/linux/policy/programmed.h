@@ -2,8 +2,8 @@
  * One place that policies are programmed at, the system or a slot: what was programmed, and the
  * policy for the packet program that comes of it. No input or output.
  */
-#ifndef ZYNLINUX_PLACE_H
-#define ZYNLINUX_PLACE_H
+#ifndef ZYNLINUX_PROGRAMMED_H
+#define ZYNLINUX_PROGRAMMED_H
 
 #include <array>
 #include <cstdint>
@@ -34,7 +34,7 @@ struct Held {
     uint32_t kinds = 0; /**< CPD_RULE_*: which of the pair packets are, or were last, charged to */
 };
 
-class Place;
+class Programmed;
 
 /**
  * A policy on its way to the program: it is made, gets the tokens, is put in force, and is settled.
@@ -76,7 +76,7 @@ public:
     void abandon() { successors_.clear(); }
 
 private:
-    friend class Place;
+    friend class Programmed;
 
     struct Successor {
         Holder holder;
@@ -85,20 +85,22 @@ private:
         std::array<uint64_t, CPD_KINDS> drained; /**< words of the one before, without its tokens */
     };
 
-    explicit Draft(Place &place) : place_(&place) {}
+    explicit Draft(Programmed &place) : place_(&place) {}
     void charge(const Successor &successor, uint64_t now);
 
-    Place *place_;
+    Programmed *place_;
     cpd_policy policy_{};
     std::vector<Successor> successors_;
 };
 
-class Place
+class Programmed
 {
 public:
     /** @param unreadPps what packets that cannot be judged are limited to, in packets/s; 0 drops
      *  them. That is in force while anything is. */
-    explicit Place(PolicerPool &pool, uint32_t unreadPps) : pool_(&pool), unreadPps_(unreadPps) {}
+    explicit Programmed(PolicerPool &pool, uint32_t unreadPps) : pool_(&pool), unreadPps_(unreadPps)
+    {
+    }
 
     CarTable cars;
     std::vector<layer::tAclSetting> acls; /**< in the order programmed */

@@ -1,4 +1,4 @@
-#include "policy/place.h"
+#include "policy/programmed.h"
 
 #include <algorithm>
 #include <atomic>
@@ -169,15 +169,15 @@ void Draft::settle(uint64_t now)
     place_->forgetIdleAcls(policy_);
 }
 
-/* ---- Place ---------------------------------------------------------------------------- */
+/* ---- Programmed ---------------------------------------------------------------------------- */
 
-bool Place::hasAcl(const layer::tAclSetting &acl) const
+bool Programmed::hasAcl(const layer::tAclSetting &acl) const
 {
     return std::any_of(acls.begin(), acls.end(),
                        [&](const auto &each) { return sameAcl(each, acl); });
 }
 
-bool Place::removeAcl(const layer::tAclSetting &acl)
+bool Programmed::removeAcl(const layer::tAclSetting &acl)
 {
     auto newest = std::find_if(acls.rbegin(), acls.rend(),
                                [&](const auto &each) { return sameAcl(each, acl); });
@@ -187,7 +187,7 @@ bool Place::removeAcl(const layer::tAclSetting &acl)
     return true;
 }
 
-std::vector<uint16_t> Place::aclNumbers() const
+std::vector<uint16_t> Programmed::aclNumbers() const
 {
     std::vector<uint16_t> numbers;
     for (const layer::tAclSetting &each : acls)
@@ -196,8 +196,8 @@ std::vector<uint16_t> Place::aclNumbers() const
 }
 
 /** The policer for these settings: the holder's, or one that goes on from where that is. */
-uint32_t Place::policer(Draft &draft, const Holder &holder, uint32_t flags,
-                        const cpd_settings (&wanted)[CPD_KINDS])
+uint32_t Programmed::policer(Draft &draft, const Holder &holder, uint32_t flags,
+                             const cpd_settings (&wanted)[CPD_KINDS])
 {
     const auto held = held_.find(holder);
     const Held before = held == held_.end() ? Held{} : held->second;
@@ -219,7 +219,7 @@ uint32_t Place::policer(Draft &draft, const Holder &holder, uint32_t flags,
     return after.policer;
 }
 
-cpd_rule Place::rule(Draft &draft, const Holder &holder, const tHwCpuDefendPktCarEntry &entry)
+cpd_rule Programmed::rule(Draft &draft, const Holder &holder, const tHwCpuDefendPktCarEntry &entry)
 {
     cpd_rule rule{};
     rule.flags = CPD_RULE_DENY;
@@ -233,7 +233,7 @@ cpd_rule Place::rule(Draft &draft, const Holder &holder, const tHwCpuDefendPktCa
     return rule;
 }
 
-cpd_rule Place::rule(Draft &draft, const Holder &holder, const layer::tAclSetting &acl)
+cpd_rule Programmed::rule(Draft &draft, const Holder &holder, const layer::tAclSetting &acl)
 {
     cpd_rule rule{};
     rule.flags = CPD_RULE_DENY;
@@ -246,7 +246,7 @@ cpd_rule Place::rule(Draft &draft, const Holder &holder, const layer::tAclSettin
 }
 
 /** What cannot be judged is limited wherever anything is. */
-cpd_rule Place::unreadRule(Draft &draft)
+cpd_rule Programmed::unreadRule(Draft &draft)
 {
     if (unreadPps_ == 0)
         return {CPD_RULE_DENY, 0, 0, 0, 0};
@@ -255,7 +255,7 @@ cpd_rule Place::unreadRule(Draft &draft)
     return {CPD_RULE_PACKETS, 0, 0, 0, index};
 }
 
-Draft Place::draft()
+Draft Programmed::draft()
 {
     Draft draft(*this);
     cpd_policy &policy = draft.policy_;
@@ -273,7 +273,7 @@ Draft Place::draft()
     return draft;
 }
 
-void Place::inherit(const cpd_policy &policy)
+void Programmed::inherit(const cpd_policy &policy)
 {
     auto take = [this](const Holder &holder, const cpd_rule &rule) {
         if (rule.flags & policers && pool_->take(rule.policer))
@@ -286,7 +286,7 @@ void Place::inherit(const cpd_policy &policy)
 }
 
 /** Policers of ACL entries that have gone are kept for their return, but only so many. */
-void Place::forgetIdleAcls(const cpd_policy &policy)
+void Programmed::forgetIdleAcls(const cpd_policy &policy)
 {
     auto inUse = [&](uint32_t index) {
         return std::any_of(policy.acls, policy.acls + policy.acl_count,

@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "base/failure.h"
-#include "policy/place.h"
 #include "policy/policer_settings.h"
+#include "policy/programmed.h"
 
 using namespace zynlinux;
 
@@ -72,7 +72,7 @@ protected:
     std::vector<cpd_policer> memory = std::vector<cpd_policer>(CPD_POLICERS);
     uint64_t now = 1'000'000'000'000; // ns
     PolicerPool pool{memory.data()};
-    Place place{pool, 100};
+    Programmed place{pool, 100};
 };
 
 TEST_F(PlaceTest, NothingProgrammedRulesNothing)
@@ -94,7 +94,7 @@ TEST_F(PlaceTest, BitsSayWhatIsInForceOfAnEntry)
         {ZYN_HW_CAR_QUEUE, CPD_RULE_PACKETS | CPD_RULE_QUEUE},
         {ZYN_HW_CAR_PRIORITY, CPD_RULE_PACKETS | CPD_RULE_PRIORITY}};
     for (const auto &[bits, flags] : flagsOf) {
-        Place other(pool, 100);
+        Programmed other(pool, 100);
         other.cars.add(car(CPD_ARP, 100, static_cast<uint8_t>(bits)));
         Draft draft = other.draft();
         EXPECT_TRUE(draft.rulesAnything());
@@ -108,7 +108,7 @@ TEST_F(PlaceTest, OnlyDhcpWithoutAnEntryHasAStandIn)
 {
     for (bool own : {false, true})
         for (bool snooping : {false, true}) {
-            Place other(pool, 100);
+            Programmed other(pool, 100);
             for (uint16_t type : {CPD_DHCPCLIENT, CPD_DHCPSERVER, CPD_DHCP6REPLY, CPD_DHCP6REQUEST})
                 if (own)
                     other.cars.add(car(type, 100));
@@ -338,7 +338,7 @@ TEST_F(PlaceTest, UnreadIsLimitedWhileAnythingIsInForce)
 
 TEST_F(PlaceTest, UnreadIsDroppedAtARateOfZero)
 {
-    Place other(pool, 0);
+    Programmed other(pool, 0);
     other.acls = {deny(10)};
     EXPECT_EQ(other.draft().policy().types[CPD_UNREAD].flags, CPD_RULE_DENY);
 }
@@ -391,7 +391,7 @@ TEST_F(PlaceTest, InheritedPolicersGoOnUnderTheSameRate)
     spend(left.types[CPD_ARP].policer, 600);
 
     PolicerPool otherPool(memory.data());
-    Place successor(otherPool, 100);
+    Programmed successor(otherPool, 100);
     successor.inherit(left);
     successor.cars.add(car(CPD_ARP, 50'000));
     successor.acls = {permit(30, 64), permit(31, 64)};
