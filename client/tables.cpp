@@ -195,19 +195,11 @@ constexpr std::array kSource{
               "first bytes of the last packet"},
 };
 
-constexpr std::array<std::string_view, CPUDEFEND_PKTTYPE_MAX> kPktTypes{
-    "dot1x",      "arp",          "igmpsnoop",    "stpcustomer",  "gvrp",       "udld",
-    "vtp",        "igmp",         "alb",          "dhcpsnoopip",  "y1731",      "telnet",
-    "tcp",        "ftp",          "icmp",         "icmpv6",       "snmp",       "ntp",
-    "bpdutunnel", "ospf",         "ospf6",        "dhcpclient",   "dhcpserver", "dhcp6reply",
-    "oam",        "dhcp6request", "rip",          "rip6",         "ldp",        "mpls",
-    "bfd",        "bfd6",         "bgp",          "sntp",         "sntp6",      "pim",
-    "pim6",       "vrrp",         "vrrp6",        "erp",          "dlip",       "stpprovider",
-    "esr",        "eaps",         "isis",         "bfdether",     "loopback",   "efm",
-    "rlink",      "rtrunk",       "lldp",         "sgm",          "pppoe",      "flush",
-    "iss",        "isssync",      "dhcpsnoopip6", "dhcpsnooparp", "totalpkt"};
-
-static_assert(kPktTypes[CPUDEFEND_PKTTYPE_TOTALPKT] == "totalpkt");
+constexpr std::array kPktTypes{
+#define WORD(number, name, word, frames) std::string_view(word),
+    ZYN_PKT_TYPES(WORD)
+#undef WORD
+};
 
 } // namespace
 

@@ -14,7 +14,6 @@
 namespace
 {
 
-constexpr uint32_t pktTypeMax = 58;
 constexpr int32_t flagApply = 3; // to the running hardware
 
 // What a synchronisation id stands for, where the flag does not tell.
@@ -105,7 +104,7 @@ bool isTarget(const tSlotIndex *slot)
 
 bool isCar(const tHwCpuDefendPktCarEntry *entry)
 {
-    return entry != nullptr && entry->pktType <= pktTypeMax &&
+    return entry != nullptr && entry->pktType < ZYN_PKT_MAX &&
            (entry->op == ZYN_HW_OP_PERMIT || entry->op == ZYN_HW_OP_DENY);
 }
 

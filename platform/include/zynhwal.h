@@ -9,6 +9,7 @@
 #define ZYNHWAL_H
 
 #include "zynosal.h"
+#include "zynpkttype.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -43,7 +44,7 @@ enum {
  * ZYN_HW_CAR_PPS, both with both; with none of them the packet policer is.
  */
 typedef struct tHwCpuDefendPktCarEntry {
-    uint32_t pktType; /**< protocol packet type, 0 to 58 */
+    uint32_t pktType; /**< protocol packet type, ZYN_PKT_* */
     uint32_t cir;     /**< committed information rate, kbit/s */
     uint32_t cbs;     /**< committed burst size, bytes */
     uint32_t pps;     /**< packets per second */

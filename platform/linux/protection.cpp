@@ -120,7 +120,7 @@ int32_t Protection::checkCar(const Place *place, const tHwCpuDefendPktCarEntry &
 {
     if (!place)
         return ENODEV;
-    return cpd_classified(entry.pktType) ? 0 : refuse(ENOTSUP, "no frame is of this type");
+    return zynPktHasFrames(entry.pktType) ? 0 : refuse(ENOTSUP, "no frame is of this type");
 }
 
 /** What a type has counted belongs to the entry that was in force so far. */

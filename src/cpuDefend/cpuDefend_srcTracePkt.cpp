@@ -109,6 +109,16 @@ constexpr tMatch matches[] = {
     {CPUDEFEND_PKTTYPE_DHCPSERVER, ETHERTYPE_IPV4, UDP, DHCP_SERVER_PORT, 0},
 };
 
+/** Whether all that is traced has frames: an entry of another type would never be counted on. */
+constexpr bool haveFrames()
+{
+    for (const tMatch &match : matches)
+        if (!zynPktHasFrames(match.pktType))
+            return false;
+    return true;
+}
+static_assert(haveFrames());
+
 bool isOfType(const tPacket &packet, uint8_t pktType)
 {
     for (const tMatch &match : matches) {

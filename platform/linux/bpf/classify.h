@@ -21,6 +21,9 @@
 #include "acl_lookup.h"
 #include "cpudefend_shared.h"
 
+_Static_assert(CPD_TOTALPKT == ZYN_PKT_MAX - 1,
+               "a type behind TOTALPKT needs CPD_TYPES to be ZYN_PKT_MAX, and another CPD_LAYOUT");
+
 /* What most of the usual floods take. */
 #define cpd_likely(condition) __builtin_expect(!!(condition), 1)
 

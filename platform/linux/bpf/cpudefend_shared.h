@@ -7,94 +7,18 @@
 
 #include <linux/types.h>
 
-/*
- * Packet types that the program tells apart. The numbers are those of the CAR entries that the
- * daemon sends; docs/packet-types.md says what each one stands for.
- */
+#include "zynpkttype.h"
+
+/* Packet types, CPD_DOT1X and so on: those of zynpkttype.h, which CAR entries are for. */
 enum cpd_type {
-    CPD_DOT1X,
-    CPD_ARP,
-    CPD_IGMPSNOOP,
-    CPD_STPCUSTOMER,
-    CPD_GVRP,
-    CPD_UDLD,
-    CPD_VTP,
-    CPD_IGMP,
-    CPD_ALB,
-    CPD_DHCPSNOOPIP,
-    CPD_Y1731,
-    CPD_TELNET,
-    CPD_TCP,
-    CPD_FTP,
-    CPD_ICMP,
-    CPD_ICMPV6,
-    CPD_SNMP,
-    CPD_NTP,
-    CPD_BPDUTUNNEL,
-    CPD_OSPF,
-    CPD_OSPF6,
-    CPD_DHCPCLIENT,
-    CPD_DHCPSERVER,
-    CPD_DHCP6REPLY,
-    CPD_OAM,
-    CPD_DHCP6REQUEST,
-    CPD_RIP,
-    CPD_RIP6,
-    CPD_LDP,
-    CPD_MPLS,
-    CPD_BFD,
-    CPD_BFD6,
-    CPD_BGP,
-    CPD_SNTP,
-    CPD_SNTP6,
-    CPD_PIM,
-    CPD_PIM6,
-    CPD_VRRP,
-    CPD_VRRP6,
-    CPD_ERP,
-    CPD_DLIP,
-    CPD_STPPROVIDER,
-    CPD_ESR,
-    CPD_EAPS,
-    CPD_ISIS,
-    CPD_BFDETHER,
-    CPD_LOOPBACK,
-    CPD_EFM,
-    CPD_RLINK,
-    CPD_RTRUNK,
-    CPD_LLDP,
-    CPD_SGM,
-    CPD_PPPOE,
-    CPD_FLUSH,
-    CPD_ISS,
-    CPD_ISSSYNC,
-    CPD_DHCPSNOOPIP6,
-    CPD_DHCPSNOOPARP,
-    CPD_TYPES, /* how many there are */
-
-    CPD_UNREAD = CPD_TYPES, /* what cannot be judged to the end: limited, never free */
-    CPD_RULES,              /* how many kinds of packets a policy has rules for */
-    CPD_NO_TYPE = CPD_RULES /* anything else: passes, unless an ACL entry selects it */
+    CPD_TYPES = ZYN_PKT_TOTALPKT, /* how many a frame can be of; that one stands for all of them */
+    CPD_UNREAD = CPD_TYPES,       /* what cannot be judged to the end: limited, never free */
+    CPD_RULES,                    /* how many kinds of packets a policy has rules for */
+    CPD_NO_TYPE = CPD_RULES,      /* anything else: passes, unless an ACL entry selects it */
+#define CPD_TYPE(number, name, word, frames) CPD_##name = number,
+    ZYN_PKT_TYPES(CPD_TYPE)
+#undef CPD_TYPE
 };
-
-/* Whether there are frames that the program takes for this type: not of those that have no
- * published format, or one that another type has. */
-static inline int cpd_classified(__u32 type)
-{
-    switch (type) {
-    case CPD_SNTP:
-    case CPD_DLIP:
-    case CPD_ESR:
-    case CPD_RLINK:
-    case CPD_RTRUNK:
-    case CPD_SGM:
-    case CPD_FLUSH:
-    case CPD_ISS:
-    case CPD_ISSSYNC:
-    case CPD_DHCPSNOOPARP: return 0;
-    default: return type < CPD_TYPES;
-    }
-}
 
 /* The two policers that a rule may put in force, and what a token of each is. */
 enum cpd_kind {
