@@ -8,14 +8,20 @@
 
 #include "cpuDefend_nm_api.h"
 
-/** One attribute. A table of them is indexed by the attribute id. */
+/** One attribute. Row n of a table is attribute n. */
 struct tNmAttr {
     uint32_t id;
     tNmKind kind;
     uint8_t width;      /**< bytes of a number: 1, 2 or 4 */
-    uint8_t checks;     /**< what a set looks at, by table */
+    uint8_t checks;     /**< access, and what else a set looks at, by table */
     uint16_t offset;    /**< of the number or the bytes in the record */
     uint16_t lenOffset; /**< of the 8-bit length that goes with bytes */
+};
+
+/** Access: bits of tNmAttr::checks. With neither, an attribute is read and set. */
+enum : uint8_t {
+    NM_READ_ONLY = 0x80,
+    NM_SET_ONLY = 0x40 /**< an order: there is nothing to read */
 };
 
 /** A number in field @a field of record type @a type. */
@@ -37,7 +43,7 @@ struct tNmAttr {
     }
 
 /** Whether row n of a table is attribute n, for a static_assert beside each table. */
-template <size_t N> constexpr bool nmAttrsInOrder(const tNmAttr (&attrs)[N])
+template <typename Attr, size_t N> constexpr bool nmAttrsInOrder(const Attr (&attrs)[N])
 {
     for (size_t i = 0; i < N; i++)
         if (attrs[i].id != i)
@@ -45,10 +51,40 @@ template <size_t N> constexpr bool nmAttrsInOrder(const tNmAttr (&attrs)[N])
     return true;
 }
 
-/** Kind of attribute @a id; an id outside the table stands for no attribute. */
-template <size_t N> tNmKind nmAttrKind(const tNmAttr (&attrs)[N], uint32_t id)
+/** The same for a table whose rows have a function `set`: whether just those that can be set do. */
+template <typename Attr, size_t N> constexpr bool nmSettersMatch(const Attr (&attrs)[N])
 {
-    return id < N ? attrs[id].kind : NM_ANY;
+    for (const Attr &attr : attrs)
+        if ((attr.set == nullptr) != ((attr.checks & NM_READ_ONLY) != 0))
+            return false;
+    return true;
+}
+
+/** @return attribute @a id, or null for an id that stands for none */
+template <typename Attr, size_t N> const Attr *nmAttr(const Attr (&attrs)[N], uint32_t id)
+{
+    return id < N ? &attrs[id] : nullptr;
+}
+
+/** The same of one that can be read. */
+template <typename Attr, size_t N> const Attr *nmAttrToGet(const Attr (&attrs)[N], uint32_t id)
+{
+    const Attr *attr = nmAttr(attrs, id);
+    return attr && !(attr->checks & NM_SET_ONLY) ? attr : nullptr;
+}
+
+/** The same of one that can be set. */
+template <typename Attr, size_t N> const Attr *nmAttrToSet(const Attr (&attrs)[N], uint32_t id)
+{
+    const Attr *attr = nmAttr(attrs, id);
+    return attr && !(attr->checks & NM_READ_ONLY) ? attr : nullptr;
+}
+
+/** Kind of attribute @a id, of an id that stands for none too. */
+template <typename Attr, size_t N> tNmKind nmAttrKind(const Attr (&attrs)[N], uint32_t id)
+{
+    const Attr *attr = nmAttr(attrs, id);
+    return attr ? attr->kind : NM_ANY;
 }
 
 /** The number of attribute @a attr in @a record, zero-extended. */

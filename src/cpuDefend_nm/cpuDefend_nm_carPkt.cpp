@@ -14,7 +14,6 @@ namespace
 constexpr uint32_t SYNC_BASE = 8004;
 constexpr uint8_t DEFAULT_QUEUE = 2;
 constexpr uint8_t DEFAULT_PRIORITY = 2;
-constexpr uint8_t READ_ONLY = 1;
 
 #define NUMBER(id, field, checks) NM_ATTR_NUMBER(id, tCpuDefendCarPktEntry, field, checks)
 
@@ -26,8 +25,8 @@ constexpr tNmAttr attrs[] = {
     NUMBER(CPUDEFEND_CARPKT_QUEUE, queue, 0),
     NUMBER(CPUDEFEND_CARPKT_PRIORITY, priority, 0),
     NUMBER(CPUDEFEND_CARPKT_DENY, deny, 0),
-    NUMBER(CPUDEFEND_CARPKT_PASSNUM, pktPassNum, READ_ONLY),
-    NUMBER(CPUDEFEND_CARPKT_DROPNUM, pktDropNum, READ_ONLY),
+    NUMBER(CPUDEFEND_CARPKT_PASSNUM, pktPassNum, NM_READ_ONLY),
+    NUMBER(CPUDEFEND_CARPKT_DROPNUM, pktDropNum, NM_READ_ONLY),
     NUMBER(CPUDEFEND_CARPKT_TOTALPKTBPS, totalPktBps, 0),
     NUMBER(CPUDEFEND_CARPKT_TOTALPKTPPS, totalPktPps, 0),
 };
@@ -97,8 +96,8 @@ int32_t cpuDefendCarPktGetApi(tcpuDefendCarPktIdx *carPktIdx, uint32_t cmd, void
         return CPUDEFEND_ENOENTRY;
     if (cmd == CPUDEFEND_CARPKT_PASSNUM || cmd == CPUDEFEND_CARPKT_DROPNUM)
         cpuDefendHwCarCount(entry);
-    if (cmd <= CPUDEFEND_CARPKT_TOTALPKTPPS)
-        nmAttrGet(attrs[cmd], entry, var);
+    if (const tNmAttr *attr = nmAttrToGet(attrs, cmd))
+        nmAttrGet(*attr, entry, var);
     return CPUDEFEND_OK;
 }
 
@@ -111,16 +110,16 @@ int32_t _cpuDefendCarPktSetApi(tcpuDefendCarPktIdx *carPktIdx, uint32_t cmd, voi
         return CPUDEFEND_ENOENTRY;
     if (nmPolicyIsBound(carPktIdx->policyName, carPktIdx->policyNameLen))
         return CPUDEFEND_EBOUND;
-    if (cmd > CPUDEFEND_CARPKT_TOTALPKTPPS || (attrs[cmd].checks & READ_ONLY))
+    const tNmAttr *attr = nmAttrToSet(attrs, cmd);
+    if (!attr)
         return CPUDEFEND_FAIL;
-    const tNmAttr &attr = attrs[cmd];
     const uint32_t value = nmNumber(var);
-    if (nmAttrNumber(attr, entry) == value)
+    if (nmAttrNumber(*attr, entry) == value)
         return CPUDEFEND_OK;
     const int32_t result = zynHwCarPktSync(carPktIdx, SYNC_BASE + cmd, var, flag);
     if (result != 0)
         return result;
-    nmAttrStoreNumber(attr, entry, value);
+    nmAttrStoreNumber(*attr, entry, value);
     updateBit(entry, cmd);
     return CPUDEFEND_OK;
 }

@@ -12,54 +12,23 @@ namespace
 
 constexpr uint32_t SYNC_BASE = 8000;
 
-#define NUMBER(id, field) NM_ATTR_NUMBER(id, tCpuDefendSystem, field, 0)
-#define OCTETS(id, field) NM_ATTR_OCTETS(id, tCpuDefendSystem, field, field##Len, 0)
+struct tChange;
 
-constexpr tNmAttr attrs[] = {
-    OCTETS(CPUDEFEND_GLOBAL_POLICY, policyName),
-    NUMBER(CPUDEFEND_GLOBAL_MAXPOLICYNUM, maxPolicyNum),
-    NUMBER(CPUDEFEND_GLOBAL_MAXUSERDEFINEDNUM, maxUserDefinedNum),
-    NUMBER(CPUDEFEND_GLOBAL_MAXCARPKTNUM, maxCarPktNum),
-    NUMBER(CPUDEFEND_GLOBAL_MAXSRCTRACENUM, maxSrcTraceNum),
-    NUMBER(CPUDEFEND_GLOBAL_MAXSLOTNUM, maxSlotNum),
-    NUMBER(CPUDEFEND_GLOBAL_USEPOLICYNUM, usePolicyNum),
-    NUMBER(CPUDEFEND_GLOBAL_USEUSERDEFINEDNUM, useUserDefinedNum),
-    NUMBER(CPUDEFEND_GLOBAL_USECARPKTNUM, useCarPktNum),
-    NUMBER(CPUDEFEND_GLOBAL_USESRCTRACENUM, useSrcTraceNum),
-    NUMBER(CPUDEFEND_GLOBAL_USESLOTNUM, useSlotNum),
-    NM_ATTR_NO_FIELD(CPUDEFEND_GLOBAL_RESETSRCTRACE, NM_ANY, 0),
-    NUMBER(CPUDEFEND_GLOBAL_DEBUG, cpuDefendDebug),
-    NUMBER(CPUDEFEND_GLOBAL_POLICYMODE, policyMode),
-    NUMBER(CPUDEFEND_GLOBAL_L1CPURAT, cpuRatControl[0].cpuRat),
-    OCTETS(CPUDEFEND_GLOBAL_L1POLICYNAME, cpuRatControl[0].policyName),
-    NUMBER(CPUDEFEND_GLOBAL_L2CPURAT, cpuRatControl[1].cpuRat),
-    OCTETS(CPUDEFEND_GLOBAL_L2POLICYNAME, cpuRatControl[1].policyName),
-    NUMBER(CPUDEFEND_GLOBAL_L3CPURAT, cpuRatControl[2].cpuRat),
-    OCTETS(CPUDEFEND_GLOBAL_L3POLICYNAME, cpuRatControl[2].policyName),
-    NM_ATTR_NO_FIELD(CPUDEFEND_GLOBAL_SYNCSTATE, NM_OCTETS, 0),
+struct tGlobalAttr : tNmAttr {
+    uint8_t level; /**< 1 to 3; 0 for what is of none */
+    int32_t (*set)(const tChange &);
 };
-static_assert(nmAttrsInOrder(attrs));
-
-#undef NUMBER
-#undef OCTETS
-
-/** Whether the attribute can be read: it stands for something that is stored. */
-bool isReadable(uint32_t attrId)
-{
-    return attrId <= CPUDEFEND_GLOBAL_SYNCSTATE && attrId != CPUDEFEND_GLOBAL_RESETSRCTRACE &&
-           attrId != CPUDEFEND_GLOBAL_SYNCSTATE;
-}
 
 /** A set of one attribute. */
 struct tChange {
-    uint32_t attrId;
+    const tGlobalAttr &attr;
     octetstring *value;
     uint32_t flag;
 };
 
 int32_t sync(const tChange &change, uint32_t extraFlag = 0)
 {
-    return zynHwScalarSync(0, SYNC_BASE + change.attrId, change.value, change.flag | extraFlag);
+    return zynHwScalarSync(0, SYNC_BASE + change.attr.id, change.value, change.flag | extraFlag);
 }
 
 /**
@@ -155,10 +124,10 @@ int32_t setPolicyMode(const tChange &change)
     return unbind();
 }
 
-int32_t setThreshold(const tChange &change, uint32_t position)
+int32_t setThreshold(const tChange &change)
 {
     const uint32_t value = nmNumber(change.value);
-    uint8_t &threshold = gCpuDefend.cpuRatControl[position - 1].cpuRat;
+    uint8_t &threshold = gCpuDefend.cpuRatControl[change.attr.level - 1].cpuRat;
     if (value == threshold)
         return CPUDEFEND_OK;
     const int32_t result = sync(change);
@@ -180,8 +149,9 @@ int32_t removeLevel(uint32_t position)
                       });
 }
 
-int32_t setLevelName(const tChange &change, uint32_t position)
+int32_t setLevelName(const tChange &change)
 {
+    const uint32_t position = change.attr.level;
     tCpuDefendCpuRatControl &level = gCpuDefend.cpuRatControl[position - 1];
     tCpuDefendPolicyEntry *policy;
     if (nmIsName(change.value, level.policyName, level.policyNameLen))
@@ -205,23 +175,47 @@ int32_t applySyncState(const tChange &change)
     return CPUDEFEND_OK;
 }
 
-int32_t set(const tChange &change)
-{
-    switch (change.attrId) {
-    case CPUDEFEND_GLOBAL_POLICY: return setPolicy(change);
-    case CPUDEFEND_GLOBAL_RESETSRCTRACE: return resetSrcTrace(change);
-    case CPUDEFEND_GLOBAL_DEBUG: return setDebug(change);
-    case CPUDEFEND_GLOBAL_POLICYMODE: return setPolicyMode(change);
-    case CPUDEFEND_GLOBAL_L1CPURAT: return setThreshold(change, 1);
-    case CPUDEFEND_GLOBAL_L1POLICYNAME: return setLevelName(change, 1);
-    case CPUDEFEND_GLOBAL_L2CPURAT: return setThreshold(change, 2);
-    case CPUDEFEND_GLOBAL_L2POLICYNAME: return setLevelName(change, 2);
-    case CPUDEFEND_GLOBAL_L3CPURAT: return setThreshold(change, 3);
-    case CPUDEFEND_GLOBAL_L3POLICYNAME: return setLevelName(change, 3);
-    case CPUDEFEND_GLOBAL_SYNCSTATE: return applySyncState(change);
-    default: return CPUDEFEND_FAIL;
+#define READ_ONLY(id, field)                                                                       \
+    {                                                                                              \
+        NM_ATTR_NUMBER(id, tCpuDefendSystem, field, NM_READ_ONLY), 0, nullptr                      \
     }
-}
+#define NUMBER(id, field, level, set)                                                              \
+    {                                                                                              \
+        NM_ATTR_NUMBER(id, tCpuDefendSystem, field, 0), level, set                                 \
+    }
+#define OCTETS(id, field, level, set)                                                              \
+    {                                                                                              \
+        NM_ATTR_OCTETS(id, tCpuDefendSystem, field, field##Len, 0), level, set                     \
+    }
+
+constexpr tGlobalAttr attrs[] = {
+    OCTETS(CPUDEFEND_GLOBAL_POLICY, policyName, 0, setPolicy),
+    READ_ONLY(CPUDEFEND_GLOBAL_MAXPOLICYNUM, maxPolicyNum),
+    READ_ONLY(CPUDEFEND_GLOBAL_MAXUSERDEFINEDNUM, maxUserDefinedNum),
+    READ_ONLY(CPUDEFEND_GLOBAL_MAXCARPKTNUM, maxCarPktNum),
+    READ_ONLY(CPUDEFEND_GLOBAL_MAXSRCTRACENUM, maxSrcTraceNum),
+    READ_ONLY(CPUDEFEND_GLOBAL_MAXSLOTNUM, maxSlotNum),
+    READ_ONLY(CPUDEFEND_GLOBAL_USEPOLICYNUM, usePolicyNum),
+    READ_ONLY(CPUDEFEND_GLOBAL_USEUSERDEFINEDNUM, useUserDefinedNum),
+    READ_ONLY(CPUDEFEND_GLOBAL_USECARPKTNUM, useCarPktNum),
+    READ_ONLY(CPUDEFEND_GLOBAL_USESRCTRACENUM, useSrcTraceNum),
+    READ_ONLY(CPUDEFEND_GLOBAL_USESLOTNUM, useSlotNum),
+    {NM_ATTR_NO_FIELD(CPUDEFEND_GLOBAL_RESETSRCTRACE, NM_ANY, NM_SET_ONLY), 0, resetSrcTrace},
+    NUMBER(CPUDEFEND_GLOBAL_DEBUG, cpuDefendDebug, 0, setDebug),
+    NUMBER(CPUDEFEND_GLOBAL_POLICYMODE, policyMode, 0, setPolicyMode),
+    NUMBER(CPUDEFEND_GLOBAL_L1CPURAT, cpuRatControl[0].cpuRat, 1, setThreshold),
+    OCTETS(CPUDEFEND_GLOBAL_L1POLICYNAME, cpuRatControl[0].policyName, 1, setLevelName),
+    NUMBER(CPUDEFEND_GLOBAL_L2CPURAT, cpuRatControl[1].cpuRat, 2, setThreshold),
+    OCTETS(CPUDEFEND_GLOBAL_L2POLICYNAME, cpuRatControl[1].policyName, 2, setLevelName),
+    NUMBER(CPUDEFEND_GLOBAL_L3CPURAT, cpuRatControl[2].cpuRat, 3, setThreshold),
+    OCTETS(CPUDEFEND_GLOBAL_L3POLICYNAME, cpuRatControl[2].policyName, 3, setLevelName),
+    {NM_ATTR_NO_FIELD(CPUDEFEND_GLOBAL_SYNCSTATE, NM_OCTETS, NM_SET_ONLY), 0, applySyncState},
+};
+static_assert(nmAttrsInOrder(attrs) && nmSettersMatch(attrs));
+
+#undef READ_ONLY
+#undef NUMBER
+#undef OCTETS
 
 } // namespace
 
@@ -233,16 +227,18 @@ tNmKind cpuDefendGlobalAttrKind(uint32_t attrId)
 int32_t cpuDefendGlobalGetApi(uint32_t, uint32_t attrId, octetstring *value)
 {
     NmLock lock;
-    if (!isReadable(attrId))
+    const tGlobalAttr *attr = nmAttrToGet(attrs, attrId);
+    if (!attr)
         return CPUDEFEND_FAIL;
-    nmAttrGet(attrs[attrId], &gCpuDefend, value);
+    nmAttrGet(*attr, &gCpuDefend, value);
     return CPUDEFEND_OK;
 }
 
 int32_t _cpuDefendGlobalSetApi(uint32_t, uint32_t attrId, octetstring *value, uint32_t flag)
 {
     Change change;
-    return change.end(set({attrId, value, flag}));
+    const tGlobalAttr *attr = nmAttrToSet(attrs, attrId);
+    return change.end(attr ? attr->set({*attr, value, flag}) : CPUDEFEND_FAIL);
 }
 
 int32_t cpuDefendGlobalSetApi(uint32_t index, uint32_t attrId, octetstring *value)

@@ -52,7 +52,7 @@ constexpr tNmAttr attrs[] = {
     NUMBER(CPUDEFEND_POLICY_SRCTRACEALARMENABLE, srcTraceAlarmEnable, FIELD),
     NUMBER(CPUDEFEND_POLICY_SRCTRACETHRESHOLD, srcTraceThreshold, FIELD),
     NUMBER(CPUDEFEND_POLICY_SRCTRACEALARMTHRESHOLD, srcTraceAlarmThreshold, FIELD),
-    NUMBER(CPUDEFEND_POLICY_REFCOUNT, refCount, 0),
+    NUMBER(CPUDEFEND_POLICY_REFCOUNT, refCount, NM_READ_ONLY),
 };
 static_assert(nmAttrsInOrder(attrs));
 
@@ -165,8 +165,8 @@ int32_t cpuDefendPolicyGetApi(tCpuDefendPolicyIdx *nameIdx, uint32_t cmd, void *
         return CPUDEFEND_ENOENTRY;
     if (cmd == CPUDEFEND_POLICY_PRIORITY)
         getPriority(pPolicy, nmOctets(var));
-    else if (cmd <= CPUDEFEND_POLICY_REFCOUNT)
-        nmAttrGet(attrs[cmd], pPolicy, var);
+    else if (const tNmAttr *attr = nmAttrToGet(attrs, cmd))
+        nmAttrGet(*attr, pPolicy, var);
     return CPUDEFEND_OK;
 }
 
@@ -178,18 +178,18 @@ int32_t _cpuDefendPolicySetApi(tCpuDefendPolicyIdx *nameIdx, uint32_t cmd, void 
         return setRowStatus(nameIdx, nullptr, nmNumber(var));
     if (!pPolicy)
         return CPUDEFEND_ENOENTRY;
-    if (cmd >= CPUDEFEND_POLICY_REFCOUNT)
+    const tNmAttr *attr = nmAttrToSet(attrs, cmd);
+    if (!attr)
         return CPUDEFEND_FAIL;
-    const tNmAttr &attr = attrs[cmd];
-    if (isEqual(pPolicy, attr, var))
+    if (isEqual(pPolicy, *attr, var))
         return CPUDEFEND_OK;
-    const uint32_t syncFlag = attr.kind == NM_OCTETS ? flag | ZYN_SYNC_OCTETS : flag;
+    const uint32_t syncFlag = attr->kind == NM_OCTETS ? flag | ZYN_SYNC_OCTETS : flag;
     const int32_t result = zynHwPolicySync(nameIdx, SYNC_BASE + cmd, var, syncFlag);
     if (result != 0)
         return result;
     if (cmd == CPUDEFEND_POLICY_ENTRYSTATUS)
         return setRowStatus(nameIdx, pPolicy, nmNumber(var));
-    return checkAndStore(pPolicy, attr, var);
+    return checkAndStore(pPolicy, *attr, var);
 }
 
 int32_t cpuDefendPolicySetApi(tCpuDefendPolicyIdx *nameIdx, uint32_t cmd, void *var)

@@ -14,30 +14,18 @@ namespace
 
 constexpr uint32_t SYNC_BASE = 8001;
 
-#define NUMBER(id, field) NM_ATTR_NUMBER(id, tCpuDefendSlotEntry, field, 0)
-#define OCTETS(id, field) NM_ATTR_OCTETS(id, tCpuDefendSlotEntry, field, field##Len, 0)
+struct tChange;
 
-constexpr tNmAttr attrs[] = {
-    OCTETS(CPUDEFEND_SLOT_POLICY, policyName),
-    NM_ATTR_NO_FIELD(CPUDEFEND_SLOT_RESETSRCTRACE, NM_ANY, 0),
-    NUMBER(CPUDEFEND_SLOT_POLICYMODE, policyMode),
-    NUMBER(CPUDEFEND_SLOT_L1CPURAT, cpuRatControl[0].cpuRat),
-    OCTETS(CPUDEFEND_SLOT_L1POLICYNAME, cpuRatControl[0].policyName),
-    NUMBER(CPUDEFEND_SLOT_L2CPURAT, cpuRatControl[1].cpuRat),
-    OCTETS(CPUDEFEND_SLOT_L2POLICYNAME, cpuRatControl[1].policyName),
-    NUMBER(CPUDEFEND_SLOT_L3CPURAT, cpuRatControl[2].cpuRat),
-    OCTETS(CPUDEFEND_SLOT_L3POLICYNAME, cpuRatControl[2].policyName),
+struct tSlotAttr : tNmAttr {
+    uint8_t level; /**< 1 to 3; 0 for what is of none */
+    int32_t (*set)(const tChange &);
 };
-static_assert(nmAttrsInOrder(attrs));
-
-#undef NUMBER
-#undef OCTETS
 
 /** A set of one attribute of one slot. */
 struct tChange {
     tCpuDefendSlotEntry *entry;
     const tcpuDefendSlotIdx *idx;
-    uint32_t attrId;
+    const tSlotAttr &attr;
     octetstring *value;
     uint32_t flag;
     Change *programming; /**< what is programmed for it */
@@ -51,7 +39,7 @@ tCpuDefendSlotEntry *find(const tcpuDefendSlotIdx *idx)
 int32_t sync(const tChange &change, uint32_t extraFlag = 0)
 {
     const tSlotIndex slot{change.idx->sysId, change.idx->slotId, 0};
-    return zynHwSlotSync(&slot, SYNC_BASE + change.attrId, change.value, change.flag | extraFlag);
+    return zynHwSlotSync(&slot, SYNC_BASE + change.attr.id, change.value, change.flag | extraFlag);
 }
 
 /** A slot's fixed policy. */
@@ -154,9 +142,9 @@ int32_t setPolicyMode(const tChange &change)
     return cpuDefendGlobalSetApi(0, CPUDEFEND_GLOBAL_POLICY, &empty);
 }
 
-int32_t setThreshold(const tChange &change, uint32_t position)
+int32_t setThreshold(const tChange &change)
 {
-    uint8_t &threshold = change.entry->cpuRatControl[position - 1].cpuRat;
+    uint8_t &threshold = change.entry->cpuRatControl[change.attr.level - 1].cpuRat;
     if (nmNumber(change.value) == threshold)
         return CPUDEFEND_OK;
     const int32_t result = sync(change);
@@ -166,8 +154,9 @@ int32_t setThreshold(const tChange &change, uint32_t position)
 }
 
 /** The level's policy leaves the hardware if it is in force; the next samples program the new. */
-int32_t setLevelName(const tChange &change, uint32_t position)
+int32_t setLevelName(const tChange &change)
 {
+    const uint32_t position = change.attr.level;
     tCpuDefendSlotEntry *entry = change.entry;
     tCpuDefendCpuRatControl &level = entry->cpuRatControl[position - 1];
     tCpuDefendPolicyEntry *policy;
@@ -187,21 +176,30 @@ int32_t setLevelName(const tChange &change, uint32_t position)
     return result;
 }
 
-int32_t set(const tChange &change)
-{
-    switch (change.attrId) {
-    case CPUDEFEND_SLOT_POLICY: return setPolicy(change);
-    case CPUDEFEND_SLOT_RESETSRCTRACE: return resetSrcTrace(change);
-    case CPUDEFEND_SLOT_POLICYMODE: return setPolicyMode(change);
-    case CPUDEFEND_SLOT_L1CPURAT: return setThreshold(change, 1);
-    case CPUDEFEND_SLOT_L1POLICYNAME: return setLevelName(change, 1);
-    case CPUDEFEND_SLOT_L2CPURAT: return setThreshold(change, 2);
-    case CPUDEFEND_SLOT_L2POLICYNAME: return setLevelName(change, 2);
-    case CPUDEFEND_SLOT_L3CPURAT: return setThreshold(change, 3);
-    case CPUDEFEND_SLOT_L3POLICYNAME: return setLevelName(change, 3);
-    default: return CPUDEFEND_FAIL;
+#define NUMBER(id, field, level, set)                                                              \
+    {                                                                                              \
+        NM_ATTR_NUMBER(id, tCpuDefendSlotEntry, field, 0), level, set                              \
     }
-}
+#define OCTETS(id, field, level, set)                                                              \
+    {                                                                                              \
+        NM_ATTR_OCTETS(id, tCpuDefendSlotEntry, field, field##Len, 0), level, set                  \
+    }
+
+constexpr tSlotAttr attrs[] = {
+    OCTETS(CPUDEFEND_SLOT_POLICY, policyName, 0, setPolicy),
+    {NM_ATTR_NO_FIELD(CPUDEFEND_SLOT_RESETSRCTRACE, NM_ANY, NM_SET_ONLY), 0, resetSrcTrace},
+    NUMBER(CPUDEFEND_SLOT_POLICYMODE, policyMode, 0, setPolicyMode),
+    NUMBER(CPUDEFEND_SLOT_L1CPURAT, cpuRatControl[0].cpuRat, 1, setThreshold),
+    OCTETS(CPUDEFEND_SLOT_L1POLICYNAME, cpuRatControl[0].policyName, 1, setLevelName),
+    NUMBER(CPUDEFEND_SLOT_L2CPURAT, cpuRatControl[1].cpuRat, 2, setThreshold),
+    OCTETS(CPUDEFEND_SLOT_L2POLICYNAME, cpuRatControl[1].policyName, 2, setLevelName),
+    NUMBER(CPUDEFEND_SLOT_L3CPURAT, cpuRatControl[2].cpuRat, 3, setThreshold),
+    OCTETS(CPUDEFEND_SLOT_L3POLICYNAME, cpuRatControl[2].policyName, 3, setLevelName),
+};
+static_assert(nmAttrsInOrder(attrs) && nmSettersMatch(attrs));
+
+#undef NUMBER
+#undef OCTETS
 
 bool isAfter(const tCpuDefendSlotEntry *entry, const tcpuDefendSlotIdx *idx)
 {
@@ -228,8 +226,8 @@ int32_t cpuDefendSlotGetApi(tcpuDefendSlotIdx *idx, uint32_t attrId, octetstring
     const tCpuDefendSlotEntry *entry = find(idx);
     if (!entry)
         return CPUDEFEND_ENOSLOT;
-    if (attrId <= CPUDEFEND_SLOT_L3POLICYNAME && attrId != CPUDEFEND_SLOT_RESETSRCTRACE)
-        nmAttrGet(attrs[attrId], entry, value);
+    if (const tSlotAttr *attr = nmAttrToGet(attrs, attrId))
+        nmAttrGet(*attr, entry, value);
     return CPUDEFEND_OK;
 }
 
@@ -240,7 +238,8 @@ int32_t _cpuDefendSlotSetApi(tcpuDefendSlotIdx *idx, uint32_t attrId, octetstrin
     tCpuDefendSlotEntry *entry = find(idx);
     if (!entry)
         return CPUDEFEND_ENOSLOT;
-    return change.end(set({entry, idx, attrId, value, flag, &change}));
+    const tSlotAttr *attr = nmAttrToSet(attrs, attrId);
+    return change.end(attr ? attr->set({entry, idx, *attr, value, flag, &change}) : CPUDEFEND_FAIL);
 }
 
 int32_t cpuDefendSlotSetApi(tcpuDefendSlotIdx *idx, uint32_t attrId, octetstring *value)

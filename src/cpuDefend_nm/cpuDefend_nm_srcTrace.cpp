@@ -10,13 +10,13 @@
 namespace
 {
 
-#define NUMBER(id, field) NM_ATTR_NUMBER(id, tCpuDefendSrcTraceEntry, field, 0)
+#define NUMBER(id, field) NM_ATTR_NUMBER(id, tCpuDefendSrcTraceEntry, field, NM_READ_ONLY)
 
 constexpr tNmAttr attrs[] = {
     NUMBER(CPUDEFEND_SRCTRACE_OUTERVLAN, outerVlan),
     NUMBER(CPUDEFEND_SRCTRACE_INNERVLAN, innerVlan),
-    NM_ATTR_NO_FIELD(CPUDEFEND_SRCTRACE_DSTIP, NM_OCTETS, 0),
-    NM_ATTR_NO_FIELD(CPUDEFEND_SRCTRACE_PTKDATA, NM_OCTETS, 0),
+    NM_ATTR_NO_FIELD(CPUDEFEND_SRCTRACE_DSTIP, NM_OCTETS, NM_READ_ONLY),
+    NM_ATTR_NO_FIELD(CPUDEFEND_SRCTRACE_PTKDATA, NM_OCTETS, NM_READ_ONLY),
     NUMBER(CPUDEFEND_SRCTRACE_TOTALNUM, totalNum),
 };
 static_assert(nmAttrsInOrder(attrs));
@@ -38,8 +38,8 @@ void get(const tCpuDefendSrcTraceEntry *entry, uint32_t cmd, void *var)
         return nmAnswerOctets(var, entry->pktData, sizeof entry->pktData);
     default: break;
     }
-    if (cmd <= CPUDEFEND_SRCTRACE_TOTALNUM)
-        nmAttrGet(attrs[cmd], entry, var);
+    if (const tNmAttr *attr = nmAttrToGet(attrs, cmd))
+        nmAttrGet(*attr, entry, var);
 }
 
 /** Whether a walk with the filter bits and fields of @a idx stops at @a entry. */

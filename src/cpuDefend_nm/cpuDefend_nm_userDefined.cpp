@@ -81,8 +81,8 @@ int32_t cpuDefendUserDefinedGetApi(tcpuDefendUserDefinedIdx *userDefinedIdx, uin
     const tCpuDefendUserDefinedEntry *entry = find(userDefinedIdx);
     if (!entry)
         return CPUDEFEND_ENOENTRY;
-    if (cmd <= CPUDEFEND_USERDEFINEDT_CBS)
-        nmAttrGet(attrs[cmd], entry, var);
+    if (const tNmAttr *attr = nmAttrToGet(attrs, cmd))
+        nmAttrGet(*attr, entry, var);
     return CPUDEFEND_OK;
 }
 
@@ -96,18 +96,18 @@ int32_t _cpuDefendUserDefinedSetApi(tcpuDefendUserDefinedIdx *userDefinedIdx, ui
         return CPUDEFEND_ENOENTRY;
     if (nmPolicyIsBound(userDefinedIdx->policyName, userDefinedIdx->policyNameLen))
         return CPUDEFEND_EBOUND;
-    if (cmd > CPUDEFEND_USERDEFINEDT_CBS)
+    const tNmAttr *attr = nmAttrToSet(attrs, cmd);
+    if (!attr)
         return CPUDEFEND_FAIL;
-    const tNmAttr &attr = attrs[cmd];
     const uint32_t value = nmNumber(var);
-    if (!isStatus && nmAttrNumber(attr, entry) == value)
+    if (!isStatus && nmAttrNumber(*attr, entry) == value)
         return CPUDEFEND_OK;
     const int32_t result = zynHwUserDefinedSync(userDefinedIdx, SYNC_BASE + cmd, var, flag);
     if (result != 0)
         return result;
     if (isStatus)
         return setRowStatus(userDefinedIdx, entry, value);
-    nmAttrStoreNumber(attr, entry, value);
+    nmAttrStoreNumber(*attr, entry, value);
     return CPUDEFEND_OK;
 }
 
