@@ -14,13 +14,6 @@
 namespace
 {
 
-constexpr int32_t flagApply = 3; // to the running hardware
-
-// What a synchronisation id stands for, where the flag does not tell.
-constexpr uint32_t syncGlobalReset = 8011;
-constexpr uint32_t syncSlotReset = 8002;
-constexpr uint32_t syncSlotLevelNames[] = {8005, 8007, 8009};
-
 /* ---- Failures to order ---------------------------------------------------------------- */
 
 struct tFailure {
@@ -137,7 +130,7 @@ int32_t carSet(const tSlotIndex *slot, bool add, const void *arg)
 
 int32_t slotSet(const tSlotIndex *slot, uint32_t cmd, const void *arg, int32_t flag)
 {
-    if (!isSlot(slot) || !isSlotCommand(cmd) || flag != flagApply)
+    if (!isSlot(slot) || !isSlotCommand(cmd) || flag != ZYN_FLAG_LOCAL)
         return EINVAL;
     return carSet(slot, cmd == HW_SLOT_CPUDEFENDPKTCARADD, arg);
 }
@@ -252,12 +245,11 @@ void journalCounts(const layer::tCarCounts *counts)
     }
 }
 
+/** Whether the value of a slot's synchronisation is a name, although the flag does not say so. */
 bool isLevelName(uint32_t scalarId)
 {
-    for (uint32_t id : syncSlotLevelNames)
-        if (id == scalarId)
-            return true;
-    return false;
+    return scalarId == ZYN_SYNC_SLOT_L1NAME || scalarId == ZYN_SYNC_SLOT_L2NAME ||
+           scalarId == ZYN_SYNC_SLOT_L3NAME;
 }
 
 /** The members of a synchronisation. What a reset carries means nothing and is not looked at. */
@@ -440,7 +432,7 @@ int32_t zynHwScalarSync(uint32_t index, uint32_t scalarId, const void *value, ui
     if (journalBegin("zynHwScalarSync")) {
         journalNumber("index", index);
         journalSync(scalarId, value, flag, (flag & ZYN_SYNC_OCTETS) != 0,
-                    scalarId == syncGlobalReset);
+                    scalarId == ZYN_SYNC_GLOBAL_RESET);
         journalEnd(result);
     }
     return result;
@@ -452,7 +444,7 @@ int32_t zynHwSlotSync(const tSlotIndex *slot, uint32_t scalarId, const void *val
     if (journalBegin("zynHwSlotSync")) {
         journalSlot("slot", slot);
         journalSync(scalarId, value, flag, (flag & ZYN_SYNC_OCTETS) != 0 || isLevelName(scalarId),
-                    scalarId == syncSlotReset);
+                    scalarId == ZYN_SYNC_SLOT_RESET);
         journalEnd(result);
     }
     return result;

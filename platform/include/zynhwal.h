@@ -92,8 +92,36 @@ typedef struct tHwDropped {
     tHwCpuDefendPktCarEntry car; /**< of a CAR entry: its settings */
 } tHwDropped;
 
+/** Whose change it is: the flag of what is programmed and synchronised. */
+enum {
+    ZYN_FLAG_PEER = 1, /**< replayed from the other card */
+    ZYN_FLAG_LOCAL = 3 /**< made here, for the running hardware */
+};
+
 /** Bit of a synchronisation flag: the value is an octetstring. */
 #define ZYN_SYNC_OCTETS 0x80000000u
+
+/**
+ * Synchronisation ids: each table's first one, to which the id of the attribute is added. The
+ * ranges overlap, for it is the call that tells the table.
+ */
+enum {
+    ZYN_SYNC_GLOBAL = 8000, /**< zynHwScalarSync */
+    ZYN_SYNC_SLOT,          /**< zynHwSlotSync */
+    ZYN_SYNC_POLICY,
+    ZYN_SYNC_USERDEFINED,
+    ZYN_SYNC_CARPKT
+};
+
+/** Of these, those whose value is special; that of an order means nothing. */
+enum {
+    ZYN_SYNC_SLOT_RESET = 8002,   /**< zynHwSlotSync: an order */
+    ZYN_SYNC_SLOT_L1NAME = 8005,  /**< zynHwSlotSync: an octetstring without ZYN_SYNC_OCTETS */
+    ZYN_SYNC_SLOT_L2NAME = 8007,  /**< the same */
+    ZYN_SYNC_SLOT_L3NAME = 8009,  /**< the same */
+    ZYN_SYNC_GLOBAL_RESET = 8011, /**< zynHwScalarSync: an order */
+    ZYN_SYNC_SELECTED = 8020      /**< zynHwScalarSync: selected CPU-rate levels, as octets */
+};
 
 /** Status of a daemon that another configuration alone helps: starting it again does not. */
 #define ZYN_EXIT_CONFIG 78
@@ -174,7 +202,7 @@ int32_t zynHwDropped(uint32_t n, tHwDropped *dropped);
  * @param slot the slot, not null
  * @param cmd  HW_SLOT_CPUDEFENDPKTCARADD or HW_SLOT_CPUDEFENDPKTCARDEL
  * @param arg  the tHwCpuDefendPktCarEntry
- * @param flag 3: apply to the running hardware
+ * @param flag ZYN_FLAG_LOCAL
  * @return 0; EINVAL for what no hardware could do, ENOENT for the removal of what is not there
  */
 int32_t zynHwSlotSet(const tSlotIndex *slot, uint32_t cmd, void *arg, int32_t flag);
@@ -216,17 +244,17 @@ int32_t zynHwCpuGet(uint32_t selector, uint32_t id, uint32_t *value);
 /**
  * Hand a changed system-wide attribute to the standby card.
  * @param index    0
- * @param scalarId 8000 plus the attribute's id, or 8020 for selected CPU-rate levels
+ * @param scalarId ZYN_SYNC_GLOBAL plus the attribute's id, ZYN_SYNC_SELECTED among them
  * @param value    an octetstring when @a flag has ZYN_SYNC_OCTETS, else a 32-bit number
- * @param flag     3 for a local change, 1 for one replayed from the peer; and ZYN_SYNC_OCTETS
+ * @param flag     ZYN_FLAG_LOCAL or ZYN_FLAG_PEER; and ZYN_SYNC_OCTETS
  * @return 0 (also without a standby card), or a code that makes the daemon abandon the change
  */
 int32_t zynHwScalarSync(uint32_t index, uint32_t scalarId, const void *value, uint32_t flag);
 
 /**
  * The same for an attribute of a slot.
- * @param scalarId 8001 plus the attribute's id
- * @param value    as above; 8005, 8007 and 8009 carry an octetstring without ZYN_SYNC_OCTETS
+ * @param scalarId ZYN_SYNC_SLOT plus the attribute's id
+ * @param value    as above; of ZYN_SYNC_SLOT_L1NAME, _L2NAME and _L3NAME always an octetstring
  */
 int32_t zynHwSlotSync(const tSlotIndex *slot, uint32_t scalarId, const void *value, uint32_t flag);
 

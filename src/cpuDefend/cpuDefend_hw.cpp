@@ -54,7 +54,8 @@ int32_t call(const tHwCalls &calls, tHwItem &item)
         return calls.acl(slot, static_cast<uint16_t>(setting.number), setting.op, setting.cir,
                          setting.cbs, setting.cbs);
     tHwCpuDefendPktCarEntry record = recordOf(setting);
-    return slot ? zynHwSlotSet(slot, calls.slotCmd, &record, 3) : setSystem(calls.sysCmd, &record);
+    return slot ? zynHwSlotSet(slot, calls.slotCmd, &record, ZYN_FLAG_LOCAL)
+                : setSystem(calls.sysCmd, &record);
 }
 
 /** Whether the hardware can't tell one from the other. */

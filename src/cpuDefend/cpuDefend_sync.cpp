@@ -11,13 +11,11 @@ constexpr uint32_t RECORD_LEN = 12;
 constexpr uint32_t SLOT_ID_POS = 4;
 constexpr uint32_t POSITION_BYTE = 11; // the position's low byte
 constexpr uint32_t BUFFER_LEN = 2048;
-constexpr uint32_t SELECTED_POSITION_ID = 8020;
-constexpr uint32_t LOCAL_CHANGE = 3;
 
 int32_t sendRecords(unsigned char *buf, uint32_t len, uint32_t flag)
 {
     const octetstring octets{buf, len};
-    return zynHwScalarSync(0, SELECTED_POSITION_ID, &octets, flag | ZYN_SYNC_OCTETS);
+    return zynHwScalarSync(0, ZYN_SYNC_SELECTED, &octets, flag | ZYN_SYNC_OCTETS);
 }
 
 uint32_t wordAt(const unsigned char *buf)
@@ -73,7 +71,7 @@ int32_t cpuDefendSlotSyncSend(const tCpuDefendSlotEntry *pSlotEntry)
     unsigned char buf[RECORD_LEN];
     const uint32_t position =
         pSlotEntry ? pSlotEntry->selectedPosition : gCpuDefend.selectedPosition;
-    return sendRecords(buf, cpuDefendSyncData(pSlotEntry, buf, position), LOCAL_CHANGE);
+    return sendRecords(buf, cpuDefendSyncData(pSlotEntry, buf, position), ZYN_FLAG_LOCAL);
 }
 
 int32_t cpuDefendSyncRcv(const unsigned char *pBuf, int32_t len)

@@ -20,9 +20,6 @@ enum tNmKind : uint8_t {
     NM_OCTETS  /**< bytes */
 };
 
-/** Who asks for a change: the flag handed to the synchronisation layer. */
-enum { NM_FLAG_SYNC = 1, NM_FLAG_SET = 3 };
-
 /* Global attributes. The index is not used. */
 int32_t cpuDefendGlobalGetApi(uint32_t index, uint32_t attrId, octetstring *value);
 int32_t _cpuDefendGlobalSetApi(uint32_t index, uint32_t attrId, octetstring *value, uint32_t flag);
@@ -100,8 +97,8 @@ void ade(); /**< all of the tables' console tests */
 /**
  * Where a per-table synchronisation to the standby card goes: called before each change, a
  * non-zero result abandons it. They do nothing and return 0.
- * @param syncId 8002, 8003 or 8004 plus the attribute id, by table
- * @param flag   NM_FLAG_SET or NM_FLAG_SYNC, with ZYN_SYNC_OCTETS for an octetstring
+ * @param syncId ZYN_SYNC_POLICY, _USERDEFINED or _CARPKT plus the attribute id
+ * @param flag   ZYN_FLAG_LOCAL or ZYN_FLAG_PEER, with ZYN_SYNC_OCTETS for an octetstring
  */
 extern "C" {
 int32_t zynHwPolicySync(tCpuDefendPolicyIdx *nameIdx, uint32_t syncId, void *var, uint32_t flag);

@@ -11,7 +11,6 @@
 namespace
 {
 
-constexpr uint32_t SYNC_BASE = 8004;
 constexpr uint8_t DEFAULT_QUEUE = 2;
 constexpr uint8_t DEFAULT_PRIORITY = 2;
 
@@ -116,7 +115,7 @@ int32_t _cpuDefendCarPktSetApi(tcpuDefendCarPktIdx *carPktIdx, uint32_t cmd, voi
     const uint32_t value = nmNumber(var);
     if (nmAttrNumber(*attr, entry) == value)
         return CPUDEFEND_OK;
-    const int32_t result = zynHwCarPktSync(carPktIdx, SYNC_BASE + cmd, var, flag);
+    const int32_t result = zynHwCarPktSync(carPktIdx, ZYN_SYNC_CARPKT + cmd, var, flag);
     if (result != 0)
         return result;
     nmAttrStoreNumber(*attr, entry, value);
@@ -126,12 +125,12 @@ int32_t _cpuDefendCarPktSetApi(tcpuDefendCarPktIdx *carPktIdx, uint32_t cmd, voi
 
 int32_t cpuDefendCarPktSetApi(tcpuDefendCarPktIdx *carPktIdx, uint32_t cmd, void *var)
 {
-    return _cpuDefendCarPktSetApi(carPktIdx, cmd, var, NM_FLAG_SET);
+    return _cpuDefendCarPktSetApi(carPktIdx, cmd, var, ZYN_FLAG_LOCAL);
 }
 
 int32_t cpuDefendCarPktSyncApi(tcpuDefendCarPktIdx *carPktIdx, uint32_t cmd, void *var)
 {
-    return _cpuDefendCarPktSetApi(carPktIdx, cmd, var, NM_FLAG_SYNC);
+    return _cpuDefendCarPktSetApi(carPktIdx, cmd, var, ZYN_FLAG_PEER);
 }
 
 int32_t cpuDefendCarPktGetFirst(tcpuDefendCarPktIdx *carPktIdx)

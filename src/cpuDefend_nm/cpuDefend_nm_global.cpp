@@ -10,8 +10,6 @@
 namespace
 {
 
-constexpr uint32_t SYNC_BASE = 8000;
-
 struct tChange;
 
 struct tGlobalAttr : tNmAttr {
@@ -26,9 +24,15 @@ struct tChange {
     uint32_t flag;
 };
 
+/** What the platform calls an attribute. */
+constexpr uint32_t syncId(uint32_t attrId)
+{
+    return ZYN_SYNC_GLOBAL + attrId;
+}
+
 int32_t sync(const tChange &change, uint32_t extraFlag = 0)
 {
-    return zynHwScalarSync(0, SYNC_BASE + change.attr.id, change.value, change.flag | extraFlag);
+    return zynHwScalarSync(0, syncId(change.attr.id), change.value, change.flag | extraFlag);
 }
 
 /**
@@ -213,6 +217,10 @@ constexpr tGlobalAttr attrs[] = {
 };
 static_assert(nmAttrsInOrder(attrs) && nmSettersMatch(attrs));
 
+// Those that platforms know.
+static_assert(syncId(CPUDEFEND_GLOBAL_RESETSRCTRACE) == ZYN_SYNC_GLOBAL_RESET);
+static_assert(syncId(CPUDEFEND_GLOBAL_SYNCSTATE) == ZYN_SYNC_SELECTED);
+
 #undef READ_ONLY
 #undef NUMBER
 #undef OCTETS
@@ -243,10 +251,10 @@ int32_t _cpuDefendGlobalSetApi(uint32_t, uint32_t attrId, octetstring *value, ui
 
 int32_t cpuDefendGlobalSetApi(uint32_t index, uint32_t attrId, octetstring *value)
 {
-    return _cpuDefendGlobalSetApi(index, attrId, value, NM_FLAG_SET);
+    return _cpuDefendGlobalSetApi(index, attrId, value, ZYN_FLAG_LOCAL);
 }
 
 int32_t cpuDefendGlobalSyncApi(uint32_t index, uint32_t attrId, octetstring *value)
 {
-    return _cpuDefendGlobalSetApi(index, attrId, value, NM_FLAG_SYNC);
+    return _cpuDefendGlobalSetApi(index, attrId, value, ZYN_FLAG_PEER);
 }

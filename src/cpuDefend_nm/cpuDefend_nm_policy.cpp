@@ -13,7 +13,6 @@
 namespace
 {
 
-constexpr uint32_t SYNC_BASE = 8002;
 constexpr uint32_t PRIORITY_READ = 3; // bytes of priority that a get returns
 
 /** What a set looks at. */
@@ -184,7 +183,7 @@ int32_t _cpuDefendPolicySetApi(tCpuDefendPolicyIdx *nameIdx, uint32_t cmd, void 
     if (isEqual(pPolicy, *attr, var))
         return CPUDEFEND_OK;
     const uint32_t syncFlag = attr->kind == NM_OCTETS ? flag | ZYN_SYNC_OCTETS : flag;
-    const int32_t result = zynHwPolicySync(nameIdx, SYNC_BASE + cmd, var, syncFlag);
+    const int32_t result = zynHwPolicySync(nameIdx, ZYN_SYNC_POLICY + cmd, var, syncFlag);
     if (result != 0)
         return result;
     if (cmd == CPUDEFEND_POLICY_ENTRYSTATUS)
@@ -194,12 +193,12 @@ int32_t _cpuDefendPolicySetApi(tCpuDefendPolicyIdx *nameIdx, uint32_t cmd, void 
 
 int32_t cpuDefendPolicySetApi(tCpuDefendPolicyIdx *nameIdx, uint32_t cmd, void *var)
 {
-    return _cpuDefendPolicySetApi(nameIdx, cmd, var, NM_FLAG_SET);
+    return _cpuDefendPolicySetApi(nameIdx, cmd, var, ZYN_FLAG_LOCAL);
 }
 
 int32_t cpuDefendPolicySyncApi(tCpuDefendPolicyIdx *nameIdx, uint32_t cmd, void *var)
 {
-    return _cpuDefendPolicySetApi(nameIdx, cmd, var, NM_FLAG_SYNC);
+    return _cpuDefendPolicySetApi(nameIdx, cmd, var, ZYN_FLAG_PEER);
 }
 
 int32_t cpuDefendPolicyGetFirst(tCpuDefendPolicyIdx *nameIdx)

@@ -12,8 +12,6 @@
 namespace
 {
 
-constexpr uint32_t SYNC_BASE = 8001;
-
 struct tChange;
 
 struct tSlotAttr : tNmAttr {
@@ -36,10 +34,16 @@ tCpuDefendSlotEntry *find(const tcpuDefendSlotIdx *idx)
     return cpuDefendSlotEntryGet(idx->sysId, idx->slotId);
 }
 
+/** What the platform calls an attribute. */
+constexpr uint32_t syncId(uint32_t attrId)
+{
+    return ZYN_SYNC_SLOT + attrId;
+}
+
 int32_t sync(const tChange &change, uint32_t extraFlag = 0)
 {
     const tSlotIndex slot{change.idx->sysId, change.idx->slotId, 0};
-    return zynHwSlotSync(&slot, SYNC_BASE + change.attr.id, change.value, change.flag | extraFlag);
+    return zynHwSlotSync(&slot, syncId(change.attr.id), change.value, change.flag | extraFlag);
 }
 
 /** A slot's fixed policy. */
@@ -198,6 +202,12 @@ constexpr tSlotAttr attrs[] = {
 };
 static_assert(nmAttrsInOrder(attrs) && nmSettersMatch(attrs));
 
+// Those that platforms know.
+static_assert(syncId(CPUDEFEND_SLOT_RESETSRCTRACE) == ZYN_SYNC_SLOT_RESET);
+static_assert(syncId(CPUDEFEND_SLOT_L1POLICYNAME) == ZYN_SYNC_SLOT_L1NAME);
+static_assert(syncId(CPUDEFEND_SLOT_L2POLICYNAME) == ZYN_SYNC_SLOT_L2NAME);
+static_assert(syncId(CPUDEFEND_SLOT_L3POLICYNAME) == ZYN_SYNC_SLOT_L3NAME);
+
 #undef NUMBER
 #undef OCTETS
 
@@ -244,12 +254,12 @@ int32_t _cpuDefendSlotSetApi(tcpuDefendSlotIdx *idx, uint32_t attrId, octetstrin
 
 int32_t cpuDefendSlotSetApi(tcpuDefendSlotIdx *idx, uint32_t attrId, octetstring *value)
 {
-    return _cpuDefendSlotSetApi(idx, attrId, value, NM_FLAG_SET);
+    return _cpuDefendSlotSetApi(idx, attrId, value, ZYN_FLAG_LOCAL);
 }
 
 int32_t cpuDefendSlotSyncApi(tcpuDefendSlotIdx *idx, uint32_t attrId, octetstring *value)
 {
-    return _cpuDefendSlotSetApi(idx, attrId, value, NM_FLAG_SYNC);
+    return _cpuDefendSlotSetApi(idx, attrId, value, ZYN_FLAG_PEER);
 }
 
 int32_t cpuDefendSlotGetFirst(tcpuDefendSlotIdx *idx)

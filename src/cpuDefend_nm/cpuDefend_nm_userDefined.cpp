@@ -11,8 +11,6 @@
 namespace
 {
 
-constexpr uint32_t SYNC_BASE = 8003;
-
 #define NUMBER(id, field) NM_ATTR_NUMBER(id, tCpuDefendUserDefinedEntry, field, 0)
 
 constexpr tNmAttr attrs[] = {
@@ -102,7 +100,8 @@ int32_t _cpuDefendUserDefinedSetApi(tcpuDefendUserDefinedIdx *userDefinedIdx, ui
     const uint32_t value = nmNumber(var);
     if (!isStatus && nmAttrNumber(*attr, entry) == value)
         return CPUDEFEND_OK;
-    const int32_t result = zynHwUserDefinedSync(userDefinedIdx, SYNC_BASE + cmd, var, flag);
+    const int32_t result =
+        zynHwUserDefinedSync(userDefinedIdx, ZYN_SYNC_USERDEFINED + cmd, var, flag);
     if (result != 0)
         return result;
     if (isStatus)
@@ -114,13 +113,13 @@ int32_t _cpuDefendUserDefinedSetApi(tcpuDefendUserDefinedIdx *userDefinedIdx, ui
 int32_t cpuDefendUserDefinedSetApi(tcpuDefendUserDefinedIdx *userDefinedIdx, uint32_t cmd,
                                    void *var)
 {
-    return _cpuDefendUserDefinedSetApi(userDefinedIdx, cmd, var, NM_FLAG_SET);
+    return _cpuDefendUserDefinedSetApi(userDefinedIdx, cmd, var, ZYN_FLAG_LOCAL);
 }
 
 int32_t cpuDefendUserDefinedSyncApi(tcpuDefendUserDefinedIdx *userDefinedIdx, uint32_t cmd,
                                     void *var)
 {
-    return _cpuDefendUserDefinedSetApi(userDefinedIdx, cmd, var, NM_FLAG_SYNC);
+    return _cpuDefendUserDefinedSetApi(userDefinedIdx, cmd, var, ZYN_FLAG_PEER);
 }
 
 int32_t cpuDefendUserDefinedGetFirst(tcpuDefendUserDefinedIdx *userDefinedIdx)

@@ -199,21 +199,21 @@ void Walk::listAnew()
 void Walk::set(uint32_t attr, std::string value)
 {
     octetstring octets{bytes(value), static_cast<uint32_t>(value.size())};
-    _cpuDefendGlobalSetApi(0, attr, &octets, below(2) ? NM_FLAG_SET : NM_FLAG_SYNC);
+    _cpuDefendGlobalSetApi(0, attr, &octets, below(2) ? ZYN_FLAG_LOCAL : ZYN_FLAG_PEER);
 }
 
 void Walk::set(uint32_t attr, uint32_t value)
 {
     octetstring cell{};
     memcpy(&cell, &value, sizeof value);
-    _cpuDefendGlobalSetApi(0, attr, &cell, NM_FLAG_SET);
+    _cpuDefendGlobalSetApi(0, attr, &cell, ZYN_FLAG_LOCAL);
 }
 
 void Walk::set(const Numbers &slot, uint32_t attr, std::string value)
 {
     tcpuDefendSlotIdx idx{slot.first, slot.second};
     octetstring octets{bytes(value), static_cast<uint32_t>(value.size())};
-    _cpuDefendSlotSetApi(&idx, attr, &octets, below(2) ? NM_FLAG_SET : NM_FLAG_SYNC);
+    _cpuDefendSlotSetApi(&idx, attr, &octets, below(2) ? ZYN_FLAG_LOCAL : ZYN_FLAG_PEER);
 }
 
 void Walk::set(const Numbers &slot, uint32_t attr, uint32_t value)
@@ -221,7 +221,7 @@ void Walk::set(const Numbers &slot, uint32_t attr, uint32_t value)
     tcpuDefendSlotIdx idx{slot.first, slot.second};
     octetstring cell{};
     memcpy(&cell, &value, sizeof value);
-    _cpuDefendSlotSetApi(&idx, attr, &cell, NM_FLAG_SET);
+    _cpuDefendSlotSetApi(&idx, attr, &cell, ZYN_FLAG_LOCAL);
 }
 
 void Walk::bindSystem()

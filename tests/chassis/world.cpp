@@ -27,7 +27,7 @@ static const uint32_t callsAhead[] = {0, 0, 0, 1, 2, 3, 5, 8, 13, 21};
 static const uint32_t positions[] = {0, 1, 2, 3, 4, 255};
 
 /** Flags of a set: a local change, or one replayed from the peer. */
-static const uint32_t flags[] = {NM_FLAG_SET, NM_FLAG_SYNC};
+static const uint32_t flags[] = {ZYN_FLAG_LOCAL, ZYN_FLAG_PEER};
 
 /** Attributes of a policy, each with values to choose from. */
 static const struct {
@@ -337,20 +337,21 @@ void World::slotMode(const Step &s)
 void World::slotThreshold(const Step &s)
 {
     const uint32_t value = thresholds[s.c];
-    const int32_t seen = setSlot(s.a, CPUDEFEND_SLOT_L1CPURAT + 2 * s.b, Value(value), NM_FLAG_SET);
+    const int32_t seen =
+        setSlot(s.a, CPUDEFEND_SLOT_L1CPURAT + 2 * s.b, Value(value), ZYN_FLAG_LOCAL);
     Slot *slot = slotOf(model, s.a);
     expect("result",
-           slot ? model.setSlotThreshold(slot, s.b + 1, value, NM_FLAG_SET) : CPUDEFEND_ENOSLOT,
+           slot ? model.setSlotThreshold(slot, s.b + 1, value, ZYN_FLAG_LOCAL) : CPUDEFEND_ENOSLOT,
            seen);
 }
 
 void World::slotLevel(const Step &s)
 {
     const int32_t seen =
-        setSlot(s.a, CPUDEFEND_SLOT_L1POLICYNAME + 2 * s.b, Value(names[s.c]), NM_FLAG_SYNC);
+        setSlot(s.a, CPUDEFEND_SLOT_L1POLICYNAME + 2 * s.b, Value(names[s.c]), ZYN_FLAG_PEER);
     Slot *slot = slotOf(model, s.a);
     expect("result",
-           slot ? model.setSlotLevel(slot, s.b + 1, names[s.c], NM_FLAG_SYNC) : CPUDEFEND_ENOSLOT,
+           slot ? model.setSlotLevel(slot, s.b + 1, names[s.c], ZYN_FLAG_PEER) : CPUDEFEND_ENOSLOT,
            seen);
 }
 
@@ -638,7 +639,7 @@ void World::receiveSync(const Step &s)
     record[3] = static_cast<char>(sys);
     record[7] = static_cast<char>(slot);
     record[11] = static_cast<char>(position);
-    expect("result", 0, setSystem(CPUDEFEND_GLOBAL_SYNCSTATE, Value(record), NM_FLAG_SYNC));
+    expect("result", 0, setSystem(CPUDEFEND_GLOBAL_SYNCSTATE, Value(record), ZYN_FLAG_PEER));
     model.receiveSync(sys, slot, position);
 }
 
