@@ -16,8 +16,9 @@ namespace
 {
 
 /** What a new rule has where nothing else is asked for. */
-constexpr const char *kDefaults[] = {"action=permit", "ip4-acl=0", "ip6-acl=0", "cir=16",
-                                     "cbs=6400"};
+const std::string kDefaults[] = {"action=permit", "ip4-acl=0", "ip6-acl=0",
+                                 "cir=" + std::to_string(CPUDEFEND_DEFAULT_CIR),
+                                 "cbs=" + std::to_string(CPUDEFEND_DEFAULT_CBS)};
 
 Subject subjectOf(const std::string &policy)
 {

@@ -92,6 +92,16 @@ enum {
     CPUDEFEND_CARPKTMODE_CIR = 2      /**< committed information rate and burst */
 };
 
+/** Settings of what is new, until somebody asks for others. */
+enum {
+    CPUDEFEND_DEFAULT_CIR = 16,   /**< kbit/s, as the next of white lists, rules, CAR entries */
+    CPUDEFEND_DEFAULT_CBS = 6400, /**< bytes */
+    CPUDEFEND_DEFAULT_PPS = 512,  /**< packets per second, as the next of CAR entries */
+    CPUDEFEND_DEFAULT_QUEUE = 2,
+    CPUDEFEND_DEFAULT_PRIORITY = 2,
+    CPUDEFEND_DEFAULT_THRESHOLD = 128 /**< packets per window of source tracing */
+};
+
 /** Protocol packet types, CPUDEFEND_PKTTYPE_DOT1X and so on: those of zynpkttype.h. */
 enum {
     CPUDEFEND_PKTTYPE_MAX = ZYN_PKT_MAX, /**< how many there are, not a type */

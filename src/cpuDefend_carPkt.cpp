@@ -7,13 +7,13 @@
 /** A new entry's rates. Its counters and its mask of settings stay what the record held. */
 static void setDefaults(tCpuDefendCarPktEntry *entry)
 {
-    entry->cbs = 6400; // bytes
-    entry->cir = 16;   // kbit/s
-    entry->pps = 512;
+    entry->cbs = CPUDEFEND_DEFAULT_CBS;
+    entry->cir = CPUDEFEND_DEFAULT_CIR;
+    entry->pps = CPUDEFEND_DEFAULT_PPS;
     entry->mode = CPUDEFEND_CARPKTMODE_DEFAULT;
     entry->totalPktPps = 6000;
-    entry->queue = 2;
-    entry->priority = 2;
+    entry->queue = CPUDEFEND_DEFAULT_QUEUE;
+    entry->priority = CPUDEFEND_DEFAULT_PRIORITY;
     entry->deny = CPUDEFEND_DISABLE;
 }
 

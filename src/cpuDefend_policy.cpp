@@ -9,9 +9,6 @@ namespace
 {
 
 constexpr uint32_t DESCRIPTION_CLEARED = 32; // of 64: the rest is zero in a free record
-constexpr uint32_t DEFAULT_CIR = 16;         // kbit/s
-constexpr uint32_t DEFAULT_CBS = 6400;       // bytes
-constexpr uint16_t DEFAULT_THRESHOLD = 128;  // packets per source-trace window
 
 void setDefaults(tCpuDefendPolicyEntry *pPolicy)
 {
@@ -19,16 +16,16 @@ void setDefaults(tCpuDefendPolicyEntry *pPolicy)
     pPolicy->policyDescriptionLen = 0;
     memset(pPolicy->priority, 0, sizeof pPolicy->priority);
     pPolicy->whiteListEnable = CPUDEFEND_ENABLE;
-    pPolicy->whiteListIp4Cir = DEFAULT_CIR;
-    pPolicy->whiteListIp4Cbs = DEFAULT_CBS;
-    pPolicy->whiteListIp6Cir = DEFAULT_CIR;
-    pPolicy->whiteListIp6Cbs = DEFAULT_CBS;
+    pPolicy->whiteListIp4Cir = CPUDEFEND_DEFAULT_CIR;
+    pPolicy->whiteListIp4Cbs = CPUDEFEND_DEFAULT_CBS;
+    pPolicy->whiteListIp6Cir = CPUDEFEND_DEFAULT_CIR;
+    pPolicy->whiteListIp6Cbs = CPUDEFEND_DEFAULT_CBS;
     pPolicy->blackListEnable = CPUDEFEND_ENABLE;
     pPolicy->srcTraceAlarmEnable = CPUDEFEND_DISABLE;
     pPolicy->srcTracePktDataEnable = CPUDEFEND_DISABLE;
     pPolicy->srcTraceEnable = CPUDEFEND_DISABLE;
-    pPolicy->srcTraceThreshold = DEFAULT_THRESHOLD;
-    pPolicy->srcTraceAlarmThreshold = DEFAULT_THRESHOLD;
+    pPolicy->srcTraceThreshold = CPUDEFEND_DEFAULT_THRESHOLD;
+    pPolicy->srcTraceAlarmThreshold = CPUDEFEND_DEFAULT_THRESHOLD;
     INIT_LIST_HEAD(&pPolicy->userDefinedList);
     INIT_LIST_HEAD(&pPolicy->carPktList);
 }

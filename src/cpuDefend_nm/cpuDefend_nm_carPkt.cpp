@@ -11,9 +11,6 @@
 namespace
 {
 
-constexpr uint8_t DEFAULT_QUEUE = 2;
-constexpr uint8_t DEFAULT_PRIORITY = 2;
-
 #define NUMBER(id, field, checks) NM_ATTR_NUMBER(id, tCpuDefendCarPktEntry, field, checks)
 
 constexpr tNmAttr attrs[] = {
@@ -62,10 +59,12 @@ void updateBit(tCpuDefendCarPktEntry *entry, uint32_t cmd)
     switch (cmd) {
     case CPUDEFEND_CARPKT_MODE: entry->bit = withMode(entry->bit, entry->mode); break;
     case CPUDEFEND_CARPKT_QUEUE:
-        entry->bit = withBits(entry->bit, ZYN_HW_CAR_QUEUE, entry->queue != DEFAULT_QUEUE);
+        entry->bit =
+            withBits(entry->bit, ZYN_HW_CAR_QUEUE, entry->queue != CPUDEFEND_DEFAULT_QUEUE);
         break;
     case CPUDEFEND_CARPKT_PRIORITY:
-        entry->bit = withBits(entry->bit, ZYN_HW_CAR_PRIORITY, entry->priority != DEFAULT_PRIORITY);
+        entry->bit = withBits(entry->bit, ZYN_HW_CAR_PRIORITY,
+                              entry->priority != CPUDEFEND_DEFAULT_PRIORITY);
         break;
     default: break;
     }
