@@ -41,8 +41,8 @@ const uint8_t request[] = {
     0, 0, 0, CPUDEFEND_GLOBAL_GETAPI,                // function code
     0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0,              // request id, reserved, return code
     0, 0, 0, CPUDEFEND_GLOBAL_USEPOLICYNUM,          // attribute
-    CPUDEFEND_INDEX_SECTION, 0, 2, 0, 4, 0, 0, 0, 0, // no index; a unit
-    CPUDEFEND_VALUE_SECTION, 2, 0, 4, 0, 0, 0, 0};   // an integer to answer into
+    ZYN_SECTION_INDEX, 0, 2, 0, 4, 0, 0, 0, 0, // no index; a unit
+    ZYN_SECTION_VALUE, 2, 0, 4, 0, 0, 0, 0};   // an integer to answer into
 // clang-format on
 
 sockaddr_un addressOf(const char *path)

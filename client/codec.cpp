@@ -12,9 +12,6 @@ namespace cpudefend
 namespace
 {
 
-constexpr std::size_t kItemHeader = 3;   // type and length
-constexpr std::size_t kHeader = 20;      // function code to command
-constexpr std::size_t kIndexHeader = 2;  // marker and count
 constexpr std::size_t kNumberLength = 4; // bytes of an integer
 
 // Sent as the return code, so that a reply without one never looks like success.
@@ -28,9 +25,9 @@ std::size_t dataLength(const Item &item)
 
 std::size_t valueOffset(const Request &request)
 {
-    std::size_t at = kHeader + kIndexHeader;
+    std::size_t at = ZYN_MSG_ITEMS;
     for (const Item &item : request.index)
-        at += kItemHeader + dataLength(item);
+        at += ZYN_ITEM_HEAD + dataLength(item);
     return at;
 }
 
@@ -41,7 +38,7 @@ std::size_t answerRoom(const Request &request)
         std::max<std::size_t>(CPUDEFEND_NAME_MAXLEN, dataLength(request.value));
     std::size_t room = 0;
     for (const ItemType type : request.answer)
-        room += kItemHeader + (type == ItemType::Number ? kNumberLength : longest);
+        room += ZYN_ITEM_HEAD + (type == ItemType::Number ? kNumberLength : longest);
     return room;
 }
 
@@ -142,11 +139,11 @@ Bytes encode(const Request &request)
     out.u32(0);
     out.u32(kNoCode);
     out.u32(request.command);
-    out.u8(CPUDEFEND_INDEX_SECTION);
+    out.u8(ZYN_SECTION_INDEX);
     out.u8(request.indexCount);
     for (const Item &item : request.index)
         out.item(item);
-    out.u8(CPUDEFEND_VALUE_SECTION);
+    out.u8(ZYN_SECTION_VALUE);
     out.item(request.value);
     out.padTo(valueOffset(request) + answerRoom(request));
     if (out.size() > CPUDEFEND_CMD_MAXLEN)
@@ -177,7 +174,7 @@ Reply decode(const Request &request, std::span<const uint8_t> body)
         malformed("it answers another request");
     if (reply.code != CPUDEFEND_OK)
         return reply;
-    in.skip(valueOffset(request) - kHeader);
+    in.skip(valueOffset(request) - ZYN_MSG_INDEX);
     for (const ItemType type : request.answer)
         reply.answer.push_back(in.item(type));
     return reply;

@@ -14,6 +14,8 @@
 #include <variant>
 #include <vector>
 
+#include "zynwire.h"
+
 namespace cpudefend
 {
 
@@ -23,7 +25,7 @@ using Bytes = std::vector<uint8_t>;
 using Item = std::variant<uint32_t, std::string>;
 
 /** Type of an item on the wire. */
-enum class ItemType : uint8_t { Octets = 0, Number = 2 };
+enum class ItemType : uint8_t { Octets = ZYN_ITEM_OCTETS, Number = ZYN_ITEM_UINT32 };
 
 ItemType typeOf(const Item &item);
 
@@ -84,7 +86,7 @@ Bytes encode(const Request &request);
 /** A body with its length in front: what goes over the stream. */
 Bytes frame(const Bytes &body);
 
-constexpr std::size_t kFrameHeader = 4;
+constexpr std::size_t kFrameHeader = ZYN_FRAME_HEAD;
 
 struct Reply {
     int32_t code = 0;

@@ -33,7 +33,7 @@ void request(const uint8_t *body, size_t len)
     const uint32_t replyLen = cpudefendCmdProcess(buffer.get(), static_cast<uint32_t>(len));
     FUZZ_REQUIRE(replyLen == 0 || replyLen == len);
     // What precedes the return code comes back as it was.
-    FUZZ_REQUIRE(replyLen == 0 || memcmp(buffer.get(), body, ADR_RETCODE_POS) == 0);
+    FUZZ_REQUIRE(replyLen == 0 || memcmp(buffer.get(), body, ZYN_MSG_RETCODE) == 0);
     fuzzCheckState();
 }
 

@@ -1,7 +1,7 @@
 /**
  * Management identifiers of cpuDefend, shared by the daemon and its front ends: where the
- * channel is, what it carries, and what the numbers on it mean. docs/protocol.md describes the
- * messages byte by byte.
+ * channel is, what it carries, and what the numbers on it mean. zynwire.h holds the form of the
+ * messages and its history; docs/protocol.md describes both.
  *
  * The numbers below are the protocol. They are only ever added to.
  */
@@ -11,16 +11,13 @@
 #include <stdint.h>
 
 #include "zynpkttype.h"
+#include "zynwire.h"
 
 #define CPUDEFEND_CMD_SOCKET "/tmp/cpudefendCmd.socket"
 
 #define CPUDEFEND_CMD_MAXLEN 1518       /**< longest message body, bytes */
-#define CPUDEFEND_CMD_MINLEN 26         /**< shortest request body, bytes */
 #define CPUDEFEND_NAME_MAXLEN 32        /**< longest policy name, bytes */
 #define CPUDEFEND_DESCRIPTION_MAXLEN 64 /**< longest policy description, bytes */
-
-/** Markers that open the sections of a message. */
-enum { CPUDEFEND_INDEX_SECTION = 1, CPUDEFEND_VALUE_SECTION = 3 };
 
 /** Function codes. */
 enum {

@@ -14,6 +14,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "zynwire.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -240,23 +242,14 @@ void OsixDeleteSem(tOsixSemId sem);
 /* ---- ADR: the cursor over a management message ---------------------------------------- */
 
 /**
- * A read and write position in one message. Integers are big-endian on every host. No call
- * moves, reads or writes beyond the message.
+ * A read and write position in one message, whose format zynwire.h describes. No call moves, reads
+ * or writes beyond the message.
  */
 typedef struct adr_t {
     unsigned char *adr_stream; /**< start of the message */
     unsigned char *adr_now;    /**< position */
     unsigned char *adr_end;    /**< first byte past the message */
 } adr_t;
-
-/** Types of index and value items. */
-enum {
-    ADR_OCTETS = 0,   /**< bytes */
-    ADR_UINT32 = 2,   /**< 32-bit integer */
-    ADR_COUNTER64 = 4 /**< 64-bit counter, two 32-bit halves, high first */
-};
-
-#define ADR_RETCODE_POS 12 /**< offset of the return code in a message */
 
 /** Put the cursor at the start of the @a len bytes at @a stream. */
 void adr_start(adr_t *adr, unsigned char *stream, uint32_t len);
@@ -291,12 +284,13 @@ int adr_getuint32(adr_t *adr, uint32_t *value);
 int adr_getint32(adr_t *adr, int32_t *value);
 
 /**
- * Write an integer or an item (type, 2-byte length, data). What does not fit is cut off at the
- * end of the message, where the cursor then stands, and the result is -1.
+ * Write an integer or an item. What does not fit is cut off at the end of the message, where the
+ * cursor then stands, and the result is -1.
  *
- * adr_encodedata takes @a data as @a len bytes for ADR_OCTETS (they may overlap the place they
- * are written to), a uint32_t for ADR_UINT32 (@a len is 4) and a U_INT8 for ADR_COUNTER64 (@a len
- * is 8); another type is written as its 3-byte head alone. The head carries @a len as it is.
+ * adr_encodedata takes @a data as @a len bytes for ZYN_ITEM_OCTETS (they may overlap the place
+ * they are written to), a uint32_t for ZYN_ITEM_UINT32 (@a len is 4) and a U_INT8 for
+ * ZYN_ITEM_COUNTER64 (@a len is 8); another type is written as its head alone. The head carries
+ * @a len as it is.
  */
 int adr_int32(adr_t *adr, int32_t value);
 int adr_encodedata(adr_t *adr, unsigned char type, uint16_t len, const void *data);

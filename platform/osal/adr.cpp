@@ -5,8 +5,6 @@
 namespace
 {
 
-constexpr uint32_t ITEM_HEAD = 3; // type (1 byte), length (2 bytes)
-
 uint16_t load16(const unsigned char *from)
 {
     return static_cast<uint16_t>(from[0] << 8 | from[1]);
@@ -57,10 +55,10 @@ int putItem(adr_t *adr, unsigned char type, uint16_t len, const void *data, uint
 {
     // The data go first: the head may be written over the place where they stand.
     adr_t body = *adr;
-    const bool room = adr_offset(&body, ITEM_HEAD) == 0;
+    const bool room = adr_offset(&body, ZYN_ITEM_HEAD) == 0;
     const int result = room ? put(&body, data, dataLen) : -1;
 
-    unsigned char head[ITEM_HEAD] = {type};
+    unsigned char head[ZYN_ITEM_HEAD] = {type};
     store16(head + 1, len);
     put(adr, head, sizeof head);
     if (room)
@@ -105,7 +103,7 @@ int adr_offset(adr_t *adr, uint32_t count)
 
 int adr_decodefunc(adr_t *adr, uint32_t *func)
 {
-    const unsigned char *from = take(adr, ADR_RETCODE_POS);
+    const unsigned char *from = take(adr, ZYN_MSG_RETCODE);
     if (!from)
         return -1;
     *func = load32(from);
@@ -169,11 +167,11 @@ int adr_encodedata(adr_t *adr, unsigned char type, uint16_t len, const void *dat
 {
     unsigned char bytes[sizeof(U_INT8)];
     switch (type) {
-    case ADR_OCTETS: return putItem(adr, type, len, data, len);
-    case ADR_UINT32:
+    case ZYN_ITEM_OCTETS: return putItem(adr, type, len, data, len);
+    case ZYN_ITEM_UINT32:
         store32(bytes, *static_cast<const uint32_t *>(data));
         return putItem(adr, type, len, bytes, sizeof(uint32_t));
-    case ADR_COUNTER64: {
+    case ZYN_ITEM_COUNTER64: {
         const U_INT8 *counter = static_cast<const U_INT8 *>(data);
         store32(bytes, counter->high);
         store32(bytes + 4, counter->low);

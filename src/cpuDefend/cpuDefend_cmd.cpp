@@ -12,9 +12,6 @@ namespace
 /** Some answers are up to this long whatever length was asked for. */
 constexpr uint32_t SHORT_ANSWER = 4;
 
-/** What stands before a value in its section: marker, type, length. */
-constexpr uint32_t VALUE_HEAD = 4;
-
 /** A request on its way from bytes to a reply. */
 struct tRequest {
     adr_t adr;
@@ -134,30 +131,30 @@ bool decodeValue(tRequest &req)
     if (adr_getchar(&req.adr, &req.valueType, sizeof req.valueType) != 0 ||
         adr_getushort(&req.adr, &len) != 0)
         return badLength(req, __LINE__);
-    if (req.valueType == ADR_UINT32 && !checkLength(len, sizeof(uint32_t)))
+    if (req.valueType == ZYN_ITEM_UINT32 && !checkLength(len, sizeof(uint32_t)))
         return false;
-    if (req.valueType == ADR_COUNTER64 && !checkLength(len, sizeof(U_INT8)))
+    if (req.valueType == ZYN_ITEM_COUNTER64 && !checkLength(len, sizeof(U_INT8)))
         return false;
     if (len > adr_left(&req.adr))
         return badLength(req, __LINE__);
     req.value = &req.cell;
     switch (req.valueType) {
-    case ADR_OCTETS: return decodeOctets(req, len);
-    case ADR_UINT32: return adr_getuint32(&req.adr, &req.cell.number) == 0;
-    case ADR_COUNTER64: return decodeCounter(req);
+    case ZYN_ITEM_OCTETS: return decodeOctets(req, len);
+    case ZYN_ITEM_UINT32: return adr_getuint32(&req.adr, &req.cell.number) == 0;
+    case ZYN_ITEM_COUNTER64: return decodeCounter(req);
     default: req.value = nullptr; return true;
     }
 }
 
 bool decode(tRequest &req)
 {
-    if (req.len < CPUDEFEND_CMD_MINLEN)
+    if (req.len < ZYN_MSG_MIN)
         return badLength(req, __LINE__);
-    if (!decodeHead(req) || !decodeMarker(req, CPUDEFEND_INDEX_SECTION) || !findFunc(req) ||
+    if (!decodeHead(req) || !decodeMarker(req, ZYN_SECTION_INDEX) || !findFunc(req) ||
         !decodeIndex(req))
         return false;
     req.valuePos = adr_count(&req.adr);
-    return decodeMarker(req, CPUDEFEND_VALUE_SECTION) && decodeValue(req);
+    return decodeMarker(req, ZYN_SECTION_VALUE) && decodeValue(req);
 }
 
 /** Whether the value is one that the attribute's handler may touch. */
@@ -166,8 +163,8 @@ bool valueFits(const tRequest &req)
     if (!req.value)
         return false;
     switch (req.table->kind(req.cmd)) {
-    case NM_NUMBER: return req.valueType == ADR_UINT32 || req.valueType == ADR_COUNTER64;
-    case NM_OCTETS: return req.valueType == ADR_OCTETS;
+    case NM_NUMBER: return req.valueType == ZYN_ITEM_UINT32 || req.valueType == ZYN_ITEM_COUNTER64;
+    case NM_OCTETS: return req.valueType == ZYN_ITEM_OCTETS;
     default: return true;
     }
 }
@@ -184,7 +181,7 @@ int32_t call(tRequest &req)
         return CPUDEFEND_FAIL;
     if (isGet(req))
         return table.get(&req.index, req.cmd, req.value);
-    if (req.valueType == ADR_OCTETS && table.kind(req.cmd) == NM_ANY)
+    if (req.valueType == ZYN_ITEM_OCTETS && table.kind(req.cmd) == NM_ANY)
         req.cell.number = 0; // a reset looks at no value, but the standby card gets a number
     const auto handler = req.op == CMD_SET ? table.set : table.sync;
     return handler(&req.index, req.cmd, req.value);
@@ -194,7 +191,7 @@ int32_t call(tRequest &req)
 void putInPlace(tRequest &req)
 {
     const octetstring &octets = req.cell.octets;
-    const uint32_t at = req.valuePos + VALUE_HEAD;
+    const uint32_t at = req.valuePos + ZYN_VALUE_HEAD;
     const uint32_t room = req.len - at;
     memmove(req.adr.adr_stream + at, octets.pBuf, octets.len < room ? octets.len : room);
 }
@@ -202,21 +199,21 @@ void putInPlace(tRequest &req)
 void answerValue(tRequest &req)
 {
     switch (req.valueType) {
-    case ADR_OCTETS:
+    case ZYN_ITEM_OCTETS:
         putInPlace(req);
-        adr_encodedata(&req.adr, ADR_OCTETS, static_cast<uint16_t>(req.cell.octets.len),
+        adr_encodedata(&req.adr, ZYN_ITEM_OCTETS, static_cast<uint16_t>(req.cell.octets.len),
                        req.cell.octets.pBuf);
         break;
-    case ADR_UINT32:
-        adr_encodedata(&req.adr, ADR_UINT32, sizeof(uint32_t), &req.cell.number);
+    case ZYN_ITEM_UINT32:
+        adr_encodedata(&req.adr, ZYN_ITEM_UINT32, sizeof(uint32_t), &req.cell.number);
         break;
-    default: adr_encodedata(&req.adr, ADR_COUNTER64, sizeof(U_INT8), &req.cell.counter);
+    default: adr_encodedata(&req.adr, ZYN_ITEM_COUNTER64, sizeof(U_INT8), &req.cell.counter);
     }
 }
 
 void answerWalk(tRequest &req, const tCmdIndex &found)
 {
-    if (req.table->walkNeedsInteger && req.valueType != ADR_UINT32)
+    if (req.table->walkNeedsInteger && req.valueType != ZYN_ITEM_UINT32)
         return;
     req.table->writeIndex(&req.adr, &found);
 }
@@ -246,7 +243,7 @@ uint32_t cpudefendCmdProcess(unsigned char *bufRx, uint32_t lenRx)
     if (req.func == CPUDEFEND_GLOBAL_SETAPI && !req.value)
         return lenRx; // wanted: no value, no handler, and the return code stays as it came
     const int32_t result = call(req);
-    adr_pos(&req.adr, ADR_RETCODE_POS);
+    adr_pos(&req.adr, ZYN_MSG_RETCODE);
     adr_int32(&req.adr, result);
     if (result == CPUDEFEND_OK)
         answer(req);

@@ -6,14 +6,12 @@
 namespace
 {
 
-/* ---- Index fields: each an item, 1-byte type and 2-byte length before its data ---------- */
-
-constexpr uint32_t ITEM_HEAD = 3;
+/* ---- Index fields: each an item, whose head is not looked at ----------------------------- */
 
 bool readInt(adr_t *adr, uint32_t *value)
 {
     int32_t number;
-    if (adr_offset(adr, ITEM_HEAD) != 0 || adr_getint32(adr, &number) != 0)
+    if (adr_offset(adr, ZYN_ITEM_HEAD) != 0 || adr_getint32(adr, &number) != 0)
         return false;
     *value = static_cast<uint32_t>(number);
     return true;
@@ -21,7 +19,7 @@ bool readInt(adr_t *adr, uint32_t *value)
 
 bool readBytes(adr_t *adr, uint8_t *bytes, uint32_t len)
 {
-    return adr_offset(adr, ITEM_HEAD) == 0 && adr_getchar(adr, bytes, len) == 0;
+    return adr_offset(adr, ZYN_ITEM_HEAD) == 0 && adr_getchar(adr, bytes, len) == 0;
 }
 
 bool readName(adr_t *adr, uint8_t *name, uint32_t *len)
@@ -31,12 +29,12 @@ bool readName(adr_t *adr, uint8_t *name, uint32_t *len)
 
 void writeInt(adr_t *adr, uint32_t value)
 {
-    adr_encodedata(adr, ADR_UINT32, sizeof value, &value);
+    adr_encodedata(adr, ZYN_ITEM_UINT32, sizeof value, &value);
 }
 
 void writeBytes(adr_t *adr, const uint8_t *bytes, uint32_t len)
 {
-    adr_encodedata(adr, ADR_OCTETS, static_cast<uint16_t>(len), bytes);
+    adr_encodedata(adr, ZYN_ITEM_OCTETS, static_cast<uint16_t>(len), bytes);
 }
 
 void writeName(adr_t *adr, const uint8_t *name, uint32_t len)

@@ -14,7 +14,7 @@
 namespace
 {
 
-constexpr uint32_t LENGTH_LEN = 4;
+constexpr uint32_t LENGTH_LEN = ZYN_FRAME_HEAD;
 constexpr int RECEIVE_LOW_WATER = 30; // bytes
 constexpr int64_t PATIENCE = 1000;    // ms for all of a request, and for all of a reply
 

@@ -72,7 +72,7 @@ TEST(Adr, EmptyMessageHoldsNothing)
     EXPECT_EQ(adr_getushort(&adr, &value), -1);
     EXPECT_EQ(value, 7);
     EXPECT_EQ(adr_int32(&adr, 1), -1);
-    EXPECT_EQ(adr_encodedata(&adr, ADR_OCTETS, 0, nullptr), -1);
+    EXPECT_EQ(adr_encodedata(&adr, ZYN_ITEM_OCTETS, 0, nullptr), -1);
 }
 
 TEST(Adr, PosGoesAnywhereUpToTheEnd)
@@ -136,7 +136,7 @@ TEST(Adr, HeadOfAMessageIsFunctionRetcodeCommand)
     uint32_t cmd = 0;
     EXPECT_EQ(adr_decodefunc(&message.adr, &func), 0);
     EXPECT_EQ(func, 26u);
-    EXPECT_EQ(adr_count(&message.adr), uint32_t{ADR_RETCODE_POS});
+    EXPECT_EQ(adr_count(&message.adr), uint32_t{ZYN_MSG_RETCODE});
     EXPECT_EQ(adr_decoderetcode(&message.adr, &retCode), 0);
     EXPECT_EQ(retCode, -1);
     EXPECT_EQ(adr_decodecmd(&message.adr, &cmd), 0);
@@ -219,14 +219,16 @@ const Encoder ENCODERS[] = {
     {"int32Min", {0x80, 0, 0, 0}, [](adr_t *a) { return adr_int32(a, INT32_MIN); }},
     {"octets",
      {0, 0, 3, 'a', 0, 0xff},
-     [](adr_t *a) { return adr_encodedata(a, ADR_OCTETS, 3, OCTETS.data()); }},
-    {"noOctets", {0, 0, 0}, [](adr_t *a) { return adr_encodedata(a, ADR_OCTETS, 0, nullptr); }},
+     [](adr_t *a) { return adr_encodedata(a, ZYN_ITEM_OCTETS, 3, OCTETS.data()); }},
+    {"noOctets",
+     {0, 0, 0},
+     [](adr_t *a) { return adr_encodedata(a, ZYN_ITEM_OCTETS, 0, nullptr); }},
     {"uint32",
      {2, 0, 4, 0x81, 2, 3, 4},
-     [](adr_t *a) { return adr_encodedata(a, ADR_UINT32, 4, &WORD); }},
+     [](adr_t *a) { return adr_encodedata(a, ZYN_ITEM_UINT32, 4, &WORD); }},
     {"counter64",
      {4, 0, 8, 0x91, 0x92, 0x93, 0x94, 5, 6, 7, 8},
-     [](adr_t *a) { return adr_encodedata(a, ADR_COUNTER64, 8, &COUNTER); }},
+     [](adr_t *a) { return adr_encodedata(a, ZYN_ITEM_COUNTER64, 8, &COUNTER); }},
     {"otherType", {9, 0x12, 0x34}, [](adr_t *a) { return adr_encodedata(a, 9, 0x1234, &WORD); }},
     {"otherTypeWithoutData", {1, 0, 4}, [](adr_t *a) { return adr_encodedata(a, 1, 4, nullptr); }},
 };
@@ -276,7 +278,7 @@ TEST(Adr, EncodesOctetsFromWithinTheMessage)
                 std::copy_n(item.begin(), fits, expected.begin() + static_cast<long>(pos));
 
                 ASSERT_EQ(adr_pos(&message.adr, static_cast<uint32_t>(pos)), 0);
-                EXPECT_EQ(adr_encodedata(&message.adr, ADR_OCTETS, static_cast<uint16_t>(len),
+                EXPECT_EQ(adr_encodedata(&message.adr, ZYN_ITEM_OCTETS, static_cast<uint16_t>(len),
                                          message.at(source)),
                           fits == item.size() ? 0 : -1);
                 EXPECT_EQ(adr_count(&message.adr), pos + fits);
@@ -289,7 +291,7 @@ TEST(Adr, EncodesTheLongestItem)
 {
     const Bytes data = Bytes(UINT16_MAX, 0x5a);
     Message message(Bytes(UINT16_MAX + 3, 0));
-    EXPECT_EQ(adr_encodedata(&message.adr, ADR_OCTETS, UINT16_MAX, data.data()), 0);
+    EXPECT_EQ(adr_encodedata(&message.adr, ZYN_ITEM_OCTETS, UINT16_MAX, data.data()), 0);
     EXPECT_EQ(adr_left(&message.adr), 0u);
     EXPECT_EQ(message.bytes(), concat({0, 0xff, 0xff}, data));
 }
@@ -298,7 +300,7 @@ TEST(Adr, WhatIsEncodedIsDecoded)
 {
     Message message(Bytes(15, 0));
     ASSERT_EQ(adr_int32(&message.adr, INT32_MIN), 0);
-    ASSERT_EQ(adr_encodedata(&message.adr, ADR_COUNTER64, 8, &COUNTER), 0);
+    ASSERT_EQ(adr_encodedata(&message.adr, ZYN_ITEM_COUNTER64, 8, &COUNTER), 0);
 
     int32_t number = 0;
     uint32_t high = 0;
