@@ -420,7 +420,7 @@ int32_t cpuDefendSrcTracePktData(uint32_t ifUnit, uint32_t protocol, const unsig
 int32_t cpuDefendSrcTracePkt(uint32_t ifUnit, uint16_t protocol, packet_rxpktinfo *rxpktInfo,
                              unsigned char *buf, int32_t length);
 
-/** Where an alarm of a traced source goes out. It does nothing yet. @return 0 */
+/** Where an alarm of a traced source would go out: there is no trap to send. @return 0 */
 int32_t sendCpuDefendSrcTraceAlarmTrap();
 
 /* ---- Hardware programming and CPU-rate switching -------------------------------------- */

@@ -173,7 +173,7 @@ enum {
     CPUDEFEND_USERDEFINED_IP4ACL,
     CPUDEFEND_USERDEFINED_IP6ACL,
     CPUDEFEND_USERDEFINED_CIR,
-    CPUDEFEND_USERDEFINEDT_CBS /**< spelled with that T by every front end */
+    CPUDEFEND_USERDEFINEDT_CBS /**< the T stays: front ends are compiled with it */
 };
 
 enum {

@@ -241,7 +241,7 @@ uint32_t cpudefendCmdProcess(unsigned char *bufRx, uint32_t lenRx)
     if (!decode(req))
         return 0;
     if (req.func == CPUDEFEND_GLOBAL_SETAPI && !req.value)
-        return lenRx; // wanted: no value, no handler, and the return code stays as it came
+        return lenRx; // front ends send a return code of their own, and see by it that nothing ran
     const int32_t result = call(req);
     adr_pos(&req.adr, ZYN_MSG_RETCODE);
     adr_int32(&req.adr, result);

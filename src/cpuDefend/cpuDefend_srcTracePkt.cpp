@@ -174,7 +174,7 @@ void record(const tPacket &packet, const tReceived &received, tCpuDefendCarPktEn
     trace->outerVlan = received.outerVlan;
     memcpy(trace->dstIp, packet.dstIp, sizeof trace->dstIp);
     trace->totalNum = entry->pktSrcTraceTotalNum;
-    entry->pktSrcTraceTotalNum++; // wanted: a recorded packet counts twice in the total
+    entry->pktSrcTraceTotalNum++; // twice for a recorded packet: front ends show such totals
     if (received.keepData)
         memcpy(trace->pktData, received.buf, sizeof trace->pktData);
     trace->sysId = static_cast<uint8_t>(received.phyInfo.unit);

@@ -147,7 +147,8 @@ int32_t removeLevel(uint32_t position)
 {
     return everywhere(followsSystemLevel,
                       [position](tSlotIndex *index, const tCpuDefendSlotEntry *slot) {
-                          // Wanted: on slots, the removal of L2 names the policy of L1.
+                          // On slots the removal of L2 names L1's policy. The calls are part of
+                          // the interface to the hardware; cpuDefendFollow mends what they leave.
                           const uint32_t named = slot && position == 2 ? 1 : position;
                           return cpuDefendLevelRemove(index, gCpuDefend.cpuRatControl, named);
                       });

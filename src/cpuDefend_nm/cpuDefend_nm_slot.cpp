@@ -270,7 +270,8 @@ int32_t cpuDefendSlotGetFirst(tcpuDefendSlotIdx *idx)
     return answerWalk(list_entry(gCpuDefend.slotList.next, tCpuDefendSlotEntry, node), idx);
 }
 
-/** Wanted: the list is not sorted, so a slot behind a greater one is never visited. */
+/** The list is in the order of creation. A slot behind a greater one is never visited: front ends
+ *  know that of docs/protocol.md, and name such a slot themselves. */
 int32_t cpuDefendSlotGetNext(tcpuDefendSlotIdx *slotIdx, tcpuDefendSlotIdx *nextSlotId)
 {
     NmLock lock;
