@@ -109,8 +109,7 @@ std::size_t columnsOf(std::string_view text)
 struct Column {
     bool toTheRight;
     std::vector<std::string> lines; // the heading, then a line for each record
-
-    std::size_t width() const { return std::ranges::max(lines | std::views::transform(columnsOf)); }
+    std::size_t width = 0;          // of the longest line
 };
 
 std::vector<Column> layOut(const std::vector<Record> &records)
@@ -126,6 +125,7 @@ std::vector<Column> layOut(const std::vector<Record> &records)
             column.lines[0] += " (" + std::string(head.unit) + ")";
         for (const Record &record : records)
             column.lines.push_back(textOf(record[i].cell));
+        column.width = std::ranges::max(column.lines | std::views::transform(columnsOf));
         columns.push_back(std::move(column));
     }
     return columns;
@@ -138,7 +138,7 @@ void writeTable(std::ostream &out, const std::vector<Record> &records)
         std::string line;
         for (const Column &column : columns) {
             const std::string &text = column.lines[row];
-            const std::string gap(column.width() - columnsOf(text), ' ');
+            const std::string gap(column.width - columnsOf(text), ' ');
             line += (column.toTheRight ? gap + text : text + gap) + "  ";
         }
         line.erase(line.find_last_not_of(' ') + 1);
