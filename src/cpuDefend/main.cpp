@@ -1,10 +1,11 @@
 /**
- * The daemon: [maxPolicyNumber [maxSlotNumber]].
+ * The daemon: [maxPolicyNumber [maxSlotNumber]], or --version.
  */
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 
 #include "cpuDefend.h"
 
@@ -28,8 +29,17 @@ static uint32_t number(const char *text)
     return static_cast<uint32_t>(strtol(text, nullptr, 10));
 }
 
+/** @return the exit status */
+static int tellVersion()
+{
+    puts("cpuDefend " CPUDEFEND_VERSION);
+    return fflush(stdout) == 0 ? 0 : 1;
+}
+
 int main(int argc, char *argv[])
 {
+    if (argc == 2 && strcmp(argv[1], "--version") == 0)
+        return tellVersion();
     zynCatchSegFault();
     signal(SIGPIPE, SIG_IGN); // nobody who reads our messages may end us by going away
     if (!takeStandardDescriptors() || cpuDefendSocketClaim() != 0)

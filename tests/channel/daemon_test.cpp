@@ -129,6 +129,15 @@ TEST(DaemonStart, FurtherArgumentsAreNotRead)
     EXPECT_EQ(std::vector<uint32_t>({4, 32, 40, 4, 2}), poolSizes());
 }
 
+TEST(DaemonStart, AskedForItsVersionItOnlyTellsThat)
+{
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(0, runDaemon({"--version"}, {}, 20, nullptr));
+    EXPECT_EQ("cpuDefend " CPUDEFEND_VERSION "\n", testing::internal::GetCapturedStdout());
+    const DaemonProcess daemon({"4", "--version"});
+    EXPECT_EQ(DEFAULT_SIZES.back(), poolSizes().back());
+}
+
 TEST(DaemonStart, ACrashIsSaidFromTheStartOn)
 {
     for (const auto &[signal, said] :
