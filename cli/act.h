@@ -10,6 +10,7 @@
 
 #include "cli/commands.h"
 #include "cli/values.h"
+#include "client/text.h"
 
 namespace ctl
 {

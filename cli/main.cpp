@@ -7,8 +7,10 @@
 #include "cli/complete.h"
 #include "cli/output.h"
 #include "cli/values.h"
+#include "client/text.h"
 
 using namespace ctl;
+using cpudefend::printable;
 
 namespace
 {

@@ -42,9 +42,6 @@ enum class Layout {
 
 void write(std::ostream &out, Format format, Layout layout, const std::vector<Record> &records);
 
-/** Bytes from elsewhere made fit for a terminal: what is not text stands as \xNN. */
-std::string printable(std::string_view bytes);
-
 } // namespace ctl
 
 #endif

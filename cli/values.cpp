@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <charconv>
 
+#include "client/text.h"
 #include "cpuDefend_nm.h"
 
 namespace ctl
@@ -14,6 +15,7 @@ namespace ctl
 using cpudefend::Attribute;
 using cpudefend::Choice;
 using cpudefend::Kind;
+using cpudefend::printable;
 using cpudefend::Value;
 
 namespace
