@@ -43,8 +43,8 @@ std::string settingsHelp(const Arg &arg)
             continue;
         const std::string unit =
             attribute.unit.empty() ? "" : " (" + std::string(attribute.unit) + ")";
-        text += "  " + std::string(attribute.name) + "=" + describeValues(attribute) + "\n      " +
-                std::string(attribute.help) + unit + "\n";
+        text += "  " + std::string(attribute.name) + "=" + cpudefend::describeValues(attribute) +
+                "\n      " + std::string(attribute.help) + unit + "\n";
     }
     text.pop_back();
     return text;

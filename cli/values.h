@@ -6,41 +6,20 @@
 
 #include <array>
 #include <span>
-#include <stdexcept>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "cli/output.h"
 #include "client/client.h"
+#include "client/values.h"
 
 namespace ctl
 {
 
-/** The command line asks for what cannot be. what() gives the reason. */
-class BadValue : public std::runtime_error
-{
-    using std::runtime_error::runtime_error;
-};
+using cpudefend::BadValue;
+using cpudefend::Setting;
 
-/** An attribute and the value it is to get. */
-struct Setting {
-    const cpudefend::Attribute *attribute;
-    cpudefend::Value value;
-    std::string word; /**< the value as it was written */
-};
-
-/** Read a value for an attribute. Throws BadValue. */
-cpudefend::Value parseValue(const cpudefend::Attribute &attribute, std::string_view word);
-
-/** Read KEY=VALUE words, each for a settable attribute that comes once. Throws BadValue. */
-std::vector<Setting> parseSettings(std::span<const cpudefend::Attribute> attributes,
-                                   std::span<const std::string> words);
-
-/** A policy name that the daemon can hold. Throws BadValue. */
-const std::string &checkedName(const std::string &name);
-
-// These throw BadValue, too.
+// These throw BadValue.
 uint32_t parsePktType(const std::string &word);
 uint32_t parseRuleIndex(const std::string &word);        /**< 0 to 255 */
 cpudefend::SlotIndex parseSlot(const std::string &word); /**< SYS/SLOT */
@@ -56,9 +35,6 @@ std::string macText(std::span<const uint8_t> mac);
 std::string interfaceName(uint32_t interface);
 
 Field fieldOf(const cpudefend::Attribute &attribute, const cpudefend::Value &value);
-
-/** What may stand behind KEY=, for help: words, or a range. */
-std::string describeValues(const cpudefend::Attribute &attribute);
 
 } // namespace ctl
 

@@ -20,6 +20,7 @@
 #include "client/channel.h"
 #include "client/errors.h"
 #include "client/tables.h"
+#include "client/values.h"
 
 namespace cpudefend
 {
@@ -60,9 +61,6 @@ struct SourceIndex {
     uint8_t filter = 0; /**< fields that a walk must match, 0x80 >> CPUDEFEND_SRCTRACEIDX_* */
     bool operator==(const SourceIndex &) const = default;
 };
-
-/** An integer or bytes, as the attribute has it. */
-using Value = Item;
 
 /** Outcome of a set that did not fail. */
 enum class SetResult {

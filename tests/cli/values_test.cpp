@@ -49,22 +49,6 @@ TEST(Values, OtherNumbersThanThoseOfTheWords)
     EXPECT_EQ(shown(named(ruleAttributes(), "action"), 2u), "action  deny\n");
 }
 
-TEST(Values, TextIsBoundedInBytes)
-{
-    const Attribute &description = named(policyAttributes(), "description");
-    EXPECT_EQ(parseValue(description, std::string(64, 'x')), Value(std::string(64, 'x')));
-    EXPECT_EQ(parseValue(description, ""), Value(std::string()));
-    EXPECT_THROW(parseValue(description, std::string(65, 'x')), BadValue);
-}
-
-TEST(Values, PriorityIsThreeNumbers)
-{
-    const Attribute &priority = named(policyAttributes(), "priority");
-    EXPECT_EQ(parseValue(priority, "0,7,255"), Value(std::string("\0\7\xff", 3)));
-    for (const char *wrong : {"", "1", "1,2", "1,2,3,4", "1,2,", ",1,2", "1,2,256", "1,2,x"})
-        EXPECT_THROW(parseValue(priority, wrong), BadValue) << wrong;
-}
-
 TEST(Values, APacketThatWasNotKeptIsNothing)
 {
     const Attribute &data = named(sourceAttributes(), "data");

@@ -1,0 +1,53 @@
+/**
+ * Values of attributes as operators write and read them.
+ */
+#ifndef CPUDEFEND_CLIENT_VALUES_H
+#define CPUDEFEND_CLIENT_VALUES_H
+
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "client/codec.h"
+#include "client/tables.h"
+
+namespace cpudefend
+{
+
+/** An integer or bytes, as the attribute has it. */
+using Value = Item;
+
+/** The command line asks for what cannot be. what() gives the reason. */
+class BadValue : public std::runtime_error
+{
+    using std::runtime_error::runtime_error;
+};
+
+/** An attribute and the value it is to get. */
+struct Setting {
+    const Attribute *attribute;
+    Value value;
+    std::string word; /**< the value as it was written */
+};
+
+/** Read a value for an attribute. Throws BadValue. */
+Value parseValue(const Attribute &attribute, std::string_view word);
+
+/** Read KEY=VALUE words, each for a settable attribute that comes once. Throws BadValue. */
+std::vector<Setting> parseSettings(std::span<const Attribute> attributes,
+                                   std::span<const std::string> words);
+
+/** A policy name that the daemon can hold. Throws BadValue. */
+const std::string &checkedName(const std::string &name);
+
+/** The word that a number of an attribute with choices stands for, as its Kind says. */
+std::string wordOf(const Attribute &attribute, uint32_t number);
+
+/** What may stand behind KEY=, for help: words, or a range. */
+std::string describeValues(const Attribute &attribute);
+
+} // namespace cpudefend
+
+#endif
