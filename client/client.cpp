@@ -2,143 +2,11 @@
 
 #include <algorithm>
 
+#include "client/requests.h"
 #include "cpuDefend_nm.h"
 
 namespace cpudefend
 {
-
-namespace
-{
-
-/** Function codes of a table; 0 where it has no such function. */
-struct Functions {
-    uint32_t first;
-    uint32_t next;
-    uint32_t get;
-    uint32_t set;
-};
-
-/**
- * A table of the daemon: its functions, and its index as items on the wire. A further table is a
- * further specialization, and lines at the end of this file.
- */
-template <class Index> struct Table;
-
-template <std::size_t N> std::string octetsOf(const std::array<uint8_t, N> &bytes)
-{
-    return {bytes.begin(), bytes.end()};
-}
-
-template <std::size_t N> std::array<uint8_t, N> bytesOf(const Item &item)
-{
-    const auto &octets = std::get<std::string>(item);
-    std::array<uint8_t, N> bytes;
-    if (octets.size() != N)
-        throw Error(Failure::ReplyMalformed, "the daemon's reply makes no sense: its index has a "
-                                             "field of another length");
-    std::copy(octets.begin(), octets.end(), bytes.begin());
-    return bytes;
-}
-
-template <> struct Table<GlobalIndex> {
-    static constexpr Functions functions{0, 0, CPUDEFEND_GLOBAL_GETAPI, CPUDEFEND_GLOBAL_SETAPI};
-    static constexpr uint8_t indexCount = 0;
-
-    // One integer stands there all the same. The daemon reads over it.
-    static std::vector<Item> items(const GlobalIndex &) { return {0u}; }
-};
-
-template <> struct Table<PolicyIndex> {
-    static constexpr Functions functions{CPUDEFEND_POLICY_GETFIRST, CPUDEFEND_POLICY_GETNEXT,
-                                         CPUDEFEND_POLICY_GETAPI, CPUDEFEND_POLICY_SETAPI};
-    static constexpr uint8_t indexCount = 2;
-    static constexpr int32_t endOfWalk = CPUDEFEND_FAIL;
-
-    static std::vector<Item> items(const PolicyIndex &index)
-    {
-        return {static_cast<uint32_t>(index.name.size()), index.name};
-    }
-    static PolicyIndex index(const std::vector<Item> &items)
-    {
-        return {std::get<std::string>(items[1])};
-    }
-};
-
-template <> struct Table<CarPktIndex> {
-    static constexpr Functions functions{CPUDEFEND_CARPKT_GETFIRST, CPUDEFEND_CARPKT_GETNEXT,
-                                         CPUDEFEND_CARPKT_GETAPI, CPUDEFEND_CARPKT_SETAPI};
-    static constexpr uint8_t indexCount = 3;
-    static constexpr int32_t endOfWalk = CPUDEFEND_FAIL;
-
-    static std::vector<Item> items(const CarPktIndex &index)
-    {
-        return {static_cast<uint32_t>(index.policy.size()), index.policy, index.pktType};
-    }
-    static CarPktIndex index(const std::vector<Item> &items)
-    {
-        return {std::get<std::string>(items[1]), std::get<uint32_t>(items[2])};
-    }
-};
-
-template <> struct Table<RuleIndex> {
-    static constexpr Functions functions{
-        CPUDEFEND_USERDEFINED_GETFIRST, CPUDEFEND_USERDEFINED_GETNEXT, CPUDEFEND_USERDEFINED_GETAPI,
-        CPUDEFEND_USERDEFINED_SETAPI};
-    static constexpr uint8_t indexCount = 3;
-    static constexpr int32_t endOfWalk = CPUDEFEND_FAIL;
-
-    static std::vector<Item> items(const RuleIndex &index)
-    {
-        return {static_cast<uint32_t>(index.policy.size()), index.policy, index.index};
-    }
-    static RuleIndex index(const std::vector<Item> &items)
-    {
-        return {std::get<std::string>(items[1]), std::get<uint32_t>(items[2])};
-    }
-};
-
-template <> struct Table<SlotIndex> {
-    static constexpr Functions functions{CPUDEFEND_SLOT_GETFIRST, CPUDEFEND_SLOT_GETNEXT,
-                                         CPUDEFEND_SLOT_GETAPI, CPUDEFEND_SLOT_SETAPI};
-    static constexpr uint8_t indexCount = 2;
-    static constexpr int32_t endOfWalk = CPUDEFEND_FAIL;
-
-    static std::vector<Item> items(const SlotIndex &index) { return {index.system, index.slot}; }
-    static SlotIndex index(const std::vector<Item> &items)
-    {
-        return {std::get<uint32_t>(items[0]), std::get<uint32_t>(items[1])};
-    }
-};
-
-template <> struct Table<SourceIndex> {
-    static constexpr Functions functions{CPUDEFEND_SRCTRACE_GETFIRST, CPUDEFEND_SRCTRACE_GETNEXT,
-                                         CPUDEFEND_SRCTRACE_GETAPI, 0};
-    static constexpr uint8_t indexCount = 5;
-    static constexpr int32_t endOfWalk = CPUDEFEND_ENOENTRY;
-
-    static std::vector<Item> items(const SourceIndex &index)
-    {
-        return {index.interface, octetsOf(index.ip),
-                std::string(1, static_cast<char>(index.pktType)), octetsOf(index.mac),
-                std::string(1, static_cast<char>(index.filter))};
-    }
-    static SourceIndex index(const std::vector<Item> &items)
-    {
-        return {std::get<uint32_t>(items[0]), bytesOf<4>(items[1]), bytesOf<1>(items[2])[0],
-                bytesOf<6>(items[3]), bytesOf<1>(items[4])[0]};
-    }
-};
-
-} // namespace
-
-template <class Index> Request requestFor(uint32_t function, const Index &index)
-{
-    Request request;
-    request.function = function;
-    request.indexCount = Table<Index>::indexCount;
-    request.index = Table<Index>::items(index);
-    return request;
-}
 
 Reply Client::call(Request request)
 {
@@ -338,8 +206,7 @@ std::string Client::boundPolicy(const SlotIndex &slot)
 
 #define READABLE(Index)                                                                            \
     template Value Client::get(const Index &, uint32_t, std::size_t);                              \
-    template Value Client::get(const Index &, const Attribute &);                                  \
-    template Request requestFor(uint32_t, const Index &)
+    template Value Client::get(const Index &, const Attribute &)
 #define SETTABLE(Index) template SetResult Client::set(const Index &, uint32_t, const Value &)
 #define WALKABLE(Index)                                                                            \
     template std::optional<Index> Client::first(const Index &);                                    \

@@ -139,9 +139,6 @@ private:
     uint32_t lastId_ = 0;
 };
 
-/** Shape of a request for one table; the base of every request that Client sends. */
-template <class Index> Request requestFor(uint32_t function, const Index &index);
-
 } // namespace cpudefend
 
 #endif

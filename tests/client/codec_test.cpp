@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "client/client.h"
 #include "client/errors.h"
+#include "client/requests.h"
 #include "cpuDefend_nm.h"
 
 using namespace cpudefend;

@@ -7,7 +7,7 @@
 #include <map>
 #include <sstream>
 
-#include "client/client.h"
+#include "client/requests.h"
 #include "cpuDefend_nm.h"
 #include "daemon_process.h"
 
