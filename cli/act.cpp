@@ -16,7 +16,15 @@ constexpr const char *kNoPolicy = "there is no policy of this name";
 
 Exit statusOf(const Error &error)
 {
-    return error.failure() == Failure::Refused ? kExitRefused : kExitUnreachable;
+    switch (error.failure()) {
+    case Failure::BadArgument: return kExitUsage;
+    case Failure::Refused:
+    case Failure::Platform:
+    case Failure::InPart:
+    case Failure::Exists:
+    case Failure::NotTracing: return kExitRefused;
+    default: return kExitUnreachable;
+    }
 }
 
 /** The reason in the words of what was asked for. */

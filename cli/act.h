@@ -38,8 +38,6 @@ auto attempt(Context &context, const std::string &what, const Subject &subject, 
 {
     try {
         return action();
-    } catch (const BadValue &bad) {
-        throw CommandFailed(kExitUsage, "couldn't " + what + ": " + bad.what());
     } catch (const cpudefend::Error &error) {
         throw failureOf(context, what, subject, error);
     }

@@ -49,7 +49,7 @@ std::string placeText(const Context &context)
 /** Whether it is the daemon's own refusal, or anything but a refusal. */
 bool isPlain(const Error &error)
 {
-    return error.failure() != Failure::Refused || error.code() == CPUDEFEND_ENONAME ||
+    return error.code() == CPUDEFEND_OK || error.code() == CPUDEFEND_ENONAME ||
            error.code() == CPUDEFEND_ENOSLOT;
 }
 

@@ -5,12 +5,12 @@
 #define CPUDEFEND_CLIENT_VALUES_H
 
 #include <span>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "client/codec.h"
+#include "client/errors.h"
 #include "client/tables.h"
 
 namespace cpudefend
@@ -19,10 +19,11 @@ namespace cpudefend
 /** An integer or bytes, as the attribute has it. */
 using Value = Item;
 
-/** The command line asks for what cannot be. what() gives the reason. */
-class BadValue : public std::runtime_error
+/** Failure::BadArgument, with the reason that what() gives. */
+class BadValue : public Error
 {
-    using std::runtime_error::runtime_error;
+public:
+    explicit BadValue(const std::string &reason) : Error(Failure::BadArgument, reason) {}
 };
 
 /** An attribute and the value it is to get. */

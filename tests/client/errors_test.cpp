@@ -48,5 +48,29 @@ TEST(Error, OfACodeSaysItsSentence)
     const Error error(CPUDEFEND_EBOUND);
     EXPECT_EQ(error.failure(), Failure::Refused);
     EXPECT_EQ(error.code(), CPUDEFEND_EBOUND);
-    EXPECT_STREQ(error.what(), "the policy is bound, unbind it first");
+    EXPECT_EQ(error.sentence("set x"), "couldn't set x: the policy is bound, unbind it first");
+    EXPECT_EQ(Error(77).failure(), Failure::Platform);
+}
+
+TEST(Error, OfAStepTellsOfTheStep)
+{
+    const Error error(Failure::TimedOut, "why", 0, {"set pps=2 for", "arp in policy edge"});
+    EXPECT_EQ(error.sentence("add it"), "couldn't set pps=2 for arp in policy edge: why");
+    EXPECT_EQ(error.sentence("add it", "1 in it"), "couldn't set pps=2 for 1 in it: why");
+}
+
+TEST(Error, WhatIsDoneInPartIsSaidSo)
+{
+    EXPECT_EQ(Error(Failure::InPart, "why", 5).sentence("bind it"),
+              "couldn't bind it in full: why");
+}
+
+TEST(Error, WhateverFailsThereIsAdvice)
+{
+    for (const CodeText &known : codeTexts())
+        EXPECT_EQ(Error(known.code).advice().empty(), known.code == CPUDEFEND_OK) << known.code;
+    for (int failure = 0; failure <= static_cast<int>(Failure::BadArgument); ++failure)
+        if (static_cast<Failure>(failure) != Failure::Refused) {
+            EXPECT_NE(Error(static_cast<Failure>(failure), "").advice(), "") << failure;
+        }
 }
