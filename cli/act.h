@@ -1,9 +1,10 @@
 /**
- * What the commands have in common: how failures are told, settings sent and records read.
+ * What the commands have in common: how failures are told and records made.
  */
 #ifndef CPUDEFENDCTL_ACT_H
 #define CPUDEFENDCTL_ACT_H
 
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -15,73 +16,49 @@
 namespace ctl
 {
 
-/** What a command is about, for the words in which a refusal is told. */
-struct Subject {
-    const char *absent = nullptr; /**< said when there is no such entry */
-    std::string policy = "";      /**< the policy that must be there first, if there must be one */
-    bool isSlot = false;
-};
-
-const Subject kSystem{};
-const Subject kSlot{nullptr, "", true};
-Subject policySubject(const std::string &name);
-
 std::string quoted(const std::string &policy);
 
-/** @return the failure of "couldn't @a what" */
-CommandFailed failureOf(Context &context, const std::string &what, const Subject &subject,
+/** @return the failure of "couldn't @a what"; a step of it that failed was for @a subject */
+CommandFailed failureOf(const std::string &what, const std::string &subject,
                         const cpudefend::Error &error);
 
 /** Do something; what fails becomes "couldn't @a what: reason". */
 template <class Action>
-auto attempt(Context &context, const std::string &what, const Subject &subject, Action action)
+auto attempt(const std::string &what, const std::string &subject, Action action)
 {
     try {
         return action();
     } catch (const cpudefend::Error &error) {
-        throw failureOf(context, what, subject, error);
+        throw failureOf(what, subject, error);
     }
 }
 
-void warn(Context &context, const std::string &message);
-
-/**
- * Send settings one by one.
- * @param what what they are for
- *
- * The first failure ends it and says how far it came. What is stored and not programmed is warned
- * of.
- */
-template <class Index>
-void apply(Context &context, const std::string &what, const Subject &subject, const Index &index,
-           const std::vector<Setting> &steps);
+template <class Action> auto attempt(const std::string &what, Action action)
+{
+    return attempt(what, "", action);
+}
 
 /** The words from the given place on. */
 std::span<const std::string> from(const Words &words, std::size_t first);
 
-/** The attributes of these ids, read. */
-template <class Index>
-Record recordOf(Context &context, Record head, const Index &index,
-                std::span<const cpudefend::Attribute> attributes, std::span<const uint32_t> ids)
-{
-    for (const uint32_t id : ids) {
-        const cpudefend::Attribute &wanted = cpudefend::attribute(attributes, id);
-        head.push_back(fieldOf(wanted, context.client.get(index, wanted)));
-    }
-    return head;
-}
+/** The first word, where there is one. */
+std::optional<std::string> firstOf(const Words &words);
+
+/** A record of attributes that were read; of each nothing where there are no values. */
+Record recordOf(Record head, std::span<const cpudefend::Attribute> attributes,
+                std::span<const uint32_t> ids, const std::vector<cpudefend::Value> &values);
 
 std::vector<uint32_t> allIds(std::span<const cpudefend::Attribute> attributes);
 
-uint32_t globalNumber(Context &context, uint32_t id);
-
-/** The settings of levels in the order in which no sample meets half of them. */
-std::vector<Setting> levelSteps(std::vector<Setting> settings);
-
-/** Send them, and warn when that unbinds the policy of the system. */
-template <class Index>
-void applyLevels(Context &context, const std::string &what, const Subject &subject,
-                 const Index &index, const std::vector<Setting> &steps);
+/** Print rows as a table, each as the record that @a record makes of it. */
+template <class Rows, class ToRecord>
+void writeRows(Context &context, const Rows &rows, ToRecord toRecord)
+{
+    std::vector<Record> records;
+    for (const auto &row : rows)
+        records.push_back(toRecord(row));
+    write(context.out, context.format, Layout::Table, records);
+}
 
 /** The commands' functions. */
 namespace run

@@ -1,8 +1,6 @@
 /**
  * Commands on the limits of a policy for packet types.
  */
-#include <optional>
-
 #include "cli/act.h"
 #include "cpuDefend_nm.h"
 
@@ -14,83 +12,52 @@ using namespace cpudefend;
 namespace
 {
 
-Subject subjectOf(const std::string &policy)
+std::string entryOf(const Words &words)
 {
-    return {"a policy has no CAR entry of this type", policy};
+    return printable(words[1]) + " in " + quoted(words[0]);
 }
 
-std::string entryOf(const std::string &policy, const std::string &type)
+CarPktIndex parseIndex(const Words &words)
 {
-    return printable(type) + " in " + quoted(policy);
+    return {checkedName(words[0]), parsePktType(words[1])};
 }
 
-/**
- * The daemon adds each mode to those set before, and forgets them with mode 0: the mode asked for
- * is set behind a mode 0, and is then the only one.
- */
-std::vector<Setting> carSteps(const std::vector<Setting> &settings)
+Record carRecord(const Row<CarPktIndex> &row, std::span<const uint32_t> ids)
 {
-    std::vector<Setting> steps;
-    for (const Setting &setting : settings) {
-        if (setting.attribute->id == CPUDEFEND_CARPKT_MODE)
-            steps.push_back({setting.attribute, uint32_t{CPUDEFEND_CARPKTMODE_DEFAULT}, "default"});
-        if (setting.attribute->id != CPUDEFEND_CARPKT_MODE ||
-            setting.value != Value{uint32_t{CPUDEFEND_CARPKTMODE_DEFAULT}})
-            steps.push_back(setting);
-    }
-    return steps;
-}
-
-Record carRecord(Context &context, const CarPktIndex &index, std::span<const uint32_t> ids)
-{
-    return recordOf(context, {{"policy", index.policy}, {"type", pktTypeName(index.pktType)}},
-                    index, carPktAttributes(), ids);
-}
-
-void appendEntries(Context &context, const std::string &policy, std::vector<Record> *records)
-{
-    constexpr uint32_t kIds[] = {CPUDEFEND_CARPKT_MODE,    CPUDEFEND_CARPKT_PPS,
-                                 CPUDEFEND_CARPKT_CIR,     CPUDEFEND_CARPKT_CBS,
-                                 CPUDEFEND_CARPKT_DENY,    CPUDEFEND_CARPKT_QUEUE,
-                                 CPUDEFEND_CARPKT_PRIORITY};
-    for (const uint32_t type : context.client.carPktTypes(policy))
-        records->push_back(carRecord(context, {policy, type}, kIds));
+    return recordOf({{"policy", row.index.policy}, {"type", pktTypeName(row.index.pktType)}},
+                    carPktAttributes(), ids, row.values);
 }
 
 } // namespace
 
 void run::carSet(Context &context, const Words &words)
 {
-    const std::string &policy = words[0];
-    const std::string what = entryOf(policy, words[1]);
-    std::optional<CarPktIndex> index;
-    const auto steps = attempt(context, "set " + what, subjectOf(policy), [&] {
-        index = CarPktIndex{checkedName(policy), parsePktType(words[1])};
-        return carSteps(parseSettings(carPktAttributes(), from(words, 2)));
+    attempt("set " + entryOf(words), entryOf(words), [&] {
+        const CarPktIndex index = parseIndex(words);
+        context.client.setCar(index, parseSettings(carPktAttributes(), from(words, 2)));
     });
-    apply(context, what, subjectOf(policy), *index, steps);
 }
 
 void run::carShow(Context &context, const Words &words)
 {
-    const std::string &policy = words[0];
-    attempt(context, "show " + entryOf(policy, words[1]), subjectOf(policy), [&] {
-        const CarPktIndex index{checkedName(policy), parsePktType(words[1])};
+    attempt("show " + entryOf(words), [&] {
         const auto ids = allIds(carPktAttributes());
-        write(context.out, context.format, Layout::Sheet, {carRecord(context, index, ids)});
+        const CarPktIndex index = parseIndex(words);
+        write(context.out, context.format, Layout::Sheet,
+              {carRecord({index, context.client.read(index, ids)}, ids)});
     });
 }
 
 void run::carList(Context &context, const Words &words)
 {
+    constexpr uint32_t kIds[] = {CPUDEFEND_CARPKT_MODE,    CPUDEFEND_CARPKT_PPS,
+                                 CPUDEFEND_CARPKT_CIR,     CPUDEFEND_CARPKT_CBS,
+                                 CPUDEFEND_CARPKT_DENY,    CPUDEFEND_CARPKT_QUEUE,
+                                 CPUDEFEND_CARPKT_PRIORITY};
     const std::string of = words.empty() ? "" : " of " + quoted(words[0]);
-    attempt(context, "list the CAR entries" + of, subjectOf(""), [&] {
-        if (!words.empty() && !context.client.policyExists(checkedName(words[0])))
-            throw Error(CPUDEFEND_ENONAME);
-        std::vector<Record> records;
-        for (const std::string &policy : words.empty() ? context.client.policyNames() : words)
-            appendEntries(context, policy, &records);
-        write(context.out, context.format, Layout::Table, records);
+    attempt("list the CAR entries" + of, [&] {
+        writeRows(context, context.client.carEntries(kIds, firstOf(words)),
+                  [&](const auto &row) { return carRecord(row, kIds); });
     });
 }
 

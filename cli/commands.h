@@ -84,7 +84,6 @@ struct Context {
     cpudefend::Client client;
     Format format;
     std::ostream &out;
-    std::ostream &err;
     std::map<std::string, std::string> options = {}; /**< the command's own that were given */
 
     /** @return the option's value, or null when it was not given */

@@ -95,14 +95,16 @@ std::vector<Entry> addCommands(CLI::App *app)
 cpudefend::Client clientFor(const Options &options)
 {
     const auto timeout = std::chrono::duration<double>(options.timeout);
-    return cpudefend::Client(cpudefend::Channel(
-        options.socket, std::chrono::duration_cast<std::chrono::milliseconds>(timeout)));
+    const cpudefend::Channel channel(
+        options.socket, std::chrono::duration_cast<std::chrono::milliseconds>(timeout));
+    return cpudefend::Client(channel, [](const cpudefend::Warning &warning) {
+        std::cerr << "cpudefendctl: warning: " << warning.text << '\n';
+    });
 }
 
 int run(const Options &options, const std::vector<Entry> &entries)
 {
-    Context context{clientFor(options), options.json ? Format::Json : Format::Text, std::cout,
-                    std::cerr};
+    Context context{clientFor(options), options.json ? Format::Json : Format::Text, std::cout};
     for (std::size_t i = 0; i < entries.size(); ++i) {
         if (!entries[i].parser->parsed())
             continue;

@@ -14,31 +14,12 @@ using namespace cpudefend;
 namespace
 {
 
-/** Where a policy is bound: the system, or the slot of the option. */
-class Place
+/** The slot of the option, where it is given. */
+std::optional<SlotIndex> slotOf(const Context &context)
 {
-public:
-    explicit Place(const Context &context)
-    {
-        if (const std::string *word = context.option("--slot"))
-            slot_ = parseSlot(*word);
-    }
-
-    const Subject &subject() const { return slot_ ? kSlot : kSystem; }
-
-    void bind(Client &client, const std::string &policy) const
-    {
-        slot_ ? client.bind(*slot_, policy) : client.bind(policy);
-    }
-
-    std::string bound(Client &client) const
-    {
-        return slot_ ? client.boundPolicy(*slot_) : client.boundPolicy();
-    }
-
-private:
-    std::optional<SlotIndex> slot_;
-};
+    const std::string *word = context.option("--slot");
+    return word ? std::optional(parseSlot(*word)) : std::nullopt;
+}
 
 std::string placeText(const Context &context)
 {
@@ -46,54 +27,17 @@ std::string placeText(const Context &context)
     return slot ? "slot " + printable(*slot) : "the system";
 }
 
-/** Whether it is the daemon's own refusal, or anything but a refusal. */
-bool isPlain(const Error &error)
-{
-    return error.code() == CPUDEFEND_OK || error.code() == CPUDEFEND_ENONAME ||
-           error.code() == CPUDEFEND_ENOSLOT;
-}
-
-std::string boundText(const std::string &bound)
-{
-    return bound.empty() ? "no policy is bound now" : quoted(bound) + " is bound now";
-}
-
-/**
- * Change a binding. A code that is not the daemon's own comes from the platform: what became of
- * the binding is told then.
- */
-void rebind(Context &context, const std::string &what, const std::string &policy)
-{
-    std::optional<Place> place;
-    attempt(context, what, kSystem, [&] { place = Place(context); });
-    attempt(context, what, place->subject(), [&] {
-        try {
-            place->bind(context.client, policy);
-        } catch (const Error &error) {
-            if (isPlain(error))
-                throw;
-            const std::string bound = place->bound(context.client);
-            const std::string code = " (code " + std::to_string(error.code()) + "); ";
-            const std::string how = bound == policy
-                                        ? " in full: the hardware layer refused part of it"
-                                        : ": the platform refused it";
-            throw CommandFailed(kExitRefused, "couldn't " + what + how + code + boundText(bound));
-        }
-    });
-}
-
 struct PoolRow {
     const char *name;
-    uint32_t used;
-    uint32_t max;
+    uint32_t counts[2]; // used, and room for
 };
 
 constexpr PoolRow kPools[] = {
-    {"policies", CPUDEFEND_GLOBAL_USEPOLICYNUM, CPUDEFEND_GLOBAL_MAXPOLICYNUM},
-    {"rules", CPUDEFEND_GLOBAL_USEUSERDEFINEDNUM, CPUDEFEND_GLOBAL_MAXUSERDEFINEDNUM},
-    {"car-entries", CPUDEFEND_GLOBAL_USECARPKTNUM, CPUDEFEND_GLOBAL_MAXCARPKTNUM},
-    {"sources", CPUDEFEND_GLOBAL_USESRCTRACENUM, CPUDEFEND_GLOBAL_MAXSRCTRACENUM},
-    {"slots", CPUDEFEND_GLOBAL_USESLOTNUM, CPUDEFEND_GLOBAL_MAXSLOTNUM},
+    {"policies", {CPUDEFEND_GLOBAL_USEPOLICYNUM, CPUDEFEND_GLOBAL_MAXPOLICYNUM}},
+    {"rules", {CPUDEFEND_GLOBAL_USEUSERDEFINEDNUM, CPUDEFEND_GLOBAL_MAXUSERDEFINEDNUM}},
+    {"car-entries", {CPUDEFEND_GLOBAL_USECARPKTNUM, CPUDEFEND_GLOBAL_MAXCARPKTNUM}},
+    {"sources", {CPUDEFEND_GLOBAL_USESRCTRACENUM, CPUDEFEND_GLOBAL_MAXSRCTRACENUM}},
+    {"slots", {CPUDEFEND_GLOBAL_USESLOTNUM, CPUDEFEND_GLOBAL_MAXSLOTNUM}},
 };
 
 constexpr uint32_t kShown[] = {
@@ -105,38 +49,47 @@ constexpr uint32_t kShown[] = {
 
 void run::bindPolicy(Context &context, const Words &words)
 {
-    const std::string what = "bind " + quoted(words[0]) + " to " + placeText(context);
-    attempt(context, what, kSystem, [&] { checkedName(words[0]); });
-    rebind(context, what, words[0]);
+    const std::string &name = words[0];
+    attempt("bind " + quoted(name) + " to " + placeText(context), [&] {
+        checkedName(name);
+        const auto slot = slotOf(context);
+        slot ? context.client.bind(*slot, name) : context.client.bind(name);
+    });
 }
 
 void run::unbindPolicy(Context &context, const Words &)
 {
-    rebind(context, "unbind the policy of " + placeText(context), "");
+    attempt("unbind the policy of " + placeText(context), [&] {
+        const auto slot = slotOf(context);
+        slot ? context.client.unbind(*slot) : context.client.unbind();
+    });
 }
 
 void run::setSystem(Context &context, const Words &words)
 {
-    const auto steps = attempt(context, "set the system", kSystem, [&] {
-        return levelSteps(parseSettings(globalAttributes(), words));
-    });
-    applyLevels(context, "the system", kSystem, GlobalIndex{}, steps);
+    attempt("set the system", "the system",
+            [&] { context.client.setSystem(parseSettings(globalAttributes(), words)); });
 }
 
 void run::showSystem(Context &context, const Words &)
 {
-    attempt(context, "show the system", kSystem, [&] {
-        Record record = recordOf(context, {}, GlobalIndex{}, globalAttributes(), kShown);
-        for (const PoolRow &pool : kPools)
-            record.push_back({pool.name, Pool{globalNumber(context, pool.used),
-                                              globalNumber(context, pool.max)}});
+    attempt("show the system", [&] {
+        const auto read = [&](std::span<const uint32_t> ids) {
+            return context.client.read(GlobalIndex{}, ids);
+        };
+        Record record = recordOf({}, globalAttributes(), kShown, read(kShown));
+        for (const PoolRow &pool : kPools) {
+            const auto counts = read(pool.counts);
+            record.push_back(
+                {pool.name, Pool{std::get<uint32_t>(counts[0]), std::get<uint32_t>(counts[1])}});
+        }
         write(context.out, context.format, Layout::Sheet, {record});
     });
 }
 
 void run::setDebug(Context &context, const Words &words)
 {
-    attempt(context, "switch debugging " + printable(words[0]), kSystem, [&] {
+    attempt("switch debugging " + printable(words[0]), [&] {
         const Attribute &debug = attribute(globalAttributes(), CPUDEFEND_GLOBAL_DEBUG);
         context.client.set(GlobalIndex{}, debug.id, parseValue(debug, words[0]));
     });

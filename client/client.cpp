@@ -1,12 +1,35 @@
 #include "client/client.h"
 
-#include <algorithm>
-
 #include "client/requests.h"
 #include "cpuDefend_nm.h"
 
 namespace cpudefend
 {
+
+namespace
+{
+
+/** A refusal, in words of the table that it is about. */
+template <class Index> Error refusal(int32_t code)
+{
+    const bool ofOneTable = code == CPUDEFEND_ENOSLOT || code == CPUDEFEND_EBADINDEX;
+    if (ofOneTable && code != Table<Index>::ownCode)
+        return {Failure::Platform, platformCodeText(code), code};
+    if (code == CPUDEFEND_ENOENTRY)
+        return {Failure::Refused, Table<Index>::absent, code};
+    return Error(code);
+}
+
+/** "; set before that: a=1 b=2", or nothing. */
+std::string doneBefore(std::span<const Setting> done)
+{
+    std::string text;
+    for (const Setting &setting : done)
+        text += (text.empty() ? "; set before that: " : " ") + labelOf(setting);
+    return text;
+}
+
+} // namespace
 
 Reply Client::call(Request request)
 {
@@ -24,7 +47,7 @@ Value Client::get(const Index &index, uint32_t attributeId, std::size_t octets)
     request.answer = {typeOf(request.value)};
     const Reply reply = call(std::move(request));
     if (reply.code != CPUDEFEND_OK)
-        throw Error(reply.code);
+        throw refusal<Index>(reply.code);
     return reply.answer[0];
 }
 
@@ -41,7 +64,7 @@ SetResult Client::set(const Index &index, uint32_t attributeId, const Value &val
     request.value = value;
     const int32_t code = call(std::move(request)).code;
     if (code != CPUDEFEND_OK && code != CPUDEFEND_EINUSE)
-        throw Error(code);
+        throw refusal<Index>(code);
     return code == CPUDEFEND_OK ? SetResult::Done : SetResult::StoredOnly;
 }
 
@@ -54,7 +77,7 @@ template <class Index> std::optional<Index> Client::walk(uint32_t function, cons
     if (reply.code == Table<Index>::endOfWalk)
         return std::nullopt;
     if (reply.code != CPUDEFEND_OK)
-        throw Error(reply.code);
+        throw refusal<Index>(reply.code);
     return Table<Index>::index(reply.answer);
 }
 
@@ -80,135 +103,90 @@ template <class Index> bool Client::exists(const Index &index, uint32_t attribut
     return true;
 }
 
-bool Client::policyExists(const std::string &name)
+/** An entry may be missing because its policy is. */
+template <class Index> Error Client::explained(const Index &index, const Error &error)
 {
-    return exists(PolicyIndex{name}, CPUDEFEND_POLICY_ENTRYSTATUS);
+    const std::string policy = Table<Index>::policy(index);
+    if (error.code() == CPUDEFEND_ENOENTRY && !policy.empty() && !policyExists(policy))
+        return refusal<PolicyIndex>(CPUDEFEND_ENOENTRY);
+    return error;
 }
 
-std::vector<std::string> Client::policyNames()
+template <class Index>
+std::vector<Value> Client::read(const Index &index, std::span<const uint32_t> attributeIds)
 {
-    std::vector<std::string> names;
-    for (auto index = first<PolicyIndex>(); index; index = next(*index))
-        names.push_back(index->name);
-    return names;
-}
-
-// Asked type by type: the table's own walk also meets what destroyed policies left behind, and
-// passes over entries of others where it does.
-std::vector<uint32_t> Client::carPktTypes(const std::string &policy)
-{
-    std::vector<uint32_t> types;
-    for (uint32_t type = 0; type < CPUDEFEND_PKTTYPE_MAX; ++type)
-        if (exists(CarPktIndex{policy, type}, CPUDEFEND_CARPKT_MODE))
-            types.push_back(type);
-    return types;
-}
-
-// One by one for the same reason.
-std::vector<uint32_t> Client::ruleIndexes(const std::string &policy)
-{
-    std::vector<uint32_t> indexes;
-    if (!first<RuleIndex>())
-        return indexes;
-    for (uint32_t index = 0; index <= UINT8_MAX; ++index)
-        if (ruleExists({policy, index}))
-            indexes.push_back(index);
-    return indexes;
-}
-
-bool Client::ruleExists(const RuleIndex &index)
-{
-    return exists(index, CPUDEFEND_USERDEFINED_ENTRYSTATUS);
-}
-
-void Client::createRule(const RuleIndex &index)
-{
-    set(index, CPUDEFEND_USERDEFINED_ENTRYSTATUS, uint32_t{CPUDEFEND_ROW_CREATE});
-}
-
-void Client::destroyRule(const RuleIndex &index)
-{
-    set(index, CPUDEFEND_USERDEFINED_ENTRYSTATUS, uint32_t{CPUDEFEND_ROW_DESTROY});
-}
-
-std::vector<SlotIndex> Client::slots()
-{
-    std::vector<SlotIndex> slots;
-    for (auto index = first<SlotIndex>(); index; index = next(*index))
-        slots.push_back(*index);
-    return slots;
-}
-
-// Interfaces 2^31 apart have no order in the daemon, and could lead a walk round in a circle.
-std::vector<SourceIndex> Client::sources(const SourceIndex &filter)
-{
-    std::vector<SourceIndex> sources;
-    for (auto index = first(filter); index; index = next(*index)) {
-        SourceIndex source = *index;
-        source.filter = 0;
-        if (std::ranges::find(sources, source) != sources.end())
-            break;
-        sources.push_back(source);
+    std::vector<Value> values;
+    try {
+        for (const uint32_t id : attributeIds)
+            values.push_back(get(index, attribute(Table<Index>::attributes(), id)));
+    } catch (const Error &error) {
+        throw explained(index, error);
     }
-    return sources;
+    return values;
 }
 
-void Client::resetSources()
+template <class Index>
+void Client::append(const Index &index, std::span<const uint32_t> attributeIds,
+                    std::vector<Row<Index>> *rows)
 {
-    set(GlobalIndex{}, CPUDEFEND_GLOBAL_RESETSRCTRACE, 0u);
+    try {
+        rows->push_back({index, read(index, attributeIds)});
+    } catch (const Error &error) {
+        if (error.code() != CPUDEFEND_ENOENTRY)
+            throw;
+    }
 }
 
-void Client::resetSources(const SlotIndex &slot)
+template <class Index> void Client::warnStoredOnly(const Index &index)
 {
-    set(slot, CPUDEFEND_SLOT_RESETSRCTRACE, 0u);
+    warn(Warning::StoredOnly, Table<Index>::subject(index) +
+                                  " is bound: the change is stored, and takes effect when the "
+                                  "policy is unbound and bound again");
 }
 
-void Client::createPolicy(const std::string &name)
+template <class Index> void Client::apply(const Index &index, const std::vector<Setting> &steps)
 {
-    set(PolicyIndex{name}, CPUDEFEND_POLICY_ENTRYSTATUS, uint32_t{CPUDEFEND_ROW_CREATE});
+    bool storedOnly = false;
+    for (std::size_t i = 0; i < steps.size(); ++i) {
+        try {
+            const SetResult result = set(index, steps[i].attribute->id, steps[i].value);
+            storedOnly |= result == SetResult::StoredOnly;
+        } catch (const Error &error) {
+            if (storedOnly)
+                warnStoredOnly(index);
+            const Error why = explained(index, error);
+            throw Error(why.failure(), why.what() + doneBefore(std::span(steps).first(i)),
+                        why.code(),
+                        {"set " + labelOf(steps[i]) + " for", Table<Index>::subject(index)});
+        }
+    }
+    if (storedOnly)
+        warnStoredOnly(index);
 }
 
-void Client::activatePolicy(const std::string &name)
+uint32_t Client::globalNumber(uint32_t attributeId)
 {
-    set(PolicyIndex{name}, CPUDEFEND_POLICY_ENTRYSTATUS, uint32_t{CPUDEFEND_ROW_ACTIVATE});
+    return std::get<uint32_t>(get(GlobalIndex{}, attributeId, 0));
 }
 
-void Client::destroyPolicy(const std::string &name)
+void Client::warn(Warning::Kind kind, const std::string &text)
 {
-    set(PolicyIndex{name}, CPUDEFEND_POLICY_ENTRYSTATUS, uint32_t{CPUDEFEND_ROW_DESTROY});
-}
-
-void Client::bind(const std::string &name)
-{
-    set(GlobalIndex{}, CPUDEFEND_GLOBAL_POLICY, name);
-}
-
-void Client::bind(const SlotIndex &slot, const std::string &name)
-{
-    set(slot, CPUDEFEND_SLOT_POLICY, name);
-}
-
-void Client::unbind()
-{
-    bind("");
-}
-
-std::string Client::boundPolicy()
-{
-    return std::get<std::string>(
-        get(GlobalIndex{}, CPUDEFEND_GLOBAL_POLICY, CPUDEFEND_NAME_MAXLEN));
-}
-
-std::string Client::boundPolicy(const SlotIndex &slot)
-{
-    return std::get<std::string>(get(slot, CPUDEFEND_SLOT_POLICY, CPUDEFEND_NAME_MAXLEN));
+    if (onWarning_)
+        onWarning_({kind, text});
 }
 
 #define READABLE(Index)                                                                            \
     template Value Client::get(const Index &, uint32_t, std::size_t);                              \
-    template Value Client::get(const Index &, const Attribute &)
-#define SETTABLE(Index) template SetResult Client::set(const Index &, uint32_t, const Value &)
+    template Value Client::get(const Index &, const Attribute &);                                  \
+    template std::vector<Value> Client::read(const Index &, std::span<const uint32_t>)
+#define SETTABLE(Index)                                                                            \
+    template SetResult Client::set(const Index &, uint32_t, const Value &);                        \
+    template void Client::apply(const Index &, const std::vector<Setting> &)
 #define WALKABLE(Index)                                                                            \
+    template bool Client::exists(const Index &, uint32_t);                                         \
+    template Error Client::explained(const Index &, const Error &);                                \
+    template void Client::append(const Index &, std::span<const uint32_t>,                         \
+                                 std::vector<Row<Index>> *);                                       \
     template std::optional<Index> Client::first(const Index &);                                    \
     template std::optional<Index> Client::next(const Index &)
 

@@ -62,6 +62,9 @@ public:
      */
     std::string sentence(const std::string &asked, const std::string &subject = "") const;
 
+    /** The same failure, of a step. */
+    Error during(Step step) const { return Error(failure_, what(), code_, std::move(step)); }
+
     /** What to do next: "unbind it, change it, and bind it again". */
     std::string_view advice() const;
 
@@ -69,6 +72,18 @@ private:
     Failure failure_;
     int32_t code_;
     Step step_;
+};
+
+/** What an operation did otherwise than it may have been meant. */
+struct Warning {
+    enum Kind {
+        StoredOnly, /**< the policy is bound: in force when it is unbound and bound again */
+        FewLimits,  /**< a new policy without limits for all its packet types */
+        Unbound,    /**< the policy of the system, by a change into the mode cpu-rate */
+        PassedOver  /**< slots that no walk visits */
+    };
+    Kind kind;
+    std::string text; /**< a sentence without its full stop */
 };
 
 /** A return code, what it says, and what to do then. */

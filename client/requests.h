@@ -7,6 +7,7 @@
 #include <algorithm>
 
 #include "client/client.h"
+#include "client/text.h"
 #include "cpuDefend_nm.h"
 
 namespace cpudefend
@@ -21,8 +22,14 @@ struct Functions {
 };
 
 /**
- * A table of the daemon: its functions, and its index as items on the wire. A further table is a
- * further specialization, and lines at the end of client.cpp.
+ * A table of the daemon: its functions, its index as items on the wire, and how it is spoken of. A
+ * further table is a further specialization, and lines at the end of client.cpp.
+ *
+ *     ownCode   the return code that the daemon gives for this table, and the platform for others
+ *     absent    said when there is no such entry
+ *     policy    name of the policy without which there can be no such entry; empty for none
+ *     subject   what an entry is called
+ *     binding   attribute that says which policy is bound, where policies are bound
  */
 template <class Index> struct Table;
 
@@ -48,6 +55,13 @@ template <> struct Table<GlobalIndex> {
 
     // One integer stands there all the same. The daemon reads over it.
     static std::vector<Item> items(const GlobalIndex &) { return {0u}; }
+
+    static constexpr int32_t ownCode = CPUDEFEND_OK;
+    static constexpr const char *absent = "there is no such entry";
+    static constexpr auto attributes = globalAttributes;
+    static constexpr uint32_t binding = CPUDEFEND_GLOBAL_POLICY;
+    static std::string policy(const GlobalIndex &) { return ""; }
+    static std::string subject(const GlobalIndex &) { return "the system"; }
 };
 
 template <> struct Table<PolicyIndex> {
@@ -64,6 +78,15 @@ template <> struct Table<PolicyIndex> {
     {
         return {std::get<std::string>(items[1])};
     }
+
+    static constexpr int32_t ownCode = CPUDEFEND_OK;
+    static constexpr const char *absent = "there is no policy of this name";
+    static constexpr auto attributes = policyAttributes;
+    static std::string policy(const PolicyIndex &index) { return index.name; }
+    static std::string subject(const PolicyIndex &index)
+    {
+        return "policy " + printable(index.name);
+    }
 };
 
 template <> struct Table<CarPktIndex> {
@@ -79,6 +102,15 @@ template <> struct Table<CarPktIndex> {
     static CarPktIndex index(const std::vector<Item> &items)
     {
         return {std::get<std::string>(items[1]), std::get<uint32_t>(items[2])};
+    }
+
+    static constexpr int32_t ownCode = CPUDEFEND_OK;
+    static constexpr const char *absent = "a policy has no CAR entry of this type";
+    static constexpr auto attributes = carPktAttributes;
+    static std::string policy(const CarPktIndex &index) { return index.policy; }
+    static std::string subject(const CarPktIndex &index)
+    {
+        return pktTypeName(index.pktType) + " in policy " + printable(index.policy);
     }
 };
 
@@ -97,6 +129,15 @@ template <> struct Table<RuleIndex> {
     {
         return {std::get<std::string>(items[1]), std::get<uint32_t>(items[2])};
     }
+
+    static constexpr int32_t ownCode = CPUDEFEND_OK;
+    static constexpr const char *absent = "there is no such rule";
+    static constexpr auto attributes = ruleAttributes;
+    static std::string policy(const RuleIndex &index) { return index.policy; }
+    static std::string subject(const RuleIndex &index)
+    {
+        return "rule " + std::to_string(index.index) + " of policy " + printable(index.policy);
+    }
 };
 
 template <> struct Table<SlotIndex> {
@@ -109,6 +150,16 @@ template <> struct Table<SlotIndex> {
     static SlotIndex index(const std::vector<Item> &items)
     {
         return {std::get<uint32_t>(items[0]), std::get<uint32_t>(items[1])};
+    }
+
+    static constexpr int32_t ownCode = CPUDEFEND_ENOSLOT;
+    static constexpr const char *absent = "there is no such entry";
+    static constexpr auto attributes = slotAttributes;
+    static constexpr uint32_t binding = CPUDEFEND_SLOT_POLICY;
+    static std::string policy(const SlotIndex &) { return ""; }
+    static std::string subject(const SlotIndex &index)
+    {
+        return "slot " + std::to_string(index.system) + "/" + std::to_string(index.slot);
     }
 };
 
@@ -129,6 +180,11 @@ template <> struct Table<SourceIndex> {
         return {std::get<uint32_t>(items[0]), bytesOf<4>(items[1]), bytesOf<1>(items[2])[0],
                 bytesOf<6>(items[3]), bytesOf<1>(items[4])[0]};
     }
+
+    static constexpr int32_t ownCode = CPUDEFEND_EBADINDEX;
+    static constexpr const char *absent = "there is no such source";
+    static constexpr auto attributes = sourceAttributes;
+    static std::string policy(const SourceIndex &) { return ""; }
 };
 
 /** Shape of a request for one table; the base of every request that Client sends. */

@@ -24,27 +24,29 @@ std::string wordsOf(const Attribute &attribute)
     return words;
 }
 
-uint32_t parseBounded(std::string_view word, uint32_t min, uint32_t max)
+uint32_t bounded(std::optional<uint32_t> number, uint32_t min, uint32_t max)
 {
-    const auto number = parseNumber(word);
     if (!number || *number < min || *number > max)
         throw BadValue("it is not a number from " + range(min, max));
     return *number;
 }
 
-uint32_t parseWord(const Attribute &attribute, std::string_view word)
+template <class T> uint32_t choice(const Attribute &attribute, T Choice::*by, const T &wanted)
 {
-    const auto found = std::ranges::find(attribute.choices, word, &Choice::word);
+    const auto found = std::ranges::find(attribute.choices, wanted, by);
     if (found == attribute.choices.end())
         throw BadValue("it is not one of " + wordsOf(attribute));
     return found->number;
 }
 
-std::string parseText(const Attribute &attribute, std::string_view word)
+/** @return the bytes, which must be as many as the attribute may have */
+std::string fitting(const Attribute &attribute, std::string octets)
 {
-    if (word.size() > attribute.max)
-        throw BadValue("it is longer than " + std::to_string(attribute.max) + " bytes");
-    return std::string(word);
+    if (octets.size() >= attribute.min && octets.size() <= attribute.max)
+        return octets;
+    const std::string most = std::to_string(attribute.max);
+    throw BadValue(attribute.kind == Kind::Numbers ? "it has not " + most + " numbers"
+                                                   : "it is longer than " + most + " bytes");
 }
 
 std::string parseNumbers(const Attribute &attribute, std::string_view word)
@@ -52,20 +54,14 @@ std::string parseNumbers(const Attribute &attribute, std::string_view word)
     std::string bytes;
     for (std::size_t at = 0; at <= word.size();) {
         const std::size_t comma = std::min(word.find(',', at), word.size());
-        bytes += static_cast<char>(parseBounded(word.substr(at, comma - at), 0, UINT8_MAX));
+        bytes += static_cast<char>(bounded(parseNumber(word.substr(at, comma - at)), 0, UINT8_MAX));
         at = comma + 1;
     }
-    if (bytes.size() < attribute.min || bytes.size() > attribute.max)
-        throw BadValue("it has not " + std::to_string(attribute.max) + " numbers");
-    return bytes;
+    return fitting(attribute, bytes);
 }
 
-Setting parseSetting(std::span<const Attribute> attributes, const std::string &word)
+const Attribute &settable(std::span<const Attribute> attributes, const std::string &key)
 {
-    const std::size_t equals = word.find('=');
-    if (equals == std::string::npos)
-        throw BadValue("'" + printable(word) + "' is not of the form KEY=VALUE");
-    const std::string key = word.substr(0, equals);
     const Attribute *attribute = findAttribute(attributes, key);
     if (!attribute)
         throw BadValue("there is no setting '" + printable(key) + "'");
@@ -73,22 +69,90 @@ Setting parseSetting(std::span<const Attribute> attributes, const std::string &w
         throw BadValue(key + " is no setting: a command of its own changes it");
     if (!attribute->isSettable())
         throw BadValue(key + " can only be read");
-    std::string value = word.substr(equals + 1);
+    return *attribute;
+}
+
+/** Read or check a value; what is wrong with it is said of the setting. */
+template <class Action>
+auto ofSetting(const Attribute &attribute, const std::string &text, Action action)
+{
     try {
-        return {attribute, parseValue(*attribute, value), value};
+        return action();
     } catch (const BadValue &bad) {
-        throw BadValue(key + " cannot be '" + printable(value) + "': " + bad.what());
+        throw BadValue(std::string(attribute.name) + " cannot be '" + text + "': " + bad.what());
     }
+}
+
+Setting parseSetting(std::span<const Attribute> attributes, const std::string &word)
+{
+    const std::size_t equals = word.find('=');
+    if (equals == std::string::npos)
+        throw BadValue("'" + printable(word) + "' is not of the form KEY=VALUE");
+    const Attribute &attribute = settable(attributes, word.substr(0, equals));
+    const std::string value = word.substr(equals + 1);
+    return ofSetting(attribute, printable(value), [&] {
+        return Setting{&attribute, parseValue(attribute, value), value};
+    });
+}
+
+void checkValue(const Attribute &attribute, const Value &value)
+{
+    if (attribute.isOctets() != std::holds_alternative<std::string>(value))
+        throw BadValue(attribute.isOctets() ? "it is not bytes" : "it is not an integer");
+    if (attribute.isOctets())
+        fitting(attribute, std::get<std::string>(value));
+    else if (attribute.kind == Kind::Number)
+        bounded(std::get<uint32_t>(value), attribute.min, attribute.max);
+    else
+        choice(attribute, &Choice::number, std::get<uint32_t>(value));
+}
+
+void checkOnce(std::span<const Setting> before, const Setting &setting)
+{
+    if (std::ranges::count(before, setting.attribute, &Setting::attribute) != 0)
+        throw BadValue(std::string(setting.attribute->name) + " is given twice");
+}
+
+std::string textOf(const Setting &setting)
+{
+    const auto *number = std::get_if<uint32_t>(&setting.value);
+    if (!setting.word.empty() || !number)
+        return printable(setting.word.empty() ? std::get<std::string>(setting.value)
+                                              : setting.word);
+    const auto found = std::ranges::find(setting.attribute->choices, *number, &Choice::number);
+    return found == setting.attribute->choices.end() ? std::to_string(*number)
+                                                     : std::string(found->word);
 }
 
 } // namespace
 
+Setting setting(std::span<const Attribute> attributes, uint32_t id, Value value)
+{
+    return {&attribute(attributes, id), std::move(value)};
+}
+
+std::string labelOf(const Setting &setting)
+{
+    return std::string(setting.attribute->name) + "=" + textOf(setting);
+}
+
+void check(std::span<const Attribute> attributes, std::span<const Setting> settings)
+{
+    for (std::size_t i = 0; i < settings.size(); ++i) {
+        const Attribute &own = settable(attributes, std::string(settings[i].attribute->name));
+        if (&own != settings[i].attribute)
+            throw BadValue(std::string(own.name) + " is that of another table");
+        ofSetting(own, textOf(settings[i]), [&] { checkValue(own, settings[i].value); });
+        checkOnce(settings.first(i), settings[i]);
+    }
+}
+
 Value parseValue(const Attribute &attribute, std::string_view word)
 {
     switch (attribute.kind) {
-    case Kind::Number: return parseBounded(word, attribute.min, attribute.max);
+    case Kind::Number: return bounded(parseNumber(word), attribute.min, attribute.max);
     case Kind::Text:
-    case Kind::Policy: return parseText(attribute, word);
+    case Kind::Policy: return fitting(attribute, std::string(word));
     case Kind::Numbers: return parseNumbers(attribute, word);
     case Kind::Ip4:
     case Kind::Packet: throw BadValue("it can only be read");
@@ -96,7 +160,7 @@ Value parseValue(const Attribute &attribute, std::string_view word)
     case Kind::Switch:
     case Kind::Word: break;
     }
-    return parseWord(attribute, word);
+    return choice(attribute, &Choice::word, word);
 }
 
 std::vector<Setting> parseSettings(std::span<const Attribute> attributes,
@@ -105,8 +169,7 @@ std::vector<Setting> parseSettings(std::span<const Attribute> attributes,
     std::vector<Setting> settings;
     for (const std::string &word : words) {
         Setting setting = parseSetting(attributes, word);
-        if (std::ranges::count(settings, setting.attribute, &Setting::attribute) != 0)
-            throw BadValue(std::string(setting.attribute->name) + " is given twice");
+        checkOnce(settings, setting);
         settings.push_back(std::move(setting));
     }
     return settings;
@@ -118,6 +181,15 @@ const std::string &checkedName(const std::string &name)
         throw BadValue("a policy name has 1 to " + std::to_string(CPUDEFEND_NAME_MAXLEN) +
                        " bytes");
     return name;
+}
+
+uint32_t checkedRule(uint32_t number)
+{
+    if (number == 0)
+        throw BadValue("the daemon keeps a rule 0, but never programs it");
+    if (number > UINT8_MAX)
+        throw BadValue("a rule has a number from 1 to 255");
+    return number;
 }
 
 std::string wordOf(const Attribute &attribute, uint32_t number)
