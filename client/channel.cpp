@@ -1,5 +1,6 @@
 #include "client/channel.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -7,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 
@@ -17,8 +19,6 @@ namespace cpudefend
 
 namespace
 {
-
-using Clock = std::chrono::steady_clock;
 
 constexpr const char *kNoReply = "the daemon closed the connection without a reply";
 constexpr const char *kCutShort = "the daemon's reply is cut short";
@@ -67,44 +67,31 @@ void checkPeer(int fd, const std::string &path)
                                       ", who is neither root nor you");
 }
 
-/** One connection. Each call blocks no longer than what is left until the deadline. */
-class Connection
+} // namespace
+
+Pending::Pending(Clock::time_point deadline)
+    : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)), deadline_(deadline)
 {
-public:
-    explicit Connection(Clock::time_point deadline)
-        : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)), deadline_(deadline)
-    {
-        if (fd_ < 0)
-            failWithErrno("socket");
-    }
-    ~Connection() { close(fd_); }
-    Connection(const Connection &) = delete;
-    Connection &operator=(const Connection &) = delete;
-
-    void connectTo(const std::string &path);
-    void sendAll(const Bytes &bytes);
-    Bytes receive(std::size_t length, const char *atOnceEnded);
-
-private:
-    void limit(int option);
-
-    int fd_;
-    Clock::time_point deadline_;
-};
-
-void Connection::limit(int option)
-{
-    const auto left =
-        std::chrono::duration_cast<std::chrono::microseconds>(deadline_ - Clock::now()).count();
-    if (left <= 0)
-        fail(Failure::TimedOut, kTooLate);
-    const timeval time{left / 1000000, left % 1000000};
-    if (setsockopt(fd_, SOL_SOCKET, option, &time, sizeof time) < 0)
-        failWithErrno("setsockopt");
+    if (fd_ < 0)
+        failWithErrno("socket");
 }
 
-// A send limit bounds the wait for a place in the listener's queue, too.
-void Connection::connectTo(const std::string &path)
+Pending::~Pending()
+{
+    if (fd_ >= 0)
+        close(fd_);
+}
+
+Pending::Clock::duration Pending::left() const
+{
+    const auto left = deadline_ - Clock::now();
+    if (left <= Clock::duration::zero())
+        fail(Failure::TimedOut, kTooLate);
+    return left;
+}
+
+// A send limit bounds the wait for a place in the listener's queue.
+void Pending::connectTo(const std::string &path)
 {
     sockaddr_un address{};
     if (path.size() >= sizeof address.sun_path)
@@ -112,56 +99,79 @@ void Connection::connectTo(const std::string &path)
     address.sun_family = AF_UNIX;
     std::copy(path.begin(), path.end(), address.sun_path);
     do {
-        limit(SO_SNDTIMEO);
+        const auto us = std::chrono::ceil<std::chrono::microseconds>(left()).count();
+        const timeval time{us / 1000000, us % 1000000};
+        if (setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time) < 0)
+            failWithErrno("setsockopt");
         if (connect(fd_, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0)
             return checkPeer(fd_, path);
     } while (errno == EINTR);
     failToConnect(path);
 }
 
-void Connection::sendAll(const Bytes &bytes)
+/** After a transfer that moved nothing: wait until the next one can. */
+void Pending::await(short event)
+{
+    const auto ms = std::chrono::ceil<std::chrono::milliseconds>(left()).count();
+    pollfd wait{fd_, event, 0};
+    if (poll(&wait, 1, static_cast<int>(ms)) < 0 && errno != EINTR)
+        failWithErrno("poll");
+}
+
+void Pending::sendAll(const Bytes &bytes)
 {
     for (std::size_t at = 0; at < bytes.size();) {
-        limit(SO_SNDTIMEO);
-        const ssize_t n = send(fd_, bytes.data() + at, bytes.size() - at, MSG_NOSIGNAL);
-        if (n < 0 && errno != EINTR)
+        const ssize_t n =
+            send(fd_, bytes.data() + at, bytes.size() - at, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n >= 0)
+            at += static_cast<std::size_t>(n);
+        else if (errno == EAGAIN)
+            await(POLLOUT);
+        else if (errno != EINTR)
             failWithErrno("send");
-        at += static_cast<std::size_t>(std::max<ssize_t>(n, 0));
     }
 }
 
-/** @param atOnceEnded what it means when not one byte comes */
-Bytes Connection::receive(std::size_t length, const char *atOnceEnded)
+/** Receive until at least @a wanted bytes are there: mostly all of them have come at once. */
+void Pending::receive(std::size_t wanted, std::span<uint8_t> bytes, std::size_t *received)
 {
-    Bytes bytes(length);
-    for (std::size_t at = 0; at < length;) {
-        limit(SO_RCVTIMEO);
-        const ssize_t n = recv(fd_, bytes.data() + at, length - at, 0);
-        if (n == 0)
-            fail(Failure::Closed, at == 0 ? atOnceEnded : kCutShort);
-        if (n < 0 && errno != EINTR)
+    while (*received < wanted) {
+        const auto rest = bytes.subspan(*received);
+        const ssize_t n = recv(fd_, rest.data(), rest.size(), MSG_DONTWAIT);
+        if (n > 0)
+            *received += static_cast<std::size_t>(n);
+        else if (n == 0)
+            fail(Failure::Closed, *received == 0 ? kNoReply : kCutShort);
+        else if (errno == EAGAIN)
+            await(POLLIN);
+        else if (errno != EINTR)
             failWithErrno("recv");
-        at += static_cast<std::size_t>(std::max<ssize_t>(n, 0));
     }
-    return bytes;
 }
 
-} // namespace
+Bytes Pending::reply()
+{
+    std::array<uint8_t, kFrameHeader + CPUDEFEND_CMD_MAXLEN> bytes;
+    std::size_t received = 0;
+    receive(kFrameHeader, bytes, &received);
+    const uint32_t length = Decoder(bytes).u32();
+    if (length > CPUDEFEND_CMD_MAXLEN)
+        fail(Failure::ReplyMalformed, "the daemon's reply is longer than a reply can be");
+    receive(kFrameHeader + length, bytes, &received);
+    return {bytes.begin() + kFrameHeader, bytes.begin() + kFrameHeader + length};
+}
 
 Channel::Channel(std::string path, std::chrono::milliseconds timeout)
     : path_(std::move(path)), timeout_(timeout)
 {
 }
 
-Bytes Channel::exchange(const Bytes &body) const
+Pending Channel::begin(const Bytes &body) const
 {
-    Connection connection(Clock::now() + timeout_);
-    connection.connectTo(path_);
-    connection.sendAll(frame(body));
-    const uint32_t length = Decoder(connection.receive(kFrameHeader, kNoReply)).u32();
-    if (length > CPUDEFEND_CMD_MAXLEN)
-        fail(Failure::ReplyMalformed, "the daemon's reply is longer than a reply can be");
-    return connection.receive(length, kCutShort);
+    Pending pending(Pending::Clock::now() + timeout_);
+    pending.connectTo(path_);
+    pending.sendAll(frame(body));
+    return pending;
 }
 
 } // namespace cpudefend
