@@ -1,6 +1,6 @@
 #include "client/client.h"
 
-#include "client/requests.h"
+#include "client/pipeline.h"
 #include "cpuDefend_nm.h"
 
 namespace cpudefend
@@ -8,17 +8,6 @@ namespace cpudefend
 
 namespace
 {
-
-/** A refusal, in words of the table that it is about. */
-template <class Index> Error refusal(int32_t code)
-{
-    const bool ofOneTable = code == CPUDEFEND_ENOSLOT || code == CPUDEFEND_EBADINDEX;
-    if (ofOneTable && code != Table<Index>::ownCode)
-        return {Failure::Platform, platformCodeText(code), code};
-    if (code == CPUDEFEND_ENOENTRY)
-        return {Failure::Refused, Table<Index>::absent, code};
-    return Error(code);
-}
 
 /** "; set before that: a=1 b=2", or nothing. */
 std::string doneBefore(std::span<const Setting> done)
@@ -40,20 +29,12 @@ Reply Client::call(Request request)
 template <class Index>
 Value Client::get(const Index &index, uint32_t attributeId, std::size_t octets)
 {
-    Request request = requestFor(Table<Index>::functions.get, index);
-    request.command = attributeId;
-    if (octets > 0)
-        request.value = std::string(octets, '\0');
-    request.answer = {typeOf(request.value)};
-    const Reply reply = call(std::move(request));
-    if (reply.code != CPUDEFEND_OK)
-        throw refusal<Index>(reply.code);
-    return reply.answer[0];
+    return valueFrom<Index>(call(getRequest(index, attributeId, octets)));
 }
 
 template <class Index> Value Client::get(const Index &index, const Attribute &attribute)
 {
-    return get(index, attribute.id, attribute.isOctets() ? attribute.max : 0);
+    return valueFrom<Index>(call(getRequest(index, attribute)));
 }
 
 template <class Index>
@@ -68,27 +49,14 @@ SetResult Client::set(const Index &index, uint32_t attributeId, const Value &val
     return code == CPUDEFEND_OK ? SetResult::Done : SetResult::StoredOnly;
 }
 
-template <class Index> std::optional<Index> Client::walk(uint32_t function, const Index &index)
-{
-    Request request = requestFor(function, index);
-    for (const Item &item : request.index)
-        request.answer.push_back(typeOf(item));
-    const Reply reply = call(std::move(request));
-    if (reply.code == Table<Index>::endOfWalk)
-        return std::nullopt;
-    if (reply.code != CPUDEFEND_OK)
-        throw refusal<Index>(reply.code);
-    return Table<Index>::index(reply.answer);
-}
-
 template <class Index> std::optional<Index> Client::first(const Index &from)
 {
-    return walk(Table<Index>::functions.first, from);
+    return indexFrom<Index>(call(walkRequest(Table<Index>::functions.first, from)));
 }
 
 template <class Index> std::optional<Index> Client::next(const Index &index)
 {
-    return walk(Table<Index>::functions.next, index);
+    return indexFrom<Index>(call(walkRequest(Table<Index>::functions.next, index)));
 }
 
 template <class Index> bool Client::exists(const Index &index, uint32_t attributeId)
@@ -126,15 +94,27 @@ std::vector<Value> Client::read(const Index &index, std::span<const uint32_t> at
 }
 
 template <class Index>
-void Client::append(const Index &index, std::span<const uint32_t> attributeIds,
-                    std::vector<Row<Index>> *rows)
+std::vector<Row<Index>> Client::list(const std::vector<Index> &indexes,
+                                     std::span<const uint32_t> attributeIds)
 {
-    try {
-        rows->push_back({index, read(index, attributeIds)});
-    } catch (const Error &error) {
-        if (error.code() != CPUDEFEND_ENOENTRY)
-            throw;
-    }
+    Pipeline pipeline(channel_, &lastId_);
+    Lister<Index> lister(&pipeline, attributeIds);
+    for (const Index &index : indexes)
+        lister.ask(index);
+    for (const Index &index : indexes)
+        lister.take(index);
+    return std::move(lister.rows);
+}
+
+template <class Index>
+std::vector<Row<Index>> Client::listAll(std::span<const uint32_t> attributeIds)
+{
+    Pipeline pipeline(channel_, &lastId_);
+    Lister<Index> lister(&pipeline, attributeIds);
+    walkAhead<Index>(
+        &pipeline, [&](const Index &index) { lister.ask(index); },
+        [&](const Index &index) { lister.take(index); });
+    return std::move(lister.rows);
 }
 
 template <class Index> void Client::warnStoredOnly(const Index &index)
@@ -185,8 +165,9 @@ void Client::warn(Warning::Kind kind, const std::string &text)
 #define WALKABLE(Index)                                                                            \
     template bool Client::exists(const Index &, uint32_t);                                         \
     template Error Client::explained(const Index &, const Error &);                                \
-    template void Client::append(const Index &, std::span<const uint32_t>,                         \
-                                 std::vector<Row<Index>> *);                                       \
+    template std::vector<Row<Index>> Client::list(const std::vector<Index> &,                      \
+                                                  std::span<const uint32_t>);                      \
+    template std::vector<Row<Index>> Client::listAll(std::span<const uint32_t>);                   \
     template std::optional<Index> Client::first(const Index &);                                    \
     template std::optional<Index> Client::next(const Index &)
 

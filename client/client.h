@@ -128,7 +128,8 @@ public:
     template <class Index>
     std::vector<Value> read(const Index &index, std::span<const uint32_t> attributeIds);
 
-    // The lists below read attributes of many entries. One that goes away meanwhile is left out.
+    // The lists below read attributes of many entries, with several requests under way. An entry
+    // that goes away meanwhile is left out.
 
     // Every operation with settings checks all of them before the first is sent (BadValue), and
     // then sends them one by one. Where the daemon refuses one, those before it stay, and the
@@ -162,9 +163,6 @@ public:
     void destroyPolicy(const std::string &name);
 
     // ---- CAR entries: a policy's limits for packet types ------------------------------------
-
-    /** The packet types for which a policy has a CAR entry. */
-    std::vector<uint32_t> carPktTypes(const std::string &policy);
 
     /** CAR entries of all policies, or of one: CPUDEFEND_ENONAME when there is none. */
     std::vector<Row<CarPktIndex>> carEntries(std::span<const uint32_t> attributeIds,
@@ -263,18 +261,19 @@ public:
 
 private:
     Reply call(Request request);
-    template <class Index> std::optional<Index> walk(uint32_t function, const Index &index);
     template <class Index> bool exists(const Index &index, uint32_t attributeId);
     template <class Index>
-    void append(const Index &index, std::span<const uint32_t> attributeIds,
-                std::vector<Row<Index>> *rows);
+    std::vector<Row<Index>> list(const std::vector<Index> &indexes,
+                                 std::span<const uint32_t> attributeIds);
+    template <class Index> std::vector<Row<Index>> listAll(std::span<const uint32_t> attributeIds);
     template <class Index> Error explained(const Index &index, const Error &error);
     template <class Index> void warnStoredOnly(const Index &index);
     template <class Index> void apply(const Index &index, const std::vector<Setting> &steps);
     template <class Index> void applyLevels(const Index &index, std::vector<Setting> settings);
     template <class Index> std::string bound(const Index &index);
     template <class Index> void rebind(const Index &index, const std::string &name);
-    std::vector<std::string> listed(const std::optional<std::string> &policy);
+    std::vector<RuleIndex> rulesOf(const std::string &policy);
+    void mustExist(const std::string &policy);
     void addPolicy(const std::string &name);
     bool tracesSources(const SlotIndex &slot);
     uint32_t globalNumber(uint32_t attributeId);

@@ -52,10 +52,7 @@ std::vector<SlotIndex> Client::slots()
 
 std::vector<Row<SlotIndex>> Client::slots(std::span<const uint32_t> attributeIds)
 {
-    std::vector<Row<SlotIndex>> rows;
-    for (const SlotIndex &index : slots())
-        append(index, attributeIds, &rows);
-    return rows;
+    return listAll<SlotIndex>(attributeIds);
 }
 
 void Client::warnOfPassedOver(std::size_t listed)

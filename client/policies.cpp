@@ -3,7 +3,7 @@
  */
 #include <algorithm>
 
-#include "client/requests.h"
+#include "client/pipeline.h"
 
 namespace cpudefend
 {
@@ -11,7 +11,7 @@ namespace cpudefend
 namespace
 {
 
-// Packet types 0 to 9: those that a policy is created with.
+// Packet types 0 to 9: those that a policy is created with. It never gets others.
 constexpr uint32_t kLimitsOfAPolicy = 10;
 
 /** -1 for what opens the way for other settings, 1 for what closes it. */
@@ -68,22 +68,15 @@ std::vector<std::string> Client::policyNames()
     return names;
 }
 
-/** The policies whose entries are listed: all, or one that must be there. */
-std::vector<std::string> Client::listed(const std::optional<std::string> &policy)
+void Client::mustExist(const std::string &policy)
 {
-    if (!policy)
-        return policyNames();
-    if (!policyExists(checkedName(*policy)))
+    if (!policyExists(checkedName(policy)))
         throw Error(CPUDEFEND_ENONAME);
-    return {*policy};
 }
 
 std::vector<Row<PolicyIndex>> Client::policies(std::span<const uint32_t> attributeIds)
 {
-    std::vector<Row<PolicyIndex>> rows;
-    for (const std::string &name : policyNames())
-        append(PolicyIndex{name}, attributeIds, &rows);
-    return rows;
+    return listAll<PolicyIndex>(attributeIds);
 }
 
 /** The daemon creates a policy even when it has not the entries left for all of its limits. */
@@ -124,30 +117,33 @@ void Client::setPolicy(const std::string &name, const std::vector<Setting> &sett
 
 void Client::destroyPolicy(const std::string &name)
 {
-    if (!policyExists(checkedName(name)))
-        throw Error(CPUDEFEND_ENONAME);
+    mustExist(name);
     set(PolicyIndex{name}, CPUDEFEND_POLICY_ENTRYSTATUS, uint32_t{CPUDEFEND_ROW_DESTROY});
 }
 
 // Asked type by type: the table's own walk also meets what destroyed policies left behind, and
 // passes over entries of others where it does.
-std::vector<uint32_t> Client::carPktTypes(const std::string &policy)
-{
-    std::vector<uint32_t> types;
-    for (uint32_t type = 0; type < CPUDEFEND_PKTTYPE_MAX; ++type)
-        if (exists(CarPktIndex{policy, type}, CPUDEFEND_CARPKT_MODE))
-            types.push_back(type);
-    return types;
-}
-
 std::vector<Row<CarPktIndex>> Client::carEntries(std::span<const uint32_t> attributeIds,
                                                  const std::optional<std::string> &policy)
 {
-    std::vector<Row<CarPktIndex>> rows;
-    for (const std::string &name : listed(policy))
-        for (const uint32_t type : carPktTypes(name))
-            append(CarPktIndex{name, type}, attributeIds, &rows);
-    return rows;
+    Pipeline pipeline(channel_, &lastId_);
+    Lister<CarPktIndex> lister(&pipeline, attributeIds);
+    const auto ask = [&](const PolicyIndex &owner) {
+        for (uint32_t type = 0; type < kLimitsOfAPolicy; ++type)
+            lister.ask({owner.name, type});
+    };
+    const auto take = [&](const PolicyIndex &owner) {
+        for (uint32_t type = 0; type < kLimitsOfAPolicy; ++type)
+            lister.take({owner.name, type});
+    };
+    if (policy) {
+        mustExist(*policy);
+        ask({*policy});
+        take({*policy});
+    } else {
+        walkAhead<PolicyIndex>(&pipeline, ask, take);
+    }
+    return std::move(lister.rows);
 }
 
 void Client::setCar(const CarPktIndex &index, const std::vector<Setting> &settings)

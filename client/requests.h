@@ -197,6 +197,60 @@ template <class Index> Request requestFor(uint32_t function, const Index &index)
     return request;
 }
 
+/** @param octets the room for an attribute of bytes, 0 for a number */
+template <class Index>
+Request getRequest(const Index &index, uint32_t attributeId, std::size_t octets)
+{
+    Request request = requestFor(Table<Index>::functions.get, index);
+    request.command = attributeId;
+    if (octets > 0)
+        request.value = std::string(octets, '\0');
+    request.answer = {typeOf(request.value)};
+    return request;
+}
+
+template <class Index> Request getRequest(const Index &index, const Attribute &attribute)
+{
+    return getRequest(index, attribute.id, attribute.isOctets() ? attribute.max : 0);
+}
+
+template <class Index> Request walkRequest(uint32_t function, const Index &index)
+{
+    Request request = requestFor(function, index);
+    for (const Item &item : request.index)
+        request.answer.push_back(typeOf(item));
+    return request;
+}
+
+/** A refusal, in words of the table that it is about. */
+template <class Index> Error refusal(int32_t code)
+{
+    const bool ofOneTable = code == CPUDEFEND_ENOSLOT || code == CPUDEFEND_EBADINDEX;
+    if (ofOneTable && code != Table<Index>::ownCode)
+        return {Failure::Platform, platformCodeText(code), code};
+    if (code == CPUDEFEND_ENOENTRY)
+        return {Failure::Refused, Table<Index>::absent, code};
+    return Error(code);
+}
+
+/** What a get was answered. */
+template <class Index> Value valueFrom(Reply reply)
+{
+    if (reply.code != CPUDEFEND_OK)
+        throw refusal<Index>(reply.code);
+    return std::move(reply.answer[0]);
+}
+
+/** What a step of a walk was answered; nothing at its end. */
+template <class Index> std::optional<Index> indexFrom(const Reply &reply)
+{
+    if (reply.code == Table<Index>::endOfWalk)
+        return std::nullopt;
+    if (reply.code != CPUDEFEND_OK)
+        throw refusal<Index>(reply.code);
+    return Table<Index>::index(reply.answer);
+}
+
 } // namespace cpudefend
 
 #endif

@@ -2,6 +2,7 @@
  * The user-defined rules of a policy.
  */
 #include <algorithm>
+#include <iterator>
 
 #include "client/requests.h"
 
@@ -31,16 +32,27 @@ std::vector<Setting> stepsOfNew(std::vector<Setting> steps)
 
 } // namespace
 
-// One by one, as the table's own walk passes over entries: see carPktTypes.
+// One by one, as the table's own walk passes over entries: see carEntries.
+std::vector<RuleIndex> Client::rulesOf(const std::string &policy)
+{
+    constexpr uint32_t kStatus[] = {CPUDEFEND_USERDEFINED_ENTRYSTATUS};
+    std::vector<RuleIndex> rules;
+    for (uint32_t number = 0; number <= UINT8_MAX; ++number)
+        rules.push_back({policy, number});
+    const auto rows = list(rules, kStatus);
+    rules.clear();
+    for (const Row<RuleIndex> &row : rows)
+        rules.push_back(row.index);
+    return rules;
+}
+
 std::vector<uint32_t> Client::ruleIndexes(const std::string &policy)
 {
-    std::vector<uint32_t> indexes;
-    if (!first<RuleIndex>())
-        return indexes;
-    for (uint32_t index = 0; index <= UINT8_MAX; ++index)
-        if (ruleExists({policy, index}))
-            indexes.push_back(index);
-    return indexes;
+    std::vector<uint32_t> numbers;
+    if (first<RuleIndex>())
+        for (const RuleIndex &rule : rulesOf(policy))
+            numbers.push_back(rule.index);
+    return numbers;
 }
 
 bool Client::ruleExists(const RuleIndex &index)
@@ -51,11 +63,14 @@ bool Client::ruleExists(const RuleIndex &index)
 std::vector<Row<RuleIndex>> Client::rules(std::span<const uint32_t> attributeIds,
                                           const std::optional<std::string> &policy)
 {
-    std::vector<Row<RuleIndex>> rows;
-    for (const std::string &name : listed(policy))
-        for (const uint32_t index : ruleIndexes(name))
-            append(RuleIndex{name, index}, attributeIds, &rows);
-    return rows;
+    if (policy)
+        mustExist(*policy);
+    if (!first<RuleIndex>())
+        return {};
+    std::vector<RuleIndex> all;
+    for (const std::string &name : policy ? std::vector{*policy} : policyNames())
+        std::ranges::copy(rulesOf(name), std::back_inserter(all));
+    return list(all, attributeIds);
 }
 
 void Client::createRule(const RuleIndex &index, const std::vector<Setting> &settings)

@@ -3,7 +3,7 @@
  */
 #include <algorithm>
 
-#include "client/requests.h"
+#include "client/pipeline.h"
 
 namespace cpudefend
 {
@@ -40,10 +40,19 @@ std::vector<SourceIndex> Client::sources(const SourceIndex &filter)
 std::vector<Row<SourceIndex>> Client::sources(const SourceIndex &filter,
                                               std::span<const uint32_t> attributeIds)
 {
-    std::vector<Row<SourceIndex>> rows;
-    for (const SourceIndex &index : sources(filter))
-        append(index, isReadable(index) ? attributeIds : std::span<const uint32_t>(), &rows);
-    return rows;
+    Pipeline pipeline(channel_, &lastId_);
+    Lister<SourceIndex> lister(&pipeline, attributeIds);
+    const std::vector<SourceIndex> indexes = sources(filter);
+    for (const SourceIndex &index : indexes)
+        if (isReadable(index))
+            lister.ask(index);
+    for (const SourceIndex &index : indexes) {
+        if (isReadable(index))
+            lister.take(index);
+        else
+            lister.rows.push_back({index, {}});
+    }
+    return std::move(lister.rows);
 }
 
 Row<SourceIndex> Client::source(SourceIndex index, std::span<const uint32_t> attributeIds)

@@ -67,8 +67,14 @@ TEST_F(ClientTest, CarEntriesAreWalkedByLengthOfThePolicyName)
     EXPECT_EQ(client.next(*first), (CarPktIndex{"b", 1}));
     EXPECT_EQ(client.next(CarPktIndex{"b", 9}), (CarPktIndex{"default", 0}));
     EXPECT_EQ(client.next(CarPktIndex{"default", 9}), std::nullopt);
-    EXPECT_EQ(client.carPktTypes("b"), (std::vector<uint32_t>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9}));
-    EXPECT_TRUE(client.carPktTypes("c").empty());
+    constexpr uint32_t kIds[] = {CPUDEFEND_CARPKT_PPS, CPUDEFEND_CARPKT_MODE};
+    const auto all = client.carEntries(kIds), one = client.carEntries(kIds, "b");
+    ASSERT_EQ(all.size(), 20u);
+    EXPECT_EQ(one.size(), 10u);
+    EXPECT_EQ(all[9].index, (CarPktIndex{"b", 9}));
+    EXPECT_EQ(all[10].index, (CarPktIndex{"default", 0}));
+    EXPECT_EQ(all[19].values, (std::vector<Value>{512u, 0u}));
+    EXPECT_EQ(codeOf([&] { client.carEntries(kIds, "c"); }), CPUDEFEND_ENONAME);
 }
 
 TEST_F(ClientTest, ASetIsReadBack)
