@@ -341,10 +341,6 @@ int32_t cpuDefendSlotEntryDel(tCpuDefendSlotEntry *pSlotEntry);
 /** The slot as the platform knows it. */
 tSlotIndex cpuDefendSlotIndex(const tCpuDefendSlotEntry *pSlotEntry);
 
-/** Sample the CPU usage and switch the slot's policy to the level that fits. @return the
- *  result of programming the new policy, 0 without one */
-int32_t cpuDefendCpuRatControlSlotTimeOut(tCpuDefendSlotEntry *pSlotEntry);
-
 /* ---- Cards ---------------------------------------------------------------------------- */
 
 /**
@@ -457,6 +453,13 @@ int32_t cpuDefendCpuRatControlSysTimeOut();
 
 /** Arm the timer behind cpuDefendCpuRatControlSysTimeOut. */
 void cpuDefendCpuRatControlSysTimerStart();
+
+/** Sample the CPU usage and switch the slot's policy to the level that fits. @return the
+ *  result of programming the new policy, 0 without one */
+int32_t cpuDefendCpuRatControlSlotTimeOut(tCpuDefendSlotEntry *pSlotEntry);
+
+/** Arm the timer behind cpuDefendCpuRatControlSlotTimeOut. */
+void cpuDefendCpuRatControlSlotTimerStart(tCpuDefendSlotEntry *pSlotEntry);
 
 /* ---- Standby synchronisation ---------------------------------------------------------- */
 

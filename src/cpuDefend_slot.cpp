@@ -1,5 +1,5 @@
 /**
- * The slot table, and the CPU-rate policy switching of each slot.
+ * The slot table.
  */
 #include <string.h>
 
@@ -23,17 +23,6 @@ tCpuDefendSlotEntry *cpuDefendSlotEntryGet(uint32_t sysId, uint32_t slotId)
     return nullptr;
 }
 
-static int32_t sampleDue(void *pSlotEntry, uintptr_t, uintptr_t)
-{
-    return cpuDefendCpuRatControlSlotTimeOut(static_cast<tCpuDefendSlotEntry *>(pSlotEntry));
-}
-
-static void startTimer(tCpuDefendSlotEntry *pSlotEntry)
-{
-    timerStart(&gCpuDefend.timerList, &pSlotEntry->cpuRatControlTimer, CPUDEFEND_CPURAT_PERIOD,
-               sampleDue, pSlotEntry, 0, 0);
-}
-
 tCpuDefendSlotEntry *cpuDefendSlotEntryAdd(uint32_t sysId, uint32_t slotId)
 {
     if (list_empty(&gCpuDefend.slotFreeList)) {
@@ -46,7 +35,7 @@ tCpuDefendSlotEntry *cpuDefendSlotEntryAdd(uint32_t sysId, uint32_t slotId)
     entry->slotId = static_cast<uint8_t>(slotId);
     // Wanted: in the order of creation, with the mode and the levels the record last had.
     list_add_tail(&entry->node, &gCpuDefend.slotList);
-    startTimer(entry);
+    cpuDefendCpuRatControlSlotTimerStart(entry);
     gCpuDefend.useSlotNum++;
     return entry;
 }
@@ -76,33 +65,4 @@ int32_t cpuDefendSlotEntryDel(tCpuDefendSlotEntry *pSlotEntry)
     list_add(&pSlotEntry->node, &gCpuDefend.slotFreeList);
     gCpuDefend.useSlotNum--;
     return result;
-}
-
-/* ---- CPU-rate policy switching of one slot ---------------------------------------------- */
-
-static constexpr uint32_t CPU_SELECTOR = 0; // in percent
-
-/** Replace the slot's level by the one at @a match, which may be none. */
-static int32_t switchTo(tCpuDefendSlotEntry *pSlotEntry, uint8_t match)
-{
-    tSlotIndex index = cpuDefendSlotIndex(pSlotEntry);
-    tCpuDefendPolicyEntry *policy = cpuDefendLevelPolicy(pSlotEntry->cpuRatControl, match);
-    cpuDefendLevelRemove(&index, pSlotEntry->cpuRatControl, pSlotEntry->selectedPosition);
-    const int32_t result = policy ? cpuDefendHwAdd(&index, policy) : 0;
-    pSlotEntry->selectedPosition = match;
-    cpuDefendSlotSyncSend(pSlotEntry);
-    return result;
-}
-
-int32_t cpuDefendCpuRatControlSlotTimeOut(tCpuDefendSlotEntry *pSlotEntry)
-{
-    startTimer(pSlotEntry); // first: the sampling goes on whatever the mode
-    if (pSlotEntry->policyMode != CPUDEFEND_CPURAT_CONTROL || cpuDefendIsSlave())
-        return 0;
-    uint32_t usage;
-    if (zynHwCpuGet(CPU_SELECTOR, HW_CPU_USED, &usage) != 0)
-        return 0;
-    const uint8_t match = cpuDefendLevelSelect(
-        pSlotEntry->cpuRatControl, [usage](uint8_t threshold) { return usage < threshold; });
-    return match == pSlotEntry->selectedPosition ? 0 : switchTo(pSlotEntry, match);
 }

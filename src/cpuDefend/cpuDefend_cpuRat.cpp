@@ -1,21 +1,23 @@
 /**
- * CPU-rate policy switching of the system as a whole.
+ * CPU-rate policy switching of the system as a whole, and of each slot.
  *
- * The system goes by the highest threshold below the usage, a slot (in the slot table's file) by
- * the highest one above it; they also read the usage in different units. Both are wanted so.
+ * The system goes by the highest threshold below the usage, a slot by the highest one above it;
+ * they also read the usage in different units. Both are wanted so.
  */
 #include <stdio.h>
 
 #include "cpuDefend.h"
 #include "cpuDefend_level.h"
 
+/* ---- The system ------------------------------------------------------------------------- */
+
 namespace
 {
 
-constexpr uint32_t CPU_SELECTOR = 1; // in hundredths of a percent
+constexpr uint32_t SYS_SELECTOR = 1; // in hundredths of a percent
 constexpr uint32_t PER_PERCENT = 100;
 
-int32_t sampleDue(void *, uintptr_t, uintptr_t)
+int32_t sysSampleDue(void *, uintptr_t, uintptr_t)
 {
     return cpuDefendCpuRatControlSysTimeOut();
 }
@@ -68,7 +70,7 @@ void switchTo(uint8_t match, uint32_t usage)
 void cpuDefendCpuRatControlSysTimerStart()
 {
     timerStart(&gCpuDefend.timerList, &gCpuDefend.cpuRatControlTimer, CPUDEFEND_CPURAT_PERIOD,
-               sampleDue, nullptr, 0, 0);
+               sysSampleDue, nullptr, 0, 0);
 }
 
 int32_t cpuDefendCpuRatControlSysTimeOut()
@@ -77,7 +79,7 @@ int32_t cpuDefendCpuRatControlSysTimeOut()
     if (gCpuDefend.policyMode != CPUDEFEND_CPURAT_CONTROL || cpuDefendIsSlave())
         return 0;
     uint32_t reading;
-    if (zynHwCpuGet(CPU_SELECTOR, HW_CPU_USED, &reading) != 0)
+    if (zynHwCpuGet(SYS_SELECTOR, HW_CPU_USED, &reading) != 0)
         return 0;
     const uint32_t usage = reading / PER_PERCENT;
     const uint8_t match = cpuDefendLevelSelect(
@@ -85,4 +87,50 @@ int32_t cpuDefendCpuRatControlSysTimeOut()
     if (match != gCpuDefend.selectedPosition)
         switchTo(match, usage);
     return 0;
+}
+
+/* ---- A slot ----------------------------------------------------------------------------- */
+
+namespace
+{
+
+constexpr uint32_t SLOT_SELECTOR = 0; // in percent
+
+int32_t slotSampleDue(void *pSlotEntry, uintptr_t, uintptr_t)
+{
+    return cpuDefendCpuRatControlSlotTimeOut(static_cast<tCpuDefendSlotEntry *>(pSlotEntry));
+}
+
+/** Replace the slot's level by the one at @a match, which may be none. */
+int32_t switchTo(tCpuDefendSlotEntry *pSlotEntry, uint8_t match)
+{
+    tSlotIndex index = cpuDefendSlotIndex(pSlotEntry);
+    tCpuDefendPolicyEntry *policy = cpuDefendLevelPolicy(pSlotEntry->cpuRatControl, match);
+    cpuDefendLevelRemove(&index, pSlotEntry->cpuRatControl, pSlotEntry->selectedPosition);
+    const int32_t result = policy ? cpuDefendHwAdd(&index, policy) : 0;
+    pSlotEntry->selectedPosition = match;
+    cpuDefendSlotSyncSend(pSlotEntry);
+    return result;
+}
+
+} // namespace
+
+void cpuDefendCpuRatControlSlotTimerStart(tCpuDefendSlotEntry *pSlotEntry)
+{
+    timerStart(&gCpuDefend.timerList, &pSlotEntry->cpuRatControlTimer, CPUDEFEND_CPURAT_PERIOD,
+               slotSampleDue, pSlotEntry, 0, 0);
+}
+
+int32_t cpuDefendCpuRatControlSlotTimeOut(tCpuDefendSlotEntry *pSlotEntry)
+{
+    cpuDefendCpuRatControlSlotTimerStart(
+        pSlotEntry); // first: the sampling goes on whatever the mode
+    if (pSlotEntry->policyMode != CPUDEFEND_CPURAT_CONTROL || cpuDefendIsSlave())
+        return 0;
+    uint32_t usage;
+    if (zynHwCpuGet(SLOT_SELECTOR, HW_CPU_USED, &usage) != 0)
+        return 0;
+    const uint8_t match = cpuDefendLevelSelect(
+        pSlotEntry->cpuRatControl, [usage](uint8_t threshold) { return usage < threshold; });
+    return match == pSlotEntry->selectedPosition ? 0 : switchTo(pSlotEntry, match);
 }
