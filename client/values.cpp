@@ -175,7 +175,7 @@ std::vector<Setting> parseSettings(std::span<const Attribute> attributes,
     return settings;
 }
 
-const std::string &checkedName(const std::string &name)
+std::string checkedName(std::string name)
 {
     if (name.empty() || name.size() > CPUDEFEND_NAME_MAXLEN)
         throw BadValue("a policy name has 1 to " + std::to_string(CPUDEFEND_NAME_MAXLEN) +

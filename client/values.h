@@ -53,7 +53,7 @@ std::vector<Setting> parseSettings(std::span<const Attribute> attributes,
                                    std::span<const std::string> words);
 
 /** A policy name that the daemon can hold. Throws BadValue. */
-const std::string &checkedName(const std::string &name);
+std::string checkedName(std::string name);
 
 /** The number of a rule to be made: 1 to 255. Throws BadValue. */
 uint32_t checkedRule(uint32_t number);

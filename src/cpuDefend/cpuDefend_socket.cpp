@@ -98,6 +98,8 @@ bool isServed()
 {
     const sockaddr_un address = addressOf(CPUDEFEND_CMD_SOCKET);
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return false;
     const bool served =
         connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 ||
         errno == EAGAIN; // by one that is busy

@@ -26,6 +26,8 @@ void Netlink::ask(NetlinkBytes message)
     constexpr timeval limit{1, 0}; // whatever happens, nobody waits for ever
     if (socket_.get() < 0) {
         socket_ = Descriptor(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
+        if (socket_.get() < 0)
+            throw Failure("ask for " + what_, errno);
         const int yes = 1; // or the kernel would not look at what is asked for (Linux 4.20)
         setsockopt(socket_.get(), SOL_NETLINK, NETLINK_GET_STRICT_CHK, &yes, sizeof yes);
         setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);

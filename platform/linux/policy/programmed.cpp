@@ -190,6 +190,7 @@ bool Programmed::removeAcl(const layer::tAclSetting &acl)
 std::vector<uint16_t> Programmed::aclNumbers() const
 {
     std::vector<uint16_t> numbers;
+    numbers.reserve(acls.size());
     for (const layer::tAclSetting &each : acls)
         numbers.push_back(each.acl);
     return numbers;
