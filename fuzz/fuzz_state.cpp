@@ -106,13 +106,7 @@ void fuzzStart()
 
 void fuzzEnd()
 {
-    free(gCpuDefend.policyTable);
-    free(gCpuDefend.userDefinedTable);
-    free(gCpuDefend.carPktTable);
-    free(gCpuDefend.srcTraceTable);
-    free(gCpuDefend.slotTable);
-    OsixDeleteSem(gCpuDefend.cpuDefendSem);
-    memset(static_cast<void *>(&gCpuDefend), 0, sizeof gCpuDefend);
+    cpuDefendRelease();
     zynMemoryReset();
 }
 

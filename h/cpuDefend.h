@@ -222,11 +222,13 @@ int32_t cpuDefendSocketClaim();
 
 /**
  * Bind a socket to its place, with mode 0600 from its first instant, also while others keep putting
- * things there: these give way, but for a folder of root's or our own. It goes when a process that
- * claimed the place exits, if it is ours still.
+ * things there: these give way, but for a folder of root's or our own.
  * @return 0, or -1 with errno set, and the reason printed where the place was claimed
  */
 int32_t cpuDefendSocketBind(int32_t fd);
+
+/** Remove the socket from its place, and give up the claim: each if it is ours still. */
+void cpuDefendSocketLeave();
 
 /**
  * Build the pools, the default policy and the sockets.
@@ -236,6 +238,13 @@ int32_t cpuDefendSocketBind(int32_t fd);
  * @return 0, or -1 with errno set and everything but open sockets released
  */
 int32_t cpuDefendInit(uint32_t maxPolicyNumber, uint32_t maxSlotNumber);
+
+/**
+ * Give back all that the claim, cpuDefendInit and what followed took: pools, semaphore, sockets and
+ * their place. What is programmed stays so. There may be a cpuDefendInit again afterwards; where
+ * nothing was taken there is nothing to do.
+ */
+void cpuDefendRelease();
 
 /** The event loop. Does not return. */
 [[noreturn]] void cpuDefenTask();

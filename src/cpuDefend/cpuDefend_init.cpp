@@ -1,5 +1,5 @@
 /**
- * The daemon's state and its start-up.
+ * The daemon's state, its start-up and its end.
  */
 #include <errno.h>
 #include <linux/netlink.h>
@@ -164,6 +164,13 @@ bool startUp()
     return createSem() && createDefaultPolicy() && openNetlink() && openChannel();
 }
 
+void closeSocket(int fd)
+{
+    if (fd > 0)
+        close(fd);
+}
+
+/** Release all but sockets, and zero the record. */
 void release()
 {
     free(gCpuDefend.policyTable);
@@ -188,4 +195,12 @@ int32_t cpuDefendInit(uint32_t maxPolicyNumber, uint32_t maxSlotNumber)
     release();
     errno = reason;
     return -1;
+}
+
+void cpuDefendRelease()
+{
+    closeSocket(gCpuDefend.cmdSock);
+    closeSocket(gCpuDefend.rtSock);
+    cpuDefendSocketLeave();
+    release();
 }

@@ -9,7 +9,6 @@
 #include <inttypes.h>
 #include <linux/fs.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/file.h>
 #include <sys/socket.h>
@@ -202,21 +201,29 @@ void keep()
         ours.socket = status.st_ino;
 }
 
-void leave()
+void removeSocket()
 {
     struct stat status;
     if (ours.socket != 0 && lstat(CPUDEFEND_CMD_SOCKET, &status) == 0 &&
         status.st_ino == ours.socket)
         unlink(CPUDEFEND_CMD_SOCKET);
-    if (ours.lock >= 0 && isOurLock(ours.lock)) // still the file of that name
+    ours.socket = 0;
+}
+
+void unlock()
+{
+    if (ours.lock < 0)
+        return;
+    if (isOurLock(ours.lock)) // still the file of that name
         unlink(LOCK_FILE);
+    close(ours.lock);
+    ours.lock = -1;
 }
 
 } // namespace
 
 int32_t cpuDefendSocketClaim()
 {
-    atexit(leave);
     ours.claimed = true;
     const char *hindered = lock() ? hindrance() : "another daemon has it";
     if (hindered)
@@ -238,4 +245,11 @@ int32_t cpuDefendSocketBind(int32_t fd)
     else if (ours.claimed)
         complain(strerror(errno));
     return result;
+}
+
+void cpuDefendSocketLeave()
+{
+    removeSocket();
+    unlock();
+    ours.claimed = false;
 }

@@ -42,6 +42,7 @@ int main(int argc, char *argv[])
         return tellVersion();
     zynCatchSegFault();
     signal(SIGPIPE, SIG_IGN); // nobody who reads our messages may end us by going away
+    atexit(cpuDefendRelease);
     if (!takeStandardDescriptors() || cpuDefendSocketClaim() != 0)
         return -1;
     if (const int32_t status = zynPlatformInit(argv); status != 0)

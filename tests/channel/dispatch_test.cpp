@@ -5,12 +5,12 @@
 #include <cstdio>
 #include <numeric>
 
+#include "cpuDefend.h"
 #include "cpuDefend_nm_api.h"
 #include "diagnostics.h"
 #include "guarded.h"
 #include "request.h"
 #include "scripted_hw.h"
-#include "state.h"
 
 using namespace channel;
 
@@ -45,7 +45,7 @@ protected:
         scripted::reset();
         ASSERT_EQ(0, cpuDefendInit(4, 2));
     }
-    void TearDown() override { takeDown(); }
+    void TearDown() override { cpuDefendRelease(); }
 
     static Outcome process(const Bytes &body)
     {
@@ -159,7 +159,7 @@ protected:
         for (uint32_t code : codes_) {
             SCOPED_TRACE("code " + std::to_string(code));
             code_ = code;
-            takeDown();
+            cpuDefendRelease();
             ASSERT_EQ(0, cpuDefendInit(4, 2));
             check();
         }

@@ -27,7 +27,6 @@
 #include "place.h"
 #include "request.h"
 #include "scripted_hw.h"
-#include "state.h"
 
 using namespace channel;
 using faults::Call;
@@ -73,7 +72,7 @@ protected:
     void TearDown() override
     {
         osClockSet(nullptr);
-        takeDown();
+        cpuDefendRelease();
         plan = {};
     }
 
@@ -462,7 +461,7 @@ TEST_F(Server, TheSocketIsTheOwnersAloneFromItsFirstInstant)
 TEST_F(Server, TheMaskForNewFilesIsWhatItWas)
 {
     const mode_t mine = umask(027);
-    takeDown();
+    cpuDefendRelease();
     ASSERT_EQ(0, cpuDefendInit(4, 2));
     EXPECT_EQ(027u, umask(mine));
     EXPECT_EQ(0600u, plan.modeWhenBound & 07777u);
@@ -476,7 +475,7 @@ TEST_F(Server, WhatIsMadeJustBeforeTheSocketGivesWayToIt)
         [] { (void)!symlink("/tmp/cpudefend-test-elsewhere", CPUDEFEND_CMD_SOCKET); },
     };
     for (const auto &maker : makers) {
-        takeDown();
+        cpuDefendRelease();
         plan.binding = maker;
         ASSERT_EQ(0, cpuDefendInit(4, 2));
         EXPECT_EQ(0600u, plan.modeWhenBound & 07777u);
@@ -501,7 +500,7 @@ bool makeStrangersFolder()
 TEST_F(Server, ChangingThePlaceInStepKeepsNoSocketFromIt)
 {
     for (const bool first : {false, true}) {
-        takeDown();
+        cpuDefendRelease();
         if (!makeStrangersFolder()) {
             rmdir(CPUDEFEND_CMD_SOCKET);
             GTEST_SKIP() << "only root can give a folder away";
@@ -518,7 +517,7 @@ TEST_F(Server, ChangingThePlaceInStepKeepsNoSocketFromIt)
 
 TEST_F(Server, AFolderOfOnesOwnIsNeverReplaced)
 {
-    takeDown();
+    cpuDefendRelease();
     const mode_t mine = umask(027);
     plan.binding = [] { mkdir(CPUDEFEND_CMD_SOCKET, 0700); };
     EXPECT_EQ(-1, cpuDefendInit(4, 2));
@@ -827,7 +826,7 @@ TEST(KernelNetlink, ALinkThatGoesIsReported)
     testing::internal::CaptureStderr();
     cpuDefenTaskTurn();
     EXPECT_EQ(DEL_LINK, testing::internal::GetCapturedStderr());
-    takeDown();
+    cpuDefendRelease();
 }
 
 } // namespace

@@ -1,7 +1,5 @@
 #include "world.h"
 
-#include <unistd.h>
-
 #include <cstdlib>
 #include <cstring>
 #include <set>
@@ -237,16 +235,7 @@ World::World(uint32_t policies, uint32_t slots) : model(policies, slots, started
 
 World::~World()
 {
-    close(gCpuDefend.rtSock);
-    close(gCpuDefend.cmdSock);
-    unlink(CPUDEFEND_CMD_SOCKET);
-    free(gCpuDefend.policyTable);
-    free(gCpuDefend.userDefinedTable);
-    free(gCpuDefend.carPktTable);
-    free(gCpuDefend.srcTraceTable);
-    free(gCpuDefend.slotTable);
-    OsixDeleteSem(gCpuDefend.cpuDefendSem);
-    memset(static_cast<void *>(&gCpuDefend), 0, sizeof gCpuDefend);
+    cpuDefendRelease();
     osClockSet(nullptr);
 }
 

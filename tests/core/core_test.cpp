@@ -33,9 +33,8 @@ static std::vector<int> opened;
 
 void closeSockets()
 {
-    for (int fd : opened)
-        close(fd);
-    opened.clear();
+    while (!opened.empty())
+        close(opened.back());
 }
 
 std::vector<int> sockets()
@@ -89,6 +88,7 @@ extern "C" {
 void *__real_calloc(size_t count, size_t size);
 void __real_free(void *block);
 int __real_socket(int domain, int type, int protocol);
+int __real_close(int fd);
 int __real_bind(int fd, const sockaddr *address, socklen_t len);
 int __real_listen(int fd, int backlog);
 int __real_setsockopt(int fd, int level, int option, const void *value, socklen_t len);
@@ -141,6 +141,12 @@ int __wrap_socket(int domain, int type, int protocol)
     }
     seam::note("socket", {domain, type, protocol}, *result);
     return static_cast<int>(*result);
+}
+
+int __wrap_close(int fd)
+{
+    std::erase(seam::opened, fd);
+    return __real_close(fd);
 }
 
 int __wrap_bind(int fd, const sockaddr *address, socklen_t len)
@@ -576,15 +582,8 @@ void CoreTest::release()
     seam::fail.clear();
     seam::hooks.clear();
     seam::hookResult = 0;
+    cpuDefendRelease();
     seam::closeSockets();
-    unlink(CPUDEFEND_CMD_SOCKET);
-    free(gCpuDefend.policyTable);
-    free(gCpuDefend.userDefinedTable);
-    free(gCpuDefend.carPktTable);
-    free(gCpuDefend.srcTraceTable);
-    free(gCpuDefend.slotTable);
-    OsixDeleteSem(gCpuDefend.cpuDefendSem);
-    memset(static_cast<void *>(&gCpuDefend), 0, sizeof gCpuDefend);
 }
 
 void CoreTest::TearDown()

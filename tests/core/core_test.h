@@ -73,7 +73,7 @@ extern int requests; /**< calls of sendto that did not get to the kernel because
 
 /** Close every socket that was opened. */
 void closeSockets();
-/** Sockets opened since the last closeSockets. */
+/** Sockets that are open. */
 std::vector<int> sockets();
 
 } // namespace seam

@@ -90,6 +90,7 @@ TEST(MinimalPlatform, IsEnoughForTheEventLoopAndForBinding)
     value.len = 0;
     EXPECT_EQ(cpuDefendGlobalSetApi(0, CPUDEFEND_GLOBAL_POLICY, &value), 0);
     EXPECT_EQ(programmed[9], 0u);
+    cpuDefendRelease();
 }
 
 } // namespace

@@ -473,3 +473,45 @@ TEST_F(StartUp, SucceedsAfterAFailure)
     EXPECT_EQ(init(), 0);
     EXPECT_NE(findPolicy("default"), nullptr);
 }
+
+/* ---- The end -------------------------------------------------------------------------- */
+
+static bool isInPlace()
+{
+    struct stat status;
+    return lstat(CPUDEFEND_CMD_SOCKET, &status) == 0;
+}
+
+TEST_F(StartUp, ReleaseGivesBackAllThatWasTaken)
+{
+    ASSERT_EQ(init(), 0);
+    cpuDefenTaskStart();
+    addRule("default", 1);
+    cpuDefendSlotEntryAdd(1, 2);
+    EXPECT_TRUE(isInPlace());
+    cpuDefendRelease();
+    EXPECT_EQ(seam::blocks, 0);
+    EXPECT_EQ(seam::sockets(), std::vector<int>());
+    EXPECT_EQ(image(gCpuDefend), std::string(sizeof gCpuDefend, '\0'));
+    EXPECT_FALSE(isInPlace());
+    EXPECT_EQ(init(), 0);
+}
+
+TEST_F(StartUp, ReleaseWhereNothingWasTakenDoesNothing)
+{
+    cpuDefendRelease();
+    ASSERT_EQ(init(), 0);
+    cpuDefendRelease();
+    cpuDefendRelease();
+    EXPECT_EQ(image(gCpuDefend), std::string(sizeof gCpuDefend, '\0'));
+}
+
+TEST_F(StartUp, ReleaseLeavesWhatOthersPutInThePlace)
+{
+    ASSERT_EQ(init(), 0);
+    unlink(CPUDEFEND_CMD_SOCKET);
+    std::ofstream(CPUDEFEND_CMD_SOCKET) << "another's";
+    cpuDefendRelease();
+    EXPECT_TRUE(isInPlace());
+    unlink(CPUDEFEND_CMD_SOCKET);
+}

@@ -12,7 +12,6 @@
 
 #include "channel/client.h"
 #include "channel/faults.h"
-#include "channel/state.h"
 #include "scripted_hw.h"
 
 using namespace channel;
@@ -127,7 +126,7 @@ protected:
         EXPECT_EQ(0, plan.semDepth);
         EXPECT_EQ(0u, scripted::changeDepth);
         EXPECT_FALSE(scripted::loneEnd);
-        takeDown();
+        cpuDefendRelease();
         osClockSet(nullptr);
         scripted::reset();
         plan = {};

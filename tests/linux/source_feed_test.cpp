@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "channel/state.h"
+#include "cpuDefend.h"
 #include "scripted_hw.h"
 #include "trace/source_feed.h"
 #include "traced_frame.h"
@@ -60,7 +60,7 @@ protected:
 
     void TearDown() override
     {
-        channel::takeDown();
+        cpuDefendRelease();
         osClockSet(nullptr);
     }
 

@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "channel/state.h"
+#include "cpuDefend.h"
 #include "scripted_hw.h"
 #include "trace/source.h"
 #include "traced_frame.h"
@@ -91,7 +91,7 @@ protected:
         scripted::script.ports[1] = {3, 4};
     }
 
-    void TearDown() override { channel::takeDown(); }
+    void TearDown() override { cpuDefendRelease(); }
 
     /** The types that a packet counts as. */
     std::set<uint32_t> counted(const cpd_sample &sample) const
