@@ -4,7 +4,7 @@
 BUILD := build
 NEED := scripts/setup
 
-.PHONY: all run demo test bench flood reach fuzz mips coverage install lint format clean help
+.PHONY: all run demo test bench flood reach fuzz mips coverage mutants install lint format clean help
 
 all: ## build the daemon and its front ends, optimised
 	@$(NEED) build
@@ -49,6 +49,10 @@ mips: ## cross-build for 32-bit big-endian MIPS, test under user-mode emulation
 coverage: ## line and branch coverage of the core
 	@$(NEED) coverage
 	@scripts/coverage
+
+mutants: ## does a test notice what is broken on purpose? N of all mutations, drawn with SEED
+	@$(NEED) test
+	@scripts/mutants $(if $(N),-n $(N)) $(if $(SEED),-s $(SEED))
 
 install: all ## install below DESTDIR and PREFIX (/usr/local)
 	cmake --install $(BUILD) --prefix $(or $(PREFIX),/usr/local)
