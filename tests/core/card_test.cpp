@@ -18,13 +18,6 @@ TEST_F(Cards, FirstPortMakesTheRecordAndTheLastOneReleasesIt)
     EXPECT_EQ(gCpuDefend.useSlotNum, 0u);
 }
 
-TEST_F(Cards, SlotsAreInTheOrderOfTheirFirstPorts)
-{
-    comes(PORT, 1, 5);
-    comes(PORT + 1, 1, 2);
-    EXPECT_EQ(slots(), "1/5 1/2");
-}
-
 TEST_F(Cards, SlotZeroOfAnotherSystemIsASlot)
 {
     comes(PORT, 1, 0);
@@ -49,17 +42,6 @@ TEST_F(Cards, WithoutSlotsNothingChanges)
     EXPECT_EQ(scripted::changes, 0u);
 }
 
-TEST_F(Cards, AMessageForEveryChangeOfALinkMakesOneRecord)
-{
-    for (int i = 0; i < 3; i++)
-        comes(PORT, 1, 5);
-    EXPECT_EQ(slots(), "1/5");
-    goes(PORT);
-    EXPECT_EQ(slots(), "");
-    goes(PORT);
-    EXPECT_EQ(slots(), "");
-}
-
 TEST_F(Cards, RenamedPortMovesToItsNewSlot)
 {
     comes(PORT, 1, 5);
@@ -72,14 +54,6 @@ TEST_F(Cards, RenamedPortMovesToItsNewSlot)
     scripted::script.ports.clear(); // unknown to the platform now
     notify(linkIsThere(PORT));
     EXPECT_EQ(slots(), "");
-}
-
-TEST_F(Cards, MovingTheOnlyPortTakesOneRecordOnly)
-{
-    restart(8, 1);
-    comes(PORT, 1, 5);
-    comes(PORT, 1, 6);
-    EXPECT_EQ(slots(), "1/6");
 }
 
 TEST_F(Cards, PortThatLeavesABridgeIsStillThere)
@@ -191,16 +165,6 @@ TEST_F(Cards, AskingAgainMendsWhatLostMessagesLeft)
     EXPECT_EQ(slots(), "1/6");
 }
 
-TEST_F(Cards, AskingLeavesNoSocketOpen)
-{
-    cpuDefendCardStart();
-    const int before = socket(AF_UNIX, SOCK_STREAM, 0);
-    for (int i = 0; i < 5; i++)
-        cpuDefendCardStart();
-    const int after = socket(AF_UNIX, SOCK_STREAM, 0);
-    EXPECT_EQ(after, before + 1);
-}
-
 TEST_F(Cards, WhatCannotBeAskedIsTakenForThere)
 {
     comes(PORT, 1, 5);
@@ -266,13 +230,6 @@ protected:
         return seam::requests;
     }
 };
-
-TEST_F(CardAnswers, ListIsTakenToItsEnd)
-{
-    EXPECT_EQ(ask({{listed(PORT + 1)}, {listed(PORT + 2) + end()}, {listed(PORT + 3)}}), 1);
-    EXPECT_EQ(slots(), "1/2 1/3");
-    EXPECT_EQ(seam::datagrams->size(), 1u);
-}
 
 TEST_F(CardAnswers, ListThatDoesNotEndRemovesNothing)
 {
@@ -411,28 +368,6 @@ TEST_F(Cards, FullPoolLeavesASlotWaitingForAnotherOneToGo)
     goes(PORT + 3); // while it waits
     goes(PORT + 1);
     EXPECT_EQ(slots(), "1/3");
-}
-
-TEST_F(Cards, RecordOfTheDebuggingEntryIsTakenOver)
-{
-    cpuDefendSlotEntryAdd(1, 5);
-    comes(PORT, 1, 5);
-    EXPECT_EQ(slots(), "1/5");
-    goes(PORT);
-    EXPECT_EQ(slots(), "");
-}
-
-TEST_F(Cards, ManyPorts)
-{
-    for (uint32_t i = 0; i < 300; i++)
-        comes(PORT + i, 1, i % 2);
-    EXPECT_EQ(slots(), "1/0 1/1");
-    for (uint32_t i = 0; i < 299; i++)
-        goes(PORT + i);
-    EXPECT_EQ(slots(), "1/1");
-    goes(PORT + 299);
-    EXPECT_EQ(slots(), "");
-    EXPECT_EQ(gCpuDefend.useLinkNum, 0u);
 }
 
 TEST_F(Cards, StartUpForgetsThePortsOfAnEarlierLife)

@@ -173,13 +173,6 @@ static const Set programsNothing[] = {
 INSTANTIATE_TEST_SUITE_P(Sets, ProgramsNothing, testing::ValuesIn(programsNothing),
                          [](const auto &each) { return each.param.name; });
 
-TEST_F(ChangeEnd, PolicyWithoutAnythingInItProgramsNothing)
-{
-    addBarePolicy("bare");
-    scripted::script.changeEnds = {EIO};
-    EXPECT_EQ(setGlobal(CPUDEFEND_GLOBAL_POLICY, std::string("bare")), 0);
-}
-
 TEST_F(ChangeEnd, WhatOnlyFollowsFromASetIsNotItsProgramming)
 {
     haveSlot(true);
@@ -216,15 +209,6 @@ TEST_F(ChangeEnd, BindingThatFailsAtTheEndLeavesTheSlotUnbound)
     EXPECT_EQ(image(slot->policyName), std::string(32, '\0'));
     EXPECT_EQ(setSlot(CPUDEFEND_SLOT_POLICY, Cell("a")), 0) << "it is no change to none";
     EXPECT_EQ(boundTo(slot), "a=a");
-}
-
-TEST_F(ChangeEnd, BindingInAnothersPlaceThatFailsAtTheEndLeavesNeither)
-{
-    const tCpuDefendSlotEntry *slot = haveSlot(false);
-    ASSERT_EQ(setSlot(CPUDEFEND_SLOT_POLICY, Cell("a")), 0);
-    scripted::script.changeEnds = {ENOSPC};
-    EXPECT_EQ(setSlot(CPUDEFEND_SLOT_POLICY, Cell("b")), ENOSPC);
-    EXPECT_EQ(boundTo(slot), "");
 }
 
 TEST_F(ChangeEnd, UnbindingThatFailsAtTheEndLeavesTheSlotBound)
@@ -306,15 +290,6 @@ TEST_F(ChangeEnd, DroppedEntryIsAskedForAgainAfterTheNextChange)
     EXPECT_EQ(findPolicy("b")->refCount, 0u);
 }
 
-TEST_F(ChangeEnd, DroppedEntryThatIsUnboundIsNotAskedForAgain)
-{
-    scripted::script.drops = {{acl(101)}};
-    EXPECT_EQ(bindSystemTo(Cell("a")), ENOSPC);
-    scripted::script.failAll[scripted::Call::AclDel] = ENOENT;
-    EXPECT_EQ(bindSystemTo(Cell("")), ENOENT);
-    EXPECT_EQ(retried(), Programmed{});
-}
-
 TEST_F(ChangeEnd, DroppedEntryReturnsToItsPlaceInTheOrder)
 {
     engine::nameLevel(gCpuDefend.cpuRatControl[0], "b");
@@ -388,26 +363,6 @@ TEST_F(ChangeEnd, SetIsNotBlamedForWhatIsDroppedOfAnother)
     EXPECT_EQ(retried(), Programmed{"+101 1/5"});
 }
 
-TEST_F(ChangeEnd, SetAsksNotForWhatWasRefusedElsewhere)
-{
-    const tCpuDefendSlotEntry *slot = haveSlot(true);
-    scripted::script.drops = {{acl(101, slot)}};
-    bindSystem();
-    comes(PORT + 1, 1, 6);
-    EXPECT_EQ(programmed(), (Programmed{"+101 1/5", "+101 1/6"}));
-    EXPECT_EQ(retried(), Programmed{"+101 1/5"});
-}
-
-TEST_F(ChangeEnd, WhatWasRefusedNeedsNoRemoval)
-{
-    const tCpuDefendSlotEntry *slot = haveSlot(true);
-    scripted::script.drops = {{acl(101, slot)}};
-    bindSystem();
-    scripted::reset();
-    goes(PORT);
-    EXPECT_EQ(programmed(), Programmed{"+101"});
-}
-
 TEST_F(ChangeEnd, SlaveDoesNotAskAgainButWillAsMaster)
 {
     scripted::script.drops = {{acl(101)}};
@@ -417,17 +372,6 @@ TEST_F(ChangeEnd, SlaveDoesNotAskAgainButWillAsMaster)
     EXPECT_EQ(gCpuDefend.retryDue, 1);
     scripted::script.slave = false;
     EXPECT_EQ(retried(), Programmed{"+101"});
-}
-
-TEST_F(ChangeEnd, WhatIsRefusedAgainByItsCallIsNotForgotten)
-{
-    scripted::script.drops = {{acl(101)}};
-    EXPECT_EQ(bindSystemTo(Cell("a")), ENOSPC);
-    scripted::script.failAll[scripted::Call::AclAdd] = ENOENT;
-    EXPECT_EQ(retried(), Programmed{"+101"});
-    scripted::script.failAll.clear();
-    EXPECT_EQ(retried(), Programmed{"+101"});
-    EXPECT_EQ(retried(), Programmed{});
 }
 
 TEST_F(ChangeEnd, CountersAreNotAskedOfWhatIsNotThere)
@@ -445,11 +389,4 @@ TEST_F(ChangeEnd, CountersAreNotAskedOfWhatIsNotThere)
     EXPECT_TRUE(scripted::counted.empty());
     cpuDefendHwCarCount(findCar("default", 4));
     EXPECT_EQ(scripted::counted.size(), 1u);
-}
-
-TEST_F(ChangeEnd, SystemStaysBoundWhateverTheEndSays)
-{
-    scripted::script.changeEnds = {ENOSPC};
-    EXPECT_EQ(setGlobal(CPUDEFEND_GLOBAL_POLICY, std::string("a")), ENOSPC);
-    EXPECT_EQ(getGlobal(CPUDEFEND_GLOBAL_POLICY, 32), (Answer<std::string>{0, "a"}));
 }

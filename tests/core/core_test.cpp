@@ -18,7 +18,7 @@
 namespace seam
 {
 
-bool armed, debugging;
+bool armed, debugging, noPolicies;
 std::vector<Call> calls;
 std::map<std::pair<std::string, int>, long> fail;
 int blocks;
@@ -80,9 +80,6 @@ static Hook hook(const char *table, const uint8_t *name, uint32_t len, uint32_t 
 
 } // namespace seam
 
-/** cpuDefendPolicyEntryAdd, as the compiler spells it. */
-#define POLICY_ADD(prefix) prefix##_Z23cpuDefendPolicyEntryAddPKhj
-
 extern "C" {
 
 void *__real_calloc(size_t count, size_t size);
@@ -100,7 +97,6 @@ tOsixSemId __real_OsixCreateMSem(uint32_t options);
 void __real_OsixDeleteSem(tOsixSemId sem);
 int32_t __real_OsixTakeSem(tOsixSemId sem, int32_t wait);
 int32_t __real_OsixGiveSem(tOsixSemId sem);
-tCpuDefendPolicyEntry *POLICY_ADD(__real_)(const uint8_t *name, uint32_t nameLen);
 
 static void *tracked[16]; /* blocks counted by seam::blocks */
 
@@ -223,6 +219,8 @@ tOsixSemId __wrap_OsixCreateMSem(uint32_t options)
     }
     seam::note("OsixCreateMSem", {static_cast<long>(options)}, sem != nullptr);
     gCpuDefend.cpuDefendDebug = seam::armed && seam::debugging;
+    if (seam::armed && seam::noPolicies)
+        INIT_LIST_HEAD(&gCpuDefend.policyFreeList);
     return sem;
 }
 
@@ -247,13 +245,6 @@ int32_t __wrap_OsixGiveSem(tOsixSemId sem)
     return __real_OsixGiveSem(sem);
 }
 
-tCpuDefendPolicyEntry *POLICY_ADD(__wrap_)(const uint8_t *name, uint32_t nameLen)
-{
-    const bool fails = seam::planned("cpuDefendPolicyEntryAdd").has_value();
-    seam::note("cpuDefendPolicyEntryAdd", {static_cast<long>(nameLen)}, !fails);
-    return fails ? nullptr : POLICY_ADD(__real_)(name, nameLen);
-}
-
 int32_t __wrap_zynHwPolicySync(tCpuDefendPolicyIdx *idx, uint32_t id, void *var, uint32_t flag)
 {
     seam::hooks.push_back(seam::hook("policy", idx->name, idx->len, id, var, flag));
@@ -264,6 +255,14 @@ int32_t __wrap_zynHwCarPktSync(tcpuDefendCarPktIdx *idx, uint32_t id, void *var,
 {
     seam::hooks.push_back(seam::hook("carPkt", idx->policyName, idx->policyNameLen, id, var, flag));
     seam::hooks.back().pktType = idx->pktType;
+    return seam::hookResult;
+}
+
+int32_t __wrap_zynHwUserDefinedSync(tcpuDefendUserDefinedIdx *idx, uint32_t id, void *var,
+                                    uint32_t flag)
+{
+    seam::hooks.push_back(
+        seam::hook("userDefined", idx->policyName, idx->policyNameLen, id, var, flag));
     return seam::hookResult;
 }
 
@@ -577,7 +576,7 @@ void CoreTest::restart(uint32_t policies, uint32_t slots)
 
 void CoreTest::release()
 {
-    seam::armed = false;
+    seam::armed = seam::noPolicies = false;
     seam::calls.clear();
     seam::fail.clear();
     seam::hooks.clear();

@@ -37,6 +37,8 @@ struct Call {
 extern bool armed;
 /** Have debugging on from the semaphore on, which start-up itself never does. */
 extern bool debugging;
+/** Have no policy record left when the default policy is made. */
+extern bool noPolicies;
 extern std::vector<Call> calls;
 /** Result of the nth call (from 0) of a function, instead of the call itself. */
 extern std::map<std::pair<std::string, int>, long> fail;

@@ -94,27 +94,6 @@ TEST_F(Follow, FirstSlotTakesOverFromTheSystem)
     EXPECT_EQ(counts(), "1000");
 }
 
-TEST_F(Follow, SlotThatAppearsGetsTheSystemsPolicy)
-{
-    comes(PORT, 1, 5);
-    bindSystem("a");
-    EXPECT_EQ(programmed(), "+a@1/5");
-    comes(PORT + 1, 1, 6);
-    EXPECT_EQ(programmed(), "+a@1/6");
-    EXPECT_EQ(counts(), "2000");
-}
-
-TEST_F(Follow, SlotThatLeavesTakesAlongWhatTheSystemHadPutThere)
-{
-    comes(PORT, 1, 5);
-    comes(PORT + 1, 1, 6);
-    bindSystem("a");
-    programmed();
-    goes(PORT);
-    EXPECT_EQ(programmed(), "-a@1/5");
-    EXPECT_EQ(counts(), "1000");
-}
-
 TEST_F(Follow, LastSlotThatLeavesGivesTheSystemItsPolicyBack)
 {
     comes(PORT, 1, 5);
@@ -123,33 +102,6 @@ TEST_F(Follow, LastSlotThatLeavesGivesTheSystemItsPolicyBack)
     goes(PORT);
     EXPECT_EQ(programmed(), "-a@1/5 +a");
     EXPECT_EQ(counts(), "1000");
-}
-
-TEST_F(Follow, SystemsLevelGoesWithTheCards)
-{
-    setLevels(gCpuDefend.cpuRatControl, {10, 60, 90});
-    turn([] { setGlobal(CPUDEFEND_GLOBAL_POLICYMODE, 1); });
-    tick(70);
-    EXPECT_EQ(programmed(), "+b");
-    comes(PORT, 1, 5);
-    EXPECT_EQ(programmed(), "-b +b@1/5");
-    comes(PORT + 1, 1, 6);
-    EXPECT_EQ(programmed(), "+b@1/6");
-    tick(20);
-    EXPECT_EQ(programmed(), "-b@1/5 +a@1/5 -b@1/6 +a@1/6");
-    goes(PORT);
-    goes(PORT + 1);
-    EXPECT_EQ(programmed(), "-a@1/5 -a@1/6 +a");
-    EXPECT_EQ(counts(), "1000");
-}
-
-TEST_F(Follow, PortThatMovesTakesItsSlotsPolicyAlong)
-{
-    comes(PORT, 1, 5);
-    bindSystem("a");
-    programmed();
-    comes(PORT, 1, 6);
-    EXPECT_EQ(programmed(), "-a@1/5 +a@1/6");
 }
 
 TEST_F(Follow, ChangeOfCardsIsOneChangeForPackets)
@@ -163,75 +115,6 @@ TEST_F(Follow, ChangeOfCardsIsOneChangeForPackets)
         EXPECT_EQ(record.change, before + 1);
     EXPECT_EQ(scripted::changes, before + 1);
     EXPECT_EQ(scripted::changeDepth, 0u);
-}
-
-/* ---- Slots of their own --------------------------------------------------------------- */
-
-TEST_F(Follow, OwnPolicyTakesTheSystemsPlaceAndGivesItBack)
-{
-    comes(PORT, 1, 5);
-    bindSystem("a");
-    programmed();
-    EXPECT_EQ(setSlot(5, CPUDEFEND_SLOT_POLICY, "b"), 0);
-    EXPECT_EQ(programmed(), "+b@1/5 -b@1/5 -a@1/5 +b@1/5");
-    EXPECT_EQ(counts(), "0100");
-    EXPECT_EQ(setSlot(5, CPUDEFEND_SLOT_POLICY, ""), 0);
-    EXPECT_EQ(programmed(), "-b@1/5 +a@1/5");
-    EXPECT_EQ(counts(), "1000");
-}
-
-TEST_F(Follow, SlotWithItsOwnPolicyLeavesWithIt)
-{
-    comes(PORT, 1, 5);
-    setSlot(5, CPUDEFEND_SLOT_POLICY, "b");
-    programmed();
-    goes(PORT);
-    EXPECT_EQ(programmed(), "-b@1/5");
-    EXPECT_EQ(counts(), "0000");
-}
-
-TEST_F(Follow, FixedPolicyOfASlotInCpuRateModeLeavesWithIt)
-{
-    comes(PORT, 1, 5);
-    setLevels(cpuDefendSlotEntryGet(1, 5)->cpuRatControl, {50, 0, 0});
-    setSlot(5, CPUDEFEND_SLOT_POLICY, "b");
-    setSlot(5, CPUDEFEND_SLOT_POLICYMODE, 1u);
-    tick(20);
-    EXPECT_EQ(programmed(), "+b@1/5 +a@1/5");
-    goes(PORT);
-    EXPECT_EQ(programmed(), "-a@1/5 -b@1/5");
-    EXPECT_EQ(counts(), "0000");
-}
-
-TEST_F(Follow, ModeThereAndBackLeavesOneCopyOfALevel)
-{
-    comes(PORT, 1, 5);
-    setLevels(cpuDefendSlotEntryGet(1, 5)->cpuRatControl, {50, 0, 0});
-    setSlot(5, CPUDEFEND_SLOT_POLICYMODE, 1u);
-    tick(20);
-    EXPECT_EQ(programmed(), "+a@1/5");
-    setSlot(5, CPUDEFEND_SLOT_POLICYMODE, 0u); // the level stays programmed
-    EXPECT_EQ(programmed(), "");
-    EXPECT_EQ(counts(), "1000");
-    setSlot(5, CPUDEFEND_SLOT_POLICYMODE, 1u); // none is selected, until the next sample
-    EXPECT_EQ(programmed(), "-a@1/5");
-    tick(20);
-    EXPECT_EQ(programmed(), "+a@1/5");
-    EXPECT_EQ(counts(), "1000");
-}
-
-TEST_F(Follow, SlotInCpuRateModeHasNoLevelOfTheSystem)
-{
-    comes(PORT, 1, 5);
-    setLevels(gCpuDefend.cpuRatControl, {10, 0, 0});
-    turn([] { setGlobal(CPUDEFEND_GLOBAL_POLICYMODE, 1); });
-    tick(20);
-    EXPECT_EQ(programmed(), "+a@1/5");
-    setSlot(5, CPUDEFEND_SLOT_POLICYMODE, 1u);
-    EXPECT_EQ(programmed(), "-a@1/5");
-    setSlot(5, CPUDEFEND_SLOT_POLICYMODE, 0u);
-    EXPECT_EQ(programmed(), "+a@1/5");
-    EXPECT_EQ(counts(), "1000");
 }
 
 /* ---- What is mended ------------------------------------------------------------------- */
@@ -251,35 +134,6 @@ TEST_F(Follow, RemovalOfL2ThatNamesL1IsMended)
     EXPECT_EQ(counts(), "0001");
 }
 
-TEST_F(Follow, RefCountThatWrappedIsMended)
-{
-    comes(PORT, 1, 5);
-    turn([] { cpuDefendHwDel(nullptr, bytes("a"), 1); });
-    EXPECT_EQ(counts(), "0000");
-}
-
-TEST_F(Follow, SelectedPositionOfThePeerIsProgrammed)
-{
-    comes(PORT, 1, 5);
-    setLevels(cpuDefendSlotEntryGet(1, 5)->cpuRatControl, {50, 0, 0});
-    turn([] {
-        const unsigned char record[12] = {0, 0, 0, 1, 0, 0, 0, 5, 0, 0, 0, 1};
-        cpuDefendSyncRcv(record, sizeof record);
-    });
-    EXPECT_EQ(programmed(), "+a@1/5");
-}
-
-TEST_F(Follow, PolicyThatComesLaterIsProgrammed)
-{
-    comes(PORT, 1, 5);
-    bind(cpuDefendSlotEntryGet(1, 5), "z");
-    cpuDefendFollow();
-    EXPECT_EQ(programmed(), "");
-    turn([] { addLetter('z'); });
-    EXPECT_EQ(programmed(), "+z@1/5");
-    EXPECT_EQ(cpuDefendSlotEntryGet(1, 5)->policyEntry, findPolicy("z"));
-}
-
 TEST_F(Follow, ListOfAPolicyInUseReachesTheHardwareWithTheNextChange)
 {
     comes(PORT, 1, 5);
@@ -292,18 +146,6 @@ TEST_F(Follow, ListOfAPolicyInUseReachesTheHardwareWithTheNextChange)
     goes(PORT);
     bindSystem("");
     EXPECT_EQ(programmed(), "-A@1/5 -A@1/6");
-}
-
-TEST_F(Follow, WhatWasProgrammedOfAPolicyIsRemovedHoweverItHasChanged)
-{
-    comes(PORT, 1, 5);
-    bindSystem("a");
-    turn([] { setPolicy("a", CPUDEFEND_POLICY_WHITELISTIP4ACL, 'A'); });
-    programmed();
-    scripted::script.failAt[0] = 0;      // the synchronisation
-    scripted::script.failAt[1] = ENOENT; // there is no A
-    bindSystem("", ENOENT);
-    EXPECT_EQ(programmed(), "-A@1/5 -a@1/5");
 }
 
 /* ---- Failures, roles ------------------------------------------------------------------ */
@@ -329,19 +171,6 @@ TEST_F(Follow, WhatFailsIsTriedAgainWhenSomethingChanges)
     EXPECT_EQ(counts(), "2000");
 }
 
-TEST_F(Follow, WhatTheHardwareDoesNotLetGoIsRemovedLater)
-{
-    comes(PORT, 1, 5);
-    bindSystem("a");
-    programmed();
-    scripted::script.failAll[scripted::Call::AclDel] = 5;
-    goes(PORT);
-    EXPECT_EQ(programmed(), "-a@1/5 +a");
-    scripted::script.failAll.clear();
-    bindSystem("b");
-    EXPECT_EQ(programmed(), "-a +b -a@1/5");
-}
-
 TEST_F(Follow, WhatTheHardwareSaysIsNotThereIsForgotten)
 {
     comes(PORT, 1, 5);
@@ -352,39 +181,6 @@ TEST_F(Follow, WhatTheHardwareSaysIsNotThereIsForgotten)
     EXPECT_EQ(programmed(), "-a@1/5 +a");
     bindSystem("", ENOENT);
     EXPECT_EQ(programmed(), "-a");
-}
-
-TEST_F(Follow, SlaveProgramsNothingAndCatchesUpAsMaster)
-{
-    scripted::script.slave = true;
-    comes(PORT, 1, 5);
-    bindSystem("a");
-    setSlot(5, CPUDEFEND_SLOT_POLICY, "b");
-    goes(PORT);
-    comes(PORT, 1, 6);
-    EXPECT_EQ(programmed(), "");
-    EXPECT_EQ(counts(), "0000");
-    EXPECT_EQ(slots(), "1/6");
-    scripted::script.slave = false;
-    cpuDefendFollow();
-    EXPECT_EQ(programmed(), "+a@1/6");
-    EXPECT_EQ(counts(), "1000");
-}
-
-TEST_F(Follow, MasterThatBecomesSlaveLeavesTheHardwareAlone)
-{
-    comes(PORT, 1, 5);
-    bindSystem("a");
-    programmed();
-    scripted::script.slave = true;
-    bindSystem("b");
-    goes(PORT);
-    EXPECT_EQ(programmed(), "");
-    EXPECT_EQ(counts(), "1000"); // it is still there
-    scripted::script.slave = false;
-    cpuDefendFollow();
-    EXPECT_EQ(programmed(), "-a@1/5 +b");
-    EXPECT_EQ(counts(), "0100");
 }
 
 TEST_F(Follow, SlotNeverPointsToAPolicyThatIsGone)

@@ -118,13 +118,6 @@ TEST_F(HwProgramming, SystemPathLeavesTheRestOfTheDescriptorZero)
     }
 }
 
-TEST_F(HwProgramming, BurstIsPassedTwice)
-{
-    findPolicy("default")->whiteListIp4Acl = 2000;
-    cpuDefendHwAdd(&slot, findPolicy("default"));
-    EXPECT_EQ(programmed().front(), "AclAdd slot 3/7 acl=2000 action=11 cir=16 cbs=6400 ebs=6400");
-}
-
 TEST_F(HwProgramming, EveryCarEntryIsSentWithAllItsRatesWhateverItsMode)
 {
     tCpuDefendPolicyEntry *policy = addPolicy("p");
@@ -137,18 +130,6 @@ TEST_F(HwProgramming, EveryCarEntryIsSentWithAllItsRatesWhateverItsMode)
         expected.push_back("SlotSet slot 3/7 cmd=32768063 type=" + std::to_string(type) +
                            " cir=16 cbs=6400 pps=512 queue=2 priority=2 op=11 bit=0");
     EXPECT_EQ(programmed(), expected);
-}
-
-TEST_F(HwProgramming, CarRecordCarriesTheBitsAndZeroCounters)
-{
-    tCpuDefendCarPktEntry *entry = findCar("default", 0);
-    entry->bit = 0xF8;
-    entry->pktPassNum = entry->pktDropNum = 99;
-    cpuDefendHwAdd(&slot, findPolicy("default"));
-    EXPECT_EQ(scripted::programming()[0].car.res, 0xF8);
-    EXPECT_EQ(scripted::programming()[1].car.res, 0);
-    for (const scripted::Record &record : scripted::programming())
-        EXPECT_EQ(image(record.car).substr(20), std::string(32, '\0'));
 }
 
 TEST_F(HwProgramming, CarOperationIsDenyForOneOnly)
@@ -185,34 +166,6 @@ TEST_F(HwProgramming, ListsAreOnForOneOnly)
     }
 }
 
-TEST_F(HwProgramming, AclZeroIsNoAcl)
-{
-    tCpuDefendPolicyEntry *policy = addBarePolicy("p");
-    policy->whiteListIp6Acl = 1;
-    policy->blackListIp4Acl = 2;
-    addRule("p", 1)->ip6Acl = 3;
-    addRule("p", 2);
-    cpuDefendHwAdd(&slot, policy);
-    EXPECT_EQ(programmed(),
-              (std::vector<std::string>{"AclAdd slot 3/7 acl=1 action=11 cir=16 cbs=6400 ebs=6400",
-                                        "AclAdd slot 3/7 acl=2 action=3 cir=0 cbs=0 ebs=0",
-                                        "AclAdd slot 3/7 acl=3 action=11 cir=0 cbs=0 ebs=0"}));
-}
-
-TEST_F(HwProgramming, RuleWithBothAclsIsTwoCallsAtTheSameRate)
-{
-    tCpuDefendPolicyEntry *policy = addBarePolicy("p");
-    tCpuDefendUserDefinedEntry *rule = addRule("p", 1);
-    rule->ip4Acl = 10;
-    rule->ip6Acl = 11;
-    rule->cir = 12;
-    rule->cbs = 13;
-    cpuDefendHwAdd(&slot, policy);
-    EXPECT_EQ(programmed(),
-              (std::vector<std::string>{"AclAdd slot 3/7 acl=10 action=11 cir=12 cbs=13 ebs=13",
-                                        "AclAdd slot 3/7 acl=11 action=11 cir=12 cbs=13 ebs=13"}));
-}
-
 TEST_F(HwProgramming, RuleDeniesForAnythingButZero)
 {
     tCpuDefendPolicyEntry *policy = addBarePolicy("p");
@@ -240,28 +193,7 @@ TEST_F(HwProgramming, RuleWithIndexZeroIsNeverProgrammedOrRemoved)
               std::vector<std::string>{"AclDel slot 3/7 acl=11 action=11 cir=0 cbs=0 ebs=0"});
 }
 
-TEST_F(HwProgramming, WhatADestroyedPolicyLeftIsNotProgrammed)
-{
-    tCpuDefendPolicyEntry *record = addPolicy("old");
-    addRule("old", 1)->ip4Acl = 10;
-    ASSERT_EQ(cpuDefendPolicyEntryDel(record), 0);
-    ASSERT_EQ(addPolicy("new"), record);
-    cpuDefendHwAdd(&slot, record);
-    EXPECT_EQ(scripted::count(Call::SlotSet), 10u);
-    EXPECT_EQ(scripted::count(Call::AclAdd), 0u);
-}
-
 /* ---- Results -------------------------------------------------------------------------- */
-
-TEST_F(HwProgramming, EmptyPolicyGivesZeroAndCounts)
-{
-    tCpuDefendPolicyEntry *policy = addBarePolicy("p");
-    EXPECT_EQ(cpuDefendHwAdd(&slot, policy), 0);
-    EXPECT_EQ(policy->refCount, 1u);
-    EXPECT_TRUE(programmed().empty());
-    EXPECT_EQ(del(&slot, "p"), 0);
-    EXPECT_EQ(policy->refCount, 0u);
-}
 
 TEST_F(HwProgramming, OnlyTheLastResultIsReturned)
 {
@@ -279,29 +211,6 @@ TEST_F(HwProgramming, OnlyTheLastResultIsReturned)
         EXPECT_EQ(programmed().size(), 9u);
         EXPECT_EQ(policy->refCount, 0u);
     }
-}
-
-TEST_F(HwProgramming, LastAclResultIsReturnedWithoutCarEntries)
-{
-    tCpuDefendPolicyEntry *policy = addFullPolicy();
-    cpuDefendCarPktEntryDel(carEntries(policy).front());
-    scripted::script.failAll[Call::AclAdd] = 5;
-    scripted::script.failAt[7] = 6;
-    EXPECT_EQ(cpuDefendHwAdd(&slot, policy), 6);
-    scripted::reset();
-    scripted::script.failAll[Call::AclAdd] = 5;
-    scripted::script.failAt[7] = 0;
-    EXPECT_EQ(cpuDefendHwAdd(&slot, policy), 0);
-    scripted::reset();
-    scripted::script.failAll[Call::AclDel] = -3;
-    EXPECT_EQ(del(nullptr, "full"), -3);
-}
-
-TEST_F(HwProgramming, SystemPathReturnsTheLastResultToo)
-{
-    scripted::script.failAt[9] = 44;
-    EXPECT_EQ(cpuDefendHwAdd(nullptr, findPolicy("default")), 44);
-    EXPECT_EQ(scripted::count(Call::ScalarSet), 10u);
 }
 
 TEST_F(HwProgramming, DelOfAnUnknownNameChangesNothing)
@@ -326,15 +235,6 @@ TEST_F(HwProgramming, RefCountHasNoFloor)
     EXPECT_EQ(policy->refCount, 0u);
 }
 
-TEST_F(HwProgramming, RefCountCountsPlaces)
-{
-    tCpuDefendPolicyEntry *policy = addPolicy("p");
-    cpuDefendHwAdd(&slot, policy);
-    cpuDefendHwAdd(&slot, policy);
-    cpuDefendHwAdd(nullptr, policy);
-    EXPECT_EQ(policy->refCount, 3u);
-}
-
 /* ---- Role ----------------------------------------------------------------------------- */
 
 TEST_F(HwProgramming, SlaveProgramsNothingAndCountsNothing)
@@ -347,15 +247,6 @@ TEST_F(HwProgramming, SlaveProgramsNothingAndCountsNothing)
     EXPECT_EQ(policy->refCount, 0u);
     EXPECT_EQ(del(&slot, "nobody"), 0); // the role comes before the name
     EXPECT_TRUE(programmed().empty());
-}
-
-TEST_F(HwProgramming, RoleIsAskedOnceAndFirst)
-{
-    cpuDefendHwAdd(&slot, findPolicy("default"));
-    ASSERT_FALSE(scripted::calls.empty());
-    EXPECT_EQ(scripted::calls.front().call, Call::ScalarGet);
-    EXPECT_EQ(scripted::calls.front().cmd, 54u);
-    EXPECT_EQ(scripted::count(Call::ScalarGet), 1u);
 }
 
 /* ---- Counters ------------------------------------------------------------------------- */
@@ -434,15 +325,6 @@ TEST_F(HwCounters, RemovalTakesTheLastCountsFirst)
     EXPECT_TRUE(scripted::counted.empty());
 }
 
-TEST_F(HwCounters, ThatCannotBeReadStayAsTheyAre)
-{
-    cpuDefendHwAdd(&slot, policy);
-    counts(&slot) = {10, 1, 0, 0};
-    scripted::script.failAll[Call::CarCount] = ENOENT;
-    cpuDefendHwCarCount(car);
-    EXPECT_EQ(counters(), Numbers(0, 0));
-}
-
 TEST_F(HwCounters, GoToTheEntryThatIsInForceOfTwoThatCannotBeToldApart)
 {
     tCpuDefendPolicyEntry *above = addBarePolicy("q");
@@ -462,12 +344,4 @@ TEST_F(HwCounters, GoToTheEntryThatIsInForceOfTwoThatCannotBeToldApart)
     cpuDefendHwCarCount(covering);
     EXPECT_EQ(counters(), Numbers(10, 1));
     EXPECT_EQ(covering->pktPassNum, 24u);
-}
-
-TEST_F(HwCounters, FailedAdditionIsNotAsked)
-{
-    scripted::script.failAll[Call::SlotSet] = 5;
-    cpuDefendHwAdd(&slot, policy);
-    cpuDefendHwCarCount(car);
-    EXPECT_TRUE(scripted::counted.empty());
 }

@@ -5,21 +5,13 @@
 
 using scripted::Call;
 
-static constexpr int32_t noSlot = 19, noName = 0x041E0004;
+static constexpr int32_t noName = 0x041E0004;
 static constexpr uint32_t octetsFlag = 0x80000000u;
 
 static int32_t setSlot(uint32_t sysId, uint32_t slotId, uint32_t attr, Cell value)
 {
     tcpuDefendSlotIdx idx{sysId, slotId};
     return cpuDefendSlotSetApi(&idx, attr, &value);
-}
-
-static Answer<uint32_t> getSlot(uint32_t sysId, uint32_t slotId, uint32_t attr)
-{
-    tcpuDefendSlotIdx idx{sysId, slotId};
-    Cell value(untouched);
-    const int32_t code = cpuDefendSlotGetApi(&idx, attr, &value);
-    return {code, value.number()};
 }
 
 static Answer<std::string> getSlot(uint32_t sysId, uint32_t slotId, uint32_t attr, uint32_t room)
@@ -70,68 +62,6 @@ protected:
 
 using Programmed = std::vector<std::string>;
 
-/* ---- Get ------------------------------------------------------------------------------ */
-
-TEST_F(SlotApi, EveryNumberIsRead)
-{
-    slot->policyMode = 1;
-    for (uint8_t i = 0; i < 3; i++)
-        slot->cpuRatControl[i].cpuRat = static_cast<uint8_t>(200 + i);
-    EXPECT_EQ(getSlot(1, 5, CPUDEFEND_SLOT_POLICYMODE), (Answer<uint32_t>{0, 1}));
-    EXPECT_EQ(getSlot(1, 5, CPUDEFEND_SLOT_L1CPURAT), (Answer<uint32_t>{0, 200}));
-    EXPECT_EQ(getSlot(1, 5, CPUDEFEND_SLOT_L2CPURAT), (Answer<uint32_t>{0, 201}));
-    EXPECT_EQ(getSlot(1, 5, CPUDEFEND_SLOT_L3CPURAT), (Answer<uint32_t>{0, 202}));
-    slot->policyMode = 0;
-}
-
-TEST_F(SlotApi, EveryNameIsReadUpToTheRoomGiven)
-{
-    bind("a");
-    for (int i = 0; i < 3; i++)
-        storeLevel(slot->cpuRatControl[i], "level " + std::to_string(i + 1));
-    using Read = Answer<std::string>;
-    EXPECT_EQ(getSlot(1, 5, CPUDEFEND_SLOT_POLICY, 40), (Read{0, "a"}));
-    EXPECT_EQ(getSlot(1, 5, CPUDEFEND_SLOT_L1POLICYNAME, 40), (Read{0, "level 1"}));
-    EXPECT_EQ(getSlot(1, 5, CPUDEFEND_SLOT_L2POLICYNAME, 7), (Read{0, "level 2"}));
-    EXPECT_EQ(getSlot(1, 5, CPUDEFEND_SLOT_L3POLICYNAME, 5), (Read{0, "level"}));
-    EXPECT_EQ(getSlot(1, 5, CPUDEFEND_SLOT_L3POLICYNAME, 0), (Read{0, ""}));
-}
-
-TEST_F(SlotApi, ResetAndUnknownAttributesReadAsNothing)
-{
-    for (uint32_t attr : {CPUDEFEND_SLOT_RESETSRCTRACE + 0u, 9u, 10u, 255u, 256u, 0xffffffffu})
-        EXPECT_EQ(getSlot(1, 5, attr), (Answer<uint32_t>{0, untouched})) << attr;
-}
-
-TEST_F(SlotApi, UnknownSlotIs19ForEveryAttribute)
-{
-    const std::string before = state();
-    for (const auto &[sysId, slotId] : std::vector<std::pair<uint32_t, uint32_t>>{
-             {0, 0}, {1, 4}, {5, 1}, {1, 0x105}, {0x101, 5}, {1, 0xffffffff}})
-        for (uint32_t attr = 0; attr < 12; attr++) {
-            EXPECT_EQ(getSlot(sysId, slotId, attr), (Answer<uint32_t>{noSlot, untouched})) << attr;
-            EXPECT_EQ(setSlot(sysId, slotId, attr, Cell("a")), noSlot) << attr;
-        }
-    EXPECT_EQ(state(), before);
-    EXPECT_TRUE(scripted::calls.empty());
-}
-
-TEST_F(SlotApi, NumbersAbove255AreCutAndNeverFoundAgain)
-{
-    cpuDefendSlotEntryAdd(0x102, 0x107);
-    EXPECT_EQ(getSlot(0x102, 0x107, CPUDEFEND_SLOT_POLICYMODE).code, noSlot);
-    EXPECT_EQ(getSlot(2, 7, CPUDEFEND_SLOT_POLICYMODE).code, 0);
-}
-
-TEST_F(SlotApi, UnknownAttributesCannotBeSet)
-{
-    const std::string before = state();
-    for (uint32_t attr : {9u, 10u, 255u, 256u, 0xffffffffu})
-        EXPECT_EQ(set(attr, "a"), -1) << attr;
-    EXPECT_EQ(state(), before);
-    EXPECT_TRUE(scripted::calls.empty());
-}
-
 /* ---- Fixed policy --------------------------------------------------------------------- */
 
 TEST_F(SlotApi, BindingIsSynchronisedThenProgrammed)
@@ -151,35 +81,6 @@ TEST_F(SlotApi, BindingIsSynchronisedThenProgrammed)
     EXPECT_EQ(sync.octets, "a");
 }
 
-TEST_F(SlotApi, ReplayedBindingDiffersInItsFlagOnly)
-{
-    tcpuDefendSlotIdx idx{1, 5};
-    Cell name("a");
-    EXPECT_EQ(cpuDefendSlotSyncApi(&idx, CPUDEFEND_SLOT_POLICY, &name), 0);
-    EXPECT_EQ(synced().front().flag, 1 | octetsFlag);
-    EXPECT_EQ(programmed(), Programmed{"+101 1/5"});
-    EXPECT_EQ(boundName(), "a");
-}
-
-TEST_F(SlotApi, BindingAnotherRemovesTheOldFirst)
-{
-    bind("a");
-    EXPECT_EQ(set(CPUDEFEND_SLOT_POLICY, "b"), 0);
-    EXPECT_EQ(programmed(), (Programmed{"-101 1/5", "+102 1/5"}));
-    EXPECT_EQ(boundName(), "b");
-    EXPECT_EQ(slot->policyEntry, b);
-    EXPECT_EQ(a->refCount, 0u);
-    EXPECT_EQ(b->refCount, 1u);
-}
-
-TEST_F(SlotApi, CurrentNameIsNoChange)
-{
-    bind("a");
-    EXPECT_EQ(set(CPUDEFEND_SLOT_POLICY, "a"), 0);
-    EXPECT_TRUE(scripted::calls.empty());
-    EXPECT_EQ(a->refCount, 1u);
-}
-
 TEST_F(SlotApi, EmptyNameUnbinds)
 {
     bind("a");
@@ -193,25 +94,6 @@ TEST_F(SlotApi, EmptyNameUnbinds)
     scripted::reset();
     EXPECT_EQ(set(CPUDEFEND_SLOT_POLICY, ""), 0);
     EXPECT_TRUE(scripted::calls.empty());
-}
-
-TEST_F(SlotApi, UnknownNameChangesNothing)
-{
-    bind("a");
-    const std::string before = state();
-    for (const std::string &name : {std::string("aa"), std::string(33, 'a'), std::string(300, 'a')})
-        EXPECT_EQ(set(CPUDEFEND_SLOT_POLICY, name), noName);
-    EXPECT_EQ(state(), before);
-    EXPECT_TRUE(scripted::calls.empty());
-}
-
-TEST_F(SlotApi, NameOf32BytesIsBound)
-{
-    const std::string name(32, 'n');
-    addPolicy(name);
-    EXPECT_EQ(set(CPUDEFEND_SLOT_POLICY, name), 0);
-    EXPECT_EQ(boundName(), name);
-    EXPECT_EQ(slot->sysId, 1); // the byte behind the name's length
 }
 
 TEST_F(SlotApi, BindingFailsAfterTheOldIsRemovedAndLeavesTheSlotUnbound)
@@ -234,114 +116,6 @@ TEST_F(SlotApi, FailedRemovalKeepsTheBinding)
     EXPECT_EQ(boundName(), "a");
     EXPECT_EQ(slot->policyEntry, a);
 }
-
-TEST_F(SlotApi, FailedRemovalDoesNotStopTheNewBinding)
-{
-    bind("a");
-    scripted::script.failAll[Call::AclDel] = 5;
-    EXPECT_EQ(set(CPUDEFEND_SLOT_POLICY, "b"), 0);
-    EXPECT_EQ(programmed(), (Programmed{"-101 1/5", "+102 1/5"}));
-    EXPECT_EQ(boundName(), "b");
-    EXPECT_EQ(slot->policyEntry, b);
-}
-
-TEST_F(SlotApi, FailedRemovalAndProgrammingKeepTheOldName)
-{
-    bind("a");
-    scripted::script.failAll = {{Call::AclDel, 5}, {Call::AclAdd, 6}};
-    EXPECT_EQ(set(CPUDEFEND_SLOT_POLICY, "b"), 6);
-    EXPECT_EQ(boundName(), "a");
-}
-
-TEST_F(SlotApi, ModeIsNotConsultedForAFixedPolicy)
-{
-    ASSERT_EQ(set(CPUDEFEND_SLOT_POLICYMODE, CPUDEFEND_CPURAT_CONTROL), 0);
-    scripted::reset();
-    EXPECT_EQ(set(CPUDEFEND_SLOT_POLICY, "a"), 0);
-    EXPECT_EQ(programmed(), Programmed{"+101 1/5"});
-    EXPECT_EQ(boundName(), "a");
-}
-
-TEST_F(SlotApi, SlaveBindsTheNameAndProgramsNothing)
-{
-    scripted::script.slave = true;
-    EXPECT_EQ(set(CPUDEFEND_SLOT_POLICY, "a"), 0);
-    EXPECT_TRUE(programmed().empty());
-    EXPECT_EQ(boundName(), "a");
-    EXPECT_EQ(a->refCount, 0u);
-}
-
-/* ---- Synchronisation ------------------------------------------------------------------ */
-
-struct SlotSyncRow {
-    const char *name;
-    uint32_t attr;
-    bool octets;  /**< a name, not a number */
-    bool flagged; /**< its synchronisation says that it carries bytes */
-};
-
-/** A level's name travels without the flag that a slot's fixed policy has. */
-static const SlotSyncRow changes[] = {
-    {"Policy", 0, true, true},        {"ResetSrcTrace", 1, false, false},
-    {"PolicyMode", 2, false, false},  {"L1CpuRat", 3, false, false},
-    {"L1PolicyName", 4, true, false}, {"L2CpuRat", 5, false, false},
-    {"L2PolicyName", 6, true, false}, {"L3CpuRat", 7, false, false},
-    {"L3PolicyName", 8, true, false},
-};
-
-class SlotSync : public SlotApi, public testing::WithParamInterface<SlotSyncRow>
-{
-protected:
-    const SlotSyncRow &change = GetParam();
-    Cell value() const { return change.octets ? Cell("b") : Cell(1); }
-
-    void SetUp() override
-    {
-        SlotApi::SetUp();
-        a->srcTraceEnable = CPUDEFEND_DISABLE;
-        bind("a");
-        for (tCpuDefendCpuRatControl &level : slot->cpuRatControl)
-            storeLevel(level, "a");
-        slot->selectedPosition = 2;
-    }
-};
-
-TEST_P(SlotSync, IsIdentified8001PlusTheAttributeAndFlagged)
-{
-    tcpuDefendSlotIdx idx{1, 5};
-    for (uint32_t flag : {3u, 1u}) {
-        scripted::reset();
-        slot->policyMode = 0; // so that the replay is a change, too
-        Cell cell = change.octets ? Cell(flag == 3 ? "b" : "") : Cell(flag);
-        EXPECT_EQ(flag == 3 ? cpuDefendSlotSetApi(&idx, change.attr, &cell)
-                            : cpuDefendSlotSyncApi(&idx, change.attr, &cell),
-                  0);
-        const scripted::Record sync = synced().at(0);
-        EXPECT_EQ(sync.call, Call::SlotSync);
-        EXPECT_EQ(sync.slot, (std::pair<uint32_t, uint32_t>{1, 5}));
-        EXPECT_EQ(sync.cmd, 8001 + change.attr);
-        EXPECT_EQ(sync.flag, flag | (change.flagged ? octetsFlag : 0));
-        if (!change.octets) {
-            EXPECT_EQ(sync.number, flag);
-        }
-    }
-}
-
-TEST_P(SlotSync, FailingChangesNothing)
-{
-    const std::string before = state();
-    for (int32_t result : {77, -5}) {
-        scripted::script.failAll[Call::SlotSync] = result;
-        EXPECT_EQ(setSlot(1, 5, change.attr, value()), result);
-        EXPECT_EQ(state(), before);
-        EXPECT_TRUE(programmed().empty());
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(SlotApi, SlotSync, testing::ValuesIn(changes),
-                         [](const testing::TestParamInfo<SlotSyncRow> &row) {
-                             return std::string(row.param.name);
-                         });
 
 /* ---- Mode ----------------------------------------------------------------------------- */
 
@@ -368,63 +142,6 @@ TEST_F(SlotApi, CpuRateModeUnbindsTheSystemAndLeavesTheSlotsOwnPolicyProgrammed)
     EXPECT_EQ(syncs[1].octets, "");
 }
 
-TEST_F(SlotApi, BackToFixedModeRestoresNothing)
-{
-    ASSERT_EQ(setGlobal(CPUDEFEND_GLOBAL_POLICY, "b"), 0);
-    ASSERT_EQ(set(CPUDEFEND_SLOT_POLICYMODE, 1), 0);
-    scripted::reset();
-    slot->selectedPosition = 2;
-    EXPECT_EQ(set(CPUDEFEND_SLOT_POLICYMODE, 0), 0);
-    EXPECT_EQ(slot->policyMode, 0);
-    EXPECT_EQ(slot->selectedPosition, 2);
-    EXPECT_EQ(gCpuDefend.policyNameLen, 0);
-    EXPECT_TRUE(programmed().empty());
-    EXPECT_EQ(synced().size(), 1u);
-}
-
-TEST_F(SlotApi, ModeOnAReplayUnbindsTheSystemAsALocalChange)
-{
-    ASSERT_EQ(setGlobal(CPUDEFEND_GLOBAL_POLICY, "b"), 0);
-    scripted::reset();
-    tcpuDefendSlotIdx idx{1, 5};
-    Cell mode(1);
-    EXPECT_EQ(cpuDefendSlotSyncApi(&idx, CPUDEFEND_SLOT_POLICYMODE, &mode), 0);
-    ASSERT_EQ(synced().size(), 2u);
-    EXPECT_EQ(synced()[0].flag, 1u);
-    EXPECT_EQ(synced()[1].flag, 3 | octetsFlag);
-}
-
-TEST_F(SlotApi, ModeReturnsTheUnbindingsResult)
-{
-    ASSERT_EQ(setGlobal(CPUDEFEND_GLOBAL_POLICY, "b"), 0);
-    scripted::reset();
-    scripted::script.failAll[Call::ScalarSync] = 44;
-    EXPECT_EQ(set(CPUDEFEND_SLOT_POLICYMODE, 1), 44);
-    EXPECT_EQ(slot->policyMode, 1);
-    EXPECT_EQ(gCpuDefend.policyNameLen, 1); // still bound
-    scripted::reset();
-    ASSERT_EQ(set(CPUDEFEND_SLOT_POLICYMODE, 0), 0);
-    scripted::script.failAll[Call::AclDel] = 45;
-    EXPECT_EQ(set(CPUDEFEND_SLOT_POLICYMODE, 1), 45);
-    EXPECT_EQ(gCpuDefend.policyNameLen, 0);
-}
-
-TEST_F(SlotApi, CurrentModeIsNoChange)
-{
-    slot->selectedPosition = 2;
-    EXPECT_EQ(set(CPUDEFEND_SLOT_POLICYMODE, 0), 0);
-    EXPECT_EQ(slot->selectedPosition, 2);
-    EXPECT_TRUE(scripted::calls.empty());
-}
-
-TEST_F(SlotApi, ModeIsItsLowByte)
-{
-    EXPECT_EQ(set(CPUDEFEND_SLOT_POLICYMODE, 0x7702), 0);
-    EXPECT_EQ(slot->policyMode, 2);
-    EXPECT_EQ(getSlot(1, 5, CPUDEFEND_SLOT_POLICYMODE), (Answer<uint32_t>{0, 2}));
-    EXPECT_EQ(slot->res[0], 0); // the byte beside it
-}
-
 TEST_F(SlotApi, ModeWhoseLowByteIs1IsCpuRateMode)
 {
     setGlobal(CPUDEFEND_GLOBAL_POLICY, std::string("a"));
@@ -435,41 +152,7 @@ TEST_F(SlotApi, ModeWhoseLowByteIs1IsCpuRateMode)
     EXPECT_EQ(slot->selectedPosition, 0);
 }
 
-TEST_F(SlotApi, NumbersAreEqualInAllTheirBitsOrNot)
-{
-    for (uint32_t attr : {CPUDEFEND_SLOT_POLICYMODE, CPUDEFEND_SLOT_L1CPURAT,
-                          CPUDEFEND_SLOT_L2CPURAT, CPUDEFEND_SLOT_L3CPURAT}) {
-        ASSERT_EQ(set(attr, 1), 0);
-        scripted::reset();
-        for (uint32_t other : {0x101u, 0x10001u, 0x80000001u}) {
-            EXPECT_EQ(set(attr, other), 0);
-            ASSERT_FALSE(synced().empty()) << attr << " is not what it was";
-            EXPECT_EQ(synced().back().number, other);
-            EXPECT_EQ(getSlot(1, 5, attr), (Answer<uint32_t>{0, 1}));
-        }
-        scripted::reset();
-        EXPECT_EQ(set(attr, 1), 0);
-        EXPECT_TRUE(synced().empty()) << attr;
-    }
-}
-
 /* ---- Levels --------------------------------------------------------------------------- */
-
-TEST_F(SlotApi, ThresholdsAreCutTo8Bits)
-{
-    for (uint32_t i = 0; i < 3; i++) {
-        const uint32_t attr = CPUDEFEND_SLOT_L1CPURAT + 2 * i;
-        EXPECT_EQ(set(attr, 300 + i), 0);
-        EXPECT_EQ(slot->cpuRatControl[i].cpuRat, 44 + i);
-        EXPECT_EQ(slot->cpuRatControl[i].policyNameLen, 0); // the byte beside it
-        EXPECT_EQ(synced().back().number, 300 + i);
-        EXPECT_EQ(set(attr, 90 + i), 0);
-        EXPECT_EQ(slot->cpuRatControl[i].cpuRat, 90 + i);
-    }
-    scripted::reset();
-    EXPECT_EQ(set(CPUDEFEND_SLOT_L3CPURAT, 92), 0);
-    EXPECT_TRUE(scripted::calls.empty()); // no change
-}
 
 struct SlotLevelRow {
     const char *name;
@@ -508,57 +191,6 @@ TEST_P(SlotLevel, NameInForceIsRemovedAndTheSelectionReset)
     EXPECT_EQ(slot->selectedPosition, 0);
     EXPECT_EQ(levelName(level()), "b");
     EXPECT_EQ(b->refCount, 0u); // the next sample programs it
-}
-
-TEST_P(SlotLevel, NameNotInForceRemovesNothing)
-{
-    for (uint8_t selected : {0, 1, 2, 3, 4, 255}) {
-        if (selected == position)
-            continue;
-        storeLevel(level(), "a");
-        slot->selectedPosition = selected;
-        EXPECT_EQ(rename("b"), 0);
-        EXPECT_EQ(slot->selectedPosition, selected);
-        EXPECT_EQ(levelName(level()), "b");
-    }
-    EXPECT_TRUE(programmed().empty());
-}
-
-TEST_P(SlotLevel, RemovalsResultIsReturnedAndTheNameStoredAllTheSame)
-{
-    slot->selectedPosition = position;
-    scripted::script.failAll[Call::AclDel] = 66;
-    EXPECT_EQ(rename("b"), 66);
-    EXPECT_EQ(levelName(level()), "b");
-    EXPECT_EQ(slot->selectedPosition, 0);
-}
-
-TEST_P(SlotLevel, EmptyNameClearsTheLevel)
-{
-    EXPECT_EQ(rename(""), 0);
-    EXPECT_EQ(image(level().policyName), std::string(32, '\0'));
-    EXPECT_EQ(level().policyNameLen, 0);
-    scripted::reset();
-    EXPECT_EQ(rename(""), 0);
-    EXPECT_TRUE(scripted::calls.empty());
-}
-
-TEST_P(SlotLevel, ShorterNameLeavesNothingOfTheLonger)
-{
-    storeLevel(level(), "default");
-    EXPECT_EQ(rename("b"), 0);
-    EXPECT_EQ(image(level().policyName), "b" + std::string(31, '\0'));
-}
-
-TEST_P(SlotLevel, CurrentOrUnknownNameChangesNothing)
-{
-    slot->selectedPosition = position;
-    const std::string before = state();
-    EXPECT_EQ(rename("a"), 0);
-    EXPECT_EQ(rename("nobody"), noName);
-    EXPECT_EQ(rename(std::string(33, 'a')), noName);
-    EXPECT_EQ(state(), before);
-    EXPECT_TRUE(scripted::calls.empty());
 }
 
 static const SlotLevelRow levels[] = {{"L1", 1, 4}, {"L2", 2, 6}, {"L3", 3, 8}};
@@ -645,39 +277,6 @@ TEST_F(SlotReset, DeletesNothingWithoutABoundPolicyThatTraces)
     a->srcTraceEnable = 0;
 }
 
-TEST_F(SlotReset, GoesByTheRecordNotTheName)
-{
-    memcpy(slot->policyName, "a", 1);
-    slot->policyNameLen = 1; // a name, but no record
-    a->srcTraceEnable = CPUDEFEND_ENABLE;
-    EXPECT_EQ(reset(), 0);
-    EXPECT_EQ(left(), all);
-    a->srcTraceEnable = 0;
-}
-
-TEST_F(SlotReset, FailingSynchronisationDeletesNothing)
-{
-    bind("a");
-    a->srcTraceEnable = CPUDEFEND_ENABLE;
-    scripted::script.failAll[Call::SlotSync] = 77;
-    EXPECT_EQ(reset(), 77);
-    EXPECT_EQ(left(), all);
-    a->srcTraceEnable = 0;
-}
-
-TEST_F(SlotReset, FindsADestroyedPolicyCleared)
-{
-    bind("a");
-    a->srcTraceEnable = CPUDEFEND_ENABLE;
-    a->refCount = 0; // as more removals than additions leave it
-    ASSERT_EQ(setPolicy("a", CPUDEFEND_POLICY_ENTRYSTATUS, CPUDEFEND_ROW_DESTROY), 0);
-    ASSERT_EQ(slot->policyEntry, a);
-    EXPECT_EQ(reset(), 0);
-    EXPECT_EQ(left(), all);
-    EXPECT_EQ(set(CPUDEFEND_SLOT_POLICY, ""), noName); // nothing to remove by that name
-    EXPECT_EQ(boundName(), "a");
-}
-
 /* ---- Walk ----------------------------------------------------------------------------- */
 
 using SlotKey = std::pair<uint32_t, uint32_t>;
@@ -713,16 +312,6 @@ TEST_F(SlotApi, WalkGoesOnAfterAPairThatDoesNotExist)
     EXPECT_EQ(nextSlot(2, 0), (Next{-1, "77/88"}));
     EXPECT_EQ(nextSlot(0xffffffff, 0), (Next{-1, "77/88"}));
     EXPECT_EQ(nextSlot(0, 0xffffffff), (Next{0, "1/5"}));
-}
-
-TEST_F(SlotApi, WalkOfAnEmptyTableEndsAtOnce)
-{
-    cpuDefendSlotEntryDel(slot);
-    tcpuDefendSlotIdx idx{77, 88};
-    EXPECT_EQ(cpuDefendSlotGetFirst(&idx), -1);
-    EXPECT_EQ(idx.sysId, 77u);
-    EXPECT_EQ(idx.slotId, 88u);
-    EXPECT_EQ(nextSlot(0, 0), (Answer<std::string>{-1, "77/88"}));
 }
 
 /* ---- Console -------------------------------------------------------------------------- */
@@ -761,14 +350,6 @@ TEST_F(SlotApi, TestMakesTwoSlotsAndBindsThePolicyTest)
         EXPECT_EQ(getSlot(1, slotId, CPUDEFEND_SLOT_POLICY, 32), (Answer<std::string>{0, "test"}));
 }
 
-TEST_F(SlotApi, TestPrintsTheLastResultWithoutThePolicy)
-{
-    int32_t result = -1;
-    EXPECT_EQ(output([&] { result = cpuDefendSlotTest(); }),
-              "cpuDefendSlotTest ret=69074948,\r\n"); // no policy so named
-    EXPECT_EQ(result, 0);
-}
-
 TEST_F(SlotApi, TestWithoutRoomSaysSoForEachSlot)
 {
     restart(8, 1);
@@ -797,43 +378,4 @@ TEST_F(SlotApi, AdeRunsTheTablesConsoleTestsInTheirOrder)
                                std::string(fourLines) +
                                "cpuDefendSlotTest ret=69074948,\r\n"
                                "111.ret=65536002,ifUnit=0,pktType=0.\r\n");
-}
-
-/* ---- Semaphore and kinds -------------------------------------------------------------- */
-
-TEST_F(SlotApi, SemaphoreIsTakenByEveryCall)
-{
-    tcpuDefendSlotIdx idx{};
-    const std::vector<std::pair<int, std::function<void()>>> all{
-        {1, [] { getSlot(1, 5, 2); }},
-        {1, [] { getSlot(1, 5, 99); }},
-        {1, [] { getSlot(9, 9, 2); }},
-        {1, [] { set(CPUDEFEND_SLOT_POLICY, "a"); }},
-        {1, [] { set(CPUDEFEND_SLOT_POLICY, "nobody"); }},
-        {1, [] { set(CPUDEFEND_SLOT_RESETSRCTRACE, 1); }},
-        {1, [] { set(CPUDEFEND_SLOT_L1CPURAT, 5); }},
-        {1, [] { set(CPUDEFEND_SLOT_L1POLICYNAME, "a"); }},
-        {1, [] { set(99, 5); }},
-        {1, [] { setSlot(9, 9, 2, Cell(1)); }},
-        {2, [] { set(CPUDEFEND_SLOT_POLICYMODE, 1); }}, // the global handler takes it again
-        {1, [] { set(CPUDEFEND_SLOT_POLICYMODE, 0); }},
-        {1, [&] { cpuDefendSlotGetFirst(&idx); }},
-        {1, [&] { cpuDefendSlotGetNext(&idx, &idx); }},
-    };
-    for (size_t i = 0; i < all.size(); i++) {
-        seam::semTakes = 0;
-        all[i].second();
-        EXPECT_EQ(seam::semTakes, all[i].first) << i;
-        EXPECT_EQ(seam::semDepth, 0) << i;
-    }
-}
-
-TEST(SlotAttrKind, TellsNumbersFromNamesAndTheReset)
-{
-    for (uint32_t attr : {0u, 4u, 6u, 8u})
-        EXPECT_EQ(cpuDefendSlotAttrKind(attr), NM_OCTETS) << attr;
-    for (uint32_t attr : {2u, 3u, 5u, 7u})
-        EXPECT_EQ(cpuDefendSlotAttrKind(attr), NM_NUMBER) << attr;
-    for (uint32_t attr : {1u, 9u, 255u, 0xffffffffu})
-        EXPECT_EQ(cpuDefendSlotAttrKind(attr), NM_ANY) << attr;
 }

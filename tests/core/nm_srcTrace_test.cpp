@@ -80,13 +80,6 @@ protected:
 
 /* ---- Get ------------------------------------------------------------------------------ */
 
-TEST_F(SrcTraceApi, NumbersAreWidened)
-{
-    EXPECT_EQ(get(sourceIdx(arp7), CPUDEFEND_SRCTRACE_OUTERVLAN), (Answer<uint32_t>{0, 0xF123}));
-    EXPECT_EQ(get(sourceIdx(arp7), CPUDEFEND_SRCTRACE_INNERVLAN), (Answer<uint32_t>{0, 0x8045}));
-    EXPECT_EQ(get(sourceIdx(arp7), CPUDEFEND_SRCTRACE_TOTALNUM), (Answer<uint32_t>{0, 0x89ABCDEF}));
-}
-
 TEST_F(SrcTraceApi, DestinationIsFourBytesWhateverWasAskedFor)
 {
     for (uint32_t room : {4u, 10u, 80u}) {
@@ -110,17 +103,6 @@ TEST_F(SrcTraceApi, PacketDataIsReadUpToTheRoomGivenAnd80)
                   (Answer<std::string>{0, data.substr(0, room)}));
     for (uint32_t room : {81u, 200u})
         EXPECT_EQ(get(arp7, CPUDEFEND_SRCTRACE_PTKDATA, room), (Answer<std::string>{0, data}));
-}
-
-TEST_F(SrcTraceApi, UnknownAttributesReadAsNothing)
-{
-    for (uint32_t cmd : {5u, 6u, 255u, 256u, 0xffffffffu})
-        EXPECT_EQ(get(sourceIdx(arp7), cmd), (Answer<uint32_t>{0, untouched})) << cmd;
-}
-
-TEST_F(SrcTraceApi, FilterPlaysNoPartInAGet)
-{
-    EXPECT_EQ(get(sourceIdx(arp7, 0xFF), CPUDEFEND_SRCTRACE_OUTERVLAN).code, 0);
 }
 
 TEST_F(SrcTraceApi, AnyOtherKeyIsNoSuchEntry)
@@ -224,24 +206,6 @@ TEST_F(SrcTraceApi, EveryFilterBitHoldsItsField)
     EXPECT_EQ(walk(sourceIdx(arp7, 0xA0)), (Visited{"7.1 type 1 mac 1", "7.2 type 1 mac 2"}));
 }
 
-TEST_F(SrcTraceApi, FilterBitsAreCountedFromTheMostSignificant)
-{
-    EXPECT_EQ(0x80 >> CPUDEFEND_SRCTRACEIDX_SEARCHIFUNIT, 0x80);
-    EXPECT_EQ(0x80 >> CPUDEFEND_SRCTRACEIDX_SEARCHSRCIP, 0x40);
-    EXPECT_EQ(0x80 >> CPUDEFEND_SRCTRACEIDX_SEARCHPKTTYPE, 0x20);
-    EXPECT_EQ(0x80 >> CPUDEFEND_SRCTRACEIDX_SEARCHSRCMAC, 0x10);
-}
-
-TEST_F(SrcTraceApi, FilterComparesWholeAddresses)
-{
-    tcpuDefendSrcTraceIdx idx = sourceIdx(arp7, 0x50);
-    idx.srcIp[0]++;
-    EXPECT_EQ(walk(idx), Visited{});
-    idx = sourceIdx(arp7, 0x50);
-    idx.srcMac[0]++;
-    EXPECT_EQ(walk(idx), Visited{});
-}
-
 TEST_F(SrcTraceApi, NextOfADeletedKeyIsTheNextLarger)
 {
     addAll();
@@ -261,15 +225,6 @@ TEST_F(SrcTraceApi, EndOfTheWalkWritesNothing)
     EXPECT_EQ(cpuDefendSrcTraceGetNext(&idx, &after), noEntry);
     EXPECT_EQ(image(after), before);
     EXPECT_EQ(keyOf(idx), keyOf(sourceIdx(arp7)));
-}
-
-TEST_F(SrcTraceApi, NextTakesItsFilterAlong)
-{
-    addAll();
-    tcpuDefendSrcTraceIdx idx = sourceIdx(arp7, 0x2F), after{};
-    EXPECT_EQ(cpuDefendSrcTraceGetNext(&idx, &after), 0);
-    EXPECT_EQ(after.searchBit, 0x2F);
-    EXPECT_EQ(keyOf(after), "7.2 type 1 mac 2");
 }
 
 TEST_F(SrcTraceApi, FirstOfAnEmptyTableLeavesTheIndex)
@@ -305,24 +260,6 @@ TEST_F(SrcTraceApi, ShowPrintsTheThirdAddressByteTwiceAndNoLineEnd)
     EXPECT_EQ(result, 0);
 }
 
-TEST_F(SrcTraceApi, ShowVisitsAllInTreeOrder)
-{
-    addSource(dot1x8);
-    EXPECT_EQ(output(cpuDefendSrcTraceShow),
-              std::string(stars) +
-                  "ifUnit=7,srcIp=0a.00.00.01,dstIp=c0.c1.c2.c3,pktType=1,sysId=3,slotId=200,"
-                  "srcMac=02:00:00:00::00::01" +
-                  stars +
-                  "ifUnit=8,srcIp=0a.00.00.01,dstIp=00.00.00.00,pktType=0,sysId=0,slotId=0,"
-                  "srcMac=02:00:00:00::00::01");
-}
-
-TEST_F(SrcTraceApi, ShowOfAnEmptyTablePrintsNothing)
-{
-    cpuDefendSrcTraceEntryDel(entry);
-    EXPECT_EQ(output(cpuDefendSrcTraceShow), "");
-}
-
 TEST_F(SrcTraceApi, Show2PrintsTheFailingCallsLineToo)
 {
     addSource(telnet7);
@@ -334,43 +271,4 @@ TEST_F(SrcTraceApi, Show2PrintsTheFailingCallsLineToo)
               "222.ret=0,ifUnit=8,pktType=0.\r\n"
               "222.ret=65536002,ifUnit=8,pktType=0.\r\n");
     EXPECT_EQ(result, 0);
-}
-
-TEST_F(SrcTraceApi, Show2OfAnEmptyTablePrintsOneLine)
-{
-    cpuDefendSrcTraceEntryDel(entry);
-    EXPECT_EQ(output(cpuDefendSrcTraceShow2), "111.ret=65536002,ifUnit=0,pktType=0.\r\n");
-}
-
-/* ---- Semaphore and kinds -------------------------------------------------------------- */
-
-TEST_F(SrcTraceApi, SemaphoreIsTakenByEveryCallThatLooks)
-{
-    tcpuDefendSrcTraceIdx idx = sourceIdx(arp7);
-    const std::vector<std::function<void()>> all{
-        [] { get(sourceIdx(arp7), 0); },
-        [] { get(sourceIdx(arp7), 99); },
-        [] { get(sourceIdx(arp9), 0); },
-        [&] { cpuDefendSrcTraceGetFirst(&idx); },
-        [&] { cpuDefendSrcTraceGetNext(&idx, &idx); },
-    };
-    for (size_t i = 0; i < all.size(); i++) {
-        seam::semTakes = 0;
-        all[i]();
-        EXPECT_EQ(seam::semTakes, 1) << i;
-        EXPECT_EQ(seam::semDepth, 0) << i;
-    }
-    seam::semTakes = 0;
-    output(cpuDefendSrcTraceShow);
-    EXPECT_EQ(seam::semTakes, 0);
-}
-
-TEST(SrcTraceAttrKind, TellsNumbersFromBytes)
-{
-    for (uint32_t cmd : {0u, 1u, 4u})
-        EXPECT_EQ(cpuDefendSrcTraceAttrKind(cmd), NM_NUMBER) << cmd;
-    for (uint32_t cmd : {2u, 3u})
-        EXPECT_EQ(cpuDefendSrcTraceAttrKind(cmd), NM_OCTETS) << cmd;
-    for (uint32_t cmd : {5u, 255u, 0xffffffffu})
-        EXPECT_EQ(cpuDefendSrcTraceAttrKind(cmd), NM_ANY) << cmd;
 }

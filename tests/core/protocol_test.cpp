@@ -75,252 +75,153 @@ INSTANTIATE_TEST_SUITE_P(
                     SetOrSync{22, "carPkt", 3}, SetOrSync{23, "carPkt", 1}),
     [](const auto &row) { return row.param.table + std::to_string(row.param.code); });
 
-TEST(FunctionCodes, HaveTheirNumbers)
+/** The nth of @a numbers is n, counted from @a first. */
+static void expectInTurn(const std::vector<uint32_t> &numbers, uint32_t first)
 {
-#define CODE(number, name) EXPECT_EQ(uint32_t{CPUDEFEND_##name}, number##u)
-    CODE(1, GLOBAL_GETAPI);
-    CODE(2, GLOBAL_SETAPI);
-    CODE(3, GLOBAL_SYNCAPI);
-    CODE(4, SLOT_GETFIRST);
-    CODE(5, SLOT_GETNEXT);
-    CODE(6, SLOT_GETAPI);
-    CODE(7, SLOT_SETAPI);
-    CODE(8, SLOT_SYNCAPI);
-    CODE(9, POLICY_GETFIRST);
-    CODE(10, POLICY_GETNEXT);
-    CODE(11, POLICY_GETAPI);
-    CODE(12, POLICY_SETAPI);
-    CODE(13, POLICY_SYNCAPI);
-    CODE(14, USERDEFINED_GETFIRST);
-    CODE(15, USERDEFINED_GETNEXT);
-    CODE(16, USERDEFINED_GETAPI);
-    CODE(17, USERDEFINED_SETAPI);
-    CODE(18, USERDEFINED_SYNCAPI);
-    CODE(19, CARPKT_GETFIRST);
-    CODE(20, CARPKT_GETNEXT);
-    CODE(21, CARPKT_GETAPI);
-    CODE(22, CARPKT_SETAPI);
-    CODE(23, CARPKT_SYNCAPI);
-    CODE(24, SRCTRACE_GETFIRST);
-    CODE(25, SRCTRACE_GETNEXT);
-    CODE(26, SRCTRACE_GETAPI);
-    CODE(26, FUNC_MAX);
-#undef CODE
+    for (uint32_t number : numbers)
+        EXPECT_EQ(number, first++);
 }
 
-/* ---- Packet types --------------------------------------------------------------------- */
-
-TEST(PacketType, HasItsNumber)
+TEST(FunctionCodes, HaveTheirNumbers)
 {
-#define TYPE(number, name) EXPECT_EQ(uint32_t{CPUDEFEND_PKTTYPE_##name}, number##u)
-    TYPE(0, DOT1X);
-    TYPE(1, ARP);
-    TYPE(2, IGMPSNOOP);
-    TYPE(3, STPCUSTOMER);
-    TYPE(4, GVRP);
-    TYPE(5, UDLD);
-    TYPE(6, VTP);
-    TYPE(7, IGMP);
-    TYPE(8, ALB);
-    TYPE(9, DHCPSNOOPIP);
-    TYPE(10, Y1731);
-    TYPE(11, TELNET);
-    TYPE(12, TCP);
-    TYPE(13, FTP);
-    TYPE(14, ICMP);
-    TYPE(15, ICMPV6);
-    TYPE(16, SNMP);
-    TYPE(17, NTP);
-    TYPE(18, BPDUTUNNEL);
-    TYPE(19, OSPF);
-    TYPE(20, OSPF6);
-    TYPE(21, DHCPCLIENT);
-    TYPE(22, DHCPSERVER);
-    TYPE(23, DHCP6REPLY);
-    TYPE(24, OAM);
-    TYPE(25, DHCP6REQUEST);
-    TYPE(26, RIP);
-    TYPE(27, RIP6);
-    TYPE(28, LDP);
-    TYPE(29, MPLS);
-    TYPE(30, BFD);
-    TYPE(31, BFD6);
-    TYPE(32, BGP);
-    TYPE(33, SNTP);
-    TYPE(34, SNTP6);
-    TYPE(35, PIM);
-    TYPE(36, PIM6);
-    TYPE(37, VRRP);
-    TYPE(38, VRRP6);
-    TYPE(39, ERP);
-    TYPE(40, DLIP);
-    TYPE(41, STPPROVIDER);
-    TYPE(42, ESR);
-    TYPE(43, EAPS);
-    TYPE(44, ISIS);
-    TYPE(45, BFDETHER);
-    TYPE(46, LOOPBACK);
-    TYPE(47, EFM);
-    TYPE(48, RLINK);
-    TYPE(49, RTRUNK);
-    TYPE(50, LLDP);
-    TYPE(51, SGM);
-    TYPE(52, PPPOE);
-    TYPE(53, FLUSH);
-    TYPE(54, ISS);
-    TYPE(55, ISSSYNC);
-    TYPE(56, DHCPSNOOPIP6);
-    TYPE(57, DHCPSNOOPARP);
-    TYPE(58, TOTALPKT);
-    TYPE(59, MAX);
-#undef TYPE
+    expectInTurn({CPUDEFEND_GLOBAL_GETAPI,       CPUDEFEND_GLOBAL_SETAPI,
+                  CPUDEFEND_GLOBAL_SYNCAPI,      CPUDEFEND_SLOT_GETFIRST,
+                  CPUDEFEND_SLOT_GETNEXT,        CPUDEFEND_SLOT_GETAPI,
+                  CPUDEFEND_SLOT_SETAPI,         CPUDEFEND_SLOT_SYNCAPI,
+                  CPUDEFEND_POLICY_GETFIRST,     CPUDEFEND_POLICY_GETNEXT,
+                  CPUDEFEND_POLICY_GETAPI,       CPUDEFEND_POLICY_SETAPI,
+                  CPUDEFEND_POLICY_SYNCAPI,      CPUDEFEND_USERDEFINED_GETFIRST,
+                  CPUDEFEND_USERDEFINED_GETNEXT, CPUDEFEND_USERDEFINED_GETAPI,
+                  CPUDEFEND_USERDEFINED_SETAPI,  CPUDEFEND_USERDEFINED_SYNCAPI,
+                  CPUDEFEND_CARPKT_GETFIRST,     CPUDEFEND_CARPKT_GETNEXT,
+                  CPUDEFEND_CARPKT_GETAPI,       CPUDEFEND_CARPKT_SETAPI,
+                  CPUDEFEND_CARPKT_SYNCAPI,      CPUDEFEND_SRCTRACE_GETFIRST,
+                  CPUDEFEND_SRCTRACE_GETNEXT,    CPUDEFEND_SRCTRACE_GETAPI},
+                 1);
+    EXPECT_EQ(CPUDEFEND_FUNC_MAX + 0u, 26u);
+}
+
+TEST(PacketTypes, HaveTheirNumbers)
+{
+    expectInTurn({CPUDEFEND_PKTTYPE_DOT1X,        CPUDEFEND_PKTTYPE_ARP,
+                  CPUDEFEND_PKTTYPE_IGMPSNOOP,    CPUDEFEND_PKTTYPE_STPCUSTOMER,
+                  CPUDEFEND_PKTTYPE_GVRP,         CPUDEFEND_PKTTYPE_UDLD,
+                  CPUDEFEND_PKTTYPE_VTP,          CPUDEFEND_PKTTYPE_IGMP,
+                  CPUDEFEND_PKTTYPE_ALB,          CPUDEFEND_PKTTYPE_DHCPSNOOPIP,
+                  CPUDEFEND_PKTTYPE_Y1731,        CPUDEFEND_PKTTYPE_TELNET,
+                  CPUDEFEND_PKTTYPE_TCP,          CPUDEFEND_PKTTYPE_FTP,
+                  CPUDEFEND_PKTTYPE_ICMP,         CPUDEFEND_PKTTYPE_ICMPV6,
+                  CPUDEFEND_PKTTYPE_SNMP,         CPUDEFEND_PKTTYPE_NTP,
+                  CPUDEFEND_PKTTYPE_BPDUTUNNEL,   CPUDEFEND_PKTTYPE_OSPF,
+                  CPUDEFEND_PKTTYPE_OSPF6,        CPUDEFEND_PKTTYPE_DHCPCLIENT,
+                  CPUDEFEND_PKTTYPE_DHCPSERVER,   CPUDEFEND_PKTTYPE_DHCP6REPLY,
+                  CPUDEFEND_PKTTYPE_OAM,          CPUDEFEND_PKTTYPE_DHCP6REQUEST,
+                  CPUDEFEND_PKTTYPE_RIP,          CPUDEFEND_PKTTYPE_RIP6,
+                  CPUDEFEND_PKTTYPE_LDP,          CPUDEFEND_PKTTYPE_MPLS,
+                  CPUDEFEND_PKTTYPE_BFD,          CPUDEFEND_PKTTYPE_BFD6,
+                  CPUDEFEND_PKTTYPE_BGP,          CPUDEFEND_PKTTYPE_SNTP,
+                  CPUDEFEND_PKTTYPE_SNTP6,        CPUDEFEND_PKTTYPE_PIM,
+                  CPUDEFEND_PKTTYPE_PIM6,         CPUDEFEND_PKTTYPE_VRRP,
+                  CPUDEFEND_PKTTYPE_VRRP6,        CPUDEFEND_PKTTYPE_ERP,
+                  CPUDEFEND_PKTTYPE_DLIP,         CPUDEFEND_PKTTYPE_STPPROVIDER,
+                  CPUDEFEND_PKTTYPE_ESR,          CPUDEFEND_PKTTYPE_EAPS,
+                  CPUDEFEND_PKTTYPE_ISIS,         CPUDEFEND_PKTTYPE_BFDETHER,
+                  CPUDEFEND_PKTTYPE_LOOPBACK,     CPUDEFEND_PKTTYPE_EFM,
+                  CPUDEFEND_PKTTYPE_RLINK,        CPUDEFEND_PKTTYPE_RTRUNK,
+                  CPUDEFEND_PKTTYPE_LLDP,         CPUDEFEND_PKTTYPE_SGM,
+                  CPUDEFEND_PKTTYPE_PPPOE,        CPUDEFEND_PKTTYPE_FLUSH,
+                  CPUDEFEND_PKTTYPE_ISS,          CPUDEFEND_PKTTYPE_ISSSYNC,
+                  CPUDEFEND_PKTTYPE_DHCPSNOOPIP6, CPUDEFEND_PKTTYPE_DHCPSNOOPARP,
+                  CPUDEFEND_PKTTYPE_TOTALPKT,     CPUDEFEND_PKTTYPE_MAX},
+                 0);
+    EXPECT_EQ(CPUDEFEND_PKTTYPE_MAX + 0u, 59u);
 }
 
 /* ---- Records -------------------------------------------------------------------------- */
 
-struct Field {
-    const char *name;
-    size_t offset, size, alignment;
-};
-
 /** Each field stands right behind the one before it, the first one at the start. */
-static void expectInOrder(const std::vector<Field> &fields)
+template <typename Record, auto... fields> static void expectInOrder()
 {
-    size_t end = 0;
-    for (const Field &field : fields) {
-        EXPECT_EQ(field.offset, (end + field.alignment - 1) / field.alignment * field.alignment)
-            << field.name;
-        end = field.offset + field.size;
-    }
+    static const Record record{};
+    ptrdiff_t end = 0;
+    int nth = 0;
+    const auto expect = [&](const auto &field) {
+        const ptrdiff_t at =
+            reinterpret_cast<const char *>(&field) - reinterpret_cast<const char *>(&record);
+        const ptrdiff_t alignment = alignof(std::remove_cvref_t<decltype(field)>);
+        EXPECT_EQ(at, (end + alignment - 1) / alignment * alignment) << "field " << nth;
+        end = at + static_cast<ptrdiff_t>(sizeof field);
+        nth++;
+    };
+    (expect(record.*fields), ...);
 }
-
-#define FIELD(name)                                                                                \
-    Field                                                                                          \
-    {                                                                                              \
-#name, offsetof(Record, name), sizeof(Record::name), alignof(decltype(Record::name))       \
-    }
 
 TEST(RecordLayout, System)
 {
-    using Record = tCpuDefendSystem;
-    expectInOrder({FIELD(cpuDefendSem),
-                   FIELD(cpuDefendTaskId),
-                   FIELD(policyList),
-                   FIELD(policyFreeList),
-                   FIELD(userDefinedList),
-                   FIELD(userDefinedFreeList),
-                   FIELD(carPktList),
-                   FIELD(carPktFreeList),
-                   FIELD(srcTraceList),
-                   FIELD(srcTraceFreeList),
-                   FIELD(slotList),
-                   FIELD(slotFreeList),
-                   FIELD(cmdSock),
-                   FIELD(rtSock),
-                   FIELD(pktSock),
-                   FIELD(maxPolicyNum),
-                   FIELD(maxUserDefinedNum),
-                   FIELD(maxCarPktNum),
-                   FIELD(maxSrcTraceNum),
-                   FIELD(maxSlotNum),
-                   FIELD(usePolicyNum),
-                   FIELD(useUserDefinedNum),
-                   FIELD(useCarPktNum),
-                   FIELD(useSrcTraceNum),
-                   FIELD(useSlotNum),
-                   FIELD(policyName),
-                   FIELD(policyNameLen),
-                   FIELD(cpuDefendDebug),
-                   FIELD(selectedPosition),
-                   FIELD(policyMode),
-                   FIELD(cpuRatControlTimer),
-                   FIELD(cpuRatControl),
-                   FIELD(timerList),
-                   FIELD(policyTable),
-                   FIELD(userDefinedTable),
-                   FIELD(carPktTable),
-                   FIELD(srcTraceTable),
-                   FIELD(slotTable)});
+    using R = tCpuDefendSystem;
+    expectInOrder<R, &R::cpuDefendSem, &R::cpuDefendTaskId, &R::policyList, &R::policyFreeList,
+                  &R::userDefinedList, &R::userDefinedFreeList, &R::carPktList, &R::carPktFreeList,
+                  &R::srcTraceList, &R::srcTraceFreeList, &R::slotList, &R::slotFreeList,
+                  &R::cmdSock, &R::rtSock, &R::pktSock, &R::maxPolicyNum, &R::maxUserDefinedNum,
+                  &R::maxCarPktNum, &R::maxSrcTraceNum, &R::maxSlotNum, &R::usePolicyNum,
+                  &R::useUserDefinedNum, &R::useCarPktNum, &R::useSrcTraceNum, &R::useSlotNum,
+                  &R::policyName, &R::policyNameLen, &R::cpuDefendDebug, &R::selectedPosition,
+                  &R::policyMode, &R::cpuRatControlTimer, &R::cpuRatControl, &R::timerList,
+                  &R::policyTable, &R::userDefinedTable, &R::carPktTable, &R::srcTraceTable,
+                  &R::slotTable>();
 }
 
 TEST(RecordLayout, Policy)
 {
-    using Record = tCpuDefendPolicyEntry;
-    expectInOrder({FIELD(node),
-                   FIELD(userDefinedList),
-                   FIELD(carPktList),
-                   FIELD(policyName),
-                   FIELD(policyDescription),
-                   FIELD(policyNameLen),
-                   FIELD(policyDescriptionLen),
-                   FIELD(whiteListEnable),
-                   FIELD(policyStatus),
-                   FIELD(priority),
-                   FIELD(whiteListIp4Acl),
-                   FIELD(whiteListIp6Acl),
-                   FIELD(whiteListIp4Cir),
-                   FIELD(whiteListIp4Cbs),
-                   FIELD(whiteListIp6Cir),
-                   FIELD(whiteListIp6Cbs),
-                   FIELD(blackListIp4Acl),
-                   FIELD(blackListIp6Acl),
-                   FIELD(blackListEnable),
-                   FIELD(srcTraceAlarmEnable),
-                   FIELD(srcTraceEnable),
-                   FIELD(srcTracePktDataEnable),
-                   FIELD(srcTraceThreshold),
-                   FIELD(srcTraceAlarmThreshold),
-                   FIELD(srcTraceTimer),
-                   FIELD(userDefinedNum),
-                   FIELD(refCount)});
-    EXPECT_EQ(offsetof(Record, freeNode), 0u);
+    using R = tCpuDefendPolicyEntry;
+    expectInOrder<
+        R, &R::node, &R::userDefinedList, &R::carPktList, &R::policyName, &R::policyDescription,
+        &R::policyNameLen, &R::policyDescriptionLen, &R::whiteListEnable, &R::policyStatus,
+        &R::priority, &R::whiteListIp4Acl, &R::whiteListIp6Acl, &R::whiteListIp4Cir,
+        &R::whiteListIp4Cbs, &R::whiteListIp6Cir, &R::whiteListIp6Cbs, &R::blackListIp4Acl,
+        &R::blackListIp6Acl, &R::blackListEnable, &R::srcTraceAlarmEnable, &R::srcTraceEnable,
+        &R::srcTracePktDataEnable, &R::srcTraceThreshold, &R::srcTraceAlarmThreshold,
+        &R::srcTraceTimer, &R::userDefinedNum, &R::refCount>();
+}
+
+TEST(RecordLayout, FreePolicyHasItsLinkInTheNode)
+{
+    EXPECT_EQ(offsetof(tCpuDefendPolicyEntry, freeNode), 0u);
 }
 
 TEST(RecordLayout, Rule)
 {
-    using Record = tCpuDefendUserDefinedEntry;
-    expectInOrder({FIELD(node), FIELD(policyNode), FIELD(index), FIELD(status), FIELD(deny),
-                   FIELD(res), FIELD(ip4Acl), FIELD(ip6Acl), FIELD(cir), FIELD(cbs),
-                   FIELD(policyEntry)});
+    using R = tCpuDefendUserDefinedEntry;
+    expectInOrder<R, &R::node, &R::policyNode, &R::index, &R::status, &R::deny, &R::res, &R::ip4Acl,
+                  &R::ip6Acl, &R::cir, &R::cbs, &R::policyEntry>();
 }
 
 TEST(RecordLayout, CarEntry)
 {
-    using Record = tCpuDefendCarPktEntry;
-    expectInOrder({FIELD(node),
-                   FIELD(policyNode),
-                   FIELD(pktType),
-                   FIELD(queue),
-                   FIELD(deny),
-                   FIELD(priority),
-                   FIELD(bit),
-                   FIELD(res),
-                   FIELD(cir),
-                   FIELD(cbs),
-                   FIELD(pps),
-                   FIELD(mode),
-                   FIELD(totalPktPps),
-                   FIELD(totalPktBps),
-                   FIELD(timePre),
-                   FIELD(pktSrcTraceTotalNum),
-                   FIELD(pktSrcTraceNum),
-                   FIELD(pktSrcTraceAlarmNum),
-                   FIELD(pktPassNum),
-                   FIELD(pktDropNum),
-                   FIELD(policyEntry)});
+    using R = tCpuDefendCarPktEntry;
+    expectInOrder<R, &R::node, &R::policyNode, &R::pktType, &R::queue, &R::deny, &R::priority,
+                  &R::bit, &R::res, &R::cir, &R::cbs, &R::pps, &R::mode, &R::totalPktPps,
+                  &R::totalPktBps, &R::timePre, &R::pktSrcTraceTotalNum, &R::pktSrcTraceNum,
+                  &R::pktSrcTraceAlarmNum, &R::pktPassNum, &R::pktDropNum, &R::policyEntry>();
 }
 
 TEST(RecordLayout, Slot)
 {
-    using Record = tCpuDefendSlotEntry;
-    expectInOrder({FIELD(node), FIELD(policyName), FIELD(policyNameLen), FIELD(sysId),
-                   FIELD(slotId), FIELD(selectedPosition), FIELD(policyMode), FIELD(res),
-                   FIELD(cpuRatControlTimer), FIELD(cpuRatControl), FIELD(policyEntry)});
+    using R = tCpuDefendSlotEntry;
+    expectInOrder<R, &R::node, &R::policyName, &R::policyNameLen, &R::sysId, &R::slotId,
+                  &R::selectedPosition, &R::policyMode, &R::res, &R::cpuRatControlTimer,
+                  &R::cpuRatControl, &R::policyEntry>();
 }
 
 TEST(RecordLayout, Level)
 {
-    using Record = tCpuDefendCpuRatControl;
-    expectInOrder(
-        {FIELD(node), FIELD(res), FIELD(cpuRat), FIELD(policyNameLen), FIELD(policyName)});
+    using R = tCpuDefendCpuRatControl;
+    expectInOrder<R, &R::node, &R::res, &R::cpuRat, &R::policyNameLen, &R::policyName>();
+}
+
+TEST(RecordLayout, Source)
+{
+    using R = tCpuDefendSrcTraceEntry;
+    expectInOrder<R, &R::node, &R::ifUnit, &R::srcIp, &R::dstIp, &R::pktType, &R::sysId, &R::slotId,
+                  &R::res, &R::srcMac, &R::outerVlan, &R::innerVlan, &R::pktData, &R::totalNum>();
 }

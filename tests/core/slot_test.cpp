@@ -61,28 +61,6 @@ protected:
     }
 };
 
-TEST_F(SlotTable, FieldsStandInTheirOrder)
-{
-    using Slot = tCpuDefendSlotEntry;
-    const size_t offsets[] = {offsetof(Slot, node),
-                              offsetof(Slot, policyName),
-                              offsetof(Slot, policyNameLen),
-                              offsetof(Slot, sysId),
-                              offsetof(Slot, slotId),
-                              offsetof(Slot, selectedPosition),
-                              offsetof(Slot, policyMode),
-                              offsetof(Slot, res),
-                              offsetof(Slot, cpuRatControlTimer),
-                              offsetof(Slot, cpuRatControl),
-                              offsetof(Slot, policyEntry)};
-    EXPECT_TRUE(std::is_sorted(std::begin(offsets), std::end(offsets)));
-    using Level = tCpuDefendCpuRatControl;
-    EXPECT_EQ(offsetof(Level, res), sizeof(list_head));
-    EXPECT_EQ(offsetof(Level, cpuRat), sizeof(list_head) + 2);
-    EXPECT_EQ(offsetof(Level, policyNameLen), sizeof(list_head) + 3);
-    EXPECT_EQ(offsetof(Level, policyName), sizeof(list_head) + 4);
-}
-
 /* ---- Get and Add -------------------------------------------------------------------------- */
 
 TEST_F(SlotTable, RecordsStandInTheOrderOfCreation)
@@ -92,43 +70,6 @@ TEST_F(SlotTable, RecordsStandInTheOrderOfCreation)
     cpuDefendSlotEntryAdd(1, 9);
     cpuDefendSlotEntryAdd(0, 1);
     EXPECT_EQ(listed(), (std::vector<std::string>{"1/5", "1/2", "1/9", "0/1"}));
-}
-
-TEST_F(SlotTable, RecordAddedAgainGoesToTheTail)
-{
-    tCpuDefendSlotEntry *first = cpuDefendSlotEntryAdd(1, 1);
-    cpuDefendSlotEntryAdd(1, 2);
-    cpuDefendSlotEntryDel(first);
-    EXPECT_EQ(cpuDefendSlotEntryAdd(1, 1), first);
-    EXPECT_EQ(listed(), (std::vector<std::string>{"1/2", "1/1"}));
-}
-
-TEST_F(SlotTable, FirstRecordHandedOutIsTheLastOfTheArray)
-{
-    EXPECT_EQ(cpuDefendSlotEntryAdd(1, 1), &gCpuDefend.slotTable[3]);
-    EXPECT_EQ(cpuDefendSlotEntryAdd(1, 2), &gCpuDefend.slotTable[2]);
-}
-
-TEST_F(SlotTable, AddCountsAndMakesNoHardwareCall)
-{
-    ASSERT_EQ(gCpuDefend.useSlotNum, 0u);
-    const tCpuDefendSlotEntry *slot = cpuDefendSlotEntryAdd(7, 8);
-    EXPECT_EQ(slot->sysId, 7);
-    EXPECT_EQ(slot->slotId, 8);
-    EXPECT_EQ(gCpuDefend.useSlotNum, 1u);
-    EXPECT_EQ(length(gCpuDefend.slotFreeList), 3u);
-    EXPECT_TRUE(scripted::calls.empty());
-    EXPECT_EQ(seam::semTakes, 0);
-}
-
-TEST_F(SlotTable, GetComparesBothNumbers)
-{
-    tCpuDefendSlotEntry *a = cpuDefendSlotEntryAdd(1, 5);
-    tCpuDefendSlotEntry *b = cpuDefendSlotEntryAdd(5, 1);
-    EXPECT_EQ(cpuDefendSlotEntryGet(1, 5), a);
-    EXPECT_EQ(cpuDefendSlotEntryGet(5, 1), b);
-    EXPECT_EQ(cpuDefendSlotEntryGet(1, 1), nullptr);
-    EXPECT_EQ(cpuDefendSlotEntryGet(5, 5), nullptr);
 }
 
 TEST_F(SlotTable, SameNumbersTwiceAreTwoRecordsAndTheFirstIsFound)
@@ -153,13 +94,6 @@ TEST_F(SlotTable, NumbersAbove255AreCutAndNeverFoundAgain)
     EXPECT_EQ(cpuDefendSlotEntryGet(2, 0xFFFFFF07), nullptr);
     EXPECT_EQ(cpuDefendSlotEntryGet(1, 5), system); // by what is stored
     EXPECT_EQ(cpuDefendSlotEntryGet(2, 7), slot);
-}
-
-TEST_F(SlotTable, Number255IsFound)
-{
-    const tCpuDefendSlotEntry *slot = cpuDefendSlotEntryAdd(255, 255);
-    EXPECT_EQ(cpuDefendSlotEntryGet(255, 255), slot);
-    EXPECT_EQ(cpuDefendSlotEntryGet(511, 255), nullptr);
 }
 
 TEST_F(SlotTable, AddBeyondThePoolGivesNothingAndSaysSoOnlyInDebug)
@@ -194,17 +128,6 @@ TEST_F(SlotTable, AddArmsTheSamplingTimer)
 
 /* ---- Del ---------------------------------------------------------------------------------- */
 
-TEST_F(SlotTable, DelWithoutPolicyMakesNoHardwareCall)
-{
-    tCpuDefendSlotEntry *slot = cpuDefendSlotEntryAdd(1, 5);
-    scripted::script.failAll[Call::AclDel] = 9;
-    EXPECT_EQ(cpuDefendSlotEntryDel(slot), 0);
-    EXPECT_TRUE(scripted::calls.empty());
-    EXPECT_EQ(cpuDefendSlotEntryGet(1, 5), nullptr);
-    EXPECT_EQ(gCpuDefend.useSlotNum, 0u);
-    EXPECT_EQ(length(gCpuDefend.slotFreeList), 4u);
-}
-
 TEST_F(SlotTable, DelRemovesTheFixedPolicyFromTheSlot)
 {
     tCpuDefendSlotEntry *slot = addBound(CPUDEFEND_FIXED, 2);
@@ -215,14 +138,6 @@ TEST_F(SlotTable, DelRemovesTheFixedPolicyFromTheSlot)
     expectUnbound(slot);
     EXPECT_EQ(firstFree(), slot);
     EXPECT_EQ(seam::semTakes, 0);
-}
-
-TEST_F(SlotTable, AnyModeButCpuRateControlIsFixedToDel)
-{
-    for (uint8_t mode : {2, 3, 255}) {
-        cpuDefendSlotEntryDel(addBound(mode, 2));
-        EXPECT_EQ(nextTrail(), "-f@1/5") << +mode;
-    }
 }
 
 TEST_F(SlotTable, DelInCpuRateModeRemovesTheSelectedLevel)
@@ -270,15 +185,6 @@ TEST_F(SlotTable, FailingRemovalFreesTheRecordButLeavesTheBinding)
     expectBoundTo(slot, "f", findPolicy("f"));
 }
 
-TEST_F(SlotTable, FailingRemovalOfALevelLeavesTheBindingToo)
-{
-    tCpuDefendSlotEntry *slot = addBound(CPUDEFEND_CPURAT_CONTROL, 1);
-    scripted::script.failAll[Call::AclDel] = -4;
-    EXPECT_EQ(cpuDefendSlotEntryDel(slot), -4);
-    expectBoundTo(slot, "f", findPolicy("f"));
-    EXPECT_EQ(gCpuDefend.useSlotNum, 0u);
-}
-
 TEST_F(SlotTable, DelGoesByTheNameAndNeverFollowsARecordOfADestroyedPolicy)
 {
     tCpuDefendSlotEntry *slot = addBound(CPUDEFEND_FIXED, 0);
@@ -287,16 +193,6 @@ TEST_F(SlotTable, DelGoesByTheNameAndNeverFollowsARecordOfADestroyedPolicy)
     EXPECT_EQ(cpuDefendSlotEntryDel(slot), CPUDEFEND_ENONAME);
     EXPECT_EQ(trail(), "");
     expectBoundTo(slot, "f", policy);
-}
-
-TEST_F(SlotTable, DelOnTheSlaveClearsTheBindingAndProgramsNothing)
-{
-    tCpuDefendSlotEntry *slot = addBound(CPUDEFEND_FIXED, 0);
-    scripted::script.slave = true;
-    EXPECT_EQ(cpuDefendSlotEntryDel(slot), 0);
-    EXPECT_EQ(trail(), "");
-    EXPECT_EQ(findPolicy("f")->refCount, 0u);
-    expectUnbound(slot);
 }
 
 /* ---- Reuse -------------------------------------------------------------------------------- */
@@ -317,16 +213,6 @@ TEST_F(SlotTable, DeletedRecordKeepsItsModeLevelsAndSelectedPosition)
     EXPECT_EQ(image(slot->cpuRatControl), levels);
 }
 
-TEST_F(SlotTable, LastRecordReleasedIsTheNextHandedOut)
-{
-    tCpuDefendSlotEntry *a = cpuDefendSlotEntryAdd(1, 1);
-    tCpuDefendSlotEntry *b = cpuDefendSlotEntryAdd(1, 2);
-    cpuDefendSlotEntryDel(b);
-    cpuDefendSlotEntryDel(a);
-    EXPECT_EQ(cpuDefendSlotEntryAdd(1, 3), a);
-    EXPECT_EQ(cpuDefendSlotEntryAdd(1, 4), b);
-}
-
 TEST_F(SlotTable, TimerOfADeletedRecordRunsOnAndDoesNothing)
 {
     tCpuDefendSlotEntry *slot = addBound(CPUDEFEND_FIXED, 0);
@@ -341,26 +227,4 @@ TEST_F(SlotTable, TimerOfADeletedRecordRunsOnAndDoesNothing)
     EXPECT_TRUE(scripted::calls.empty());
     EXPECT_EQ(image(slot->cpuRatControl), released);
     EXPECT_EQ(slot->selectedPosition, 0);
-}
-
-TEST_F(SlotTable, RecordDeletedInCpuRateModeIsStillSwitched)
-{
-    tCpuDefendSlotEntry *slot = addBound(CPUDEFEND_CPURAT_CONTROL, 1);
-    cpuDefendSlotEntryDel(slot);
-    scripted::calls.clear();
-    scripted::script.cpu[0] = {50};
-    advance(500);
-    EXPECT_EQ(trail(), "-a@1/5 +c@1/5 sync(1/5=3)");
-    EXPECT_EQ(slot->selectedPosition, 3);
-}
-
-TEST_F(SlotTable, NextAddArmsTheSameTimerAnew)
-{
-    tCpuDefendSlotEntry *slot = cpuDefendSlotEntryAdd(1, 5);
-    cpuDefendSlotEntryDel(slot);
-    advance(300);
-    EXPECT_EQ(timerListNextTimeout(&gCpuDefend.timerList), 200);
-    ASSERT_EQ(cpuDefendSlotEntryAdd(1, 6), slot);
-    EXPECT_EQ(timerListNextTimeout(&gCpuDefend.timerList), 500);
-    EXPECT_EQ(length(gCpuDefend.timerList), 1u);
 }

@@ -26,20 +26,6 @@ protected:
     }
 };
 
-TEST_F(SrcTraceTimer, WindowClosesEvery100Milliseconds)
-{
-    tCpuDefendPolicyEntry *policy = addPolicy("p");
-    ASSERT_EQ(trace("p", 1), 0);
-    EXPECT_EQ(timerListNextTimeout(&gCpuDefend.timerList), 100);
-    for (int window = 0; window < 3; window++) {
-        count(policy);
-        advance(99);
-        EXPECT_FALSE(closed(policy));
-        advance(1);
-        EXPECT_TRUE(closed(policy));
-    }
-}
-
 TEST_F(SrcTraceTimer, WindowCountersAreZeroedAndTotalsKept)
 {
     tCpuDefendPolicyEntry *policy = addPolicy("p");
@@ -54,29 +40,6 @@ TEST_F(SrcTraceTimer, WindowCountersAreZeroedAndTotalsKept)
         EXPECT_EQ(entry->pktSrcTraceTotalNum, 7u);
         EXPECT_EQ(entry->timePre, 8u);
     }
-}
-
-TEST_F(SrcTraceTimer, OtherPoliciesKeepTheirCounts)
-{
-    addPolicy("p");
-    tCpuDefendPolicyEntry *other = addPolicy("q");
-    trace("p", 1);
-    count(other);
-    advance(100);
-    EXPECT_FALSE(closed(other));
-}
-
-TEST_F(SrcTraceTimer, HandlerArmsItself)
-{
-    tCpuDefendPolicyEntry *policy = addPolicy("p");
-    count(policy);
-    cpuDefendsrcTraceTimeOut(policy);
-    EXPECT_TRUE(closed(policy));
-    EXPECT_EQ(gCpuDefend.timerList.next, &policy->srcTraceTimer.link);
-    EXPECT_EQ(timerListNextTimeout(&gCpuDefend.timerList), 100);
-    count(policy);
-    advance(100);
-    EXPECT_TRUE(closed(policy));
 }
 
 TEST_F(SrcTraceTimer, AnyOtherValueStopsIt)
@@ -134,20 +97,6 @@ TEST_F(SrcTraceTimer, DestroyedPolicyStopsItsTimer)
     EXPECT_TRUE(closed(after));
     EXPECT_EQ(length(gCpuDefend.timerList), 2u);
     EXPECT_EQ(image(*policy), cleared); // nobody wrote to it
-}
-
-TEST_F(SrcTraceTimer, NextOwnerOfTheRecordArmsItAnew)
-{
-    tCpuDefendPolicyEntry *policy = addPolicy("p");
-    trace("p", 1);
-    ASSERT_EQ(cpuDefendPolicyEntryDel(policy), 0);
-    ASSERT_EQ(addPolicy("q"), policy);
-    advance(1000);
-    EXPECT_TRUE(list_empty(&gCpuDefend.timerList));
-    EXPECT_EQ(trace("q", 1), 0);
-    count(policy);
-    advance(100);
-    EXPECT_TRUE(closed(policy));
 }
 
 TEST_F(SrcTraceTimer, WindowSkipsEntriesLeftOverFromAnEarlierOwner)

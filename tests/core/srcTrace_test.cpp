@@ -66,25 +66,6 @@ protected:
     }
 };
 
-TEST_F(SrcTraceTable, FieldsStandInTheirOrder)
-{
-    using Trace = tCpuDefendSrcTraceEntry;
-    const size_t key = sizeof(avl_node_t);
-    EXPECT_EQ(offsetof(Trace, node), 0u);
-    EXPECT_EQ(offsetof(Trace, ifUnit), key);
-    EXPECT_EQ(offsetof(Trace, srcIp), key + 4);
-    EXPECT_EQ(offsetof(Trace, dstIp), key + 8);
-    EXPECT_EQ(offsetof(Trace, pktType), key + 12);
-    EXPECT_EQ(offsetof(Trace, sysId), key + 13);
-    EXPECT_EQ(offsetof(Trace, slotId), key + 14);
-    EXPECT_EQ(offsetof(Trace, res), key + 15);
-    EXPECT_EQ(offsetof(Trace, srcMac), key + 18);
-    EXPECT_EQ(offsetof(Trace, outerVlan), key + 24);
-    EXPECT_EQ(offsetof(Trace, innerVlan), key + 26);
-    EXPECT_EQ(offsetof(Trace, pktData), key + 28);
-    EXPECT_EQ(offsetof(Trace, totalNum), key + 108);
-}
-
 /* ---- Order -------------------------------------------------------------------------------- */
 
 TEST_F(SrcTraceTable, KeysAreComparedInTurn)
@@ -150,26 +131,6 @@ TEST_F(SrcTraceTable, WhatIsNoKeyIsNotCompared)
     EXPECT_EQ(cpuDefendSrcTraceCmp(&b, &a), 0);
 }
 
-TEST_F(SrcTraceTable, WalkIsByUnitAddressTypeAndMac)
-{
-    const Key sorted[] = {
-        {1, {10, 0, 0, 9}, 9, mac0},
-        {2, {9, 0, 0, 200}, 14, mac0},
-        {2, {10, 0, 0, 1}, 1, {2, 0, 0, 0, 0, 1}},
-        {2, {10, 0, 0, 1}, 1, {2, 0, 0, 0, 0, 200}},
-        {2, {10, 0, 0, 1}, 12, {1, 0, 0, 0, 0, 0}},
-        {2, {200, 0, 0, 1}, 0, mac0},
-        {3, {0, 0, 0, 0}, 0, mac0},
-        {300, {0, 0, 0, 0}, 0, mac0},
-    };
-    for (size_t i : {5u, 2u, 7u, 0u, 3u, 6u, 1u, 4u})
-        ASSERT_NE(add(sorted[i]), nullptr);
-    const auto found = listed();
-    ASSERT_EQ(found.size(), std::size(sorted));
-    for (size_t i = 0; i < found.size(); i++)
-        EXPECT_EQ(found[i], get(sorted[i])) << i;
-}
-
 // Units that go round in a circle have no order at all: whatever is found or not, the table holds.
 TEST_F(SrcTraceTable, UnitsInACircleNeverBreakTheTable)
 {
@@ -207,12 +168,6 @@ TEST_F(SrcTraceTable, NewEntryHasItsKeysAndIsZeroOtherwise)
     EXPECT_EQ(seam::semTakes, 0);
 }
 
-TEST_F(SrcTraceTable, FirstEntryHandedOutIsTheLastOfTheArray)
-{
-    EXPECT_EQ(add({}), &gCpuDefend.srcTraceTable[7]);
-    EXPECT_EQ(add({.ifUnit = 1}), &gCpuDefend.srcTraceTable[6]);
-}
-
 TEST_F(SrcTraceTable, GetNeedsEveryKey)
 {
     const tCpuDefendSrcTraceEntry *entry = add({});
@@ -238,16 +193,6 @@ TEST_F(SrcTraceTable, KeyThatExistsGivesTheSameEntryUnchanged)
     EXPECT_EQ(gCpuDefend.useSrcTraceNum, 1u);
 }
 
-TEST_F(SrcTraceTable, EntriesThatDifferOnlyInDestinationOrVlanAreOne)
-{
-    tCpuDefendSrcTraceEntry *entry = add({});
-    entry->outerVlan = 10;
-    entry->innerVlan = 20;
-    entry->dstIp[0] = 1;
-    EXPECT_EQ(add({}), entry);
-    EXPECT_EQ(listed().size(), 1u);
-}
-
 TEST_F(SrcTraceTable, TypeIsCutTo8Bits)
 {
     const tCpuDefendSrcTraceEntry *entry = add({.pktType = 0x10C});
@@ -257,27 +202,6 @@ TEST_F(SrcTraceTable, TypeIsCutTo8Bits)
     EXPECT_EQ(get({.pktType = 0xFFFFFF0C}), entry);
     EXPECT_EQ(add({.pktType = 12}), entry);
     EXPECT_EQ(gCpuDefend.useSrcTraceNum, 1u);
-}
-
-TEST_F(SrcTraceTable, FullPoolTakesNoNewSource)
-{
-    fill();
-    const std::string before(reinterpret_cast<const char *>(gCpuDefend.srcTraceTable),
-                             gCpuDefend.maxSrcTraceNum * sizeof(tCpuDefendSrcTraceEntry));
-    EXPECT_EQ(add({.ifUnit = 100}), nullptr);
-    EXPECT_EQ(memcmp(before.data(), gCpuDefend.srcTraceTable, before.size()), 0);
-    EXPECT_EQ(gCpuDefend.useSrcTraceNum, gCpuDefend.maxSrcTraceNum);
-    EXPECT_EQ(get({.ifUnit = 100}), nullptr);
-}
-
-TEST_F(SrcTraceTable, FullPoolStillGivesASourceThatItHas)
-{
-    fill();
-    gCpuDefend.cpuDefendDebug = 1;
-    CaptureStderr();
-    EXPECT_EQ(add({.ifUnit = 3}), get({.ifUnit = 3}));
-    EXPECT_EQ(GetCapturedStderr(), "");
-    EXPECT_NE(get({.ifUnit = 3}), nullptr);
 }
 
 TEST_F(SrcTraceTable, MessageOfAFullPoolNamesTheCarTable)
@@ -308,17 +232,6 @@ TEST_F(SrcTraceTable, EntryJustFreedIsTheOneThatTheNextSourceGets)
     }
 }
 
-TEST_F(SrcTraceTable, FreedEntriesAreReusedBeforeOthersTheLastOneFirst)
-{
-    tCpuDefendSrcTraceEntry *a = add({.ifUnit = 1}), *b = add({.ifUnit = 2});
-    cpuDefendSrcTraceEntryDel(a);
-    EXPECT_EQ(gCpuDefend.srcTraceFreeList.next, &a->freeNode);
-    cpuDefendSrcTraceEntryDel(b);
-    EXPECT_EQ(gCpuDefend.srcTraceFreeList.next, &b->freeNode);
-    EXPECT_EQ(add({.ifUnit = 3}), b);
-    EXPECT_EQ(add({.ifUnit = 4}), a);
-}
-
 TEST_F(SrcTraceTable, FreedEntryIsZeroBehindItsLink)
 {
     fill();
@@ -333,21 +246,4 @@ TEST_F(SrcTraceTable, FreedEntryIsZeroBehindItsLink)
     EXPECT_EQ(bytes.find_first_not_of('\0', sizeof(list_head)), std::string::npos);
     EXPECT_EQ(gCpuDefend.srcTraceFreeList.next, &entry->freeNode);
     EXPECT_EQ(get({.ifUnit = 4}), nullptr);
-}
-
-TEST_F(SrcTraceTable, WalkThatDeletesTakesTheSuccessorFirst)
-{
-    fill();
-    void *next = nullptr;
-    for (void *at = avl_first(&gCpuDefend.srcTraceList); at; at = next) {
-        next = avl_next(&gCpuDefend.srcTraceList, at);
-        auto *entry = static_cast<tCpuDefendSrcTraceEntry *>(at);
-        if (entry->ifUnit % 2 == 0)
-            cpuDefendSrcTraceEntryDel(entry);
-    }
-    std::vector<uint32_t> units;
-    for (const tCpuDefendSrcTraceEntry *entry : listed())
-        units.push_back(entry->ifUnit);
-    EXPECT_EQ(units, (std::vector<uint32_t>{1, 3, 5, 7}));
-    EXPECT_EQ(gCpuDefend.useSrcTraceNum, 4u);
 }

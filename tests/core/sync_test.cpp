@@ -89,14 +89,6 @@ TEST_F(Sync, SystemRecordHasNumbersZero)
     EXPECT_EQ(image(buf), record(0, 0, 3));
 }
 
-TEST_F(Sync, RecordCarriesThePositionGivenNotTheSlots)
-{
-    const tCpuDefendSlotEntry *slot = addAt(1, 5, 1);
-    unsigned char buf[12];
-    cpuDefendSyncData(slot, buf, 3);
-    EXPECT_EQ(image(buf), record(1, 5, 3));
-}
-
 /* ---- Sending everything -----------------------------------------------------------------------
  */
 
@@ -114,35 +106,6 @@ TEST_F(Sync, BulkSendsTheSystemThenTheSlotsInTheOrderOfCreation)
     EXPECT_EQ(cpuDefendSyncSend(1, 0), 0);
     EXPECT_EQ(sent(0x80000001), std::vector<std::string>{record(0, 0, 2) + record(1, 5, 3) +
                                                          record(1, 2, 0) + record(0, 9, 255)});
-}
-
-TEST_F(Sync, BulkAddsTheOctetsFlagToTheFlagGiven)
-{
-    for (uint32_t flag : {0u, 1u, 0x80000002u, 0xFFFFFFFFu}) {
-        scripted::calls.clear();
-        cpuDefendSyncSend(flag, 0);
-        EXPECT_EQ(sent(flag | 0x80000000).size(), 1u);
-    }
-}
-
-TEST_F(Sync, BulkDoesNotLookAtItsSecondArgument)
-{
-    addAt(1, 5, 3);
-    std::vector<std::vector<std::string>> results;
-    for (uint32_t isDss : {0u, 1u, 0xFFFFFFFFu}) {
-        scripted::calls.clear();
-        cpuDefendSyncSend(3, isDss);
-        results.push_back(texts(scripted::calls));
-    }
-    EXPECT_EQ(results[0], results[1]);
-    EXPECT_EQ(results[0], results[2]);
-}
-
-TEST_F(Sync, BulkIsSentWhateverTheRole)
-{
-    scripted::script.slave = true;
-    cpuDefendSyncSend(3, 0);
-    EXPECT_EQ(sent(0x80000003).size(), 1u); // and nobody was asked
 }
 
 TEST_F(Sync, BulkIsSplitWhereARecordDoesNotFitInto2048Bytes)
@@ -201,13 +164,6 @@ TEST_F(Sync, MasterSendsOneSlot)
     EXPECT_EQ(sent(0x80000003), std::vector<std::string>{record(1, 5, 3)});
 }
 
-TEST_F(Sync, MasterSendsTheSystemForNull)
-{
-    EXPECT_EQ(cpuDefendSlotSyncSend(nullptr), 0);
-    EXPECT_EQ(trail(), "sync(sys=2)");
-    EXPECT_EQ(scripted::calls.back().octets, record(0, 0, 2));
-}
-
 TEST_F(Sync, OnlyTheMasterSendsOne)
 {
     const tCpuDefendSlotEntry *slot = addAt(1, 5, 3);
@@ -234,16 +190,6 @@ TEST_F(Sync, RecordsAreAppliedToTheSystemAndTheSlots)
     EXPECT_EQ(b->selectedPosition, 3);
     EXPECT_TRUE(scripted::calls.empty()); // nothing is programmed by it
     EXPECT_EQ(seam::semTakes, 0);
-}
-
-TEST_F(Sync, NothingElseOfASlotIsTouched)
-{
-    tCpuDefendSlotEntry *slot = addAt(1, 5, 0);
-    setLevels(slot->cpuRatControl, {30, 60, 90});
-    std::string expected = image(*slot);
-    expected[offsetof(tCpuDefendSlotEntry, selectedPosition)] = 3;
-    EXPECT_EQ(receive(record(1, 5, 3)), 0);
-    EXPECT_EQ(image(*slot), expected);
 }
 
 TEST_F(Sync, NullBufferIsRefused)
@@ -311,35 +257,6 @@ TEST_F(Sync, NumbersZeroAreTheSystemNeverASlot)
     EXPECT_EQ(five->selectedPosition, 2);
     EXPECT_EQ(one->selectedPosition, 0);
     EXPECT_EQ(gCpuDefend.selectedPosition, 3);
-}
-
-TEST_F(Sync, FirstOfTwoSlotsWithTheSameNumbersGetsThePosition)
-{
-    const tCpuDefendSlotEntry *first = addAt(1, 5, 0), *second = addAt(1, 5, 0);
-    receive(record(1, 5, 3));
-    EXPECT_EQ(first->selectedPosition, 3);
-    EXPECT_EQ(second->selectedPosition, 0);
-}
-
-TEST_F(Sync, WhatIsSentIsWhatArrives)
-{
-    restartWithSlots(300);
-    cpuDefendSyncSend(3, 0);
-    const std::vector<std::string> buffers = sent(0x80000003);
-    std::vector<uint8_t> before;
-    list_for_each_entry(tCpuDefendSlotEntry, slot, &gCpuDefend.slotList, node)
-    {
-        before.push_back(slot->selectedPosition);
-        slot->selectedPosition = 77;
-    }
-    gCpuDefend.selectedPosition = 77;
-    for (const std::string &buffer : buffers)
-        EXPECT_EQ(receive(buffer), 0);
-    std::vector<uint8_t> after;
-    list_for_each_entry(tCpuDefendSlotEntry, slot, &gCpuDefend.slotList, node)
-        after.push_back(slot->selectedPosition);
-    EXPECT_EQ(after, before);
-    EXPECT_EQ(gCpuDefend.selectedPosition, 9);
 }
 
 // Positions from outside are believed: none may reach past the three levels.

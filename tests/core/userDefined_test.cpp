@@ -21,19 +21,6 @@ TEST_F(UserDefinedTable, RulesOfAPolicyAreOrderedByIndex)
     EXPECT_EQ(gCpuDefend.useUserDefinedNum, 3u);
 }
 
-TEST_F(UserDefinedTable, GlobalListIsOrderedByNameLengthFirst)
-{
-    for (const char *name : {"aa", "b", "ab"})
-        addPolicy(name);
-    addRule("default", 1);
-    addRule("ab", 1);
-    addRule("aa", 2);
-    addRule("aa", 1);
-    addRule("b", 9);
-    EXPECT_EQ(keys(rules()),
-              (std::vector<std::string>{"b/9", "aa/1", "aa/2", "ab/1", "default/1"}));
-}
-
 TEST_F(UserDefinedTable, DuplicateGoesAfterItsEqualsInBothListsAndGetReturnsTheOlder)
 {
     tCpuDefendPolicyEntry *policy = addPolicy("p");
@@ -58,26 +45,6 @@ TEST_F(UserDefinedTable, GetNeedsNameLengthAndIndex)
     EXPECT_EQ(findRule("ppp", 4), nullptr);
     EXPECT_EQ(findRule("pp", 256 + 4), nullptr); // the stored index is one byte
     EXPECT_EQ(findRule(std::string(33, 'p'), 4), nullptr);
-}
-
-TEST_F(UserDefinedTable, IndexIsCutTo8Bits)
-{
-    addPolicy("p");
-    EXPECT_EQ(addRule("p", 0x102)->index, 2);
-}
-
-TEST_F(UserDefinedTable, NewRuleOfAFreshRecordIsEmpty)
-{
-    tCpuDefendPolicyEntry *policy = addPolicy("p");
-    const tCpuDefendUserDefinedEntry *rule = addRule("p", 7);
-    EXPECT_EQ(rule->index, 7);
-    EXPECT_EQ(rule->status, 1);
-    EXPECT_EQ(rule->policyEntry, policy);
-    EXPECT_EQ(rule->deny, 0);
-    EXPECT_EQ(rule->ip4Acl, 0);
-    EXPECT_EQ(rule->ip6Acl, 0);
-    EXPECT_EQ(rule->cir, 0u);
-    EXPECT_EQ(rule->cbs, 0u);
 }
 
 TEST_F(UserDefinedTable, ReusedRecordKeepsItsUnsetFields)
@@ -105,31 +72,6 @@ TEST_F(UserDefinedTable, ReusedRecordKeepsItsUnsetFields)
     EXPECT_EQ(rule->cbs, 9000u);
 }
 
-TEST_F(UserDefinedTable, DeleteRaisesTheCountInUse)
-{
-    tCpuDefendPolicyEntry *policy = addPolicy("p");
-    addRule("p", 1);
-    const uint32_t before = gCpuDefend.useUserDefinedNum;
-    EXPECT_EQ(cpuDefendUserDefinedEntryDel(addRule("p", 2)), 0);
-    EXPECT_EQ(gCpuDefend.useUserDefinedNum, before + 2);
-    EXPECT_EQ(policy->userDefinedNum, 1u);
-}
-
-TEST_F(UserDefinedTable, DeletedRuleIsOnNoListButTheFreeOne)
-{
-    tCpuDefendPolicyEntry *policy = addPolicy("p");
-    tCpuDefendUserDefinedEntry *first = addRule("p", 1);
-    tCpuDefendUserDefinedEntry *rule = addRule("p", 2);
-    tCpuDefendUserDefinedEntry *third = addRule("p", 3);
-    ASSERT_EQ(cpuDefendUserDefinedEntryDel(rule), 0);
-    const std::vector<tCpuDefendUserDefinedEntry *> expected{first, third};
-    EXPECT_EQ(rules(policy), expected);
-    EXPECT_EQ(rules(), expected);
-    EXPECT_EQ(rule->policyNode.next, &rule->policyNode);
-    EXPECT_EQ(rule->policyNode.prev, &rule->policyNode);
-    EXPECT_EQ(gCpuDefend.userDefinedFreeList.next, &rule->node);
-}
-
 TEST_F(UserDefinedTable, DeleteWithoutAPolicyIsRefused)
 {
     tCpuDefendUserDefinedEntry stray{};
@@ -137,15 +79,6 @@ TEST_F(UserDefinedTable, DeleteWithoutAPolicyIsRefused)
     EXPECT_EQ(cpuDefendUserDefinedEntryDel(&stray), -1);
     EXPECT_EQ(gCpuDefend.useUserDefinedNum, 0u);
     EXPECT_EQ(length(gCpuDefend.userDefinedFreeList), before);
-}
-
-TEST_F(UserDefinedTable, OnlyThePoolBoundsTheRulesOfAPolicy)
-{
-    tCpuDefendPolicyEntry *policy = addPolicy("p");
-    for (uint32_t i = 0; i < 64; i++)
-        ASSERT_NE(addRule("p", i), nullptr) << i;
-    EXPECT_EQ(policy->userDefinedNum, 64u);
-    EXPECT_TRUE(list_empty(&gCpuDefend.userDefinedFreeList));
 }
 
 /* ---- Failures ------------------------------------------------------------------------- */
@@ -169,22 +102,6 @@ TEST_F(UserDefinedTable, AddToAFullPoolChangesNothing)
     EXPECT_EQ(gCpuDefend.useUserDefinedNum, 64u);
     EXPECT_EQ(findPolicy("default")->userDefinedNum, 64u);
     EXPECT_EQ(rules().size(), 64u);
-}
-
-TEST_F(UserDefinedTable, UnknownPolicyIsNoticedBeforeTheFullPool)
-{
-    for (uint32_t i = 0; i < 64; i++)
-        addRule("default", i);
-    int32_t ret = 0;
-    EXPECT_EQ(cpuDefendUserDefinedEntryAdd(bytes("nobody"), 6, 1, &ret), nullptr);
-    EXPECT_EQ(ret, 0x03E80008);
-}
-
-TEST_F(UserDefinedTable, SuccessLeavesTheCodeUntouched)
-{
-    int32_t ret = 12345;
-    EXPECT_NE(cpuDefendUserDefinedEntryAdd(bytes("default"), 7, 1, &ret), nullptr);
-    EXPECT_EQ(ret, 12345);
 }
 
 TEST_F(UserDefinedTable, FailuresAreReportedWithDebuggingOnOnly)
@@ -223,16 +140,6 @@ TEST_F(UserDefinedTable, LeftoverRuleDeletedLaterSparesTheNextOwnerOfTheRecord)
     EXPECT_EQ(gCpuDefend.userDefinedFreeList.next, &leftover->node);
 }
 
-TEST_F(UserDefinedTable, LeftoverRuleIsDeletedWhileTheRecordIsFree)
-{
-    tCpuDefendPolicyEntry *record = addPolicy("old");
-    tCpuDefendUserDefinedEntry *leftover = addRule("old", 1);
-    ASSERT_EQ(cpuDefendPolicyEntryDel(record), 0);
-    EXPECT_EQ(cpuDefendUserDefinedEntryDel(leftover), 0);
-    EXPECT_EQ(record->userDefinedNum, 0u); // not below zero
-    EXPECT_TRUE(rules().empty());
-}
-
 TEST_F(UserDefinedTable, NextOwnerWithoutRulesKeepsItsCountAtZero)
 {
     tCpuDefendPolicyEntry *record = addPolicy("old");
@@ -242,17 +149,4 @@ TEST_F(UserDefinedTable, NextOwnerWithoutRulesKeepsItsCountAtZero)
     EXPECT_EQ(cpuDefendUserDefinedEntryDel(leftover), 0);
     EXPECT_EQ(record->userDefinedNum, 0u);
     EXPECT_TRUE(rules(record).empty());
-}
-
-TEST_F(UserDefinedTable, LeftoverRuleIsTheOlderOneUnderTheNextOwnersName)
-{
-    tCpuDefendPolicyEntry *record = addPolicy("old");
-    tCpuDefendUserDefinedEntry *leftover = addRule("old", 1);
-    ASSERT_EQ(cpuDefendPolicyEntryDel(record), 0);
-    EXPECT_EQ(findRule("old", 1), nullptr);
-    ASSERT_EQ(addPolicy("new"), record);
-    tCpuDefendUserDefinedEntry *own = addRule("new", 1);
-    EXPECT_EQ(findRule("new", 1), leftover);
-    EXPECT_EQ(cpuDefendUserDefinedEntryDel(leftover), 0);
-    EXPECT_EQ(findRule("new", 1), own);
 }
