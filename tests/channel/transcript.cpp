@@ -388,19 +388,29 @@ void malformedFrames(Conversation &c)
     c.say("the longest request", longest);
 }
 
-std::string hexLines(char direction, const Bytes &data)
+std::string hex(const Bytes &data, size_t from, size_t to)
 {
     static const char digits[] = "0123456789abcdef";
     std::string text;
-    for (size_t i = 0; i < data.size(); ++i) {
-        if (i % 32 == 0)
-            text += std::string(i ? "\n" : "") + direction;
-        if (i % 4 == 0)
-            text += ' ';
+    for (size_t i = from; i < to; ++i) {
         text += digits[data[i] >> 4];
         text += digits[data[i] & 15];
     }
-    return text + '\n';
+    return text;
+}
+
+/** Where a reply differs from what was sent, as "at:bytes". */
+std::string differences(const Bytes &sent, const Bytes &reply)
+{
+    std::string text;
+    for (size_t at = 0, end; at < sent.size(); at = end) {
+        const bool differs = sent[at] != reply[at];
+        for (end = at; end < sent.size() && (sent[end] != reply[end]) == differs;)
+            ++end;
+        if (differs)
+            text += (text.empty() ? "" : " ") + std::to_string(at) + ':' + hex(reply, at, end);
+    }
+    return text.empty() ? "as sent" : text;
 }
 
 } // namespace
@@ -429,9 +439,12 @@ std::vector<Exchange> conversation()
 
 std::string written(const Exchange &exchange, const Bytes &reply)
 {
-    return "# " + exchange.comment + '\n' +
-           (exchange.sent.empty() ? "> nothing\n" : hexLines('>', exchange.sent)) +
-           (reply.empty() ? "< closed\n" : hexLines('<', reply)) + '\n';
+    const std::string comment = exchange.comment + " | ";
+    if (reply.empty())
+        return comment + "closed";
+    if (reply.size() != exchange.sent.size())
+        return comment + "= " + hex(reply, 0, reply.size());
+    return comment + differences(exchange.sent, reply);
 }
 
 } // namespace channel

@@ -22,8 +22,8 @@ struct Exchange {
 std::vector<Exchange> conversation();
 
 /**
- * An exchange as text: the comment, the bytes sent (">") and those that came back ("<") in hex,
- * 32 to a line; "< closed" where none came back.
+ * An exchange on one line: the comment, and of the reply what is not as it was sent, each run of
+ * bytes behind its offset; all of a reply of another length; or "closed" where none came.
  */
 std::string written(const Exchange &exchange, const Bytes &reply);
 
