@@ -121,19 +121,6 @@ TEST(Chassis, RampsMoveTheSystemOnFixedSlotsAndTheOthersByTheirOwnLevels)
     }
 }
 
-TEST(Chassis, NothingIsHeldOnceEverythingIsUnbound)
-{
-    World world(8);
-    run(world, threeSlots + sixPolicies +
-                   Steps{{Op::BindSlot, S1, A}, {Op::BindSlot, S2, B}, {Op::BindSystem, CC}});
-    EXPECT_EQ(hardware.held.size(), 3u);
-    run(world, {{Op::BindSystem, EMPTY}, {Op::BindSlot, S1, EMPTY}, {Op::DeleteSlot, S2}});
-    for (const auto &[place, items] : hardware.held)
-        EXPECT_EQ(items.size(), 0u);
-    run(world, {{Op::DestroyPolicy, A}, {Op::DestroyPolicy, B}, {Op::DestroyPolicy, CC}});
-    EXPECT_EQ(gCpuDefend.usePolicyNum, 3u);
-}
-
 /* ---- Orders ---------------------------------------------------------------------------------- */
 
 /** Run @a steps in each of their orders, each time on a chassis prepared by @a before. */
@@ -163,18 +150,6 @@ static const Steps twoPolicies{{Op::CreatePolicy, A},
                                {Op::CreateRule, A, 1},
                                {Op::ConfigureRule, A * 4 + 1, 1, 2}};
 
-TEST(Chassis, SlotsAreBoundAndUnboundInEveryOrder)
-{
-    inEveryOrder(threeSlots + twoPolicies,
-                 {{Op::BindSlot, S1, A},
-                  {Op::BindSlot, S1, B},
-                  {Op::BindSlot, S1, EMPTY},
-                  {Op::BindSlot, S2, A},
-                  {Op::BindSlot, S2, EMPTY},
-                  {Op::DestroyPolicy, A}},
-                 true);
-}
-
 TEST(Chassis, TheSystemIsBoundAndSwitchedInEveryOrderWithoutSlots)
 {
     inEveryOrder(twoPolicies + systemLevels,
@@ -185,18 +160,6 @@ TEST(Chassis, TheSystemIsBoundAndSwitchedInEveryOrderWithoutSlots)
                   {Op::SystemLevel, 0, B},
                   tick},
                  true);
-}
-
-TEST(Chassis, SystemAndSlotsAreBoundInEveryOrder)
-{
-    inEveryOrder(threeSlots + twoPolicies,
-                 {{Op::BindSystem, A},
-                  {Op::BindSystem, EMPTY},
-                  {Op::BindSlot, S1, A},
-                  {Op::BindSlot, S1, EMPTY},
-                  {Op::SlotMode, S2, 1},
-                  {Op::DeleteSlot, S1}},
-                 false);
 }
 
 TEST(Chassis, SlotsComeAndGoInEveryOrderUnderABoundSystem)
@@ -394,19 +357,4 @@ TEST(Chassis, ASlotFollowsItsPolicyToAnotherRecord)
                 {Op::CreatePolicy, A}});
     EXPECT_EQ(cpuDefendSlotEntryGet(1, 1)->policyEntry,
               &gCpuDefend.policyTable[world.model.findPolicy("a")->record]);
-}
-
-TEST(Chassis, ASlotRecordInCpuRateModeGoesOnSwitchingWhileItIsFree)
-{
-    World world(8);
-    run(world, twoPolicies + Steps{{Op::AddSlot, S1},
-                                   {Op::SlotThreshold, S1, 0, T60},
-                                   {Op::SlotLevel, S1, 0, A},
-                                   {Op::SlotMode, S1, 1},
-                                   usage(U50),
-                                   {Op::DeleteSlot, S1},
-                                   tick});
-    EXPECT_EQ(world.model.findPolicy("a")->refCount, 1u);
-    run(world, {{Op::AddSlot, S2}});
-    EXPECT_EQ(cpuDefendSlotEntryGet(1, 2)->selectedPosition, 1);
 }

@@ -108,14 +108,6 @@ edge    dhcpsnoopip  cir                  512          1024        16000  permit
 )"));
 }
 
-TEST_F(CarTest, ListWithoutAPolicyListsThoseOfAll)
-{
-    const std::string all = ctlOutput({"car", "list"});
-    EXPECT_EQ(std::count(all.begin(), all.end(), '\n'), 21);
-    EXPECT_NE(all.find("\ndefault  arp "), std::string::npos);
-    EXPECT_NE(all.find("\nedge     arp "), std::string::npos);
-}
-
 TEST_F(CarTest, ListIsWholeAfterAPolicyWasDeleted)
 {
     expectDone({"policy", "add", "b"});
@@ -125,15 +117,6 @@ TEST_F(CarTest, ListIsWholeAfterAPolicyWasDeleted)
         const std::string listed = ctlOutput({"car", "list", policy});
         EXPECT_EQ(std::count(listed.begin(), listed.end(), '\n'), 11) << policy;
     }
-}
-
-TEST_F(CarTest, ALimitReachesTheHardwareWithTheBind)
-{
-    expectDone({"car", "set", "edge", "arp", "pps=200", "mode=pps"});
-    EXPECT_EQ(programmedArp(), "");
-    expectDone({"bind", "edge"});
-    EXPECT_EQ(programmedArp(), R"({"pktType":1,"cir":16,"cbs":6400,"pps":200,"queue":2,)"
-                               R"("priority":2,"op":11,"bit":32})");
 }
 
 TEST_F(CarTest, AModeReplacesThoseSetBefore)

@@ -122,14 +122,6 @@ TEST(Ctl, ADaemonThatHangsUpEndsWith3)
                   "without a reply");
 }
 
-TEST(Ctl, ARequestThatTheDaemonCannotReadEndsWith3)
-{
-    FakeDaemon daemon([](int fd, const Bytes &) { reply(fd, {}); });
-    expectFailure({"--socket", daemon.path(), "unbind"}, 3,
-                  "couldn't unbind the policy of the system: the daemon could not read the "
-                  "request");
-}
-
 TEST(Ctl, ADaemonThatIsSilentEndsWith3)
 {
     std::atomic<bool> done = false;

@@ -66,12 +66,6 @@ edge       200  deny          0    65535            16         6400
 )");
 }
 
-TEST_F(RuleTest, AnEmptyListIsEmpty)
-{
-    EXPECT_EQ(ctlOutput({"rule", "list"}), "");
-    EXPECT_EQ(ctlOutput({"rule", "list", "edge", "--json"}), "[]\n");
-}
-
 TEST_F(RuleTest, ANewRuleHasNothingOfTheLastOneInItsRecord)
 {
     expectDone(
@@ -93,16 +87,6 @@ TEST_F(RuleTest, ARuleReachesTheHardwareWithTheBind)
     EXPECT_EQ(journal("acl_cpudefend_add").size(), 2u);
     EXPECT_EQ(journal(R"("acl":2000,"action":11,"cir":64,"cbs":8000,"ebs":8000)").size(), 1u);
     EXPECT_EQ(journal(R"("acl":3000,"action":3,"cir":0,"cbs":0,"ebs":0)").size(), 1u);
-}
-
-TEST_F(RuleTest, SetChangesWhatIsNamed)
-{
-    expectDone({"rule", "add", "edge", "1", "ip4-acl=5", "action=deny"});
-    expectDone({"rule", "set", "edge", "1", "action=permit", "cir=7"});
-    EXPECT_EQ(ctlOutput({"rule", "list", "edge"}),
-              R"(policy  index  action  ip4-acl  ip6-acl  cir (kbit/s)  cbs (bytes)
-edge        1  permit        5        0             7         6400
-)");
 }
 
 TEST_F(RuleTest, TheRulesOfABoundPolicyCannotBeChanged)
@@ -137,14 +121,6 @@ TEST_F(RuleTest, MissingPoliciesAndRules)
         expectFailure({"rule", "del", policy, "1"}, 1,
                       "couldn't delete rule 1 of policy " + policy + ": " + reason);
     }
-}
-
-TEST_F(RuleTest, AnExistingRuleIsNotAddedAgain)
-{
-    expectDone({"rule", "add", "edge", "1", "cir=5"});
-    expectFailure({"rule", "add", "edge", "1", "cir=6"}, 1,
-                  "couldn't add rule 1 of policy edge: it exists already");
-    EXPECT_NE(ctlOutput({"rule", "show", "edge", "1"}).find("cir      5 "), std::string::npos);
 }
 
 TEST_F(RuleTest, RefusedIndexes)
@@ -199,13 +175,6 @@ TEST_F(RuleTest, ANewPolicyKeepsNoRuleOfADeletedOne)
     expectDone({"rule", "add", "core", "1", "ip4-acl=6"});
     expectDone({"bind", "core"});
     EXPECT_EQ(journal("acl_cpudefend_add").size(), 1u);
-}
-
-TEST_F(RuleTest, TheCountOfRulesGrowsWithEachDeletionToo)
-{
-    expectDone({"rule", "add", "edge", "1"});
-    expectDone({"rule", "del", "edge", "1"});
-    EXPECT_NE(ctlOutput({"show"}).find("rules         2 of 256\n"), std::string::npos);
 }
 
 TEST(Rule, AnExhaustedPoolIsSaid)

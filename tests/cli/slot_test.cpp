@@ -71,13 +71,6 @@ TEST_F(SlotTest, ListPassesOverASlotBehindAGreaterOneAndSaysSo)
     EXPECT_TRUE(ctlOutput({"slot", "show", "1/2"}).starts_with("slot          1/2\n"));
 }
 
-TEST_F(CtlTest, WithoutSlotsTheListIsEmpty)
-{
-    EXPECT_EQ(ctlOutput({"slot", "list"}), "");
-    EXPECT_EQ(ctlOutput({"slot", "list", "--json"}), "[]\n");
-    expectFailure({"slot", "show", "1/5"}, 1, "couldn't show slot 1/5: there is no such slot");
-}
-
 TEST_F(SlotTest, BindProgramsTheSlotAndUnbindRemoves)
 {
     expectDone({"policy", "add", "edge"});
@@ -93,15 +86,6 @@ TEST_F(SlotTest, BindProgramsTheSlotAndUnbindRemoves)
     EXPECT_EQ(journal("HW_SLOT_CPUDEFENDPKTCARDEL").size(), 20u);
     EXPECT_NE(ctlOutput({"slot", "show", "1/5"}).find("\npolicy        -\n"), std::string::npos);
     EXPECT_TRUE(ctlOutput({"show"}).starts_with("policy        -\n"));
-}
-
-TEST_F(SlotTest, ThePolicyOfTheSystemGoesToSlotsWithoutOneOfTheirOwn)
-{
-    expectDone({"policy", "add", "edge"});
-    expectDone({"bind", "edge", "--slot", "1/5"});
-    expectDone({"bind", "default"});
-    EXPECT_EQ(journal("HW_SLOT_CPUDEFENDPKTCARADD").size(), 30u);
-    EXPECT_TRUE(journal("HW_SYS_CPUDEFENDPKTCARADD").empty());
 }
 
 TEST_F(SlotTest, RefusedBindings)

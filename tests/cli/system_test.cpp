@@ -56,13 +56,6 @@ slots         0 of 10
 )");
 }
 
-TEST_F(CtlTest, NothingIsBoundAtFirst)
-{
-    EXPECT_TRUE(ctlOutput({"show"}).starts_with("policy        -\n"));
-    EXPECT_TRUE(ctlOutput({"show", "--json"}).starts_with("[\n  {\n    \"policy\": \"\",\n"));
-    expectDone({"unbind"});
-}
-
 TEST_F(CtlTest, BindProgramsAndUnbindRemoves)
 {
     expectDone({"policy", "add", "edge"});
@@ -74,16 +67,6 @@ TEST_F(CtlTest, BindProgramsAndUnbindRemoves)
     expectDone({"unbind"});
     EXPECT_EQ(journal("HW_SYS_CPUDEFENDPKTCARDEL").size(), 10u);
     EXPECT_TRUE(ctlOutput({"show"}).starts_with("policy        -\n"));
-}
-
-TEST_F(CtlTest, BindTakesThePlaceOfTheOneBefore)
-{
-    expectDone({"policy", "add", "edge"});
-    expectDone({"bind", "default"});
-    expectDone({"bind", "edge"});
-    EXPECT_EQ(journal("HW_SYS_CPUDEFENDPKTCARDEL").size(), 10u);
-    EXPECT_EQ(journal("HW_SYS_CPUDEFENDPKTCARADD").size(), 20u);
-    EXPECT_TRUE(ctlOutput({"show"}).starts_with("policy        edge\n"));
 }
 
 TEST_F(CtlTest, BindOfAMissingPolicyChangesNothing)

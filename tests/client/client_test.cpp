@@ -39,15 +39,6 @@ protected:
 
 } // namespace
 
-TEST_F(ClientTest, ANewDaemonHasTheDefaultPolicy)
-{
-    EXPECT_EQ(client.policyNames(), std::vector<std::string>{"default"});
-    EXPECT_TRUE(client.policyExists("default"));
-    EXPECT_FALSE(client.policyExists("edge"));
-    EXPECT_EQ(client.boundPolicy(), "");
-    EXPECT_EQ(client.get(GlobalIndex{}, CPUDEFEND_GLOBAL_MAXPOLICYNUM, 0), Value(32u));
-}
-
 TEST_F(ClientTest, PoliciesAreWalkedByName)
 {
     const std::string longest(CPUDEFEND_NAME_MAXLEN, 'z');
@@ -75,19 +66,6 @@ TEST_F(ClientTest, CarEntriesAreWalkedByLengthOfThePolicyName)
     EXPECT_EQ(all[10].index, (CarPktIndex{"default", 0}));
     EXPECT_EQ(all[19].values, (std::vector<Value>{512u, 0u}));
     EXPECT_EQ(codeOf([&] { client.carEntries(kIds, "c"); }), CPUDEFEND_ENONAME);
-}
-
-TEST_F(ClientTest, ASetIsReadBack)
-{
-    client.createPolicy("edge");
-    EXPECT_EQ(client.set(arp, CPUDEFEND_CARPKT_PPS, 200u), SetResult::Done);
-    EXPECT_EQ(number(arp, CPUDEFEND_CARPKT_PPS), 200u);
-    const PolicyIndex edge{"edge"};
-    client.set(edge, CPUDEFEND_POLICY_DESCRIPTION, std::string("the edge"));
-    EXPECT_EQ(client.get(edge, CPUDEFEND_POLICY_DESCRIPTION, 64), Value("the edge"));
-    client.set(edge, CPUDEFEND_POLICY_PRIORITY, std::string("\1\2\3"));
-    EXPECT_EQ(client.get(edge, attribute(policyAttributes(), CPUDEFEND_POLICY_PRIORITY)),
-              Value("\1\2\3"));
 }
 
 TEST_F(ClientTest, RulesAreMadeWalkedAndDestroyed)
@@ -126,18 +104,6 @@ TEST_F(ClientTest, ANameFills32BytesBothWays)
     EXPECT_EQ(client.boundPolicy(), longest);
 }
 
-TEST_F(ClientTest, BindAndUnbind)
-{
-    client.createPolicy("edge");
-    client.bind("edge");
-    EXPECT_EQ(client.boundPolicy(), "edge");
-    EXPECT_EQ(client.get(PolicyIndex{"edge"}, CPUDEFEND_POLICY_REFCOUNT, 0), Value(1u));
-    client.unbind();
-    EXPECT_EQ(client.boundPolicy(), "");
-    client.destroyPolicy("edge");
-    EXPECT_FALSE(client.policyExists("edge"));
-}
-
 TEST_F(ClientTest, ABoundPolicyStoresAndSaysSo)
 {
     client.createPolicy("edge");
@@ -163,13 +129,6 @@ TEST_F(ClientTest, RefusalsCarryTheirCode)
     client.bind("edge");
     EXPECT_EQ(codeOf([&] { client.set(arp, CPUDEFEND_CARPKT_PPS, 1u); }), CPUDEFEND_EBOUND);
     EXPECT_EQ(codeOf([&] { client.destroyPolicy("edge"); }), CPUDEFEND_EBOUND);
-}
-
-TEST_F(ClientTest, AValueOfTheWrongTypeIsRefused)
-{
-    const PolicyIndex index{"default"};
-    EXPECT_EQ(codeOf([&] { client.set(index, CPUDEFEND_POLICY_DESCRIPTION, 1u); }), CPUDEFEND_FAIL);
-    EXPECT_EQ(codeOf([&] { client.get(index, CPUDEFEND_POLICY_REFCOUNT, 16); }), CPUDEFEND_FAIL);
 }
 
 TEST_F(ClientTest, ANameLongerThan32BytesMakesTheRequestMalformed)

@@ -55,15 +55,6 @@ Failure failureOf(const Request &request, const Bytes &body)
 
 } // namespace
 
-TEST(Encoder, WritesIntegersMostSignificantByteFirst)
-{
-    Encoder out;
-    out.u8(0x01);
-    out.u16(0x0203);
-    out.u32(0xFFEEDDCC);
-    EXPECT_EQ(out.take(), (Bytes{0x01, 0x02, 0x03, 0xFF, 0xEE, 0xDD, 0xCC}));
-}
-
 TEST(Decoder, ReadsBackWhatTheEncoderWrote)
 {
     Encoder out;
@@ -118,12 +109,6 @@ TEST(Encode, RefusesWhatTheChannelCannotCarry)
     Request request = requestFor(CPUDEFEND_POLICY_SETAPI, PolicyIndex{"a"});
     request.value = std::string(CPUDEFEND_CMD_MAXLEN, 'x');
     EXPECT_THROW(encode(request), std::length_error);
-}
-
-TEST(Frame, PutsTheLengthInFront)
-{
-    EXPECT_EQ(frame(Bytes(258, 7)).size(), 262u);
-    EXPECT_EQ(frame({9, 8}), (Bytes{0, 0, 0, 2, 9, 8}));
 }
 
 TEST(Decode, AnswersStandWhereTheValueSectionWas)

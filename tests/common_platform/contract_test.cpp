@@ -235,14 +235,6 @@ TEST_F(Contract, SeveralFailuresWaitInAnyOrder)
         EXPECT_EQ(zynHwScalarSync(0, 8013, &number, 3), expected);
 }
 
-TEST_F(Contract, FailureIsCountedFromItsOrder)
-{
-    zynHwScalarSync(0, 8013, &number, 3);
-    ASSERT_EQ(contractFailAt(2, EIO), 0);
-    EXPECT_EQ(zynHwScalarSync(0, 8013, &number, 3), 0);
-    EXPECT_EQ(zynHwScalarSync(0, 8013, &number, 3), EIO);
-}
-
 TEST_F(Contract, WithdrawnFailuresDoNotComeTrue)
 {
     contractFailAt(1, EIO);

@@ -170,26 +170,6 @@ using LayerRefusal = Layer;
 
 /* ---- Changes -------------------------------------------------------------------------- */
 
-TEST_F(LayerChange, CallOutsideOfOneStandsByItself)
-{
-    carSet(true);
-    carSet(false);
-    systemSet();
-    aclSet(true);
-    aclSet(false);
-    EXPECT_EQ(trail, "+car@1/2 -car@1/2 +car +acl -acl");
-}
-
-TEST_F(LayerChange, CallsWithinOneAreTogether)
-{
-    zynHwChangeBegin();
-    carSet(true);
-    aclSet(true);
-    carSet(false);
-    zynHwChangeEnd();
-    EXPECT_EQ(trail, "( +car@1/2 +acl -car@1/2 )");
-}
-
 TEST_F(LayerChange, OutermostOneCounts)
 {
     zynHwChangeBegin();
@@ -378,22 +358,6 @@ TEST_F(LayerRefusal, IsSaidOnceHoweverOftenItIsAskedForAgain)
     }
 }
 
-TEST_F(LayerRefusal, IsSaidOfEachEntry)
-{
-    for (uint16_t number : {1, 2, 3})
-        EXPECT_NE(asked(ENOSPC, number), "");
-    answer = ENOSPC;
-    const auto on = [](const tSlotIndex &place, uint32_t op, uint32_t cir) {
-        return said([&] { acl_cpudefend_add(&place, 1, op, cir, 0, 0); });
-    };
-    EXPECT_NE(on({1, 2, 0}, ZYN_HW_OP_PERMIT, 5), "");
-    EXPECT_NE(on({1, 3, 0}, ZYN_HW_OP_PERMIT, 5), "");
-    EXPECT_NE(on({2, 2, 0}, ZYN_HW_OP_PERMIT, 5), "");
-    EXPECT_NE(on({1, 2, 0}, ZYN_HW_OP_PERMIT, 6), "");
-    EXPECT_NE(on({1, 2, 0}, ZYN_HW_OP_DENY, 0), "");
-    EXPECT_EQ(on({1, 2, 0}, ZYN_HW_OP_PERMIT, 5), "");
-}
-
 TEST_F(LayerRefusal, IsSaidAgainForAnotherReason)
 {
     EXPECT_EQ(asked(ENOSPC), lostForSpace);
@@ -438,13 +402,6 @@ TEST_F(LayerRefusal, TakenByAChangeThatFailsCountsNot)
     answer = EIO;
     EXPECT_EQ(zynHwChangeEnd(), EIO);
     EXPECT_EQ(asked(ENOSPC), "");
-}
-
-TEST_F(LayerRefusal, ManyAreAllRemembered)
-{
-    for (int round = 0; round < 2; round++)
-        for (uint16_t number = 1; number <= 2000; number++)
-            ASSERT_EQ(asked(ENOSPC, number) != "", round == 0) << number;
 }
 
 TEST_F(LayerRefusal, WhatWasWithdrawnLongAgoMakesRoom)

@@ -47,72 +47,6 @@ TEST_F(AclMultiset, AttachedAclIsKeptAsSent)
     EXPECT_EQ(zynMemoryAclNext(system, acl), nullptr);
 }
 
-TEST_F(AclMultiset, AclsStandInTheOrderOfAttachment)
-{
-    permit(&slotA, 3000);
-    acl_cpudefend_add(&slotA, 2000, ZYN_HW_OP_DENY, 0, 0, 0);
-    permit(&slotA, 2500);
-    EXPECT_EQ(numbers(&slotA), (Numbers{3000, 2000, 2500}));
-}
-
-TEST_F(AclMultiset, RemovalKeepsTheOrderOfTheOthers)
-{
-    permit(&slotA, 1);
-    permit(&slotA, 2);
-    permit(&slotA, 3);
-    ASSERT_EQ(unpermit(&slotA, 2), 0);
-    EXPECT_EQ(numbers(&slotA), (Numbers{1, 3}));
-    permit(&slotA, 2);
-    EXPECT_EQ(numbers(&slotA), (Numbers{1, 3, 2}));
-}
-
-TEST_F(AclMultiset, SameArgumentsTwiceAreTwoEntries)
-{
-    permit(&slotA, 1);
-    permit(&slotA, 1);
-    EXPECT_EQ(numbers(&slotA), (Numbers{1, 1}));
-    EXPECT_EQ(unpermit(&slotA, 1), 0);
-    EXPECT_EQ(unpermit(&slotA, 1), 0);
-    EXPECT_EQ(unpermit(&slotA, 1), ENOENT);
-}
-
-TEST_F(AclMultiset, RemovalTakesTheNewestOfEqualEntries)
-{
-    permit(&slotA, 1);
-    permit(&slotA, 2);
-    permit(&slotA, 1);
-    ASSERT_EQ(unpermit(&slotA, 1), 0);
-    EXPECT_EQ(numbers(&slotA), (Numbers{1, 2}));
-}
-
-TEST_F(AclMultiset, RemovingWhatIsNotThereChangesNothingAndFails)
-{
-    permit(&slotA, 1);
-    EXPECT_EQ(unpermit(&slotA, 2), ENOENT);
-    EXPECT_EQ(unpermit(&slotB, 1), ENOENT);
-    EXPECT_EQ(unpermit(system, 1), ENOENT);
-    EXPECT_EQ(acl_cpudefend_del(&slotA, 1, ZYN_HW_OP_DENY, 0, 0, 0), ENOENT);
-    EXPECT_EQ(acl_cpudefend_del(&slotA, 1, ZYN_HW_OP_PERMIT, 17, 6400, 6400), ENOENT);
-    EXPECT_EQ(acl_cpudefend_del(&slotA, 1, ZYN_HW_OP_PERMIT, 16, 6401, 6400), ENOENT);
-    EXPECT_EQ(acl_cpudefend_del(&slotA, 1, ZYN_HW_OP_PERMIT, 16, 6400, 6401), ENOENT);
-    EXPECT_EQ(numbers(&slotA), (Numbers{1}));
-}
-
-TEST_F(AclMultiset, TargetsAreIndependent)
-{
-    permit(system, 1);
-    permit(&slotA, 2);
-    permit(&slotB, 3);
-    permit(system, 4);
-    permit(&slotA, 5);
-    EXPECT_EQ(numbers(system), (Numbers{1, 4}));
-    EXPECT_EQ(numbers(&slotA), (Numbers{2, 5}));
-    EXPECT_EQ(numbers(&slotB), (Numbers{3}));
-    zynMemoryReset();
-    EXPECT_EQ(numbers(system), Numbers());
-    EXPECT_EQ(numbers(&slotA), Numbers());
-}
-
 /* ---- What a real layer would refuse --------------------------------------------------- */
 
 namespace
@@ -129,23 +63,10 @@ void expectRefused(const char *what, const tSlotIndex *slot, uint16_t acl, uint3
 
 } // namespace
 
-TEST_F(AclRefusal, AclNumberZero)
-{
-    expectRefused("permit", system, 0, ZYN_HW_OP_PERMIT, 16, 6400, 6400);
-    expectRefused("deny", &slotA, 0, ZYN_HW_OP_DENY, 0, 0, 0);
-}
-
 TEST_F(AclRefusal, ActionsOtherThanPermitAndDeny)
 {
     for (uint32_t action : {0u, 1u, 2u, 4u, 10u, 12u, 0x103u, 0xffffffffu})
         expectRefused("action", &slotA, 1, action, 0, 0, 0);
-}
-
-TEST_F(AclRefusal, DenyWithARate)
-{
-    expectRefused("cir", &slotA, 1, ZYN_HW_OP_DENY, 1, 0, 0);
-    expectRefused("cbs", &slotA, 1, ZYN_HW_OP_DENY, 0, 1, 0);
-    expectRefused("ebs", &slotA, 1, ZYN_HW_OP_DENY, 0, 0, 1);
 }
 
 TEST_F(AclRefusal, SlotsThatAreNone)

@@ -31,65 +31,6 @@ TEST_F(CarMultiset, EntryIsCopiedNotReferenced)
     EXPECT_EQ(ppsInForce(&slotA, 1), 100);
 }
 
-TEST_F(CarMultiset, NewEntryCoversAnOlderOneOfTheSameType)
-{
-    ASSERT_EQ(carAdd(&slotA, car(1, 100)), 0);
-    ASSERT_EQ(carAdd(&slotA, car(1, 200)), 0);
-    EXPECT_EQ(ppsInForce(&slotA, 1), 200);
-    EXPECT_EQ(zynMemoryCarCount(&slotA), 2u);
-}
-
-TEST_F(CarMultiset, RemovingTheCoveringEntryPutsTheOlderOneInForceAgain)
-{
-    carAdd(&slotA, car(1, 100));
-    carAdd(&slotA, car(1, 200));
-    ASSERT_EQ(carDel(&slotA, car(1, 200)), 0);
-    EXPECT_EQ(ppsInForce(&slotA, 1), 100);
-    ASSERT_EQ(carDel(&slotA, car(1, 100)), 0);
-    EXPECT_EQ(ppsInForce(&slotA, 1), -1);
-}
-
-TEST_F(CarMultiset, RemovingACoveredEntryLeavesTheNewerOneInForce)
-{
-    carAdd(&slotA, car(1, 100));
-    carAdd(&slotA, car(1, 200));
-    ASSERT_EQ(carDel(&slotA, car(1, 100)), 0);
-    EXPECT_EQ(ppsInForce(&slotA, 1), 200);
-    EXPECT_EQ(zynMemoryCarCount(&slotA), 1u);
-}
-
-TEST_F(CarMultiset, SameArgumentsTwiceAreTwoEntries)
-{
-    carAdd(&slotA, car(1, 100));
-    carAdd(&slotA, car(1, 100));
-    EXPECT_EQ(zynMemoryCarCount(&slotA), 2u);
-    ASSERT_EQ(carDel(&slotA, car(1, 100)), 0);
-    EXPECT_EQ(ppsInForce(&slotA, 1), 100);
-    ASSERT_EQ(carDel(&slotA, car(1, 100)), 0);
-    EXPECT_EQ(ppsInForce(&slotA, 1), -1);
-    EXPECT_EQ(carDel(&slotA, car(1, 100)), ENOENT);
-}
-
-TEST_F(CarMultiset, RemovalTakesTheNewestOfEqualEntries)
-{
-    carAdd(&slotA, car(1, 100));
-    carAdd(&slotA, car(1, 200));
-    carAdd(&slotA, car(1, 100));
-    ASSERT_EQ(carDel(&slotA, car(1, 100)), 0);
-    EXPECT_EQ(ppsInForce(&slotA, 1), 200); // had the oldest gone, 100 would still cover it
-}
-
-TEST_F(CarMultiset, RemovingWhatIsNotThereChangesNothingAndFails)
-{
-    EXPECT_EQ(carDel(&slotA, car(1, 100)), ENOENT);
-    carAdd(&slotA, car(1, 100));
-    EXPECT_EQ(carDel(&slotA, car(2, 100)), ENOENT);
-    EXPECT_EQ(carDel(&slotB, car(1, 100)), ENOENT);
-    EXPECT_EQ(carDel(system, car(1, 100)), ENOENT);
-    EXPECT_EQ(ppsInForce(&slotA, 1), 100);
-    EXPECT_EQ(zynMemoryCarCount(&slotA), 1u);
-}
-
 TEST_F(CarMultiset, EverySettingCountsForRemoval)
 {
     using Change = void (*)(tHwCpuDefendPktCarEntry &);
@@ -121,32 +62,6 @@ TEST_F(CarMultiset, CountersDoNotCountForRemoval)
     counted.PassOct = {5, 6};
     counted.DropOct = {7, 8};
     EXPECT_EQ(carDel(&slotA, counted), 0);
-}
-
-TEST_F(CarMultiset, TargetsAreIndependent)
-{
-    carAdd(system, car(1, 1));
-    carAdd(&slotA, car(1, 2));
-    carAdd(&slotB, car(1, 3));
-    carAdd(&slotC, car(1, 4));
-    EXPECT_EQ(ppsInForce(system, 1), 1);
-    EXPECT_EQ(ppsInForce(&slotA, 1), 2);
-    EXPECT_EQ(ppsInForce(&slotB, 1), 3);
-    EXPECT_EQ(ppsInForce(&slotC, 1), 4);
-    EXPECT_EQ(carDel(&slotB, car(1, 3)), 0);
-    EXPECT_EQ(zynMemoryCarCount(system), 1u);
-    EXPECT_EQ(zynMemoryCarCount(&slotA), 1u);
-    EXPECT_EQ(zynMemoryCarCount(&slotB), 0u);
-    EXPECT_EQ(zynMemoryCarCount(&slotC), 1u);
-}
-
-TEST_F(CarMultiset, TypesAreIndependent)
-{
-    carAdd(system, car(1, 100));
-    carAdd(system, car(2, 200));
-    EXPECT_EQ(ppsInForce(system, 1), 100);
-    EXPECT_EQ(ppsInForce(system, 2), 200);
-    EXPECT_EQ(ppsInForce(system, 3), -1);
 }
 
 TEST_F(CarMultiset, ResetForgetsAllTargets)
@@ -200,16 +115,6 @@ TEST_F(CarMultiset, EntriesThatAreNotThereHaveNoCounters)
     EXPECT_EQ(countsOf(&slotA, car(1, 100), &sum), ENOENT);
 }
 
-TEST_F(CarMultiset, WithinAChangeEachCallIsInForceAtOnce)
-{
-    zynHwChangeBegin();
-    EXPECT_EQ(carAdd(&slotA, car(1, 100)), 0);
-    EXPECT_EQ(ppsInForce(&slotA, 1), 100);
-    EXPECT_EQ(carDel(&slotA, car(1, 100)), 0);
-    EXPECT_EQ(ppsInForce(&slotA, 1), -1);
-    zynHwChangeEnd();
-}
-
 /* ---- What a real layer would refuse --------------------------------------------------- */
 
 /** Expect EINVAL of a call, and nothing changed on any target. */
@@ -220,15 +125,6 @@ void expectRefused(const std::string &what, const std::function<int32_t()> &call
     EXPECT_EQ(zynMemoryCarCount(nullptr), 0u) << what;
     for (const tSlotIndex &slot : slots)
         EXPECT_EQ(zynMemoryCarCount(&slot), 0u) << what;
-}
-
-TEST_F(CarRefusal, PacketTypesFrom59On)
-{
-    for (uint32_t type : {59u, 60u, 0xffu, 0x10001u, 0xffffffffu}) {
-        expectRefused("slot", [&] { return carAdd(&slotA, car(type, 1)); });
-        expectRefused("system", [&] { return carAdd(system, car(type, 1)); });
-        expectRefused("removal", [&] { return carDel(&slotA, car(type, 1)); });
-    }
 }
 
 TEST_F(CarRefusal, EveryPacketTypeBelow59IsTaken)
@@ -289,14 +185,6 @@ TEST_F(CarRefusal, ArgumentsOfTheSystemPath)
     refused("res", 0, 0, {HW_SYS_CPUDEFENDPKTCARADD, &entry, 0, 1, 0, 0});
     refused("length", 0, 0, {HW_SYS_CPUDEFENDPKTCARADD, &entry, 0, 0, 52, 0});
     refused("flag", 0, 0, {HW_SYS_CPUDEFENDPKTCARADD, &entry, 0, 0, 0, 3});
-}
-
-TEST_F(CarRefusal, UnknownCommandDoesNotLookAtItsArgument)
-{
-    char oneByte = 0; // a sanitizer sees a read beyond it
-    EXPECT_EQ(zynHwSlotSet(&slotA, 1, &oneByte, 3), EINVAL);
-    tHwApiFunc func = {1, &oneByte, 0, 0, 0, 0};
-    EXPECT_EQ(zynScalarSetApi(0, 0, &func), EINVAL);
 }
 
 TEST_F(CarRefusal, WithoutMemoryNothingIsAdded)

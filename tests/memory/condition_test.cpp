@@ -25,13 +25,6 @@ TEST_F(Role, SlaveAnswersTheOtherWayRound)
     EXPECT_EQ(zynHwScalarGet(0, HW_SYS_SWRUNNINGROLEISMASTER, nullptr), 0);
 }
 
-TEST_F(Role, UnknownConditionsAreRefused)
-{
-    for (uint32_t id : {0u, 52u, 55u, 385u})
-        EXPECT_EQ(zynHwScalarGet(0, id, nullptr), EINVAL) << id;
-    EXPECT_EQ(zynHwScalarGet(1, HW_SYS_SWRUNNINGROLEISMASTER, nullptr), EINVAL);
-}
-
 /* ---- CPU usage ------------------------------------------------------------------------ */
 
 struct CpuGet : Memory {
@@ -93,28 +86,6 @@ TEST_F(CpuGet, FailureLeavesTheValueUntouched)
     EXPECT_EQ(value, 4711u);
 }
 
-TEST_F(CpuGet, FailureDoesNotMoveTheStartOfTheNextReading)
-{
-    kernelShows("cpu  0 0 0 100");
-    EXPECT_EQ(usage(0), 0);
-    kernelShows("nothing of the kind");
-    EXPECT_EQ(usage(0), -1);
-    kernelShows("cpu  100 0 0 100");
-    EXPECT_EQ(usage(0), 100);
-}
-
-TEST_F(CpuGet, ResetForgetsTheReadings)
-{
-    kernelShows("cpu  50 0 0 50");
-    EXPECT_EQ(usage(0), 50);
-    EXPECT_EQ(usage(1), 5000);
-    zynMemoryReset();
-    zynMemoryCpuStatSet(path.c_str());
-    kernelShows("cpu  0 0 0 0");
-    EXPECT_EQ(usage(0), 0);
-    EXPECT_EQ(usage(1), 0);
-}
-
 TEST_F(CpuGet, ReadsTheKernel)
 {
     zynMemoryCpuStatSet(nullptr);
@@ -124,27 +95,6 @@ TEST_F(CpuGet, ReadsTheKernel)
     value = UINT32_MAX;
     ASSERT_EQ(zynHwCpuGet(1, HW_CPU_USED, &value), 0);
     EXPECT_LE(value, 10000u);
-}
-
-/* ---- Synchronisation ------------------------------------------------------------------ */
-
-TEST_F(Sync, IsAcceptedWithoutAStandbyCard)
-{
-    unsigned char name[] = "guard";
-    octetstring octets = {name, 5};
-    uint32_t number = 80;
-    EXPECT_EQ(zynHwScalarSync(0, 8000, &octets, 3 | ZYN_SYNC_OCTETS), 0);
-    EXPECT_EQ(zynHwScalarSync(0, 8014, &number, 1), 0);
-    EXPECT_EQ(zynHwScalarSync(0, 8011, nullptr, 3), 0);
-    EXPECT_EQ(zynHwSlotSync(&slotA, 8001, &octets, 3 | ZYN_SYNC_OCTETS), 0);
-    EXPECT_EQ(zynHwSlotSync(&slotA, 8005, &octets, 3), 0);
-    EXPECT_EQ(zynHwSlotSync(&slotA, 8004, &number, 1), 0);
-}
-
-TEST_F(Sync, NeedsASlot)
-{
-    uint32_t number = 80;
-    EXPECT_EQ(zynHwSlotSync(nullptr, 8004, &number, 3), EINVAL);
 }
 
 /* ---- Interface units ------------------------------------------------------------------ */
@@ -163,16 +113,4 @@ TEST_F(Ports, EveryUnitBelongsToTheSystemItself)
         EXPECT_EQ(info.endType, 0u);
         EXPECT_EQ(info.card, 0u);
     }
-}
-
-TEST_F(Ports, OtherModesFailAndLeaveTheResultUntouched)
-{
-    for (uint32_t mode : {0u, 5u, 7u}) {
-        tPhyIfInfo info;
-        memset(&info, 0xa5, sizeof info);
-        const tPhyIfInfo before = info;
-        EXPECT_NE(sysIndexTrans(1, mode, &info), 0);
-        EXPECT_EQ(memcmp(&info, &before, sizeof info), 0);
-    }
-    EXPECT_NE(sysIndexTrans(1, SYS_INDEX_TRANS_PHY, nullptr), 0);
 }

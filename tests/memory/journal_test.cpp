@@ -35,24 +35,6 @@ TEST_F(Journal, SlotSet)
                           entryText + ",\"result\":0}\n");
 }
 
-TEST_F(Journal, SlotSetThatIsRefused)
-{
-    zynHwSlotSet(nullptr, 4711, nullptr, -1);
-    EXPECT_EQ(text(), head("zynHwSlotSet") + R"("slot":null,"cmd":4711,"flag":-1,"entry":null,)" +
-                          "\"result\":22}\n");
-}
-
-TEST_F(Journal, ArgumentOfAnUnknownCommandIsNotLookedAt)
-{
-    char oneByte = 0;
-    zynHwSlotSet(&slotA, 1, &oneByte, 3);
-    EXPECT_NE(last().find(R"("cmd":1,"flag":3,"entry":null,)"), std::string::npos) << last();
-    tHwApiFunc func = {1, &oneByte, 0, 0, 0, 0};
-    zynScalarSetApi(0, 0, &func);
-    EXPECT_NE(last().find(R"({"hwCmd":1,)"), std::string::npos) << last();
-    EXPECT_NE(last().find(R"("entry":null,)"), std::string::npos) << last();
-}
-
 TEST_F(Journal, ScalarSetOfTheSystem)
 {
     carDel(system, car(1, 200));
@@ -61,14 +43,6 @@ TEST_F(Journal, ScalarSetOfTheSystem)
                           R"("func":{"hwCmd":"HW_SYS_CPUDEFENDPKTCARDEL","action":0,"res":0,)"
                           R"("argLen":0,"flag":0},)" +
                           entryText + ",\"result\":2}\n");
-}
-
-TEST_F(Journal, ScalarSetWithoutADescriptor)
-{
-    zynScalarSetApi(1, 2, nullptr);
-    EXPECT_EQ(text(), head("zynScalarSetApi") +
-                          R"("slot":null,"index":1,"cmd":2,"func":null,"entry":null,)" +
-                          "\"result\":22}\n");
 }
 
 TEST_F(Journal, AclAddAndDel)
@@ -82,29 +56,6 @@ TEST_F(Journal, AclAddAndDel)
                              R"("acl":2001,"action":3,"cir":0,"cbs":0,"ebs":0,"result":2})");
 }
 
-TEST_F(Journal, ScalarGet)
-{
-    zynHwScalarGet(0, HW_SYS_SWRUNNINGROLEISSLAVE, nullptr);
-    zynHwScalarGet(0, 4711, nullptr);
-    EXPECT_EQ(lines().at(0), head("zynHwScalarGet") +
-                                 R"("index":0,"id":"HW_SYS_SWRUNNINGROLEISSLAVE","result":1})");
-    EXPECT_EQ(lines().at(1), R"({"seq":2,"uptime":12.34,"call":"zynHwScalarGet",)"
-                             R"("index":0,"id":4711,"result":22})");
-}
-
-TEST_F(Journal, CpuGet)
-{
-    std::string stat = scratch.write("stat", "cpu  1 0 0 3");
-    zynMemoryCpuStatSet(stat.c_str());
-    uint32_t value = 0;
-    zynHwCpuGet(1, HW_CPU_USED, &value);
-    zynHwCpuGet(2, HW_CPU_USED, &value);
-    EXPECT_EQ(lines().at(0),
-              head("zynHwCpuGet") + R"("selector":1,"id":"HW_CPU_USED","value":2500,"result":0})");
-    EXPECT_EQ(lines().at(1), R"({"seq":2,"uptime":12.34,"call":"zynHwCpuGet",)"
-                             R"("selector":2,"id":"HW_CPU_USED","value":null,"result":22})");
-}
-
 TEST_F(Journal, ScalarSync)
 {
     std::string name = "guard";
@@ -116,33 +67,6 @@ TEST_F(Journal, ScalarSync)
                                  R"("value":"guard","flag":2147483651,"result":0})");
     EXPECT_EQ(lines().at(1), R"({"seq":2,"uptime":12.34,"call":"zynHwScalarSync",)"
                              R"("index":0,"scalarId":8014,"value":80,"flag":1,"result":0})");
-}
-
-TEST_F(Journal, SlotSync)
-{
-    uint32_t number = 80;
-    zynHwSlotSync(&slotA, 8004, &number, 3);
-    EXPECT_EQ(text(), head("zynHwSlotSync") + R"("slot":{"sys":1,"slot":0,"type":0},)" +
-                          R"("scalarId":8004,"value":80,"flag":3,"result":0})" + "\n");
-}
-
-TEST_F(Journal, SlotLevelNamesAreOctetsWithoutTheFlag)
-{
-    std::string name = "guard";
-    octetstring octets = octetsOf(name);
-    for (uint32_t id : {8005u, 8007u, 8009u}) {
-        zynHwSlotSync(&slotA, id, &octets, 3);
-        EXPECT_NE(last().find(R"("value":"guard","flag":3,)"), std::string::npos) << last();
-    }
-}
-
-TEST_F(Journal, ResetsCarryNoValue)
-{
-    uint32_t number = 80;
-    zynHwScalarSync(0, 8011, &number, 3);
-    EXPECT_NE(last().find(R"("scalarId":8011,"value":null,)"), std::string::npos) << last();
-    zynHwSlotSync(&slotA, 8002, &number, 3);
-    EXPECT_NE(last().find(R"("scalarId":8002,"value":null,)"), std::string::npos) << last();
 }
 
 TEST_F(Journal, IndexTrans)
@@ -194,15 +118,6 @@ TEST_F(Journal, LongStringsAreWrittenWhole)
 }
 
 /* ---- The file ------------------------------------------------------------------------- */
-
-TEST_F(Journal, LineIsInTheFileWhenTheCallReturns)
-{
-    for (size_t i = 1; i <= 20; i++) {
-        zynHwScalarGet(0, HW_SYS_SWRUNNINGROLEISSLAVE, nullptr);
-        ASSERT_EQ(lines().size(), i);
-        ASSERT_EQ(text().back(), '\n');
-    }
-}
 
 TEST_F(Journal, NewFileIsItsOwnersAlone)
 {

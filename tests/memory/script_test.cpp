@@ -49,14 +49,6 @@ TEST_F(UsageSeries, SelectorsAreIndependent)
     EXPECT_EQ(readings(1, 2), (Values{0, 9100}));
 }
 
-TEST_F(UsageSeries, NewSeriesReplacesTheOldOne)
-{
-    zynMemoryUsageSet(1, ramp, 4);
-    readings(1, 1);
-    ASSERT_EQ(zynMemoryUsageSet(1, steep, 2), 0);
-    EXPECT_EQ(readings(1, 2), (Values{10, 99}));
-}
-
 TEST_F(UsageSeries, WrongOnesAreRefusedAndChangeNothing)
 {
     zynMemoryUsageSet(1, ramp, 4);
@@ -78,15 +70,6 @@ TEST_F(UsageSeries, WithoutOneTheUsageIsMeasuredAgain)
     EXPECT_LE(readings(1, 1)[0], 10000u);
 }
 
-TEST_F(UsageSeries, RefusedReadingUsesNothingUp)
-{
-    zynMemoryUsageSet(1, ramp, 4);
-    uint32_t value = 0;
-    EXPECT_EQ(zynHwCpuGet(1, HW_CPU_USED + 1, &value), EINVAL);
-    EXPECT_EQ(zynHwCpuGet(1, HW_CPU_USED, nullptr), EINVAL);
-    EXPECT_EQ(readings(1, 1), Values{2000});
-}
-
 /* ---- Role ----------------------------------------------------------------------------- */
 
 TEST_F(RoleChange, HoldsFromTheNextQueryOnAndKeepsWhatIsProgrammed)
@@ -101,38 +84,6 @@ TEST_F(RoleChange, HoldsFromTheNextQueryOnAndKeepsWhatIsProgrammed)
 }
 
 /* ---- The nth call --------------------------------------------------------------------- */
-
-TEST_F(FailAt, OnlyTheNthCallFailsAndDoesNothing)
-{
-    ASSERT_EQ(zynMemoryFailAt(2, EIO), 0);
-    EXPECT_EQ(carAdd(system, car(1, 100)), 0);
-    EXPECT_EQ(carAdd(system, car(1, 200)), EIO);
-    EXPECT_EQ(ppsInForce(system, 1), 100);
-    EXPECT_EQ(carAdd(system, car(1, 300)), 0);
-    EXPECT_EQ(zynMemoryCarCount(system), 2u);
-}
-
-TEST_F(FailAt, RemovalThatFailsLeavesTheEntry)
-{
-    carAdd(&slotA, car(1, 100));
-    acl_cpudefend_add(&slotA, 2000, ZYN_HW_OP_DENY, 0, 0, 0);
-    zynMemoryFailAt(1, EIO);
-    zynMemoryFailAt(2, EBUSY);
-    EXPECT_EQ(carDel(&slotA, car(1, 100)), EIO);
-    EXPECT_EQ(acl_cpudefend_del(&slotA, 2000, ZYN_HW_OP_DENY, 0, 0, 0), EBUSY);
-    EXPECT_EQ(zynMemoryCarCount(&slotA), 1u);
-    EXPECT_EQ(zynMemoryAclCount(&slotA), 1u);
-}
-
-TEST_F(FailAt, FailedReadingOfTheUsageIsNotUsedUp)
-{
-    zynMemoryUsageSet(1, ramp, 4);
-    zynMemoryFailAt(1, EIO);
-    uint32_t value = 4711;
-    EXPECT_EQ(zynHwCpuGet(1, HW_CPU_USED, &value), EIO);
-    EXPECT_EQ(value, 4711u);
-    EXPECT_EQ(readings(1, 1), Values{2000});
-}
 
 TEST_F(FailAt, ResetWithdrawsIt)
 {
