@@ -1,5 +1,6 @@
 /**
- * The daemon on a platform that leaves out all that may be left out.
+ * The daemon on a platform that programs what it is told and leaves out all that may be left out.
+ * Whatever else is asked of it, the example layer refuses.
  */
 #include <cstring>
 #include <gtest/gtest.h>
@@ -8,7 +9,6 @@
 #include "cpuDefend.h"
 #include "cpuDefend_nm_api.h"
 #include "zynacl.h"
-#include "zynif.h"
 
 static std::map<uint32_t, uint32_t> programmed; // CAR entries by packet type
 
@@ -29,27 +29,6 @@ int32_t zynScalarSetApi(uint32_t, uint32_t, tHwApiFunc *func)
     return set(func->hwCmd == HW_SYS_CPUDEFENDPKTCARADD, func->arg);
 }
 
-int32_t zynHwScalarGet(uint32_t, uint32_t id, void *)
-{
-    return id == HW_SYS_SWRUNNINGROLEISMASTER ? 0 : 1;
-}
-
-int32_t zynHwCpuGet(uint32_t, uint32_t, uint32_t *value)
-{
-    *value = 0;
-    return 0;
-}
-
-int32_t zynHwScalarSync(uint32_t, uint32_t, const void *, uint32_t)
-{
-    return 0;
-}
-
-int32_t zynHwSlotSync(const tSlotIndex *, uint32_t, const void *, uint32_t)
-{
-    return 0;
-}
-
 int32_t acl_cpudefend_add(const tSlotIndex *, uint16_t, uint32_t, uint32_t, uint32_t, uint32_t)
 {
     return 0;
@@ -58,11 +37,6 @@ int32_t acl_cpudefend_add(const tSlotIndex *, uint16_t, uint32_t, uint32_t, uint
 int32_t acl_cpudefend_del(const tSlotIndex *, uint16_t, uint32_t, uint32_t, uint32_t, uint32_t)
 {
     return 0;
-}
-
-int32_t sysIndexTrans(uint32_t, uint32_t, tPhyIfInfo *)
-{
-    return 1;
 }
 
 namespace
