@@ -14,7 +14,7 @@
 #include <variant>
 #include <vector>
 
-#include "zynwire.h"
+#include "cpuDefend_nm.h"
 
 namespace cpudefend
 {

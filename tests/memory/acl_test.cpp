@@ -1,5 +1,4 @@
 #include <cerrno>
-#include <vector>
 
 #include "memory_fixture.h"
 
@@ -13,24 +12,6 @@ int32_t permit(const tSlotIndex *slot, uint16_t acl)
 {
     return acl_cpudefend_add(slot, acl, ZYN_HW_OP_PERMIT, 16, 6400, 6400);
 }
-
-int32_t unpermit(const tSlotIndex *slot, uint16_t acl)
-{
-    return acl_cpudefend_del(slot, acl, ZYN_HW_OP_PERMIT, 16, 6400, 6400);
-}
-
-/** The numbers of the ACLs of a target, in order. */
-std::vector<unsigned> numbers(const tSlotIndex *slot)
-{
-    std::vector<unsigned> found;
-    for (auto *acl = zynMemoryAclNext(slot, nullptr); acl != nullptr;
-         acl = zynMemoryAclNext(slot, acl))
-        found.push_back(acl->acl);
-    EXPECT_EQ(found.size(), zynMemoryAclCount(slot));
-    return found;
-}
-
-using Numbers = std::vector<unsigned>;
 
 } // namespace
 
