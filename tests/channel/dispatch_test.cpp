@@ -18,7 +18,6 @@ namespace
 {
 
 constexpr int32_t NO_SUCH_ENTRY = 0x03E80002;
-constexpr int32_t NO_SUCH_NAME = 0x041E0004;
 
 /** For failures that can be read. */
 std::string hex(const Bytes &data)
@@ -114,12 +113,6 @@ protected:
         return codeOf(process(request(code, attribute, index, value)).body);
     }
 
-    static void createRule(const std::string &policy, uint32_t index)
-    {
-        ASSERT_EQ(0, set(CPUDEFEND_USERDEFINED_SETAPI, CPUDEFEND_USERDEFINED_ENTRYSTATUS,
-                         childIndex(policy, index), number(CPUDEFEND_ROW_CREATE)));
-    }
-
     /** No request makes a slot or a traced source: put one where the tables have theirs. */
     static void addSlot(uint32_t sysId, uint32_t slotId)
     {
@@ -129,12 +122,6 @@ protected:
                                               const Bytes &srcMac)
     {
         return cpuDefendSrcTraceEntryAdd(ifUnit, srcIp.data(), pktType, srcMac.data());
-    }
-
-    static void createPolicy(const std::string &name)
-    {
-        ASSERT_EQ(0, set(CPUDEFEND_POLICY_SETAPI, CPUDEFEND_POLICY_ENTRYSTATUS, policyIndex(name),
-                         number(CPUDEFEND_ROW_CREATE)));
     }
 };
 
@@ -185,16 +172,6 @@ std::string shortVal(int value)
 }
 
 // ---- Decoding ------------------------------------------------------------------------------
-
-TEST_F(EveryCode, AWellFormedRequestIsAnsweredAtItsOwnLength)
-{
-    forEach([this] {
-        const Bytes body = request(code(), 0, index(), number(1), 60);
-        const Outcome outcome = process(body);
-        EXPECT_EQ(body.size(), outcome.length);
-        EXPECT_NE(static_cast<int32_t>(CODE_AS_SENT), codeOf(outcome.body));
-    });
-}
 
 TEST_F(EveryCode, ARequestCutAnywhereIsMalformed)
 {
@@ -254,14 +231,6 @@ TEST_F(EveryCode, ACounterThatIsNotEightBytesLongIsMalformed)
     });
 }
 
-TEST_F(EveryCode, AnOctetStringPastTheEndIsMalformed)
-{
-    forEach([this] {
-        for (uint16_t length : {4, 5, 1518, 65535})
-            expectMalformed(request(code(), 0, index(), {0, length, bytes("abc")}));
-    });
-}
-
 TEST_F(EveryCode, AValueOfUnknownTypePastTheEndIsMalformed)
 {
     forEach([this] {
@@ -269,11 +238,6 @@ TEST_F(EveryCode, AValueOfUnknownTypePastTheEndIsMalformed)
         const Bytes whole = request(code(), 0, index(), {9, 3, bytes("abc")});
         EXPECT_EQ(whole.size(), process(whole).length);
     });
-}
-
-TEST_F(EveryCode, RequestsThatAreFineSayNothing)
-{
-    forEach([this] { EXPECT_EQ("", messages(plain())); });
 }
 
 TEST_F(Dispatch, ARequestOfTwentyFiveBytesIsTooShort)
@@ -368,15 +332,6 @@ TEST_F(NamedCode, ANameOfNegativeLengthIsMalformed)
     });
 }
 
-TEST_F(NamedCode, ANamePastTheEndIsMalformed)
-{
-    forEach([this] {
-        Bytes body = request(code(), 0, named(32, "default"), number(0), 0);
-        body.resize(ITEMS_AT + 10 + 31);
-        expectMalformed(body);
-    });
-}
-
 // ---- Get: the answer comes in the request's type ---------------------------------------------
 
 TEST_F(Dispatch, GetAnswersACounterWithTheIntegerAsItsHighWord)
@@ -419,28 +374,6 @@ TEST_F(Dispatch, AGetThatFailsLeavesTheValueAsItWas)
 
 // ---- Walks -----------------------------------------------------------------------------------
 
-TEST_F(Dispatch, PolicyWalkAnswersLengthAndName)
-{
-    createPolicy("edge");
-    const Index start = policyIndex("");
-    const Bytes first = request(CPUDEFEND_POLICY_GETFIRST, 0, start, number(0), 40);
-    expectReply(answered(first, start, numberItem(7) + octetsItem("default")), first);
-    const Index from = policyIndex("default");
-    const Bytes next = request(CPUDEFEND_POLICY_GETNEXT, 0, from, number(0), 40);
-    expectReply(answered(next, from, numberItem(4) + octetsItem("edge")), next);
-}
-
-TEST_F(Dispatch, CarPktWalkAnswersLengthNameAndType)
-{
-    const Index start = childIndex("", 0);
-    const Bytes first = request(CPUDEFEND_CARPKT_GETFIRST, 0, start, number(0), 40);
-    const Bytes name = numberItem(7) + octetsItem("default");
-    expectReply(answered(first, start, name + numberItem(0)), first);
-    const Index from = childIndex("default", 8);
-    const Bytes next = request(CPUDEFEND_CARPKT_GETNEXT, 0, from, number(0), 40);
-    expectReply(answered(next, from, name + numberItem(9)), next);
-}
-
 TEST_F(Dispatch, WalksAskForNoValue)
 {
     const Index start = policyIndex("");
@@ -482,21 +415,6 @@ TEST_F(Dispatch, SlotWalkAskedForAnotherTypeWritesOnlyTheCode)
     for (const Value &value : {octets(""), octets("bytes"), counter(1, 2), unknown(), unknown(3)}) {
         expectCode(0, request(CPUDEFEND_SLOT_GETFIRST, 0, slotIndex(7, 8), value, 20));
         expectCode(0, request(CPUDEFEND_SLOT_GETNEXT, 0, slotIndex(1, 5), value, 20));
-    }
-}
-
-TEST_F(Dispatch, UserDefinedWalkAnswersLengthNameAndIndex)
-{
-    createRule("default", 9);
-    createRule("default", 4);
-    const Bytes name = numberItem(7) + octetsItem("default");
-    for (const Value &value : {number(0), octets(""), counter(0, 0), unknown()}) {
-        const Index start = childIndex("", 0);
-        const Bytes first = request(CPUDEFEND_USERDEFINED_GETFIRST, 0, start, value, 40);
-        expectReply(answered(first, start, name + numberItem(4)), first);
-        const Index from = childIndex("default", 4);
-        const Bytes next = request(CPUDEFEND_USERDEFINED_GETNEXT, 0, from, value, 40);
-        expectReply(answered(next, from, name + numberItem(9)), next);
     }
 }
 
@@ -578,36 +496,6 @@ TEST_F(Traced, PacketDataIsReadUpTo80Bytes)
                    request(CPUDEFEND_SRCTRACE_GETAPI, CPUDEFEND_SRCTRACE_PTKDATA, index,
                            octets(std::string(asked, 'x')), 4),
                    index);
-}
-
-// ---- Set and sync ----------------------------------------------------------------------------
-
-TEST_F(Dispatch, SetWritesOnlyTheCode)
-{
-    const Index policy = policyIndex("default");
-    for (uint32_t code : {CPUDEFEND_POLICY_SETAPI, CPUDEFEND_POLICY_SYNCAPI}) {
-        expectCode(0, request(code, CPUDEFEND_POLICY_WHITELISTIP4CIR, policy, number(100 + code)));
-        expectCode(0, request(code, CPUDEFEND_POLICY_DESCRIPTION, policy, octets("text"), 40));
-        expectCode(-1, request(code, CPUDEFEND_POLICY_REFCOUNT, policy, number(1)));
-    }
-    for (uint32_t code : {CPUDEFEND_CARPKT_SETAPI, CPUDEFEND_CARPKT_SYNCAPI})
-        expectCode(
-            0, request(code, CPUDEFEND_CARPKT_PPS, childIndex("default", 1), number(100 + code)));
-    for (uint32_t code : {CPUDEFEND_GLOBAL_SETAPI, CPUDEFEND_GLOBAL_SYNCAPI})
-        expectCode(NO_SUCH_NAME,
-                   request(code, CPUDEFEND_GLOBAL_POLICY, globalIndex(), octets("nobody")));
-}
-
-TEST_F(Dispatch, TheChannelTurnsDiagnosticsOnAndOff)
-{
-    ASSERT_EQ(0, set(CPUDEFEND_GLOBAL_SETAPI, CPUDEFEND_GLOBAL_DEBUG, globalIndex(), number(1)));
-    testing::internal::CaptureStderr();
-    process(request(27, 0, globalIndex(), number(0)));
-    EXPECT_NE("", testing::internal::GetCapturedStderr());
-    ASSERT_EQ(0, set(CPUDEFEND_GLOBAL_SETAPI, CPUDEFEND_GLOBAL_DEBUG, globalIndex(), number(2)));
-    testing::internal::CaptureStderr();
-    process(request(27, 0, globalIndex(), number(0)));
-    EXPECT_EQ("", testing::internal::GetCapturedStderr());
 }
 
 // ---- Values that do not fit --------------------------------------------------------------------
@@ -718,18 +606,6 @@ TEST_F(Misfit, AGetOfAnIdWithoutACaseReturnsTheValueAsItWas)
 }
 
 // ---- Answers stay inside the buffer ---------------------------------------------------------
-
-TEST_F(Dispatch, PriorityIsThreeBytesWhateverWasAskedFor)
-{
-    const Index policy = policyIndex("default");
-    ASSERT_EQ(0, set(CPUDEFEND_POLICY_SETAPI, CPUDEFEND_POLICY_PRIORITY, policy, octets("\1\2\3")));
-    for (const char *asked : {"", "x", "xy", "xyz", "xyzxyz"}) {
-        expectText(
-            "\1\2\3",
-            request(CPUDEFEND_POLICY_GETAPI, CPUDEFEND_POLICY_PRIORITY, policy, octets(asked), 8),
-            policy);
-    }
-}
 
 TEST_F(Dispatch, APriorityAskedForAtTheVeryEndIsCutOffThere)
 {

@@ -44,34 +44,6 @@ static const Step tick{Op::Advance, MS500};
 
 static const Steps threeSlots{{Op::AddSlot, S1}, {Op::AddSlot, S2}, {Op::AddSlot, S3}};
 
-/** Six policies, the default one among them: with lists, rules, tracing, denied types. */
-static const Steps sixPolicies{
-    {Op::CreatePolicy, A},
-    {Op::CreatePolicy, B},
-    {Op::CreatePolicy, CC},
-    {Op::CreatePolicy, DDD},
-    {Op::CreatePolicy, LONGEST},
-    {Op::ConfigurePolicy, A, WHITE_IP4, 1},
-    {Op::ConfigurePolicy, A, BLACK_IP6, 1},
-    {Op::ConfigurePolicy, B, WHITE_IP6, 2},
-    {Op::ConfigurePolicy, B, BLACK_IP4, 2},
-    {Op::ConfigurePolicy, B, TRACING, 0},
-    {Op::ConfigurePolicy, CC, TRACING, 0},
-    {Op::ConfigurePolicy, CC, TRACE_DATA, 0},
-    {Op::ConfigurePolicy, CC, TRACE_THRESHOLD, 0},
-    {Op::CreateRule, A, 3},
-    {Op::CreateRule, A, 0},
-    {Op::CreateRule, A, 1},
-    {Op::ConfigureRule, A * 4 + 3, 0, 1},
-    {Op::ConfigureRule, A * 4 + 3, 1, 2},
-    {Op::ConfigureRule, A * 4 + 1, 2, 3},
-    {Op::ConfigureRule, A * 4 + 0, 2, 3},
-    {Op::CreateRule, CC, 2},
-    {Op::ConfigureRule, CC * 4 + 2, 1, 3},
-    {Op::ConfigureCar, B * 10 + 1, 5, 1},
-    {Op::ConfigureCar, B * 10 + 7, 2, 1},
-};
-
 static const Steps systemLevels{
     {Op::SystemThreshold, 0, T30}, {Op::SystemThreshold, 1, T60}, {Op::SystemThreshold, 2, T90},
     {Op::SystemLevel, 0, A},       {Op::SystemLevel, 1, B},       {Op::SystemLevel, 2, CC},
@@ -84,47 +56,10 @@ static Steps slotLevels(uint32_t slot)
             {Op::SlotLevel, slot, 1, CC},      {Op::SlotLevel, slot, 2, DDD}};
 }
 
-/* ---- Ramps ---------------------------------------------------------------------------------- */
-
-/** A reading, and the position that the system and a slot select at it. */
-struct Ramp {
-    uint32_t usage;
-    uint32_t system, slot;
-};
-
-static const std::vector<Ramp> upAndDown{
-    {U0, 0, 3},   {U10, 0, 3}, {U31, 1, 3}, {U50, 1, 3}, {U75, 2, 3}, {U90, 2, 0}, {U91, 3, 0},
-    {U100, 3, 0}, {U91, 3, 0}, {U75, 2, 3}, {U51, 1, 3}, {U11, 0, 3}, {U0, 0, 3},
-};
-
-TEST(Chassis, RampsMoveTheSystemWithoutSlots)
-{
-    World world(8);
-    run(world, sixPolicies + systemLevels + Steps{{Op::SystemMode, 1}});
-    for (const Ramp &ramp : upAndDown) {
-        run(world, {usage(ramp.usage), tick});
-        EXPECT_EQ(gCpuDefend.selectedPosition, ramp.system);
-        EXPECT_TRUE(world.isPaired());
-    }
-}
-
-TEST(Chassis, RampsMoveTheSystemOnFixedSlotsAndTheOthersByTheirOwnLevels)
-{
-    World world(8);
-    run(world, threeSlots + sixPolicies + systemLevels + slotLevels(S2) +
-                   Steps{{Op::SlotMode, S2, 1}, {Op::SystemMode, 1}});
-    for (const Ramp &ramp : upAndDown) {
-        run(world, {usage(ramp.usage), tick});
-        EXPECT_EQ(gCpuDefend.selectedPosition, ramp.system);
-        EXPECT_EQ(cpuDefendSlotEntryGet(1, 2)->selectedPosition, ramp.slot);
-        EXPECT_TRUE(world.isPaired());
-    }
-}
-
 /* ---- Orders ---------------------------------------------------------------------------------- */
 
 /** Run @a steps in each of their orders, each time on a chassis prepared by @a before. */
-static void inEveryOrder(const Steps &before, const Steps &steps, bool paired)
+static void inEveryOrder(const Steps &before, const Steps &steps)
 {
     std::vector<size_t> order(steps.size());
     for (size_t i = 0; i < order.size(); i++)
@@ -132,10 +67,8 @@ static void inEveryOrder(const Steps &before, const Steps &steps, bool paired)
     do {
         World world(8);
         EXPECT_EQ(world.prepare(before), std::vector<std::string>());
-        for (size_t i : order) {
+        for (size_t i : order)
             run(world, {steps[i]});
-            EXPECT_TRUE(!paired || world.isPaired()) << steps[i].text();
-        }
         if (testing::Test::HasFailure()) {
             for (size_t i : order)
                 ADD_FAILURE() << "in the order: " << steps[i].text();
@@ -150,30 +83,6 @@ static const Steps twoPolicies{{Op::CreatePolicy, A},
                                {Op::CreateRule, A, 1},
                                {Op::ConfigureRule, A * 4 + 1, 1, 2}};
 
-TEST(Chassis, TheSystemIsBoundAndSwitchedInEveryOrderWithoutSlots)
-{
-    inEveryOrder(twoPolicies + systemLevels,
-                 {{Op::BindSystem, A},
-                  {Op::BindSystem, B},
-                  {Op::BindSystem, EMPTY},
-                  {Op::SystemMode, 1},
-                  {Op::SystemLevel, 0, B},
-                  tick},
-                 true);
-}
-
-TEST(Chassis, SlotsComeAndGoInEveryOrderUnderABoundSystem)
-{
-    inEveryOrder(twoPolicies + systemLevels + Steps{usage(U75)},
-                 {{Op::BindSystem, A},
-                  {Op::AddSlot, S1},
-                  {Op::AddSlot, S2},
-                  {Op::DeleteSlot, S1},
-                  {Op::BindSystem, B},
-                  {Op::BindSystem, EMPTY}},
-                 false);
-}
-
 TEST(Chassis, ModesAndSamplesMeetInEveryOrder)
 {
     inEveryOrder(threeSlots + twoPolicies + systemLevels + slotLevels(S1) + Steps{usage(U50)},
@@ -182,8 +91,7 @@ TEST(Chassis, ModesAndSamplesMeetInEveryOrder)
                   tick,
                   {Op::SystemLevel, 0, B},
                   {Op::DeleteSlot, S1},
-                  {Op::AddSlot, S2}},
-                 false);
+                  {Op::AddSlot, S2}});
 }
 
 /* ---- refCount against the hardware ------------------------------------------------------------
@@ -300,61 +208,3 @@ TEST(Chassis, AFailureOfAnyOneCallLeavesEverythingSound)
 
 /* ---- Reuse ------------------------------------------------------------------------------------
  */
-
-TEST(Chassis, RecordsAreReusedUntilThePoolsAreExhausted)
-{
-    World world(3);
-    for (int round = 0; round < 5; round++)
-        run(world, {{Op::CreatePolicy, A},
-                    {Op::ConfigurePolicy, A, TRACING, 0},
-                    {Op::CreateRule, A, 1},
-                    {Op::CreatePolicy, B},
-                    {Op::CreateRule, B, 1},
-                    {Op::DestroyPolicy, A},
-                    {Op::CreatePolicy, CC},
-                    {Op::CreatePolicy, A},
-                    {Op::DestroyRule, CC, 1},
-                    {Op::DestroyPolicy, B},
-                    tick,
-                    {Op::DestroyPolicy, CC},
-                    {Op::CreatePolicy, LONGEST},
-                    {Op::DestroyPolicy, LONGEST}});
-    EXPECT_EQ(gCpuDefend.useCarPktNum, gCpuDefend.maxCarPktNum);
-    for (int i = 0; i < 20; i++)
-        run(world, {{Op::ReleaseLeftover, 0}});
-    EXPECT_EQ(gCpuDefend.useCarPktNum, 10u);
-}
-
-TEST(Chassis, PositionsThatAreNoLevelRemoveNothing)
-{
-    for (uint32_t position : {NO_POSITION, POSITION4, POSITION255}) {
-        World world(8);
-        run(world, twoPolicies + systemLevels + slotLevels(S1) +
-                       Steps{{Op::SystemMode, 1},
-                             {Op::ReceiveSync, SYSTEM, position},
-                             usage(U50),
-                             tick,
-                             {Op::AddSlot, S1},
-                             {Op::SlotMode, S1, 1},
-                             {Op::ReceiveSync, S1, position},
-                             tick,
-                             {Op::ReceiveSync, S1, position},
-                             {Op::DeleteSlot, S1}});
-        EXPECT_EQ(gCpuDefend.useSlotNum, 0u);
-    }
-}
-
-TEST(Chassis, ASlotFollowsItsPolicyToAnotherRecord)
-{
-    // Bound on a slave card, a policy is not counted and can be destroyed.
-    World world(8);
-    run(world, {{Op::Role, 0},
-                {Op::AddSlot, S1},
-                {Op::CreatePolicy, A},
-                {Op::BindSlot, S1, A},
-                {Op::DestroyPolicy, A},
-                {Op::CreatePolicy, B},
-                {Op::CreatePolicy, A}});
-    EXPECT_EQ(cpuDefendSlotEntryGet(1, 1)->policyEntry,
-              &gCpuDefend.policyTable[world.model.findPolicy("a")->record]);
-}

@@ -138,7 +138,7 @@ private:
     void car();
     void fail();
     void room();
-    void role() { hardware.slave = below(3) == 0; }
+    void role() { scripted::script.slave = below(3) == 0; }
     void position();
     void set(uint32_t attr, std::string value);
     void set(uint32_t attr, uint32_t value);
@@ -173,8 +173,8 @@ void Walk::port()
         cards_.go(unit);
         return notify(linkIsGone(unit));
     }
-    hardware.ports.emplace(unit, places[below(7)]);
-    cards_.come(unit, hardware.ports[unit]);
+    scripted::script.ports.emplace(unit, places[below(7)]);
+    cards_.come(unit, scripted::script.ports[unit]);
     notify(linkIsThere(unit));
 }
 
@@ -182,8 +182,8 @@ void Walk::port()
 void Walk::move()
 {
     const uint32_t unit = FIRST_UNIT + below(UNITS);
-    hardware.ports[unit] = places[below(7)];
-    cards_.come(unit, hardware.ports[unit]);
+    scripted::script.ports[unit] = places[below(7)];
+    cards_.come(unit, scripted::script.ports[unit]);
     notify(linkIsThere(unit));
 }
 
@@ -427,7 +427,7 @@ void Walk::check()
         return;
     for (const std::string &text : hardware.complaints)
         complain(text);
-    if (hardware.changeDepth != 0)
+    if (scripted::changeDepth != 0)
         complain("a change has not ended");
     if (hardwareHeld() != daemonHeld())
         complain("the hardware holds " + text(hardwareHeld()) + "the daemon thinks " +
@@ -462,7 +462,7 @@ void Walk::checkSlots()
 void Walk::checkHardware()
 {
     const bool calls = std::any_of(hardware.log.begin(), hardware.log.end(), programmed);
-    if (hardware.slave) {
+    if (scripted::script.slave) {
         if (calls)
             complain("a slave programs");
         excused_ = true;
@@ -477,7 +477,7 @@ void Walk::checkHardware()
     const Held fresh = freshHardware();
     if (hardwareHeld() == fresh) {
         if (hardware.aclRoom != SIZE_MAX) { // so little that a list may be missing unseen
-            met["there is no room"] += !hardware.dropped.empty();
+            met["there is no room"] += hardware.anyDropped;
             return;
         }
         met["mended"] += excused_;

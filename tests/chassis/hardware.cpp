@@ -48,15 +48,6 @@ uint32_t Hardware::copies(uint32_t cir) const
     return n;
 }
 
-static Place placeOf(const tSlotIndex *slot)
-{
-    if (!slot)
-        return std::nullopt;
-    if (slot->type != 0)
-        hardware.complaints.push_back("a slot index of another type than 0");
-    return std::pair(slot->sys, slot->slot);
-}
-
 /** What the call does: add @a item, or remove the newest equal one. */
 static int32_t apply(const Call &call)
 {
@@ -85,179 +76,128 @@ std::vector<Item> fitting(const std::vector<Item> &items)
     return fit;
 }
 
-/** Drop the ACLs for which there is no room, the newest first. */
-static void dropUnfitting()
+static tHwDropped dropped(const Place &place, const Item &item)
 {
+    tHwDropped made{};
+    made.result = HARDWARE_FULL;
+    made.isAcl = 1;
+    made.isSlot = place.has_value();
+    if (place)
+        made.slot = {place->first, place->second, 0};
+    made.acl = static_cast<uint16_t>(item.number);
+    made.action = item.op;
+    made.cir = item.cir;
+    made.cbs = made.ebs = item.cbs;
+    return made;
+}
+
+/** Drop the ACLs for which there is no room, the newest first. */
+static std::vector<tHwDropped> dropUnfitting()
+{
+    std::vector<tHwDropped> all;
     for (auto &[place, items] : hardware.held) {
         const std::vector<Item> fit = fitting(items);
-        const size_t room = fit.size();
         std::vector<Item> acls;
         for (const Item &item : items)
             if (item.acl)
                 acls.push_back(item);
-        for (size_t i = acls.size(); i-- > acls.size() - (items.size() - room);)
-            hardware.dropped.emplace_back(place, acls[i]);
+        for (size_t i = acls.size(); i-- > acls.size() - (items.size() - fit.size());)
+            all.push_back(dropped(place, acls[i]));
         items = fit;
     }
+    hardware.anyDropped = !all.empty();
+    return all;
 }
 
-static int32_t answer(Call call)
+static void complainIf(bool wrong, const char *what)
 {
+    if (wrong)
+        hardware.complaints.push_back(what);
+}
+
+static Item carItem(const scripted::Record &record)
+{
+    const tHwCpuDefendPktCarEntry &car = record.car;
+    for (const U_INT8 &counter : {car.PassPkt, car.DropPkt, car.PassOct, car.DropOct})
+        complainIf(counter.high != 0 || counter.low != 0, "a counter is sent");
+    return {false,   car.pktType, car.op,       car.cir, car.cbs,
+            car.pps, car.queue,   car.priority, car.res};
+}
+
+static Item aclItem(const scripted::Record &record)
+{
+    complainIf(record.acl == 0 || record.ebs != record.cbs ||
+                   (record.action == ZYN_HW_OP_DENY && (record.cir != 0 || record.cbs != 0)),
+               "an ACL call with odd arguments");
+    return {true, record.acl, record.action, record.cir, record.cbs};
+}
+
+static Kind kindOf(const scripted::Record &record)
+{
+    switch (record.call) {
+    case scripted::Call::ScalarGet: return Kind::Role;
+    case scripted::Call::CpuGet: return Kind::Cpu;
+    case scripted::Call::ScalarSync: return Kind::ScalarSync;
+    case scripted::Call::SlotSync: return Kind::SlotSync;
+    case scripted::Call::AclAdd: return Kind::Add;
+    case scripted::Call::AclDel: return Kind::Del;
+    default: break;
+    }
+    const bool isSlot = record.call == scripted::Call::SlotSet;
+    const bool add =
+        record.cmd == (isSlot ? HW_SLOT_CPUDEFENDPKTCARADD : HW_SYS_CPUDEFENDPKTCARADD);
+    const bool del =
+        record.cmd == (isSlot ? HW_SLOT_CPUDEFENDPKTCARDEL : HW_SYS_CPUDEFENDPKTCARDEL);
+    complainIf((!add && !del) || isSlot != record.slot.has_value() ||
+                   record.flag != (isSlot ? 3u : 0u) || record.descriptor.argLen != 0 ||
+                   record.descriptor.action != 0,
+               "a call with odd arguments");
+    return add ? Kind::Add : Kind::Del;
+}
+
+static Call callOf(const scripted::Record &record)
+{
+    Call call{kindOf(record), record.slot, 0, 0, "", {}, record.result};
+    complainIf(record.slotType != 0, "a slot index of another type than 0");
+    switch (record.call) {
+    case scripted::Call::SlotSet:
+    case scripted::Call::ScalarSet: call.item = carItem(record); break;
+    case scripted::Call::AclAdd:
+    case scripted::Call::AclDel: call.item = aclItem(record); break;
+    case scripted::Call::CpuGet:
+        call.id = record.selector;
+        complainIf(record.cmd != HW_CPU_USED || record.selector > 1, "an unknown CPU reading");
+        break;
+    case scripted::Call::ScalarGet: call.id = record.cmd; break;
+    default:
+        call.id = record.cmd;
+        call.flag = record.flag;
+        call.value = record.isNumber ? numberValue(record.number) : record.octets;
+    }
+    return call;
+}
+
+static int32_t answer(const scripted::Record &record)
+{
+    Call call = callOf(record);
     call.result = hardware.failable++ == hardware.failAt ? HARDWARE_FAILURE : apply(call);
     hardware.log.push_back(call);
+    scripted::script.cpu = {{0, {hardware.percent}},
+                            {1, {hardware.percent * 100 + hardware.hundredths}}};
     return call.result;
 }
 
-static int32_t car(bool add, const Place &place, const void *arg)
+void startHardware()
 {
-    tHwCpuDefendPktCarEntry entry;
-    memcpy(&entry, arg, sizeof entry);
-    const U_INT8 counters[] = {entry.PassPkt, entry.DropPkt, entry.PassOct, entry.DropOct};
-    for (const U_INT8 &counter : counters)
-        if (counter.high != 0 || counter.low != 0)
-            hardware.complaints.push_back("a counter is sent");
-    return answer({add ? Kind::Add : Kind::Del, place, 0, 0, "",
-                   Item{false, entry.pktType, entry.op, entry.cir, entry.cbs, entry.pps,
-                        entry.queue, entry.priority, entry.res}});
-}
-
-static int32_t acl(Kind kind, const tSlotIndex *slot, uint16_t number, uint32_t op, uint32_t cir,
-                   uint32_t cbs, uint32_t ebs)
-{
-    if (number == 0 || ebs != cbs || (op == ZYN_HW_OP_DENY && (cir != 0 || cbs != 0)))
-        hardware.complaints.push_back("an ACL call with odd arguments");
-    return answer({kind, placeOf(slot), 0, 0, "", Item{true, number, op, cir, cbs}});
-}
-
-static int32_t sync(Kind kind, const tSlotIndex *slot, uint32_t id, const void *value,
-                    uint32_t flag)
-{
-    const bool slotLevelName = kind == Kind::SlotSync && (id == 8005 || id == 8007 || id == 8009);
-    std::string text;
-    if ((flag & ZYN_SYNC_OCTETS) || slotLevelName) {
-        octetstring octets;
-        memcpy(&octets, value, sizeof octets);
-        text.assign(reinterpret_cast<const char *>(octets.pBuf), octets.len);
-    } else {
-        uint32_t number;
-        memcpy(&number, value, sizeof number);
-        text = numberValue(number);
-    }
-    return answer({kind, placeOf(slot), id, flag, text, {}});
+    hardware = Hardware();
+    scripted::reset();
+    scripted::script.answer = answer;
+    scripted::script.dropping = dropUnfitting;
+    scripted::script.queried = [](const scripted::Record &record) {
+        scripted::calls.clear(); // they are in the log
+        if (record.call == scripted::Call::ScalarGet)
+            hardware.log.push_back(callOf(record));
+    };
 }
 
 } // namespace chassis
-
-using namespace chassis;
-
-int32_t zynHwSlotSet(const tSlotIndex *slot, uint32_t cmd, void *arg, int32_t flag)
-{
-    const bool add = cmd == HW_SLOT_CPUDEFENDPKTCARADD;
-    if (!slot || flag != 3 || (!add && cmd != HW_SLOT_CPUDEFENDPKTCARDEL))
-        hardware.complaints.push_back("a slot call with odd arguments");
-    return car(add, placeOf(slot), arg);
-}
-
-int32_t zynScalarSetApi(uint32_t index, uint32_t cmd, tHwApiFunc *func)
-{
-    const bool add = func->hwCmd == HW_SYS_CPUDEFENDPKTCARADD;
-    if (index != 0 || cmd != 0 || func->argLen != 0 || func->action != 0 || func->flag != 0 ||
-        (!add && func->hwCmd != HW_SYS_CPUDEFENDPKTCARDEL))
-        hardware.complaints.push_back("a system call with odd arguments");
-    return car(add, std::nullopt, func->arg);
-}
-
-int32_t zynHwCarCount(const tSlotIndex *slot, tHwCpuDefendPktCarEntry *entry)
-{
-    const Item item{false,      entry->pktType, entry->op,       entry->cir, entry->cbs,
-                    entry->pps, entry->queue,   entry->priority, entry->res};
-    const std::vector<Item> &items = hardware.held[placeOf(slot)];
-    if (std::find(items.begin(), items.end(), item) == items.end())
-        return ENOENT;
-    entry->PassPkt = entry->DropPkt = entry->PassOct = entry->DropOct = {};
-    return 0;
-}
-
-void zynHwChangeBegin(void)
-{
-    if (hardware.changeDepth++ == 0)
-        hardware.dropped.clear();
-}
-
-int32_t zynHwChangeEnd(void)
-{
-    if (hardware.changeDepth == 0)
-        hardware.complaints.push_back("the end of a change that has not begun");
-    else if (--hardware.changeDepth == 0)
-        dropUnfitting();
-    return 0;
-}
-
-int32_t zynHwDropped(uint32_t n, tHwDropped *dropped)
-{
-    if (n >= hardware.dropped.size())
-        return ENOENT;
-    const auto &[place, item] = hardware.dropped[n];
-    *dropped = {};
-    dropped->result = HARDWARE_FULL;
-    dropped->isAcl = 1;
-    dropped->isSlot = place.has_value();
-    if (place)
-        dropped->slot = {place->first, place->second, 0};
-    dropped->acl = static_cast<uint16_t>(item.number);
-    dropped->action = item.op;
-    dropped->cir = item.cir;
-    dropped->cbs = dropped->ebs = item.cbs;
-    return 0;
-}
-
-int32_t zynHwScalarGet(uint32_t, uint32_t id, void *)
-{
-    const uint32_t role =
-        hardware.slave ? HW_SYS_SWRUNNINGROLEISSLAVE : HW_SYS_SWRUNNINGROLEISMASTER;
-    Call call{Kind::Role, std::nullopt, id, 0, "", {}};
-    call.result = id == role ? 0 : 1;
-    hardware.log.push_back(call);
-    return call.result;
-}
-
-int32_t zynHwCpuGet(uint32_t selector, uint32_t id, uint32_t *value)
-{
-    if (id != HW_CPU_USED || selector > 1)
-        hardware.complaints.push_back("an unknown CPU reading");
-    const int32_t result = answer({Kind::Cpu, std::nullopt, selector, 0, "", {}});
-    if (result == 0)
-        *value = selector ? hardware.percent * 100 + hardware.hundredths : hardware.percent;
-    return result;
-}
-
-int32_t zynHwScalarSync(uint32_t, uint32_t scalarId, const void *value, uint32_t flag)
-{
-    return sync(Kind::ScalarSync, nullptr, scalarId, value, flag);
-}
-
-int32_t zynHwSlotSync(const tSlotIndex *slot, uint32_t scalarId, const void *value, uint32_t flag)
-{
-    return sync(Kind::SlotSync, slot, scalarId, value, flag);
-}
-
-int32_t acl_cpudefend_add(const tSlotIndex *slot, uint16_t number, uint32_t action, uint32_t cir,
-                          uint32_t cbs, uint32_t ebs)
-{
-    return acl(Kind::Add, slot, number, action, cir, cbs, ebs);
-}
-
-int32_t acl_cpudefend_del(const tSlotIndex *slot, uint16_t number, uint32_t action, uint32_t cir,
-                          uint32_t cbs, uint32_t ebs)
-{
-    return acl(Kind::Del, slot, number, action, cir, cbs, ebs);
-}
-
-int32_t sysIndexTrans(uint32_t ifUnit, uint32_t mode, tPhyIfInfo *info)
-{
-    const auto port = hardware.ports.find(ifUnit);
-    if (mode != SYS_INDEX_TRANS_PHY || port == hardware.ports.end())
-        return 1;
-    *info = tPhyIfInfo{port->second.first, port->second.second, ifUnit, 0, 0, 0, 0};
-    return 0;
-}

@@ -1,6 +1,6 @@
 /**
- * A modelled hardware layer: it keeps what is programmed where, as a real one does, logs every
- * call, and fails the nth.
+ * A modelled hardware layer behind the scripted one: it keeps what is programmed where, as a real
+ * one does, logs every call, and fails the nth.
  */
 #ifndef CHASSIS_HARDWARE_H
 #define CHASSIS_HARDWARE_H
@@ -12,9 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "zynacl.h"
-#include "zynhwal.h"
-#include "zynif.h"
+#include "scripted_hw.h"
 
 namespace chassis
 {
@@ -53,17 +51,12 @@ struct Hardware {
     std::vector<Call> log;
     std::vector<std::string> complaints; /**< calls that no hardware would accept */
 
-    bool slave = false;
-    uint32_t percent = 0;                                    /**< CPU usage */
-    uint32_t hundredths = 0;                                 /**< what selector 1 adds to it */
-    std::map<uint32_t, std::pair<uint32_t, uint32_t>> ports; /**< by interface unit */
-
-    /** Changes begun and not ended. */
-    uint32_t changeDepth = 0;
+    uint32_t percent = 0;    /**< CPU usage */
+    uint32_t hundredths = 0; /**< what selector 1 adds to it */
 
     /** ACLs that a place has room for. Those beyond are dropped at the end of a change. */
     size_t aclRoom = SIZE_MAX;
-    std::vector<std::pair<Place, Item>> dropped; /**< at the end of the last one */
+    bool anyDropped = false; /**< at the end of the last one */
 
     /** Calls that can fail, so far: all but role queries. */
     size_t failable = 0;
@@ -80,6 +73,9 @@ constexpr int32_t HARDWARE_FULL = 28;
 std::vector<Item> fitting(const std::vector<Item> &items);
 
 extern Hardware hardware;
+
+/** Start over with nothing programmed, and answer the scripted layer's calls from now on. */
+void startHardware();
 
 /** The value of a synchronisation call, for Call::value. */
 std::string numberValue(uint32_t number);

@@ -216,10 +216,10 @@ static constexpr uint32_t NO_LINK = 2000000000;
 
 static uint64_t started()
 {
-    hardware = Hardware();
+    startHardware();
     for (uint32_t i = 0; i < 3; i++)
-        hardware.ports[NO_LINK + i + 1] = slotNumbers[i];
-    hardware.ports[NO_LINK + 4] = {0, 0}; // the system itself
+        scripted::script.ports[NO_LINK + i + 1] = slotNumbers[i];
+    scripted::script.ports[NO_LINK + 4] = {0, 0}; // the system itself
     clockReading = 1000;
     osClockSet(readClock);
     return clockReading;
@@ -512,7 +512,7 @@ void World::advance(const Step &s)
 /** The master more often than not. */
 void World::role(const Step &s)
 {
-    hardware.slave = s.a == 0;
+    scripted::script.slave = s.a == 0;
 }
 
 /** A packet from 10.0.0.n: an ARP request or an IGMP report. */
@@ -558,8 +558,8 @@ void World::packet(const Step &s)
 {
     const Frame frame(s.b == 0, static_cast<uint8_t>(s.c));
     const uint32_t ifUnit = NO_LINK + s.a;
-    const auto port = hardware.ports.find(ifUnit);
-    const bool known = port != hardware.ports.end();
+    const auto port = scripted::script.ports.find(ifUnit);
+    const bool known = port != scripted::script.ports.end();
     const Slot *slot = known ? model.findSlot(port->second.first, port->second.second) : nullptr;
     const Policy *policy = model.findPolicy(slot ? slot->name : model.system.name);
     const bool traced =
@@ -663,6 +663,7 @@ void World::check()
     const std::vector<std::string> broken = invariants::violations();
     found_.insert(found_.end(), broken.begin(), broken.end());
     found_.insert(found_.end(), hardware.complaints.begin(), hardware.complaints.end());
+    expect("the end of a change that has not begun", false, scripted::loneEnd);
     if (!broken.empty())
         return; // links may lead nowhere
     about_ = "system ";

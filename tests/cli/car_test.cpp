@@ -162,28 +162,3 @@ TEST_F(CarTest, MissingPoliciesEntriesAndTypes)
     expectFailure({"car", "show", "edge", "arps"}, 2,
                   "couldn't show arps in policy edge: there is no packet type 'arps'");
 }
-
-TEST_F(CarTest, RefusedSettings)
-{
-    const struct {
-        const char *setting;
-        const char *reason;
-    } kRefused[] = {
-        {"pps", "'pps' is not of the form KEY=VALUE"},
-        {"rate=5", "there is no setting 'rate'"},
-        {"passed=5", "passed can only be read"},
-        {"pps=", "pps cannot be '': it is not a number from 0 to 4294967295"},
-        {"pps=-1", "pps cannot be '-1': it is not a number from 0 to 4294967295"},
-        {"pps=4294967296", "pps cannot be '4294967296': it is not a number from 0 to 4294967295"},
-        {"queue=256", "queue cannot be '256': it is not a number from 0 to 255"},
-        {"priority=1.5", "priority cannot be '1.5': it is not a number from 0 to 255"},
-        {"mode=both", "mode cannot be 'both': it is not one of default|pps|cir"},
-        {"action=drop", "action cannot be 'drop': it is not one of deny|permit"},
-    };
-    for (const auto &[setting, reason] : kRefused)
-        expectFailure({"car", "set", "edge", "arp", "cbs=1", setting}, 2,
-                      std::string("couldn't set arp in policy edge: ") + reason);
-    expectFailure({"car", "set", "edge", "arp", "cbs=1", "cbs=2"}, 2,
-                  "couldn't set arp in policy edge: cbs is given twice");
-    EXPECT_NE(ctlOutput({"car", "show", "edge", "arp"}).find("cbs        6400"), std::string::npos);
-}

@@ -140,32 +140,6 @@ TEST_F(RuleTest, RefusedIndexes)
                       ": a policy name has 1 to 32 bytes");
 }
 
-TEST_F(RuleTest, RefusedSettings)
-{
-    const struct {
-        const char *setting;
-        const char *reason;
-    } kRefused[] = {
-        {"cir", "'cir' is not of the form KEY=VALUE"},
-        {"pps=5", "there is no setting 'pps'"},
-        {"status=active", "status can only be read"},
-        {"ip4-acl=65536", "ip4-acl cannot be '65536': it is not a number from 0 to 65535"},
-        {"ip6-acl=-1", "ip6-acl cannot be '-1': it is not a number from 0 to 65535"},
-        {"cir=4294967296", "cir cannot be '4294967296': it is not a number from 0 to 4294967295"},
-        {"cbs=", "cbs cannot be '': it is not a number from 0 to 4294967295"},
-        {"action=drop", "action cannot be 'drop': it is not one of permit|deny"},
-    };
-    for (const auto &[setting, reason] : kRefused) {
-        expectFailure({"rule", "add", "edge", "1", "ip4-acl=1", setting}, 2,
-                      std::string("couldn't add rule 1 of policy edge: ") + reason);
-        expectFailure({"rule", "set", "edge", "1", "ip4-acl=1", setting}, 2,
-                      std::string("couldn't set rule 1 of policy edge: ") + reason);
-    }
-    expectFailure({"rule", "add", "edge", "1", "cir=1", "cir=2"}, 2,
-                  "couldn't add rule 1 of policy edge: cir is given twice");
-    EXPECT_EQ(ctlOutput({"rule", "list"}), "");
-}
-
 TEST_F(RuleTest, ANewPolicyKeepsNoRuleOfADeletedOne)
 {
     expectDone({"rule", "add", "edge", "1", "ip4-acl=5"});

@@ -128,28 +128,3 @@ TEST(Slot, WhatThePlatformRefusesIsSaidWithItsCode)
     EXPECT_NE(ctlOutput({"slot", "show", "1/9"}).find("mode          cpu-rate\n"),
               std::string::npos);
 }
-
-TEST_F(SlotTest, RefusedSettings)
-{
-    const struct {
-        const char *setting;
-        const char *reason;
-    } kRefused[] = {
-        {"mode", "'mode' is not of the form KEY=VALUE"},
-        {"l4-threshold=5", "there is no setting 'l4-threshold'"},
-        {"policy=default", "policy is no setting: a command of its own changes it"},
-        {"mode=cpu", "mode cannot be 'cpu': it is not one of cpu-rate|fixed"},
-        {"l1-threshold=102", "l1-threshold cannot be '102': it is not a number from 0 to 101"},
-        {"l2-policy=123456789012345678901234567890123",
-         "l2-policy cannot be '123456789012345678901234567890123': it is longer than 32 bytes"},
-    };
-    for (const auto &[setting, reason] : kRefused)
-        expectFailure({"slot", "set", "1/5", "l3-threshold=9", setting}, 2,
-                      std::string("couldn't set slot 1/5: ") + reason);
-    expectFailure({"slot", "set", "1/7", "l3-threshold=9"}, 1,
-                  "couldn't set l3-threshold=9 for slot 1/7: there is no such slot");
-    expectFailure({"slot", "set", "1/5", "l2-threshold=9", "l2-policy=core"}, 1,
-                  "couldn't set l2-policy=core for slot 1/5: there is no policy of this name; set "
-                  "before that: l2-threshold=9");
-    EXPECT_NE(ctlOutput({"slot", "show", "1/5"}).find("l3-threshold  0 "), std::string::npos);
-}

@@ -83,6 +83,8 @@ size_t count(Call call)
 /** Record a call and find its answer; role queries and readings are not counted by failAt. */
 static int32_t answer(Record record)
 {
+    if (script.answer)
+        return script.answer(record);
     size_t nth = 0;
     for (const Record &earlier : calls)
         nth += earlier.call != Call::ScalarGet && earlier.call != Call::CpuGet;
@@ -122,6 +124,7 @@ static Record sync(Call call, const tSlotIndex *slot, uint32_t id, const void *v
         memcpy(&octets, value, sizeof octets);
         record.octets.assign(reinterpret_cast<const char *>(octets.pBuf), octets.len);
     } else if (value) {
+        record.isNumber = true;
         memcpy(&record.number, value, sizeof record.number);
     }
     return record;
@@ -209,7 +212,7 @@ int32_t zynHwChangeEnd(void)
     if (--changeDepth != 0)
         return 0;
     changesEnded++;
-    dropped = next(script.drops);
+    dropped = script.dropping ? script.dropping() : next(script.drops);
     return next(script.changeEnds);
 }
 
@@ -276,10 +279,12 @@ int32_t zynHwCpuGet(uint32_t selector, uint32_t id, uint32_t *value)
     record.selector = selector;
     if (script.queried)
         script.queried(record);
+    if (script.answer)
+        record.result = script.answer(record);
     std::deque<uint32_t> &readings = script.cpu[selector];
-    if (readings.empty()) {
+    if (readings.empty())
         record.result = 5;
-    } else {
+    if (record.result == 0) {
         *value = readings.front();
         if (readings.size() > 1)
             readings.pop_front();

@@ -47,6 +47,7 @@ struct Record {
     uint32_t selector = 0; /**< CpuGet */
     std::string octets;    /**< synchronisation calls with ZYN_SYNC_OCTETS */
     uint32_t number = 0;   /**< the other synchronisation calls */
+    bool isNumber = false; /**< it is one of those */
     int32_t result = 0;    /**< what the call was answered with */
     uint32_t change = 0;   /**< number of the change it was made in, from 1; 0 outside of any */
 
@@ -80,6 +81,10 @@ struct Script {
     std::deque<int32_t> changeEnds;
     /** What is dropped at these ends, in turn, then nothing is. */
     std::deque<std::vector<tHwDropped>> drops;
+    /** Answers every call but role queries, instead of failAt and failAll. */
+    std::function<int32_t(const Record &)> answer;
+    /** What is dropped at the end of an outermost change, instead of what drops says. */
+    std::function<std::vector<tHwDropped>()> dropping;
     /** Readings of the CPU usage by selector: used up in turn, the last one stays. */
     std::map<uint32_t, std::deque<uint32_t>> cpu;
     /** Interface unit to (sys, slot); others cannot be translated. */

@@ -187,17 +187,6 @@ TEST_F(ChangeEnd, WhatOnlyFollowsFromASetIsNotItsProgramming)
     EXPECT_EQ(slot->policyMode, CPUDEFEND_FIXED);
 }
 
-TEST_F(ChangeEnd, PolicyThatIsBoundBeforeItIsThereIsProgrammedByItsCreation)
-{
-    const tCpuDefendSlotEntry *slot = haveSlot(true);
-    engine::nameLevel(gCpuDefend.cpuRatControl[0], "later");
-    gCpuDefend.selectedPosition = 1;
-    EXPECT_EQ(setPolicy("later", CPUDEFEND_POLICY_ENTRYSTATUS, CPUDEFEND_ROW_CREATE), 0);
-    EXPECT_EQ(programmed(), Programmed(10, "CAR 0 1/5")); // of an ACL's number they have none
-    EXPECT_EQ(findPolicy("later")->refCount, 1u);
-    EXPECT_EQ(slot->policyNameLen, 0);
-}
-
 /* ---- Slots: what can't be programmed is not bound --------------------------------------- */
 
 TEST_F(ChangeEnd, BindingThatFailsAtTheEndLeavesTheSlotUnbound)

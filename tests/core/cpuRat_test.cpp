@@ -131,26 +131,6 @@ TEST_F(CpuRatSystem, HighestThresholdBelowTheUsageIsSelected)
     }
 }
 
-TEST_F(CpuRatSystem, UsageIsReadWithSelector1)
-{
-    scripted::script.cpu[0] = {10};
-    sample(7500);
-    const auto readings = made(Call::CpuGet);
-    ASSERT_EQ(readings.size(), 1u);
-    EXPECT_EQ(readings[0].selector, 1u);
-    EXPECT_EQ(readings[0].cmd, 114688003u);
-    EXPECT_EQ(gCpuDefend.selectedPosition, 2);
-}
-
-TEST_F(CpuRatSystem, HardwareFailuresAreIgnored)
-{
-    scripted::script.failAll = {{Call::AclAdd, 7}, {Call::AclDel, 8}};
-    gCpuDefend.selectedPosition = 1;
-    EXPECT_EQ(sample(7500), "-a +b");
-    EXPECT_EQ(gCpuDefend.selectedPosition, 2);
-    EXPECT_EQ(sample(7500), ""); // not tried again
-}
-
 TEST_F(CpuRatSystem, TimerRunsForEverWhateverTheMode)
 {
     for (uint8_t mode : {0, 1, 2, 255}) {
@@ -173,16 +153,6 @@ TEST_F(CpuRatSystem, HandlerArmsItselfFirst)
     sample(7500);
     EXPECT_GE(armed->size(), 2u) << "the role, the usage";
     EXPECT_EQ(*armed, std::vector<bool>(armed->size(), true));
-}
-
-TEST_F(CpuRatSystem, OtherModesLookAtNothing)
-{
-    for (uint8_t mode : {0, 2, 3, 255}) {
-        gCpuDefend.policyMode = mode;
-        gCpuDefend.selectedPosition = 1;
-        expectStill(7500, 1);
-        EXPECT_TRUE(scripted::calls.empty()) << +mode;
-    }
 }
 
 TEST_F(CpuRatSystem, SlaveAsksForItsRoleAndNoMore)
@@ -317,17 +287,6 @@ TEST_F(CpuRatSlot, HighestThresholdAboveTheUsageIsSelected)
     }
 }
 
-TEST_F(CpuRatSlot, UsageIsReadWithSelector0WhateverTheSlot)
-{
-    scripted::script.cpu[1] = {9999};
-    sample(50);
-    const auto readings = made(Call::CpuGet);
-    ASSERT_EQ(readings.size(), 1u);
-    EXPECT_EQ(readings[0].selector, 0u);
-    EXPECT_EQ(readings[0].cmd, 114688003u);
-    EXPECT_EQ(slot->selectedPosition, 3);
-}
-
 TEST_F(CpuRatSlot, FailedReadingChangesNothing)
 {
     slot->selectedPosition = 1;
@@ -350,18 +309,6 @@ TEST_F(CpuRatSlot, HandlerReturnsWhatProgrammingTheNewPolicyGave)
     EXPECT_EQ(trail(), "-c@1/5 sync(1/5=0)");
 }
 
-TEST_F(CpuRatSlot, MissingPolicyIsNotCheckedFor)
-{
-    nameLevel(slot->cpuRatControl[2], "nobody");
-    slot->selectedPosition = 1;
-    scripted::script.cpu[0] = {50};
-    EXPECT_EQ(cpuDefendCpuRatControlSlotTimeOut(slot), 0);
-    EXPECT_EQ(nextTrail(), "-a@1/5 sync(1/5=3)");
-    EXPECT_EQ(slot->selectedPosition, 3);
-    addPolicy("nobody");
-    EXPECT_EQ(sample(50), ""); // not tried again
-}
-
 TEST_F(CpuRatSlot, TimerRunsForEverWhateverTheMode)
 {
     for (uint8_t mode : {0, 1, 2, 255}) {
@@ -382,17 +329,6 @@ TEST_F(CpuRatSlot, HandlerArmsItselfFirst)
     sample(40);
     EXPECT_GE(armed->size(), 2u) << "the role, the usage";
     EXPECT_EQ(*armed, std::vector<bool>(armed->size(), true));
-}
-
-TEST_F(CpuRatSlot, OtherModesLookAtNothing)
-{
-    for (uint8_t mode : {0, 2, 3, 255}) {
-        slot->policyMode = mode;
-        slot->selectedPosition = 1;
-        EXPECT_EQ(sample(50), "");
-        EXPECT_TRUE(scripted::calls.empty()) << +mode;
-        EXPECT_EQ(slot->selectedPosition, 1);
-    }
 }
 
 TEST_F(CpuRatSlot, SlaveAsksForItsRoleAndNoMore)

@@ -118,20 +118,6 @@ TEST_F(HwProgramming, SystemPathLeavesTheRestOfTheDescriptorZero)
     }
 }
 
-TEST_F(HwProgramming, EveryCarEntryIsSentWithAllItsRatesWhateverItsMode)
-{
-    tCpuDefendPolicyEntry *policy = addPolicy("p");
-    for (tCpuDefendCarPktEntry *entry : carEntries(policy))
-        entry->mode = entry->pktType % 3u;
-    addCar("p", 58);
-    cpuDefendHwAdd(&slot, policy);
-    std::vector<std::string> expected;
-    for (int type : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 58})
-        expected.push_back("SlotSet slot 3/7 cmd=32768063 type=" + std::to_string(type) +
-                           " cir=16 cbs=6400 pps=512 queue=2 priority=2 op=11 bit=0");
-    EXPECT_EQ(programmed(), expected);
-}
-
 TEST_F(HwProgramming, CarOperationIsDenyForOneOnly)
 {
     const struct {
@@ -300,18 +286,6 @@ TEST_F(HwCounters, WrapAt32Bits)
     counts(&slot) = {0x100000020, 0x200000000, 0, 0};
     cpuDefendHwCarCount(car);
     EXPECT_EQ(counters(), Numbers(0x10, 0));
-}
-
-TEST_F(HwCounters, NobodyIsAskedWhereThePolicyIsNotProgrammed)
-{
-    car->cir = 100; // unlike any other
-    cpuDefendHwCarCount(car);
-    cpuDefendHwAdd(&slot, findPolicy("default"));
-    EXPECT_EQ(del(&slot, "p"), 0); // never added
-    cpuDefendHwCarCount(findCar("default", 2));
-    ASSERT_EQ(scripted::counted.size(), 1u);
-    EXPECT_EQ(scripted::counted[0].slot, std::pair(3u, 7u));
-    EXPECT_EQ(scripted::counted[0].car.pktType, 2u);
 }
 
 TEST_F(HwCounters, RemovalTakesTheLastCountsFirst)

@@ -199,19 +199,6 @@ TEST_F(UserDefinedApi, WalkGoesByNameLengthThenNameThenIndex)
                                                 "default/2"}));
 }
 
-TEST_F(UserDefinedApi, WalkContinuesFromAKeyThatDoesNotExist)
-{
-    addRule("p", 5);
-    addRule("default", 2);
-    using Next = Answer<std::string>;
-    EXPECT_EQ(next("", 0), (Next{0, "p/1"}));
-    EXPECT_EQ(next("o", 99), (Next{0, "p/1"}));
-    EXPECT_EQ(next("p", 3), (Next{0, "p/5"}));
-    EXPECT_EQ(next("p", 0xffffffff), (Next{0, "default/2"}));
-    EXPECT_EQ(next("default", 2), (Next{-1, "/0"}));
-    EXPECT_EQ(next("longer than default", 0), (Next{-1, "/0"}));
-}
-
 /* ---- Show ----------------------------------------------------------------------------- */
 
 static int32_t lastShow;

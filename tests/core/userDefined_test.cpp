@@ -21,32 +21,6 @@ TEST_F(UserDefinedTable, RulesOfAPolicyAreOrderedByIndex)
     EXPECT_EQ(gCpuDefend.useUserDefinedNum, 3u);
 }
 
-TEST_F(UserDefinedTable, DuplicateGoesAfterItsEqualsInBothListsAndGetReturnsTheOlder)
-{
-    tCpuDefendPolicyEntry *policy = addPolicy("p");
-    tCpuDefendUserDefinedEntry *first = addRule("p", 2);
-    tCpuDefendUserDefinedEntry *third = addRule("p", 3);
-    tCpuDefendUserDefinedEntry *again = addRule("p", 2);
-    tCpuDefendUserDefinedEntry *last = addRule("p", 2);
-    const std::vector<tCpuDefendUserDefinedEntry *> expected{first, again, last, third};
-    EXPECT_EQ(rules(policy), expected);
-    EXPECT_EQ(rules(), expected);
-    EXPECT_EQ(findRule("p", 2), first);
-}
-
-TEST_F(UserDefinedTable, GetNeedsNameLengthAndIndex)
-{
-    addPolicy("p");
-    addPolicy("pp");
-    const tCpuDefendUserDefinedEntry *rule = addRule("pp", 4);
-    EXPECT_EQ(findRule("pp", 4), rule);
-    EXPECT_EQ(findRule("pp", 5), nullptr);
-    EXPECT_EQ(findRule("p", 4), nullptr);
-    EXPECT_EQ(findRule("ppp", 4), nullptr);
-    EXPECT_EQ(findRule("pp", 256 + 4), nullptr); // the stored index is one byte
-    EXPECT_EQ(findRule(std::string(33, 'p'), 4), nullptr);
-}
-
 TEST_F(UserDefinedTable, ReusedRecordKeepsItsUnsetFields)
 {
     addPolicy("p");
@@ -82,27 +56,6 @@ TEST_F(UserDefinedTable, DeleteWithoutAPolicyIsRefused)
 }
 
 /* ---- Failures ------------------------------------------------------------------------- */
-
-TEST_F(UserDefinedTable, AddForAnUnknownPolicyChangesNothing)
-{
-    int32_t ret = 0;
-    EXPECT_EQ(cpuDefendUserDefinedEntryAdd(bytes("nobody"), 6, 1, &ret), nullptr);
-    EXPECT_EQ(ret, 0x03E80008);
-    EXPECT_EQ(gCpuDefend.useUserDefinedNum, 0u);
-    EXPECT_TRUE(rules().empty());
-}
-
-TEST_F(UserDefinedTable, AddToAFullPoolChangesNothing)
-{
-    for (uint32_t i = 0; i < 64; i++)
-        addRule("default", i);
-    int32_t ret = 0;
-    EXPECT_EQ(cpuDefendUserDefinedEntryAdd(bytes("default"), 7, 70, &ret), nullptr);
-    EXPECT_EQ(ret, 0x03E80001);
-    EXPECT_EQ(gCpuDefend.useUserDefinedNum, 64u);
-    EXPECT_EQ(findPolicy("default")->userDefinedNum, 64u);
-    EXPECT_EQ(rules().size(), 64u);
-}
 
 TEST_F(UserDefinedTable, FailuresAreReportedWithDebuggingOnOnly)
 {
