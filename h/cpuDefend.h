@@ -8,6 +8,7 @@
 #ifndef CPUDEFEND_H
 #define CPUDEFEND_H
 
+#include "cpuDefend_array.h"
 #include "cpuDefend_nm.h"
 #include "zynacl.h"
 #include "zynhwal.h"
@@ -146,6 +147,10 @@ struct tCpuDefendSrcTraceEntry {
     uint32_t totalNum;                      /**< the CAR entry's total at that packet */
 };
 
+struct tCpuDefendBinding;
+struct tCpuDefendLink;
+struct tHwItem;
+
 /** All state of the daemon. */
 struct tCpuDefendSystem {
     tOsixSemId cpuDefendSem;
@@ -186,15 +191,19 @@ struct tCpuDefendSystem {
     tCpuDefendCarPktEntry *carPktTable;
     tCpuDefendSrcTraceEntry *srcTraceTable;
     tCpuDefendSlotEntry *slotTable;
-    /* Of what is in no pool, as its number is not known at start-up. */
-    uint32_t useHwItemNum;      /**< held by the hardware, or refused by it */
-    uint32_t useHwAskedNum;     /**< that the current change has asked it for */
-    uint32_t useLinkNum;        /**< ports that are there and in a slot */
-    uint32_t useBindingNum;     /**< of policies to places, as configured */
-    uint32_t useFollowedNum;    /**< the same, when cpuDefendFollow last saw to them */
-    uint32_t useWantedNum;      /**< what these stand for */
-    uint32_t hwCallNum;         /**< calls that programmed or removed something */
-    uint32_t hwChangeNum;       /**< policies programmed and removed */
+    cpuDefendArray<tCpuDefendLink> links; /**< ports that are in a slot, as they came */
+    /**
+     * What the hardware has taken and not given back, the oldest first: what contract and results
+     * of the calls say, so that it is right about calls that failed, too. And what it was wanted
+     * to take and has refused, which stands where it would be.
+     */
+    cpuDefendArray<tHwItem> held;
+    cpuDefendArray<tHwItem> asked;              /**< what the current change has asked for */
+    cpuDefendArray<tCpuDefendBinding> bindings; /**< of policies to places, as configured */
+    cpuDefendArray<tCpuDefendBinding> followed; /**< the same, when cpuDefendFollow last ran */
+    cpuDefendArray<tHwItem> wanted;             /**< what the bindings stand for */
+    uint32_t hwCallNum;                         /**< calls that programmed or removed something */
+    uint32_t hwChangeNum;                       /**< policies programmed and removed */
     uint32_t followedChangeNum; /**< the same, when cpuDefendFollow last saw to them */
     uint8_t followsCards;       /**< 1 once a card has a slot's record */
     uint8_t retryDue;           /**< 1 when there may be room for what the hardware refused */

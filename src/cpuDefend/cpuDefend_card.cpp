@@ -10,7 +10,7 @@ namespace
 
 bool isOccupied(const tCpuDefendPlace &place)
 {
-    for (const tCpuDefendLink &link : cpuDefendLinks)
+    for (const tCpuDefendLink &link : gCpuDefend.links)
         if (link.now == place)
             return true;
     return false;
@@ -33,7 +33,7 @@ void release(const tCpuDefendPlace &place)
 bool releaseLeft()
 {
     bool any = false;
-    for (const tCpuDefendLink &link : cpuDefendLinks)
+    for (const tCpuDefendLink &link : gCpuDefend.links)
         if (link.was.isSlot() && !isOccupied(link.was)) {
             release(link.was);
             any = true;
@@ -61,16 +61,16 @@ void provide(const tCpuDefendPlace &place)
 /** The records are as the links are. Links that are gone are remembered no more. */
 void takeAsIs()
 {
-    for (uint32_t i = cpuDefendLinks.count(); i-- > 0;) {
-        cpuDefendLinks[i].was = cpuDefendLinks[i].now;
-        if (!cpuDefendLinks[i].now.isSlot())
-            cpuDefendLinks.remove(&cpuDefendLinks[i]);
+    for (uint32_t i = gCpuDefend.links.count(); i-- > 0;) {
+        gCpuDefend.links[i].was = gCpuDefend.links[i].now;
+        if (!gCpuDefend.links[i].now.isSlot())
+            gCpuDefend.links.remove(&gCpuDefend.links[i]);
     }
 }
 
 bool isSettled()
 {
-    for (const tCpuDefendLink &link : cpuDefendLinks)
+    for (const tCpuDefendLink &link : gCpuDefend.links)
         if (!(link.now == link.was))
             return false;
     return true;
@@ -83,7 +83,7 @@ void settle()
         return;
     zynHwChangeBegin();
     const bool hasRoom = releaseLeft(); // so that slots may get a record now that had found none
-    for (const tCpuDefendLink &link : cpuDefendLinks)
+    for (const tCpuDefendLink &link : gCpuDefend.links)
         if (link.now.isSlot() && (hasRoom || !(link.now == link.was)))
             provide(link.now);
     takeAsIs();

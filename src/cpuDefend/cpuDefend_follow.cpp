@@ -8,25 +8,21 @@
 #include "cpuDefend_hw.h"
 #include "cpuDefend_level.h"
 
-namespace
-{
-
 /** A policy that is to be in force at a place. Later ones cover earlier ones there. */
-struct tBinding {
+struct tCpuDefendBinding {
     tHwTarget target;
     tCpuDefendPolicyEntry *policy;
 
-    bool operator==(const tBinding &) const = default;
+    bool operator==(const tCpuDefendBinding &) const = default;
 };
 
-cpuDefendArray<tBinding> bindings(&tCpuDefendSystem::useBindingNum);
-cpuDefendArray<tBinding> followed(&tCpuDefendSystem::useFollowedNum); // what they were last time
-cpuDefendArray<tHwItem> wanted(&tCpuDefendSystem::useWantedNum);
+namespace
+{
 
 /** @return false when there is no memory */
 bool bind(const tHwTarget &target, tCpuDefendPolicyEntry *policy)
 {
-    return !policy || bindings.append({target, policy});
+    return !policy || gCpuDefend.bindings.append({target, policy});
 }
 
 /** The policy bound by that name; null without a name, or without such a policy. */
@@ -52,14 +48,14 @@ bool bindSlot(tCpuDefendSlotEntry *slot, const tSystemPolicies &system)
            bind(target, cpuDefendLevelPolicy(slot->cpuRatControl, slot->selectedPosition));
 }
 
-/** Fill bindings. @return false when there is no memory */
+/** Fill gCpuDefend.bindings. @return false when there is no memory */
 bool bindAll()
 {
     const tSystemPolicies system{
         bound(gCpuDefend.policyName, gCpuDefend.policyNameLen),
         cpuDefendLevelPolicy(gCpuDefend.cpuRatControl, gCpuDefend.selectedPosition)};
     const tHwTarget whole = cpuDefendHwTarget(nullptr);
-    bindings.clear();
+    gCpuDefend.bindings.clear();
     if (list_empty(&gCpuDefend.slotList))
         return bind(whole, system.fixed) && bind(whole, system.level);
     bool complete = true;
@@ -72,10 +68,10 @@ bool bindAll()
 bool isFollowed()
 {
     if (gCpuDefend.followedChangeNum != gCpuDefend.hwChangeNum ||
-        followed.count() != bindings.count())
+        gCpuDefend.followed.count() != gCpuDefend.bindings.count())
         return false;
-    for (uint32_t i = 0; i < bindings.count(); i++)
-        if (!(bindings[i] == followed[i]))
+    for (uint32_t i = 0; i < gCpuDefend.bindings.count(); i++)
+        if (!(gCpuDefend.bindings[i] == gCpuDefend.followed[i]))
             return false;
     return true;
 }
@@ -83,9 +79,9 @@ bool isFollowed()
 /** What is refused now is asked for again by cpuDefendRetry, not before. */
 void remember()
 {
-    followed.clear();
-    for (const tBinding &binding : bindings)
-        if (!followed.append(binding))
+    gCpuDefend.followed.clear();
+    for (const tCpuDefendBinding &binding : gCpuDefend.bindings)
+        if (!gCpuDefend.followed.append(binding))
             return; // and so it all counts as changed next time
     gCpuDefend.followedChangeNum = gCpuDefend.hwChangeNum;
 }
@@ -94,18 +90,18 @@ void remember()
 bool spellOut()
 {
     bool complete = true;
-    wanted.clear();
+    gCpuDefend.wanted.clear();
     const auto append = [&complete](const tHwItem &item) {
-        complete = wanted.append(item) && complete;
+        complete = gCpuDefend.wanted.append(item) && complete;
     };
-    for (const tBinding &binding : bindings)
+    for (const tCpuDefendBinding &binding : gCpuDefend.bindings)
         cpuDefendHwPass(binding.target, append).run(binding.policy);
     return complete;
 }
 
 bool isBound(const tHwTarget &target)
 {
-    for (const tBinding &binding : bindings)
+    for (const tCpuDefendBinding &binding : gCpuDefend.bindings)
         if (binding.target == target)
             return true;
     return false;
@@ -114,12 +110,12 @@ bool isBound(const tHwTarget &target)
 /** Take out the items that @a concerns says, the newest first. */
 template <typename Concerns> void empty(uint32_t from, Concerns concerns)
 {
-    for (uint32_t i = cpuDefendHwHeld.count(); i-- > from;) {
-        tHwItem &item = cpuDefendHwHeld[i];
+    for (uint32_t i = gCpuDefend.held.count(); i-- > from;) {
+        tHwItem &item = gCpuDefend.held[i];
         if (!concerns(item))
             continue;
         if (item.isRefused)
-            cpuDefendHwHeld.remove(&item);
+            gCpuDefend.held.remove(&item);
         else
             cpuDefendHwItemDel(item);
     }
@@ -136,11 +132,12 @@ uint32_t itemAt(cpuDefendArray<tHwItem> &items, uint32_t from, const tHwTarget &
 /** Make one place hold what is wanted there. What is right so far, from the oldest on, stays. */
 void mend(const tHwTarget &target)
 {
-    uint32_t has = itemAt(cpuDefendHwHeld, 0, target);
+    auto &held = gCpuDefend.held;
+    auto &wanted = gCpuDefend.wanted;
+    uint32_t has = itemAt(held, 0, target);
     uint32_t wants = itemAt(wanted, 0, target);
-    while (has < cpuDefendHwHeld.count() && wants < wanted.count() &&
-           cpuDefendHwHeld[has] == wanted[wants]) {
-        has = itemAt(cpuDefendHwHeld, has + 1, target);
+    while (has < held.count() && wants < wanted.count() && held[has] == wanted[wants]) {
+        has = itemAt(held, has + 1, target);
         wants = itemAt(wanted, wants + 1, target);
     }
     empty(has, [&target](const tHwItem &item) { return item.target == target; });
@@ -154,7 +151,7 @@ void countPlaces()
     for (void *at = avl_first(&gCpuDefend.policyList); at;
          at = avl_next(&gCpuDefend.policyList, at))
         static_cast<tCpuDefendPolicyEntry *>(at)->refCount = 0;
-    for (const tBinding &binding : bindings)
+    for (const tCpuDefendBinding &binding : gCpuDefend.bindings)
         binding.policy->refCount++;
 }
 
@@ -163,7 +160,7 @@ void program()
 {
     zynHwChangeBegin();
     empty(0, [](const tHwItem &item) { return !isBound(item.target); });
-    for (const tBinding &binding : bindings)
+    for (const tCpuDefendBinding &binding : gCpuDefend.bindings)
         mend(binding.target); // at a place bound again there is nothing left to do
     zynHwChangeEnd();
     countPlaces();
@@ -177,7 +174,7 @@ void complain()
 
 bool isAnyRefused()
 {
-    for (const tHwItem &item : cpuDefendHwHeld)
+    for (const tHwItem &item : gCpuDefend.held)
         if (item.isRefused)
             return true;
     return false;

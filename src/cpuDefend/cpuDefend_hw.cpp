@@ -6,12 +6,8 @@
 
 #include <errno.h>
 
-cpuDefendArray<tHwItem> cpuDefendHwHeld(&tCpuDefendSystem::useHwItemNum);
-
 namespace
 {
-
-cpuDefendArray<tHwItem> asked(&tCpuDefendSystem::useHwAskedNum);
 
 /** The calls that add, and those that remove. */
 struct tHwCalls {
@@ -67,7 +63,7 @@ bool areAlike(const tHwItem &a, const tHwItem &b)
 /** The newest item like @a item that the hardware holds, or null. */
 tHwItem *newest(const tHwItem &item)
 {
-    for (tHwItem *held = cpuDefendHwHeld.end(); held != cpuDefendHwHeld.begin();) {
+    for (tHwItem *held = gCpuDefend.held.end(); held != gCpuDefend.held.begin();) {
         held--;
         if (!held->isRefused && areAlike(*held, item))
             return held;
@@ -77,7 +73,7 @@ tHwItem *newest(const tHwItem &item)
 
 void note(const tHwItem &item)
 {
-    if (!cpuDefendHwHeld.append(item))
+    if (!gCpuDefend.held.append(item))
         CPUDEFEND_DEBUG("[cpuDefend] no memory to note what is programmed!\r\n");
 }
 
@@ -99,12 +95,12 @@ void takeCounts(tHwItem *held)
  */
 void forget(tHwItem *gone, const tCpuDefendCarPktEntry *wanted)
 {
-    for (tHwItem *held = gone; gone->car != wanted && held-- != cpuDefendHwHeld.begin();)
+    for (tHwItem *held = gone; gone->car != wanted && held-- != gCpuDefend.held.begin();)
         if (held->car == wanted && areAlike(*held, *gone)) {
             held->car = gone->car;
             break;
         }
-    cpuDefendHwHeld.remove(gone);
+    gCpuDefend.held.remove(gone);
 }
 
 /** Visit what @a policy stands for at a place. @return the last visit's result, 0 without one */
@@ -122,7 +118,7 @@ int32_t ask(tHwItem item)
 {
     const int32_t result = cpuDefendHwItemAdd(item);
     if (result == 0)
-        asked.append(item); // without memory, nobody hears of it if it is dropped
+        gCpuDefend.asked.append(item); // without memory, nobody hears of it if it is dropped
     return result;
 }
 
@@ -144,7 +140,7 @@ tHwItem itemOf(const tHwDropped &dropped)
 
 bool wasAsked(const tHwItem &item)
 {
-    for (const tHwItem &each : asked)
+    for (const tHwItem &each : gCpuDefend.asked)
         if (areAlike(each, item))
             return true;
     return false;
@@ -198,7 +194,7 @@ int32_t cpuDefendHwChangeEnd()
 {
     const int32_t failure = zynHwChangeEnd();
     const int32_t dropped = noteDropped();
-    asked.clear();
+    gCpuDefend.asked.clear();
     return failure != 0 ? failure : dropped;
 }
 
@@ -234,7 +230,7 @@ int32_t cpuDefendHwDel(tSlotIndex *pSlotIndex, const uint8_t *name, uint32_t nam
 
 void cpuDefendHwCarCount(const tCpuDefendCarPktEntry *pCarPkt)
 {
-    for (tHwItem &held : cpuDefendHwHeld)
+    for (tHwItem &held : gCpuDefend.held)
         if (held.car == pCarPkt && newest(held) == &held)
             takeCounts(&held);
 }

@@ -4,7 +4,7 @@
 #ifndef CPUDEFEND_HW_H
 #define CPUDEFEND_HW_H
 
-#include "cpuDefend_array.h"
+#include "cpuDefend.h"
 
 /** Where something is programmed: a slot, or the system as a whole. */
 struct tHwTarget {
@@ -56,13 +56,6 @@ struct tHwItem {
         return target == other.target && setting == other.setting && car == other.car;
     }
 };
-
-/**
- * What the hardware has taken and not given back, the oldest first: what contract and results of
- * the calls say, so that it is right about calls that failed, too. And what it was wanted to take
- * and has refused, which stands where it would be.
- */
-extern cpuDefendArray<tHwItem> cpuDefendHwHeld;
 
 /** Have the hardware take an item, or give one back. @return the call's result */
 int32_t cpuDefendHwItemAdd(tHwItem item);

@@ -178,6 +178,12 @@ void release()
     free(gCpuDefend.carPktTable);
     free(gCpuDefend.srcTraceTable);
     free(gCpuDefend.slotTable);
+    gCpuDefend.links.release();
+    gCpuDefend.held.release();
+    gCpuDefend.asked.release();
+    gCpuDefend.bindings.release();
+    gCpuDefend.followed.release();
+    gCpuDefend.wanted.release();
     if (gCpuDefend.cpuDefendSem)
         OsixDeleteSem(gCpuDefend.cpuDefendSem);
     memset(&gCpuDefend, 0, sizeof gCpuDefend);

@@ -8,8 +8,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-cpuDefendArray<tCpuDefendLink> cpuDefendLinks(&tCpuDefendSystem::useLinkNum);
-
 namespace
 {
 
@@ -32,7 +30,7 @@ tCpuDefendPlace placeOf(uint32_t ifUnit)
 
 tCpuDefendLink *find(uint32_t ifUnit)
 {
-    for (tCpuDefendLink &link : cpuDefendLinks)
+    for (tCpuDefendLink &link : gCpuDefend.links)
         if (link.ifUnit == ifUnit)
             return &link;
     return nullptr;
@@ -46,7 +44,8 @@ void isThere(uint32_t ifUnit)
     if (link) {
         link->now = place;
         link->isListed = true;
-    } else if (place.isSlot() && !cpuDefendLinks.append({ifUnit, place, CPUDEFEND_NO_SLOT, true})) {
+    } else if (place.isSlot() &&
+               !gCpuDefend.links.append({ifUnit, place, CPUDEFEND_NO_SLOT, true})) {
         CPUDEFEND_DEBUG("[cpuDefend] no memory to add port %u!\r\n", ifUnit);
     }
 }
@@ -129,7 +128,7 @@ Listing list(int fd)
 {
     Listing state = Listing::Going;
     bool isInterrupted = false; // links came or went meanwhile
-    for (tCpuDefendLink &link : cpuDefendLinks)
+    for (tCpuDefendLink &link : gCpuDefend.links)
         link.isListed = false;
     if (!ask(fd))
         return Listing::Failed;
@@ -182,7 +181,7 @@ bool cpuDefendLinkListAll()
 {
     if (listAll() != Listing::Complete)
         return false;
-    for (tCpuDefendLink &link : cpuDefendLinks)
+    for (tCpuDefendLink &link : gCpuDefend.links)
         if (!link.isListed)
             link.now = CPUDEFEND_NO_SLOT;
     return true;

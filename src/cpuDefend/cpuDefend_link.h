@@ -4,7 +4,6 @@
 #ifndef CPUDEFEND_LINK_H
 #define CPUDEFEND_LINK_H
 
-#include "cpuDefend_array.h"
 #include "cpuDefend_netlink.h"
 
 /** System 0 with slot 0, the system itself, stands for no slot. */
@@ -25,8 +24,6 @@ struct tCpuDefendLink {
     tCpuDefendPlace was; /**< when the records last were as the links are */
     bool isListed;
 };
-
-extern cpuDefendArray<tCpuDefendLink> cpuDefendLinks; /**< those in a slot, as they came */
 
 /** Take note of a message about a link, of which @a len bytes are there; others tell nothing. */
 void cpuDefendLinkTake(const tCpuDefendLinkMessage &message, size_t len);

@@ -130,7 +130,7 @@ Held hardwareHeld()
 Held daemonHeld()
 {
     Held held;
-    for (const tHwItem &item : cpuDefendHwHeld) {
+    for (const tHwItem &item : gCpuDefend.held) {
         if (item.isRefused)
             continue;
         const tHwSetting &s = item.setting;

@@ -4,33 +4,35 @@
 #ifndef CPUDEFEND_ARRAY_H
 #define CPUDEFEND_ARRAY_H
 
+#include <stddef.h>
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 
-#include "cpuDefend.h"
-
-/**
- * An array of plain records, for the life of the process. How many it holds stands in gCpuDefend,
- * so that a start-up begins with none; the memory is kept.
- */
+/** An array of plain records. All zero it is empty, and holds no memory. */
 template <typename T> class cpuDefendArray
 {
 public:
-    explicit constexpr cpuDefendArray(uint32_t tCpuDefendSystem::*count) : count_(count) {}
-
-    uint32_t count() const { return gCpuDefend.*count_; }
+    uint32_t count() const { return count_; }
     T &operator[](uint32_t i) { return at_[i]; }
     T *begin() { return at_; }
-    T *end() { return at_ + count(); }
+    T *end() { return at_ + count_; }
 
-    void clear() { gCpuDefend.*count_ = 0; }
+    /** Forget all records; the memory is kept for others. */
+    void clear() { count_ = 0; }
+
+    void release()
+    {
+        free(at_);
+        *this = {};
+    }
 
     /** @return whether there was memory; without, nothing changes */
     bool append(const T &record)
     {
-        if (count() == room_ && !grow())
+        if (count_ == room_ && !grow())
             return false;
-        at_[(gCpuDefend.*count_)++] = record;
+        at_[count_++] = record;
         return true;
     }
 
@@ -39,7 +41,7 @@ public:
     {
         const auto behind = static_cast<size_t>(end() - (record + 1));
         memmove(record, record + 1, behind * sizeof(T));
-        (gCpuDefend.*count_)--;
+        count_--;
     }
 
 private:
@@ -54,9 +56,9 @@ private:
         return true;
     }
 
-    T *at_ = nullptr;
-    uint32_t room_ = 0;
-    uint32_t tCpuDefendSystem::*count_;
+    T *at_;
+    uint32_t count_;
+    uint32_t room_;
 };
 
 #endif
