@@ -1,5 +1,7 @@
 #include "random_packet.h"
 
+#include <bit>
+
 #include "common/octets.h"
 #include "core/link_message.h"
 
@@ -70,13 +72,27 @@ static std::string randomMessage(Dice &dice)
     return linkMessage(type, unit, family, dice.below(4) * 6);
 }
 
+/** Where byte @a at of a netlink header stands, each field counted from its low byte on. */
+static uint32_t headerByte(uint32_t at)
+{
+    static const struct {
+        uint32_t begin, size;
+    } fields[] = {{0, 4}, {4, 2}, {6, 2}, {8, 4}, {12, 4}};
+    for (const auto &[begin, size] : fields)
+        if (std::endian::native == std::endian::big && at < begin + size)
+            return begin + (begin + size - 1 - at);
+    return at;
+}
+
 std::string randomNotification(Dice &dice)
 {
     std::string datagram;
     for (uint32_t n = 1 + dice.below(3); n > 0; n--)
         datagram += randomMessage(dice);
-    if (dice.once(8))
-        datagram[dice.below(16)] = static_cast<char>(dice.number());
+    if (dice.once(8)) {
+        const auto byte = static_cast<char>(dice.number());
+        datagram[headerByte(dice.below(16))] = byte;
+    }
     if (dice.once(8))
         datagram.resize(dice.below(static_cast<uint32_t>(datagram.size()) + 1));
     return datagram;
