@@ -26,7 +26,6 @@ constexpr uint32_t POLICY_IDS[] = {CPUDEFEND_POLICY_REFCOUNT, CPUDEFEND_POLICY_W
 constexpr uint32_t CAR_IDS[] = {
     CPUDEFEND_CARPKT_MODE, CPUDEFEND_CARPKT_PPS,   CPUDEFEND_CARPKT_CIR,     CPUDEFEND_CARPKT_CBS,
     CPUDEFEND_CARPKT_DENY, CPUDEFEND_CARPKT_QUEUE, CPUDEFEND_CARPKT_PRIORITY};
-constexpr uint32_t TYPES = 10; // of a policy
 
 double secondsOf(const std::function<void()> &work)
 {
@@ -56,7 +55,7 @@ void policiesOneByOne(Client &client)
 void entriesOneByOne(Client &client)
 {
     for (const std::string &name : client.policyNames())
-        for (uint32_t type = 0; type < TYPES; ++type)
+        for (uint32_t type = 0; type < CPUDEFEND_CARPKT_PER_POLICY; ++type)
             client.read(CarPktIndex{name, type}, CAR_IDS);
 }
 
@@ -82,7 +81,8 @@ void compareLists(Client &client, std::size_t policies, int rounds)
         "policies   ", policies, 1 + policies * (1 + std::size(POLICY_IDS)), rounds,
         [&] { policiesOneByOne(client); }, [&] { client.policies(POLICY_IDS); });
     compare(
-        "CAR entries", policies, 1 + policies * (1 + TYPES * std::size(CAR_IDS)), rounds,
+        "CAR entries", policies,
+        1 + policies * (1 + CPUDEFEND_CARPKT_PER_POLICY * std::size(CAR_IDS)), rounds,
         [&] { entriesOneByOne(client); }, [&] { client.carEntries(CAR_IDS); });
 }
 

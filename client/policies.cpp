@@ -11,9 +11,6 @@ namespace cpudefend
 namespace
 {
 
-// Packet types 0 to 9: those that a policy is created with. It never gets others.
-constexpr uint32_t kLimitsOfAPolicy = 10;
-
 /** -1 for what opens the way for other settings, 1 for what closes it. */
 int order(const Setting &setting)
 {
@@ -85,10 +82,10 @@ void Client::addPolicy(const std::string &name)
     const uint32_t before = globalNumber(CPUDEFEND_GLOBAL_USECARPKTNUM);
     set(PolicyIndex{name}, CPUDEFEND_POLICY_ENTRYSTATUS, uint32_t{CPUDEFEND_ROW_CREATE});
     const uint32_t got = globalNumber(CPUDEFEND_GLOBAL_USECARPKTNUM) - before;
-    if (got < kLimitsOfAPolicy)
+    if (got < CPUDEFEND_CARPKT_PER_POLICY)
         warn(Warning::FewLimits, Table<PolicyIndex>::subject({name}) + " has limits for " +
                                      std::to_string(got) + " of " +
-                                     std::to_string(kLimitsOfAPolicy) +
+                                     std::to_string(CPUDEFEND_CARPKT_PER_POLICY) +
                                      " packet types: the daemon has no CAR entries left");
 }
 
@@ -129,11 +126,11 @@ std::vector<Row<CarPktIndex>> Client::carEntries(std::span<const uint32_t> attri
     Pipeline pipeline(channel_, &lastId_);
     Lister<CarPktIndex> lister(&pipeline, attributeIds);
     const auto ask = [&](const PolicyIndex &owner) {
-        for (uint32_t type = 0; type < kLimitsOfAPolicy; ++type)
+        for (uint32_t type = 0; type < CPUDEFEND_CARPKT_PER_POLICY; ++type)
             lister.ask({owner.name, type});
     };
     const auto take = [&](const PolicyIndex &owner) {
-        for (uint32_t type = 0; type < kLimitsOfAPolicy; ++type)
+        for (uint32_t type = 0; type < CPUDEFEND_CARPKT_PER_POLICY; ++type)
             lister.take({owner.name, type});
     };
     if (policy) {

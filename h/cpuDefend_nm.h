@@ -18,6 +18,7 @@
 #define CPUDEFEND_CMD_MAXLEN 1518       /**< longest message body, bytes */
 #define CPUDEFEND_NAME_MAXLEN 32        /**< longest policy name, bytes */
 #define CPUDEFEND_DESCRIPTION_MAXLEN 64 /**< longest policy description, bytes */
+#define CPUDEFEND_CARPKT_PER_POLICY 10  /**< a policy has them for packet types 0 to 9 */
 
 /** Function codes. */
 enum {
