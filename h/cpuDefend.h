@@ -148,7 +148,10 @@ struct tCpuDefendSrcTraceEntry {
 
 struct tCpuDefendBinding;
 struct tCpuDefendLink;
+namespace cpudefend
+{
 struct tHwItem;
+}
 
 /** All state of the daemon. */
 struct tCpuDefendSystem {
@@ -196,11 +199,11 @@ struct tCpuDefendSystem {
      * of the calls say, so that it is right about calls that failed, too. And what it was wanted
      * to take and has refused, which stands where it would be.
      */
-    cpuDefendArray<tHwItem> held;
-    cpuDefendArray<tHwItem> asked;              /**< what the current change has asked for */
+    cpuDefendArray<cpudefend::tHwItem> held;
+    cpuDefendArray<cpudefend::tHwItem> asked;   /**< what the current change has asked for */
     cpuDefendArray<tCpuDefendBinding> bindings; /**< of policies to places, as configured */
     cpuDefendArray<tCpuDefendBinding> followed; /**< the same, when cpuDefendFollow last ran */
-    cpuDefendArray<tHwItem> wanted;             /**< what the bindings stand for */
+    cpuDefendArray<cpudefend::tHwItem> wanted;  /**< what the bindings stand for */
     uint32_t hwCallNum;                         /**< calls that programmed or removed something */
     uint32_t hwChangeNum;                       /**< policies programmed and removed */
     uint32_t followedChangeNum; /**< the same, when cpuDefendFollow last saw to them */

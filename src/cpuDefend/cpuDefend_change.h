@@ -6,6 +6,9 @@
 
 #include "cpuDefend.h"
 
+namespace cpudefend
+{
+
 /**
  * As long as it lives the semaphore is held, and what is programmed gathers. At its end that is
  * completed by what follows from it, and put in force together. Changes nest; the outermost one
@@ -51,5 +54,7 @@ private:
     uint32_t callNum_ = gCpuDefend.hwCallNum;
     bool ended_ = false;
 };
+
+} // namespace cpudefend
 
 #endif

@@ -6,6 +6,8 @@
 
 #include "cpuDefend_cmd.h"
 
+using namespace cpudefend;
+
 namespace
 {
 

@@ -6,6 +6,9 @@
 
 #include "cpuDefend_nm_api.h"
 
+namespace cpudefend
+{
+
 /** The index of a request, by table. */
 union tCmdIndex {
     tcpuDefendSlotIdx slot;
@@ -46,5 +49,7 @@ struct tCmdFunc {
 
 /** Table and operation of function code @a func, 1 to CPUDEFEND_FUNC_MAX. */
 const tCmdFunc &cmdFunc(uint32_t func);
+
+} // namespace cpudefend
 
 #endif

@@ -3,6 +3,8 @@
  */
 #include "cpuDefend_cmd.h"
 
+using namespace cpudefend;
+
 namespace
 {
 
@@ -247,7 +249,7 @@ static_assert(sizeof funcs / sizeof funcs[0] == CPUDEFEND_FUNC_MAX);
 
 } // namespace
 
-const tCmdFunc &cmdFunc(uint32_t func)
+const tCmdFunc &cpudefend::cmdFunc(uint32_t func)
 {
     return funcs[func - 1];
 }

@@ -8,6 +8,8 @@
 #include "cpuDefend_hw.h"
 #include "cpuDefend_level.h"
 
+using namespace cpudefend;
+
 /** A policy that is to be in force at a place. Later ones cover earlier ones there. */
 struct tCpuDefendBinding {
     tHwTarget target;

@@ -6,6 +6,8 @@
 
 #include <errno.h>
 
+using namespace cpudefend;
+
 namespace
 {
 
@@ -163,7 +165,7 @@ int32_t noteDropped()
 
 } // namespace
 
-int32_t cpuDefendHwItemAdd(tHwItem item)
+int32_t cpudefend::cpuDefendHwItemAdd(tHwItem item)
 {
     if (item.car)
         takeCounts(newest(item)); // it can't be asked for them while an equal one covers it
@@ -173,14 +175,14 @@ int32_t cpuDefendHwItemAdd(tHwItem item)
     return result;
 }
 
-void cpuDefendHwItemWant(tHwItem item)
+void cpudefend::cpuDefendHwItemWant(tHwItem item)
 {
     item.isRefused = cpuDefendHwItemAdd(item) != 0;
     if (item.isRefused)
         note(item);
 }
 
-int32_t cpuDefendHwItemDel(tHwItem item)
+int32_t cpudefend::cpuDefendHwItemDel(tHwItem item)
 {
     tHwItem *held = newest(item);
     takeCounts(held);

@@ -6,6 +6,9 @@
 
 #include "cpuDefend.h"
 
+namespace cpudefend
+{
+
 /** Where something is programmed: a slot, or the system as a whole. */
 struct tHwTarget {
     tSlotIndex index;
@@ -144,5 +147,7 @@ private:
     tHwTarget target_;
     Visit visit_;
 };
+
+} // namespace cpudefend
 
 #endif

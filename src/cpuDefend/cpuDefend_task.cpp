@@ -8,6 +8,8 @@
 
 #include "cpuDefend_change.h"
 
+using namespace cpudefend;
+
 namespace
 {
 

@@ -13,6 +13,9 @@
 
 #include "cpuDefend.h"
 
+namespace cpudefend
+{
+
 /** What a value must be for an attribute. */
 enum tNmKind : uint8_t {
     NM_ANY,    /**< anything: a reset, or an id that stands for no attribute */
@@ -20,12 +23,14 @@ enum tNmKind : uint8_t {
     NM_OCTETS  /**< bytes */
 };
 
+} // namespace cpudefend
+
 /* Global attributes. The index is not used. */
 int32_t cpuDefendGlobalGetApi(uint32_t index, uint32_t attrId, octetstring *value);
 int32_t _cpuDefendGlobalSetApi(uint32_t index, uint32_t attrId, octetstring *value, uint32_t flag);
 int32_t cpuDefendGlobalSetApi(uint32_t index, uint32_t attrId, octetstring *value);
 int32_t cpuDefendGlobalSyncApi(uint32_t index, uint32_t attrId, octetstring *value);
-tNmKind cpuDefendGlobalAttrKind(uint32_t attrId);
+cpudefend::tNmKind cpuDefendGlobalAttrKind(uint32_t attrId);
 
 /* Slots. A walk goes from a slot to the next greater one in the order of creation. */
 int32_t cpuDefendSlotGetApi(tcpuDefendSlotIdx *idx, uint32_t attrId, octetstring *value);
@@ -35,7 +40,7 @@ int32_t cpuDefendSlotSetApi(tcpuDefendSlotIdx *idx, uint32_t attrId, octetstring
 int32_t cpuDefendSlotSyncApi(tcpuDefendSlotIdx *idx, uint32_t attrId, octetstring *value);
 int32_t cpuDefendSlotGetFirst(tcpuDefendSlotIdx *idx);
 int32_t cpuDefendSlotGetNext(tcpuDefendSlotIdx *slotIdx, tcpuDefendSlotIdx *nextSlotId);
-tNmKind cpuDefendSlotAttrKind(uint32_t attrId);
+cpudefend::tNmKind cpuDefendSlotAttrKind(uint32_t attrId);
 
 /* Policies. A walk visits them in byte-wise order of their names. */
 int32_t cpuDefendPolicyGetApi(tCpuDefendPolicyIdx *nameIdx, uint32_t cmd, void *var);
@@ -45,7 +50,7 @@ int32_t cpuDefendPolicySetApi(tCpuDefendPolicyIdx *nameIdx, uint32_t cmd, void *
 int32_t cpuDefendPolicySyncApi(tCpuDefendPolicyIdx *nameIdx, uint32_t cmd, void *var);
 int32_t cpuDefendPolicyGetFirst(tCpuDefendPolicyIdx *nameIdx);
 int32_t cpuDefendPolicyGetNext(tCpuDefendPolicyIdx *nameIdx, tCpuDefendPolicyIdx *nextNameIdx);
-tNmKind cpuDefendPolicyAttrKind(uint32_t cmd);
+cpudefend::tNmKind cpuDefendPolicyAttrKind(uint32_t cmd);
 
 /* User-defined rules. A walk visits them by length of the policy name, then name, then index. */
 int32_t cpuDefendUserDefinedGetApi(tcpuDefendUserDefinedIdx *userDefinedIdx, uint32_t cmd,
@@ -59,7 +64,7 @@ int32_t cpuDefendUserDefinedSyncApi(tcpuDefendUserDefinedIdx *userDefinedIdx, ui
 int32_t cpuDefendUserDefinedGetFirst(tcpuDefendUserDefinedIdx *userDefinedIdx);
 int32_t cpuDefendUserDefinedGetNext(tcpuDefendUserDefinedIdx *userDefinedIdx,
                                     tcpuDefendUserDefinedIdx *nextUserDefinedIdx);
-tNmKind cpuDefendUserDefinedAttrKind(uint32_t cmd);
+cpudefend::tNmKind cpuDefendUserDefinedAttrKind(uint32_t cmd);
 
 /* CAR entries. A walk visits them by length of the policy name, then name, then packet type. */
 int32_t cpuDefendCarPktGetApi(tcpuDefendCarPktIdx *carPktIdx, uint32_t cmd, void *var);
@@ -69,14 +74,14 @@ int32_t cpuDefendCarPktSetApi(tcpuDefendCarPktIdx *carPktIdx, uint32_t cmd, void
 int32_t cpuDefendCarPktSyncApi(tcpuDefendCarPktIdx *carPktIdx, uint32_t cmd, void *var);
 int32_t cpuDefendCarPktGetFirst(tcpuDefendCarPktIdx *carPktIdx);
 int32_t cpuDefendCarPktGetNext(tcpuDefendCarPktIdx *carPktIdx, tcpuDefendCarPktIdx *nextCarPktIdx);
-tNmKind cpuDefendCarPktAttrKind(uint32_t cmd);
+cpudefend::tNmKind cpuDefendCarPktAttrKind(uint32_t cmd);
 
 /* Traced sources, read only. A walk visits them in key order, filtered by the index's searchBit. */
 int32_t cpuDefendSrcTraceGetApi(tcpuDefendSrcTraceIdx *srcTraceIdx, uint32_t cmd, void *var);
 int32_t cpuDefendSrcTraceGetFirst(tcpuDefendSrcTraceIdx *srcTraceIdx);
 int32_t cpuDefendSrcTraceGetNext(tcpuDefendSrcTraceIdx *srcTraceIdx,
                                  tcpuDefendSrcTraceIdx *nextSrcTraceIdx);
-tNmKind cpuDefendSrcTraceAttrKind(uint32_t cmd);
+cpudefend::tNmKind cpuDefendSrcTraceAttrKind(uint32_t cmd);
 
 /*
  * Debugging entries, which a debugger or the platform's console calls by name: they print to

@@ -2,7 +2,9 @@
 
 #include <string.h>
 
-uint32_t nmAttrNumber(const tNmAttr &attr, const void *record)
+using namespace cpudefend;
+
+uint32_t cpudefend::nmAttrNumber(const tNmAttr &attr, const void *record)
 {
     const auto *field = static_cast<const uint8_t *>(record) + attr.offset;
     uint16_t half;
@@ -14,7 +16,7 @@ uint32_t nmAttrNumber(const tNmAttr &attr, const void *record)
     }
 }
 
-void nmAttrStoreNumber(const tNmAttr &attr, void *record, uint32_t number)
+void cpudefend::nmAttrStoreNumber(const tNmAttr &attr, void *record, uint32_t number)
 {
     auto *field = static_cast<uint8_t *>(record) + attr.offset;
     const auto half = static_cast<uint16_t>(number);
@@ -25,7 +27,7 @@ void nmAttrStoreNumber(const tNmAttr &attr, void *record, uint32_t number)
     }
 }
 
-void nmAttrGet(const tNmAttr &attr, const void *record, void *value)
+void cpudefend::nmAttrGet(const tNmAttr &attr, const void *record, void *value)
 {
     const auto *bytes = static_cast<const uint8_t *>(record);
     if (attr.kind == NM_OCTETS)
@@ -34,24 +36,24 @@ void nmAttrGet(const tNmAttr &attr, const void *record, void *value)
         nmSetNumber(value, nmAttrNumber(attr, record));
 }
 
-uint32_t nmNumber(const void *value)
+uint32_t cpudefend::nmNumber(const void *value)
 {
     uint32_t number;
     memcpy(&number, value, sizeof number);
     return number;
 }
 
-void nmSetNumber(void *value, uint32_t number)
+void cpudefend::nmSetNumber(void *value, uint32_t number)
 {
     memcpy(value, &number, sizeof number);
 }
 
-octetstring *nmOctets(void *value)
+octetstring *cpudefend::nmOctets(void *value)
 {
     return static_cast<octetstring *>(value);
 }
 
-void nmAnswerOctets(void *value, const uint8_t *bytes, uint32_t len)
+void cpudefend::nmAnswerOctets(void *value, const uint8_t *bytes, uint32_t len)
 {
     octetstring *octets = nmOctets(value);
     if (octets->len > len)
@@ -59,12 +61,13 @@ void nmAnswerOctets(void *value, const uint8_t *bytes, uint32_t len)
     memmove(octets->pBuf, bytes, octets->len);
 }
 
-bool nmIsName(const octetstring *value, const uint8_t *name, uint8_t len)
+bool cpudefend::nmIsName(const octetstring *value, const uint8_t *name, uint8_t len)
 {
     return value->len == len && memcmp(value->pBuf, name, len) == 0;
 }
 
-void nmStoreName(uint8_t (&name)[CPUDEFEND_NAME_MAXLEN], uint8_t *len, const octetstring *value)
+void cpudefend::nmStoreName(uint8_t (&name)[CPUDEFEND_NAME_MAXLEN], uint8_t *len,
+                            const octetstring *value)
 {
     const uint32_t wanted = value ? value->len : 0;
     *len = static_cast<uint8_t>(wanted < sizeof name ? wanted : sizeof name);
@@ -73,7 +76,7 @@ void nmStoreName(uint8_t (&name)[CPUDEFEND_NAME_MAXLEN], uint8_t *len, const oct
         memcpy(name, value->pBuf, *len);
 }
 
-int32_t nmFindPolicy(const octetstring *value, tCpuDefendPolicyEntry **policy)
+int32_t cpudefend::nmFindPolicy(const octetstring *value, tCpuDefendPolicyEntry **policy)
 {
     *policy = nullptr;
     if (value->len == 0)
@@ -82,20 +85,20 @@ int32_t nmFindPolicy(const octetstring *value, tCpuDefendPolicyEntry **policy)
     return *policy ? CPUDEFEND_OK : CPUDEFEND_ENONAME;
 }
 
-bool nmPolicyIsBound(const uint8_t *name, uint32_t len)
+bool cpudefend::nmPolicyIsBound(const uint8_t *name, uint32_t len)
 {
     const tCpuDefendPolicyEntry *policy = cpuDefendPolicyEntryGet(name, len);
     return policy && policy->refCount != 0;
 }
 
-void *nmAvlAfter(avl_tree_t *tree, const void *key)
+void *cpudefend::nmAvlAfter(avl_tree_t *tree, const void *key)
 {
     avl_index_t where;
     void *found = avl_find(tree, key, &where);
     return found ? avl_next(tree, found) : avl_nearest(tree, where, AVL_AFTER);
 }
 
-NmText::NmText(const uint8_t *name, uint32_t len)
+cpudefend::NmText::NmText(const uint8_t *name, uint32_t len)
 {
     memcpy(text, name, len);
     text[len] = '\0';

@@ -8,6 +8,9 @@
 
 #include "cpuDefend_nm_api.h"
 
+namespace cpudefend
+{
+
 /** One attribute. Row n of a table is attribute n. */
 struct tNmAttr {
     uint32_t id;
@@ -152,5 +155,7 @@ public:
     NmLock(const NmLock &) = delete;
     NmLock &operator=(const NmLock &) = delete;
 };
+
+} // namespace cpudefend
 
 #endif

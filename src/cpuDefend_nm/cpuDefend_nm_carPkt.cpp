@@ -8,6 +8,8 @@
 #include "cpuDefend_child.h"
 #include "cpuDefend_nm_attr.h"
 
+using namespace cpudefend;
+
 namespace
 {
 

@@ -7,6 +7,8 @@
 #include "cpuDefend_level.h"
 #include "cpuDefend_nm_attr.h"
 
+using namespace cpudefend;
+
 namespace
 {
 

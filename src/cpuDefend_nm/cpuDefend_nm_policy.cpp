@@ -10,6 +10,8 @@
 #include "cpuDefend/cpuDefend_change.h"
 #include "cpuDefend_nm_attr.h"
 
+using namespace cpudefend;
+
 namespace
 {
 

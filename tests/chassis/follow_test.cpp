@@ -17,6 +17,8 @@
 #include "fresh.h"
 #include "world.h"
 
+using namespace cpudefend;
+
 using namespace chassis;
 
 namespace

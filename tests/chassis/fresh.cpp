@@ -4,6 +4,8 @@
 
 #include "cpuDefend/cpuDefend_hw.h"
 
+using namespace cpudefend;
+
 namespace chassis
 {
 

@@ -5,6 +5,8 @@
 
 #include "nm_test.h"
 
+using namespace cpudefend;
+
 namespace
 {
 

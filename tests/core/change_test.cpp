@@ -7,6 +7,8 @@
 #include "cpuDefend/cpuDefend_change.h"
 #include "nm_test.h"
 
+using namespace cpudefend;
+
 using Programmed = std::vector<std::string>;
 
 class ChangeEnd : public CoreTest

@@ -4,6 +4,8 @@
 
 #include "core_test.h"
 
+using namespace cpudefend;
+
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
 

@@ -5,6 +5,8 @@
 
 #include "core_test.h"
 
+using namespace cpudefend;
+
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
 

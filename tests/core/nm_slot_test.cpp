@@ -3,6 +3,8 @@
 
 #include "nm_test.h"
 
+using namespace cpudefend;
+
 using scripted::Call;
 
 static constexpr int32_t noName = 0x041E0004;

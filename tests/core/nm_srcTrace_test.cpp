@@ -3,6 +3,8 @@
 
 #include "nm_test.h"
 
+using namespace cpudefend;
+
 static constexpr int32_t badIndex = 22, noEntry = 0x03E80002;
 
 struct TracedKey {

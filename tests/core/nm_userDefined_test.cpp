@@ -4,6 +4,8 @@
 
 #include "nm_test.h"
 
+using namespace cpudefend;
+
 static constexpr int32_t noMemory = 0x03E80001, noEntry = 0x03E80002, noPolicy = 0x03E80008,
                          isBound = 0x041E0005;
 static constexpr uint32_t statusId = CPUDEFEND_USERDEFINED_ENTRYSTATUS;
@@ -178,14 +180,6 @@ static std::vector<std::string> walk()
          code = cpuDefendUserDefinedGetNext(&idx, &idx))
         visited.push_back(keyOf(idx));
     return visited;
-}
-
-static Answer<std::string> next(const std::string &name, uint32_t index)
-{
-    tcpuDefendUserDefinedIdx idx = ruleIdx(name, index);
-    tcpuDefendUserDefinedIdx after{};
-    const int32_t code = cpuDefendUserDefinedGetNext(&idx, &after);
-    return {code, keyOf(after)};
 }
 
 TEST_F(UserDefinedApi, WalkGoesByNameLengthThenNameThenIndex)

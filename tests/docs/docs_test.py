@@ -156,7 +156,7 @@ def check_porting(nm, core, osal):
     expect_same("said to be lost", {name for name, row in rows.items() if row[2]}, optional)
     of_os = {name for row in found["for"] for name in names(row[1])}
     expect_same("OS layer", of_os, declared("zynosal.h"))
-    expect_same("OS layer's library", of_os, symbols(nm, osal, "T"))
+    expect_same("OS layer's library", of_os, symbols(nm, osal, "TDBRVWu"))
 
 
 CHECKS = {"paths": check_paths, "architecture": check_architecture, "porting": check_porting}
