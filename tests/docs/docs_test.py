@@ -2,6 +2,7 @@
 """What documents say of the tree, against the tree.
 
 docs_test.py paths                          files that are named are there
+docs_test.py walks                          the way to a change leads through a layer once
 docs_test.py architecture                   arrows between folders are those of the #include lines
 docs_test.py porting NM CORE OSAL           functions of the contract, by headers and libraries
 """
@@ -68,6 +69,24 @@ def check_paths():
     for document, name in named:
         if not (ROOT / name).exists():
             failures.append(f"{document} names {name}, which is not there")
+
+
+# ---- Walks -----------------------------------------------------------------------------------
+
+
+def check_walks():
+    walks = re.split(r"^## ", text("docs/contributing.md"), flags=re.MULTILINE)[1:]
+    if len(walks) != 5:
+        failures.append(f"{len(walks)} walks, not five")
+    for walk in walks:
+        title = walk.splitlines()[0]
+        rows = [[cell.strip() for cell in line.strip("|").split("|")]
+                for line in walk.splitlines() if line.startswith("|")][2:]
+        if len(rows) < 4 or len({row[0] for row in rows}) != len(rows):
+            failures.append(f"{title}: not one file of each layer")
+        for row in rows:
+            if not FILE.fullmatch(row[1].strip("`")):
+                failures.append(f"{title}: {row[1]} is not one file")
 
 
 # ---- Arrows ---------------------------------------------------------------------------------
@@ -159,7 +178,7 @@ def check_porting(nm, core, osal):
     expect_same("OS layer's library", of_os, symbols(nm, osal, "TDBRVWu"))
 
 
-CHECKS = {"paths": check_paths, "architecture": check_architecture, "porting": check_porting}
+CHECKS = {"paths": check_paths, "walks": check_walks, "architecture": check_architecture, "porting": check_porting}
 CHECKS[sys.argv[1]](*sys.argv[2:])
 print("\n".join(failures) or "all as documented")
 sys.exit(1 if failures else 0)
