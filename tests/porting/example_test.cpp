@@ -131,7 +131,7 @@ TEST(ExampleLayer, HasTheDaemonRefuseABinding)
     octetstring value{name, sizeof name};
     EXPECT_EQ(cpuDefendGlobalSetApi(0, CPUDEFEND_GLOBAL_POLICY, &value), ENODEV);
     cpuDefenTaskTurn();
-    EXPECT_EQ(gCpuDefend.useHwItemNum, 0u); // nothing counts as programmed
+    EXPECT_EQ(gCpuDefend.held.count(), 0u); // nothing counts as programmed
     EXPECT_TRUE(list_empty(&gCpuDefend.slotList));
 }
 
