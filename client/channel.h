@@ -9,7 +9,7 @@
 #include <string>
 #include <utility>
 
-#include "client/codec.h"
+#include "codec.h"
 #include "cpuDefend_nm.h"
 
 namespace cpudefend

@@ -22,10 +22,10 @@
 #include <string>
 #include <vector>
 
-#include "client/channel.h"
-#include "client/errors.h"
-#include "client/tables.h"
-#include "client/values.h"
+#include "channel.h"
+#include "errors.h"
+#include "tables.h"
+#include "values.h"
 
 namespace cpudefend
 {

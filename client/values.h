@@ -9,9 +9,9 @@
 #include <string_view>
 #include <vector>
 
-#include "client/codec.h"
-#include "client/errors.h"
-#include "client/tables.h"
+#include "codec.h"
+#include "errors.h"
+#include "tables.h"
 
 namespace cpudefend
 {
