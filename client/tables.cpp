@@ -27,7 +27,6 @@ constexpr std::string_view kPercent = "percent";
 
 constexpr uint32_t kAnyUse = 101; // a threshold above every CPU use
 constexpr uint32_t kIp4Length = 4;
-constexpr uint32_t kPacketLength = 80;
 
 constexpr std::array kOnOff{Choice{"on", CPUDEFEND_ENABLE}, Choice{"off", CPUDEFEND_DISABLE}};
 constexpr std::array kActions{Choice{"deny", CPUDEFEND_ENABLE},
@@ -39,8 +38,8 @@ constexpr std::array kCarModes{Choice{"default", CPUDEFEND_CARPKTMODE_DEFAULT},
                                Choice{"cir", CPUDEFEND_CARPKTMODE_CIR}};
 constexpr std::array kPolicyModes{Choice{"cpu-rate", CPUDEFEND_CPURAT_CONTROL},
                                   Choice{"fixed", CPUDEFEND_FIXED}};
-// A read status is 1 once active and 3 before.
-constexpr std::array kStatuses{Choice{"active", 1}, Choice{"created", 3}};
+constexpr std::array kStatuses{Choice{"active", CPUDEFEND_STATUS_ACTIVE},
+                               Choice{"created", CPUDEFEND_STATUS_CREATED}};
 
 constexpr Attribute number(std::string_view name, uint32_t id, Access access, uint32_t max,
                            std::string_view unit, std::string_view help)
@@ -107,8 +106,8 @@ constexpr std::array kPolicy{
               "active, or created and not yet active", kStatuses},
     Attribute{"description", CPUDEFEND_POLICY_DESCRIPTION, Kind::Text, Settable, 0,
               CPUDEFEND_DESCRIPTION_MAXLEN, "", "free text"},
-    Attribute{"priority", CPUDEFEND_POLICY_PRIORITY, Kind::Numbers, Settable, 3, 3, "",
-              "three numbers"},
+    Attribute{"priority", CPUDEFEND_POLICY_PRIORITY, Kind::Numbers, Settable,
+              CPUDEFEND_PRIORITY_LEN, CPUDEFEND_PRIORITY_LEN, "", "three numbers"},
     onOff("white-list", CPUDEFEND_POLICY_WHITELISTENABLE, "the white list is in force"),
     number("white-list-ip4-acl", CPUDEFEND_POLICY_WHITELISTIP4ACL, Settable, kMax16, "",
            "ACL of the IPv4 white list, 0 for none"),
@@ -191,8 +190,8 @@ constexpr std::array kSource{
               "", "where the last packet went"},
     number("total", CPUDEFEND_SRCTRACE_TOTALNUM, ReadOnly, kMax32, kPackets,
            "packets of the type, from all sources, up to the last one"),
-    Attribute{"data", CPUDEFEND_SRCTRACE_PTKDATA, Kind::Packet, ReadOnly, 0, kPacketLength, "",
-              "first bytes of the last packet"},
+    Attribute{"data", CPUDEFEND_SRCTRACE_PTKDATA, Kind::Packet, ReadOnly, 0, CPUDEFEND_PKTDATA_LEN,
+              "", "first bytes of the last packet"},
 };
 
 constexpr std::array kPktTypes{

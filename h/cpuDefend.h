@@ -21,7 +21,6 @@ constexpr uint32_t CPUDEFEND_DEFAULT_POLICYNUM = 32;
 constexpr uint32_t CPUDEFEND_DEFAULT_SLOTNUM = 10;
 constexpr uint32_t CPUDEFEND_USERDEFINED_PER_POLICY = 8;
 constexpr uint32_t CPUDEFEND_CPURAT_LEVELS = 3;
-constexpr uint32_t CPUDEFEND_PKTDATA_LEN = 80; /**< bytes kept of a traced packet */
 
 constexpr uint32_t CPUDEFEND_CPURAT_PERIOD = 500;   /**< ms between CPU usage samples */
 constexpr uint32_t CPUDEFEND_SRCTRACE_PERIOD = 100; /**< ms in a source-trace window */

@@ -18,7 +18,9 @@
 #define CPUDEFEND_CMD_MAXLEN 1518       /**< longest message body, bytes */
 #define CPUDEFEND_NAME_MAXLEN 32        /**< longest policy name, bytes */
 #define CPUDEFEND_DESCRIPTION_MAXLEN 64 /**< longest policy description, bytes */
-#define CPUDEFEND_CARPKT_PER_POLICY 10  /**< a policy has them for packet types 0 to 9 */
+#define CPUDEFEND_PRIORITY_LEN 3        /**< bytes of a policy's priority */
+#define CPUDEFEND_PKTDATA_LEN 80        /**< bytes kept of a traced packet */
+#define CPUDEFEND_CARPKT_PER_POLICY 10  /**< CAR entries: types 0 to 9, and never others */
 
 /** Function codes. */
 enum {

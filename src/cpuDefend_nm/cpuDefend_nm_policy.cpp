@@ -15,8 +15,6 @@ using namespace cpudefend;
 namespace
 {
 
-constexpr uint32_t PRIORITY_READ = 3; // bytes of priority that a get returns
-
 /** What a set looks at. */
 enum : uint8_t {
     UNLESS_EQUAL = 1, // nothing to do when the value is there already
@@ -112,8 +110,8 @@ void setPriority(tCpuDefendPolicyEntry *pPolicy, const octetstring *value)
 /** Always three bytes, whatever length was asked for. */
 void getPriority(const tCpuDefendPolicyEntry *pPolicy, octetstring *value)
 {
-    value->len = PRIORITY_READ;
-    memcpy(value->pBuf, pPolicy->priority, PRIORITY_READ);
+    value->len = CPUDEFEND_PRIORITY_LEN;
+    memcpy(value->pBuf, pPolicy->priority, CPUDEFEND_PRIORITY_LEN);
 }
 
 void setSrcTraceEnable(tCpuDefendPolicyEntry *pPolicy, uint32_t value)
