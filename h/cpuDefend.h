@@ -145,6 +145,12 @@ struct tCpuDefendSrcTraceEntry {
     uint32_t totalNum;                      /**< the CAR entry's total at that packet */
 };
 
+/** Work that is done when it is due, but only once in a second of the clock. */
+struct tCpuDefendOnceASecond {
+    uint64_t second; /**< when it was done last */
+    uint8_t due;
+};
+
 struct tCpuDefendBinding;
 struct tCpuDefendLink;
 namespace cpudefend
@@ -205,9 +211,15 @@ struct tCpuDefendSystem {
     cpuDefendArray<cpudefend::tHwItem> wanted;  /**< what the bindings stand for */
     uint32_t hwCallNum;                         /**< calls that programmed or removed something */
     uint32_t hwChangeNum;                       /**< policies programmed and removed */
-    uint32_t followedChangeNum; /**< the same, when cpuDefendFollow last saw to them */
-    uint8_t followsCards;       /**< 1 once a card has a slot's record */
-    uint8_t retryDue;           /**< 1 when there may be room for what the hardware refused */
+    uint32_t followedChangeNum;     /**< the same, when cpuDefendFollow last saw to them */
+    uint8_t followsCards;           /**< 1 once a card has a slot's record */
+    uint8_t retryDue;               /**< 1 when there may be room for what the hardware refused */
+    uint32_t changeDepth;           /**< changes that are under way, one in the other */
+    uint32_t tracedNum;             /**< packets taken for tracing in tracedSecond */
+    uint64_t tracedSecond;          /**< of the clock */
+    tCpuDefendOnceASecond cardLook; /**< at all links, for cards: there may be many */
+    /** Of what was refused, as the platform's work may have made room: it may be a lot. */
+    tCpuDefendOnceASecond platformRetry;
 };
 
 extern tCpuDefendSystem gCpuDefend;

@@ -20,7 +20,7 @@ public:
     Change()
     {
         OsixTakeSem(gCpuDefend.cpuDefendSem, OSIX_WAIT_FOREVER);
-        if (depth_++ == 0)
+        if (gCpuDefend.changeDepth++ == 0)
             zynHwChangeBegin();
     }
     ~Change() { end(); }
@@ -36,7 +36,7 @@ public:
             return result;
         ended_ = true;
         const bool programmed = gCpuDefend.hwCallNum != callNum_;
-        const int32_t failure = --depth_ == 0 ? putInForce() : 0;
+        const int32_t failure = --gCpuDefend.changeDepth == 0 ? putInForce() : 0;
         OsixGiveSem(gCpuDefend.cpuDefendSem);
         return result == CPUDEFEND_OK && programmed ? failure : result;
     }
@@ -50,7 +50,6 @@ private:
         return cpuDefendHwChangeEnd();
     }
 
-    static inline uint32_t depth_; // changes that live
     uint32_t callNum_ = gCpuDefend.hwCallNum;
     bool ended_ = false;
 };

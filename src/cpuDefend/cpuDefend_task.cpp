@@ -19,52 +19,39 @@ constexpr uint32_t NOTIFY_BUFFER_LEN = 1400;
 constexpr uint32_t PACKETS_PER_TURN = 512; // so that the channel never waits long
 constexpr uint32_t PACKETS_PER_SECOND = 10000;
 
-/** Packets taken in the current second of the clock. */
-struct {
-    uint64_t second;
-    uint32_t taken;
-} packets;
-
 uint64_t secondNow()
 {
     return osClockNow() / 1000;
 }
 
-/** Work that is done when it is due, but only once in a second. */
-struct tOnceASecond {
-    bool due;
-    uint64_t second; /**< when it was done last */
-
-    /** @return whether it is to be done now */
-    bool take()
-    {
-        if (!due || second == secondNow())
-            return false;
-        *this = {false, secondNow()};
-        return true;
-    }
-};
-
-tOnceASecond look;  // at all links, for cards: there may be many
-tOnceASecond retry; // what was refused, as the platform's work may have made room: it may be a lot
+/** @return whether the work is to be done now */
+bool take(tCpuDefendOnceASecond &work)
+{
+    if (!work.due || work.second == secondNow())
+        return false;
+    work = {secondNow(), false};
+    return true;
+}
 
 /** How many packets may still be taken in this second. */
 uint32_t packetsLeft()
 {
-    if (packets.second != secondNow())
-        packets = {secondNow(), 0};
-    return PACKETS_PER_SECOND - packets.taken;
+    if (gCpuDefend.tracedSecond != secondNow()) {
+        gCpuDefend.tracedSecond = secondNow();
+        gCpuDefend.tracedNum = 0;
+    }
+    return PACKETS_PER_SECOND - gCpuDefend.tracedNum;
 }
 
 void lookForCards()
 {
-    if (look.take())
+    if (take(gCpuDefend.cardLook))
         cpuDefendCardStart();
 }
 
 void retryRefused()
 {
-    if (retry.take() || gCpuDefend.retryDue)
+    if (take(gCpuDefend.platformRetry) || gCpuDefend.retryDue)
         cpuDefendRetry();
 }
 
@@ -120,7 +107,7 @@ void receiveNotification()
         return;
     Change change;
     if (lost) {
-        look.due = true;
+        gCpuDefend.cardLook.due = true;
         lookForCards();
         return;
     }
@@ -142,7 +129,7 @@ void runPlatform()
 {
     Change change;
     if (zynPlatformRun() != 0)
-        look.due = retry.due = true;
+        gCpuDefend.cardLook.due = gCpuDefend.platformRetry.due = true;
     lookForCards();
     retryRefused();
 }
@@ -178,7 +165,7 @@ void tracePackets()
         left = PACKETS_PER_TURN;
     OsixTakeSem(gCpuDefend.cpuDefendSem, OSIX_WAIT_FOREVER);
     for (; left > 0 && tracePacket(); left--)
-        packets.taken++;
+        gCpuDefend.tracedNum++;
     OsixGiveSem(gCpuDefend.cpuDefendSem);
 }
 
@@ -187,9 +174,9 @@ void tracePackets()
 void cpuDefenTaskStart()
 {
     cpuDefendCpuRatControlSysTimerStart();
-    packets = {};
-    look = {true, UINT64_MAX};
-    retry = {false, UINT64_MAX};
+    gCpuDefend.tracedNum = 0;
+    gCpuDefend.cardLook = {UINT64_MAX, true};
+    gCpuDefend.platformRetry = {UINT64_MAX, false};
     gCpuDefend.pktSock = zynPktOpen();
     tellRoom();
     Change change;
