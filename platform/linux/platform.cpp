@@ -106,7 +106,6 @@ private:
     ListReload reload_;
     Attempt toProtect_, toAsk_, toPin_, toGoOn_;
     bool unfinished_ = false; /**< not all ports that have come could be looked at */
-    bool asks_ = false;       /**< the addresses that are known are not those of now */
     std::optional<Clock::time_point> graceEnd_;
 };
 
@@ -241,15 +240,11 @@ bool Host::lookAtNetwork(const Events::Happened &happened)
             changed = refreshed.changed;
             unfinished_ = !refreshed.finished;
         });
-    asks_ = asks_ || happened.addresses;
-    if (happened.addresses || (asks_ && happened.second))
-        toAsk_([this] {
-            addresses_.refresh();
-            asks_ = false;
-        });
+    if (addresses_.hear(happened.addresses, happened.tables))
+        toAsk_([this] { addresses_.refresh(); });
     if (unfinished_)
         events_.rest(milliseconds(0)); // only to let others have their turn
-    else if (happened.links || happened.addresses)
+    else if (happened.links || happened.addresses || happened.tables)
         events_.rest(std::clamp<std::chrono::nanoseconds>(restPerWork * (cpuTime() - begin),
                                                           restTime, restMax));
     return changed;

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "common/octets.h"
 #include "layer_on_wire.h"
 
 constexpr char acls[] = "[[acl]]\nnumber = 100\nfamily = \"ipv4\"\n"
@@ -34,6 +35,7 @@ inline std::vector<uint8_t> udp(const std::string &source, const std::string &de
     std::vector<uint8_t> bytes = frame.bytes();
     inet_pton(AF_INET, source.c_str(), &bytes[26]);
     inet_pton(AF_INET, destination.c_str(), &bytes[30]);
+    put16(bytes, 24, checksum({bytes.begin() + 14, bytes.begin() + 34}));
     return bytes;
 }
 

@@ -25,6 +25,7 @@ namespace
 struct {
     unsigned links;     /**< lists of all links */
     unsigned addresses; /**< lists of all addresses */
+    unsigned rules;     /**< lists of routing rules, and of all tables with them */
     unsigned programs;  /**< questions for one port's program */
     unsigned attached;  /**< programs put on a port */
 
@@ -49,6 +50,7 @@ extern "C" ssize_t __wrap_sendto(int fd, const void *message, size_t length, int
     }
     kernel.links += header->nlmsg_type == RTM_GETLINK;
     kernel.addresses += header->nlmsg_type == RTM_GETADDR;
+    kernel.rules += header->nlmsg_type == RTM_GETRULE;
     return __real_sendto(fd, message, length, flags, to, toLength);
 }
 
@@ -184,8 +186,65 @@ TEST_F(Network, AddressEventsCostAListOfAddressesInFiftyMilliseconds)
     EXPECT_LE(kernel.addresses, onceIn(50ms));
     EXPECT_LE(kernel.links, onceIn(1s)); // as without events
     EXPECT_EQ(kernel.programs, 0u);
+    EXPECT_EQ(kernel.rules, 0u) << "other tables may be long";
     command("ip addr add 192.0.2.5/24 dev port0");
     EXPECT_TRUE(runUntil([&] { return isKnown("::ffff:192.0.2.5"); }));
+}
+
+/** Has ip do something with many routes of a table. */
+void batch(const std::string &what, const std::string &more)
+{
+    {
+        std::ofstream file("/tmp/routes");
+        for (int i = 0; i < 2000; i++)
+            file << "route " << what << " 10." << 64 + i / 256 << "." << i % 256
+                 << ".0/24 dev port0 " << more << "\n";
+    }
+    command("ip -batch /tmp/routes");
+}
+
+TEST_F(Network, RoutesThatDeliverNothingHereCostNothing)
+{
+    command("ip rule add lookup 100 && ip -6 rule add lookup 100");
+    ASSERT_EQ(startOnPort().result, 0);
+    begin();
+    for (const char *table : {"", "table 100"})
+        for (const char *what : {"add", "replace", "del"})
+            batch(what, table);
+    command("ip route add local 192.0.2.5/32 dev lo"); // what is known last
+    EXPECT_TRUE(runUntil([&] { return isKnown("::ffff:192.0.2.5"); }));
+    EXPECT_EQ(kernel.rules, 0u);
+    EXPECT_EQ(kernel.addresses, 1u);
+}
+
+TEST_F(Network, RulesAndWhatTablesDeliverCostAListInFiftyMilliseconds)
+{
+    ASSERT_EQ(startOnPort().result, 0);
+    begin();
+    for (int i = 0; i < 20; i++) {
+        command("ip rule add lookup 100 pref " + std::to_string(1000 + i));
+        runUntil([] { return true; });
+        command("ip route add local 192.0.2." + std::to_string(i) + "/32 dev port0 table 100");
+        runUntil([] { return true; });
+    }
+    EXPECT_GE(kernel.rules, 2 * 2u);
+    EXPECT_LE(kernel.rules, 2 * onceIn(50ms)); // a list of each family
+    EXPECT_LE(kernel.addresses, onceIn(50ms));
+}
+
+TEST_F(Network, WhatTablesDeliverIsAskedForUntilItIsTold)
+{
+    command("ip rule add lookup 100");
+    ASSERT_EQ(startOnPort().result, 0);
+    beQuiet();
+    kernel.isDeaf = true;
+    command("ip route add local 192.0.2.5/32 dev port0 table 100");
+    testing::internal::CaptureStderr();
+    beQuiet();
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("couldn't ask for the host's addresses"),
+              std::string::npos);
+    kernel.isDeaf = false;
+    EXPECT_TRUE(runUntil([&] { return isKnown("::ffff:192.0.2.5"); })); // nothing else happens
 }
 
 TEST_F(Network, LinkEventsCostAListOfLinksInFiftyMilliseconds)

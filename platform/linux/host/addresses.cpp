@@ -4,9 +4,12 @@
 #include <charconv>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <netinet/in.h>
 #include <string>
 #include <utility>
+
+#include <linux/fib_rules.h>
 
 #include "zynosal.h"
 
@@ -15,6 +18,9 @@ namespace zynlinux
 
 namespace
 {
+
+constexpr int families[] = {AF_INET, AF_INET6};
+constexpr uint8_t delivering[] = {RTN_LOCAL, RTN_BROADCAST, RTN_ANYCAST}; // to the host
 
 /** What a message says of an address. */
 struct Entry {
@@ -81,26 +87,45 @@ void addAddress(Prefixes &own, const Entry &entry)
         own.insert(single(ipv6(entry.local.empty() ? entry.address : entry.local)));
 }
 
-/** A route of the local table, as the kernel makes one for each of its addresses, and anybody can
- *  for others: what it delivers to the host. */
-void addRoute(Prefixes &own, NetlinkBytes body)
-{
-    rtmsg route{};
-    if (!takeFront(body, route))
-        return;
-    const bool delivers = route.rtm_type == RTN_LOCAL || route.rtm_type == RTN_BROADCAST ||
-                          route.rtm_type == RTN_ANYCAST;
-    if (!delivers || route.rtm_table != RT_TABLE_LOCAL)
-        return;
+struct Route {
+    rtmsg info;
+    uint32_t table;
     NetlinkBytes to;
+};
+
+bool takeRoute(NetlinkBytes body, Route &route)
+{
+    if (!takeFront(body, route.info))
+        return false;
+    route.table = route.info.rtm_table;
     eachAttribute(body, [&](int type, NetlinkBytes value) {
         if (type == RTA_DST)
-            to = value;
+            route.to = value;
+        else if (type == RTA_TABLE)
+            route.table = numberIn(value);
     });
-    if (route.rtm_family == AF_INET)
-        own.insert({mappedBits + route.rtm_dst_len, mapped(numberIn(to))});
-    else if (route.rtm_family == AF_INET6)
-        own.insert({route.rtm_dst_len, ipv6(to)});
+    return true;
+}
+
+rtmsg request(int family, uint8_t table, uint8_t type = RTN_UNSPEC)
+{
+    rtmsg routes{};
+    routes.rtm_family = static_cast<uint8_t>(family);
+    routes.rtm_table = table;
+    routes.rtm_type = type;
+    return routes;
+}
+
+/** What a route delivers to the host, if it does. */
+void addRoute(Prefixes &own, const Route &route)
+{
+    const auto &types = delivering;
+    if (std::find(std::begin(types), std::end(types), route.info.rtm_type) == std::end(types))
+        return;
+    if (route.info.rtm_family == AF_INET)
+        own.insert({mappedBits + route.info.rtm_dst_len, mapped(numberIn(route.to))});
+    else if (route.info.rtm_family == AF_INET6)
+        own.insert({route.info.rtm_dst_len, ipv6(route.to)});
 }
 
 /** Anycast addresses, as a router has one for each of its networks (RFC 4291, 2.6.1). */
@@ -129,32 +154,95 @@ bool Addresses::listAddresses(Prefixes &own)
     });
 }
 
-bool Addresses::listRoutes(int family, Prefixes &own)
+/** @param counts says whether a table does */
+bool Addresses::listRoutes(const rtmsg &request, const Counts &counts, Prefixes &own)
 {
-    rtmsg request{};
-    request.rtm_family = static_cast<unsigned char>(family);
-    request.rtm_table = RT_TABLE_LOCAL;
     return netlink_.list(RTM_GETROUTE, request, [&](uint16_t type, NetlinkBytes body) {
-        if (type == RTM_NEWROUTE)
-            addRoute(own, body);
+        Route route{};
+        if (type == RTM_NEWROUTE && takeRoute(body, route) && counts(route.table))
+            addRoute(own, route);
     });
 }
 
-void Addresses::refresh()
+/** The kernel makes a route there for each of its addresses, and anybody can for others. */
+bool Addresses::listLocal(int family, Prefixes &own)
+{
+    const Counts isLocal = [](uint32_t table) { return table == RT_TABLE_LOCAL; };
+    return listRoutes(request(family, RT_TABLE_LOCAL), isLocal, own);
+}
+
+bool Addresses::listRules(int family, LookedUp &tables)
+{
+    fib_rule_hdr all{};
+    all.family = static_cast<uint8_t>(family);
+    return netlink_.list(RTM_GETRULE, all, [&](uint16_t type, NetlinkBytes body) {
+        if (type == RTM_NEWRULE)
+            tables.add(body);
+    });
+}
+
+/** Tables may have a million routes, most of another type: these the kernel leaves out. */
+bool Addresses::listTables(int family, Prefixes &own)
+{
+    LookedUp tables;
+    bool whole = listRules(family, tables);
+    const Counts counts = [&](uint32_t table) {
+        return table != RT_TABLE_LOCAL && tables.contains(table);
+    };
+    for (uint8_t type : delivering)
+        whole = listRoutes(request(family, RT_TABLE_UNSPEC, type), counts, own) && whole;
+    return whole;
+}
+
+void Addresses::refreshHost()
 {
     Prefixes now;
     bool whole = listAddresses(now);
-    for (int family : {AF_INET, AF_INET6})
-        whole = listRoutes(family, now) && whole;
+    for (int family : families)
+        whole = listLocal(family, now) && whole;
     addAnycast(now);
-    if (!whole) // more is to come, and nothing has gone for sure
-        now.insert(told_.begin(), told_.end());
-    told_ = std::move(now);
-    if (!plane_.setOwn(told_) && !std::exchange(saidTooMany_, true))
+    keep(host_, std::move(now), whole);
+    hostDue_ = !whole;
+}
+
+void Addresses::refreshTables()
+{
+    Prefixes now;
+    bool whole = true;
+    for (int family : families)
+        whole = listTables(family, now) && whole;
+    keep(tables_, std::move(now), whole);
+    tablesDue_ = !whole;
+}
+
+/** What is not listed has gone, unless the list is not whole: then more is to come. */
+void Addresses::keep(Prefixes &known, Prefixes now, bool whole)
+{
+    if (!whole)
+        now.insert(known.begin(), known.end());
+    known = std::move(now);
+    Prefixes own = host_;
+    own.insert(tables_.begin(), tables_.end());
+    if (!plane_.setOwn(own) && !std::exchange(saidTooMany_, true))
         NM_DEBUG_OUTPUT(
             "[platform] warning: of what is the host's own only %u addresses and as many "
             "networks are known\n",
             static_cast<unsigned>(CPD_ADDRESSES));
+}
+
+bool Addresses::hear(bool host, bool tables)
+{
+    hostDue_ = hostDue_ || host;
+    tablesDue_ = tablesDue_ || tables;
+    return hostDue_ || tablesDue_;
+}
+
+void Addresses::refresh()
+{
+    if (hostDue_)
+        refreshHost();
+    if (tablesDue_)
+        refreshTables();
 }
 
 } // namespace zynlinux

@@ -5,13 +5,13 @@
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
-#include <iterator>
 #include <netinet/in.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/timerfd.h>
+#include <vector>
 
 #include <linux/filter.h>
 #include <linux/netlink.h>
@@ -41,21 +41,41 @@ sigset_t ourSignals()
     return set;
 }
 
-/** Of routes only those of the local table matter: others may change by the thousand. */
-void dropOtherRoutes(int socket)
+constexpr uint32_t typeAt = offsetof(nlmsghdr, nlmsg_type);
+constexpr uint32_t tableAt = sizeof(nlmsghdr) + offsetof(rtmsg, rtm_table);
+constexpr uint32_t kindAt = sizeof(nlmsghdr) + offsetof(rtmsg, rtm_type);
+
+using Code = std::vector<sock_filter>;
+
+/** Of the table `local`. */
+const Code localRoutes = {
+    BPF_STMT(BPF_LD | BPF_B | BPF_ABS, tableAt),
+    BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, RT_TABLE_LOCAL, 0, 1),
+};
+
+/** Of other tables, and to the host itself: others may change by the thousand. */
+const Code otherRoutesToTheHost = {
+    BPF_STMT(BPF_LD | BPF_B | BPF_ABS, tableAt),
+    BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, RT_TABLE_LOCAL, 4, 0),
+    BPF_STMT(BPF_LD | BPF_B | BPF_ABS, kindAt),
+    BPF_JUMP(BPF_JMP | BPF_JGE | BPF_K, RTN_LOCAL, 0, 2),
+    BPF_JUMP(BPF_JMP | BPF_JGT | BPF_K, RTN_ANYCAST, 1, 0), // and broadcast in between
+};
+
+/** Have a socket hear of no other routes than those that get to the end of a test, and do not jump
+ *  over the first instruction behind it. */
+void hearOfNoRoutesBut(const Code &test, int socket)
 {
-    constexpr uint32_t type = offsetof(nlmsghdr, nlmsg_type);
-    constexpr uint32_t table = sizeof(nlmsghdr) + offsetof(rtmsg, rtm_table);
-    sock_filter code[] = {
-        BPF_STMT(BPF_LD | BPF_H | BPF_ABS, type),
+    Code code = {
+        BPF_STMT(BPF_LD | BPF_H | BPF_ABS, typeAt),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_NEWROUTE), 1, 0),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_DELROUTE), 0, 2),
-        BPF_STMT(BPF_LD | BPF_B | BPF_ABS, table),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, RT_TABLE_LOCAL, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, UINT32_MAX),
-        BPF_STMT(BPF_RET | BPF_K, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_DELROUTE), 0,
+                 static_cast<uint8_t>(test.size())),
     };
-    const sock_fprog program{std::size(code), code};
+    code.insert(code.end(), test.begin(), test.end());
+    code.push_back(BPF_STMT(BPF_RET | BPF_K, UINT32_MAX));
+    code.push_back(BPF_STMT(BPF_RET | BPF_K, 0));
+    const sock_fprog program{static_cast<uint16_t>(code.size()), code.data()};
     setsockopt(socket, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program);
 }
 
@@ -63,7 +83,7 @@ void dropOtherRoutes(int socket)
  * Hears of what groups tell. What the messages say does not matter: everybody looks anew. So it
  * does not matter either which of them find no room behind those that wait.
  */
-Descriptor networkSocket(uint32_t groups, const char *what)
+Descriptor networkSocket(uint32_t groups, const Code &routes, const char *what)
 {
     Descriptor made =
         checked(socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_ROUTE), what);
@@ -71,11 +91,19 @@ Descriptor networkSocket(uint32_t groups, const char *what)
     address.nl_family = AF_NETLINK;
     address.nl_groups = groups;
     const int yes = 1;
-    dropOtherRoutes(made.get());
+    hearOfNoRoutesBut(routes, made.get());
     if (setsockopt(made.get(), SOL_NETLINK, NETLINK_NO_ENOBUFS, &yes, sizeof yes) != 0 ||
         bind(made.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) != 0)
         throw Failure(what, errno);
     return made;
+}
+
+constexpr uint32_t routeGroups = RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE;
+
+/** The bit of a group that has no name of its own. */
+constexpr uint32_t group(rtnetlink_groups number)
+{
+    return 1u << (number - 1);
 }
 
 Descriptor timer(const char *what)
@@ -129,10 +157,12 @@ bool takeAll(const Descriptor &socket)
 // Anycast addresses come and go as a port begins or ceases to forward: its configuration.
 Events::Events()
     : all_(checked(epoll_create1(EPOLL_CLOEXEC), "wait for events")),
-      links_(networkSocket(RTMGRP_LINK, "hear of ports that come and go")),
-      addresses_(networkSocket(RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR | RTMGRP_IPV4_ROUTE |
-                                   RTMGRP_IPV6_ROUTE | 1u << (RTNLGRP_IPV6_NETCONF - 1),
-                               "hear of addresses that come and go")),
+      links_(networkSocket(RTMGRP_LINK, {}, "hear of ports that come and go")),
+      addresses_(networkSocket(RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR | routeGroups |
+                                   group(RTNLGRP_IPV6_NETCONF),
+                               localRoutes, "hear of addresses that come and go")),
+      tables_(networkSocket(routeGroups | RTMGRP_IPV4_RULE | group(RTNLGRP_IPV6_RULE),
+                            otherRoutesToTheHost, "hear of routes that come and go")),
       rest_(timer("rest")), second_(timer("hear of seconds")),
       call_(checked(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC), "be called"))
 {
@@ -146,6 +176,7 @@ Events::Events()
     watch(call_);
     watch(links_);
     watch(addresses_);
+    watch(tables_);
     sigprocmask(SIG_BLOCK, &set, nullptr);
 }
 
@@ -169,7 +200,7 @@ void Events::heed(bool network)
     epoll_event event{};
     if (network)
         event.events = EPOLLIN;
-    for (const Descriptor *each : {&links_, &addresses_})
+    for (const Descriptor *each : {&links_, &addresses_, &tables_})
         epoll_ctl(all_.get(), EPOLL_CTL_MOD, each->get(), &event);
     resting_ = !network;
 }
@@ -208,6 +239,7 @@ Events::Happened Events::take()
     if (!resting_) {
         happened.links = takeAll(links_);
         happened.addresses = takeAll(addresses_);
+        happened.tables = takeAll(tables_);
     }
     return happened;
 }

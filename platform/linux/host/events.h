@@ -20,7 +20,8 @@ public:
         bool reload = false;    /**< SIGHUP */
         bool stop = false;      /**< SIGTERM or SIGINT */
         bool links = false;     /**< some changed */
-        bool addresses = false; /**< some came or went */
+        bool addresses = false; /**< some came or went, or routes of the table `local` did */
+        bool tables = false;    /**< routes to the host of other tables did, or rules */
         bool rested = false;    /**< the time of a rest is up */
         bool second = false;    /**< a second has gone by */
         bool called = false;    /**< call() was called */
@@ -53,6 +54,7 @@ private:
     Descriptor signals_;
     Descriptor links_;
     Descriptor addresses_;
+    Descriptor tables_;
     Descriptor rest_;
     Descriptor second_;
     Descriptor call_;

@@ -9,6 +9,17 @@
 namespace zynlinux
 {
 
+namespace
+{
+
+/** A table or a family of addresses that is not there has nothing in it. */
+bool isAbsence(int error)
+{
+    return error == ENOENT || error == EAFNOSUPPORT || error == EOPNOTSUPP;
+}
+
+} // namespace
+
 bool Netlink::list(NetlinkBytes message, const Visit &visit)
 try {
     bool whole = true;
@@ -74,7 +85,7 @@ Netlink::State Netlink::takePart(NetlinkBytes part, const Visit &visit, bool &wh
         const bool done = header.nlmsg_type == NLMSG_DONE;
         const bool ends = done || header.nlmsg_type == NLMSG_ERROR;
         const int error = ends ? -static_cast<int>(numberIn(body)) : 0;
-        if (error != 0 && error != ENOENT) // a table that is not there has nothing in it
+        if (error != 0 && !isAbsence(error))
             throw Failure("ask for " + what_, error);
         if (ends)
             return State::Done;
