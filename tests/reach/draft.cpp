@@ -96,7 +96,7 @@ Ends chooseEnds(Draft &d, const std::vector<Address> &sources,
                 const std::vector<Address> &destinations)
 {
     const Octets to = destination(d, destinations);
-    if (!d.choose.rarely(8))
+    if (!d.choose.rarely(4))
         return {source(d, sources), to};
     d.note("from where it goes to");
     return {to, to};

@@ -1,13 +1,17 @@
 #include "limits.h"
 
 #include <algorithm>
+#include <iterator>
 #include <thread>
+#include <unordered_set>
+#include <vector>
 
 namespace
 {
 
 using Clock = std::chrono::steady_clock;
 
+constexpr size_t batchSize = 64;
 constexpr unsigned flood = 100; // times that an item is sent: more than any bucket holds
 constexpr unsigned turnsTaken = 16;
 constexpr std::chrono::milliseconds turnLength(5);
@@ -95,7 +99,7 @@ Seen watchTurns(Scene *scene, const Item &item)
     for (unsigned turn = 0; turn < turnsTaken; turn++) {
         scene->protection().bind(turns[turn % 2]);
         for (const auto end = Clock::now() + turnLength; Clock::now() < end;)
-            add(&sum, scene->watch(item, flood / 4));
+            add(&sum, scene->watch(item, 2 * flood));
     }
     sum.seconds = std::chrono::duration<double>(Clock::now() - begin).count();
     return sum;
@@ -111,11 +115,31 @@ bool isMoreThanOne(Court *court, size_t cap, const Item &item, const Seen &seen)
     return exceeds(seenBy(court->scene().consumers(), octets, item, seen), most, length);
 }
 
-bool anySaw(const Consumers &consumers, const std::vector<Cap> &caps, const Item &item,
-            const Seen &seen)
+std::unordered_set<uint32_t> idsSeen(const Consumers &consumers,
+                                     const std::vector<std::string> &names, const Seen &seen)
 {
-    return std::any_of(caps.begin(), caps.end(),
-                       [&](const Cap &cap) { return seenBy(consumers, cap, item, seen) > 0; });
+    std::unordered_set<uint32_t> ids;
+    for (const std::string &name : names)
+        for (size_t index : consumers.of(name))
+            ids.insert(seen.by[index].ids.begin(), seen.by[index].ids.end());
+    return ids;
+}
+
+/** The next so many items that consumers see when nothing is bound; flooded with what nobody sees
+ *  anyway, a port tells nothing. */
+std::vector<Item> nextSeen(Scene *scene, const std::vector<std::string> &consumers, uint64_t count)
+{
+    std::vector<Item> found;
+    scene->protection().unbind();
+    while (found.size() < count) {
+        std::vector<Item> batch;
+        for (size_t i = 0; i < batchSize; i++)
+            batch.push_back(scene->next());
+        const auto ids = idsSeen(scene->consumers(), consumers, scene->watch(batch));
+        std::copy_if(batch.begin(), batch.end(), std::back_inserter(found),
+                     [&](const Item &item) { return ids.contains(item.id); });
+    }
+    return found;
 }
 
 } // namespace
@@ -123,9 +147,9 @@ bool anySaw(const Consumers &consumers, const std::vector<Cap> &caps, const Item
 void limit(Court *court, const RatePolicy &policy, uint64_t items)
 {
     Scene &scene = court->scene();
+    const std::vector<Item> all = nextSeen(&scene, policy.consumers, items);
     scene.protection().bind(policy.name);
-    for (uint64_t i = 0; i < items; i++) {
-        const Item item = scene.next();
+    for (const Item &item : all) {
         const Seen seen = scene.watch(item, flood);
         for (const Cap &cap : policy.caps)
             if (isMore(court, cap, item, seen))
@@ -137,11 +161,7 @@ void limitByTurns(Court *court, uint64_t items)
 {
     Scene &scene = court->scene();
     const std::vector<Cap> &caps = turningCaps(Unit::Octet);
-    scene.protection().bind(turns[1]);
-    for (uint64_t i = 0; i < items; i++) {
-        const Item item = scene.next();
-        if (!anySaw(scene.consumers(), caps, item, scene.watch(item)))
-            continue;
+    for (const Item &item : nextSeen(&scene, consumersOf(caps), items)) {
         const Seen seen = watchTurns(&scene, item);
         for (size_t cap = 0; cap < caps.size(); cap++)
             if (isMoreThanOne(court, cap, item, seen))

@@ -6,7 +6,8 @@
 
 #include "court.h"
 
-/** Put limits in force, and flood the port with each of so many items in turn. */
+/** Flood the port with each of so many items in turn, of those that somebody sees whom the policy
+ * is there for, and see to it that it holds them. */
 void limit(Court *court, const RatePolicy &policy, uint64_t items);
 
 /** The same while two policies with like limits take turns: none of them is a fresh start. */

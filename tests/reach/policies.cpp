@@ -197,16 +197,28 @@ std::vector<Cap> typeCaps(Unit unit, double rate, double burst)
 
 } // namespace
 
+std::vector<std::string> consumersOf(const std::vector<Cap> &caps)
+{
+    std::vector<std::string> names;
+    for (const Cap &cap : caps)
+        names.insert(names.end(), cap.consumers.begin(), cap.consumers.end());
+    return names;
+}
+
 const std::vector<RatePolicy> &ratePolicies()
 {
+    static const std::vector<std::string> ofIp = {"IPv4: *", "IPv6: *", "TCP: *"};
+    static const std::vector<Cap> ofTypes = typeCaps(Unit::Packet, packetRate, packetBurst);
     static const std::vector<RatePolicy> all = {
-        {"types", typeCaps(Unit::Packet, packetRate, packetBurst)},
+        {"types", consumersOf(ofTypes), ofTypes},
         {"white",
+         ofIp,
          {octets("IPv4 to the box", {"IPv4: raw socket*", "IPv4: UDP port*", "IPv4: echo replies"}),
           octets("IPv4 delivered", {"IPv4: delivered"}),
           octets("IPv6 to the box", {"IPv6: raw socket*", "IPv6: UDP port*", "IPv6: echo replies"}),
           octets("IPv6 delivered", {"IPv6: delivered"})}},
         {"rules",
+         ofIp,
          {octets("TCP in both", {"TCP: segments"}, 2), octets("UDP in IPv4", {"IPv4: UDP port*"}),
           octets("UDP in IPv6", {"IPv6: UDP port*"}),
           octets("ICMP", {"IPv4: echo", "IPv4: echo replies"}),
@@ -246,4 +258,9 @@ void Protection::bind(const std::string &policy)
     if (told_.insert(policy).second)
         definitions.at(policy)(policy);
     cpudefend::Client().bind(policy);
+}
+
+void Protection::unbind()
+{
+    cpudefend::Client().unbind();
 }

@@ -27,8 +27,11 @@ struct Cap {
     double burst; /**< units at once */
 };
 
+std::vector<std::string> consumersOf(const std::vector<Cap> &caps);
+
 struct RatePolicy {
     const char *name;
+    std::vector<std::string> consumers; /**< whom it is there for; names as in a Cap */
     std::vector<Cap> caps;
 };
 
@@ -48,6 +51,9 @@ public:
 
     /** Bind a policy in place of the one that is bound; the first time it is told the daemon. */
     void bind(const std::string &policy);
+
+    /** Have none bound. */
+    void unbind();
 
 private:
     std::string file_;

@@ -115,8 +115,8 @@ TEST_P(Reach, NobodySeesWhatIsDenied)
 {
     protect();
     deny(court.get(), Everything, steps(2000, 18));
-    deny(court.get(), Protocols, steps(2000, 18));
-    deny(court.get(), Ports, steps(4500, 18)); // few frames are for these
+    deny(court.get(), Protocols, steps(4000, 9)); // what is of none of them may hide them
+    deny(court.get(), Ports, steps(4500, 18));    // few frames are for these
     expectNoWays();
 }
 
@@ -124,14 +124,14 @@ TEST_P(Reach, NobodySeesMoreThanARate)
 {
     protect();
     for (const RatePolicy &policy : ratePolicies())
-        limit(court.get(), policy, steps(900, 8));
+        limit(court.get(), policy, steps(450, 8));
     expectNoWays();
 }
 
 TEST_P(Reach, NobodySeesASecondBurst)
 {
     protect();
-    limitByTurns(court.get(), steps(24, 10));
+    limitByTurns(court.get(), steps(6, 10));
     expectNoWays();
 }
 
