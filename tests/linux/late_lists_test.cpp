@@ -5,7 +5,7 @@
 #include <optional>
 #include <thread>
 
-#include <sys/resource.h>
+#include <pthread.h>
 
 #include "acls_on_wire.h"
 
@@ -24,12 +24,12 @@ struct {
 } // namespace
 
 // The linker puts the second in the place of the first: with it a thread begins its work.
-extern "C" int __real_setpriority(__priority_which_t, id_t, int);
-extern "C" int __wrap_setpriority(__priority_which_t which, id_t who, int priority)
+extern "C" int __real_pthread_setname_np(pthread_t, const char *);
+extern "C" int __wrap_pthread_setname_np(pthread_t thread, const char *name)
 {
     for (const int number = beside.begun++; number >= beside.held && number < beside.free;)
         std::this_thread::sleep_for(1ms);
-    return __real_setpriority(which, who, priority);
+    return __real_pthread_setname_np(thread, name);
 }
 
 namespace

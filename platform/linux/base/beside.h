@@ -10,12 +10,12 @@
 #include <thread>
 #include <utility>
 
-#include <sys/resource.h>
+#include <pthread.h>
 
 namespace zynlinux
 {
 
-/** Work in a thread that lasts as long as it, and that lets the loop and all others go before. */
+/** Work in a thread that lasts as long as it. */
 template <class Result> class Beside
 {
 public:
@@ -30,8 +30,7 @@ public:
         std::packaged_task<Result()> task(std::move(work));
         result_ = task.get_future();
         thread_ = std::jthread([task = std::move(task), done = std::move(done)]() mutable {
-            constexpr int niceness = 10;
-            setpriority(PRIO_PROCESS, 0, niceness); // on Linux, of the calling thread alone
+            pthread_setname_np(pthread_self(), "beside"); // as lists of threads show it
             task();
             if (done)
                 done();
