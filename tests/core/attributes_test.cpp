@@ -517,4 +517,58 @@ TEST_F(Attributes, ThatNameAPolicyTakeOnlyOneThatExists)
     });
 }
 
+/** Field by field, what attributes from @a first on have been set to: 40 and their number. */
+void expectSet(uint32_t first, const std::vector<uint32_t> &fields)
+{
+    for (uint32_t field : fields)
+        EXPECT_EQ(field, 40 + first++);
+}
+
+TEST_F(Attributes, HaveAFieldOfTheirOwn)
+{
+    for (const Table &table : tables)
+        for (uint32_t id = static_cast<uint32_t>(table.attributes.size()); id-- > 0;) {
+            const Attribute &attribute = table.attributes[id]; // switches come behind their list
+            if (attribute.type <= N32 && (attribute.traits & (SET | OWN)) == SET) {
+                EXPECT_EQ(set(table, id, 40 + id), 0);
+            }
+        }
+    const tCpuDefendSystem &g = gCpuDefend;
+    const tCpuDefendCpuRatControl *system = g.cpuRatControl, *own = slot->cpuRatControl;
+    expectSet(12, {g.cpuDefendDebug, g.policyMode, system[0].cpuRat});
+    EXPECT_EQ(system[1].cpuRat, 56);
+    EXPECT_EQ(system[2].cpuRat, 58);
+    expectSet(2, {slot->policyMode, own[0].cpuRat});
+    EXPECT_EQ(own[1].cpuRat, 45);
+    EXPECT_EQ(own[2].cpuRat, 47);
+    expectSet(3,
+              {p->whiteListEnable, p->whiteListIp4Acl, p->whiteListIp6Acl, p->whiteListIp4Cir,
+               p->whiteListIp4Cbs, p->whiteListIp6Cir, p->whiteListIp6Cbs, p->blackListEnable,
+               p->blackListIp4Acl, p->blackListIp6Acl, p->srcTraceEnable, p->srcTracePktDataEnable,
+               p->srcTraceAlarmEnable, p->srcTraceThreshold, p->srcTraceAlarmThreshold});
+    expectSet(1, {rule->deny, rule->ip4Acl, rule->ip6Acl, rule->cir, rule->cbs});
+    expectSet(0, {car->cir, car->cbs, car->pps, car->mode, car->queue, car->priority, car->deny});
+    expectSet(9, {car->totalPktBps, car->totalPktPps});
+}
+
+TEST_F(Attributes, ThatNameAPolicyHaveAFieldOfTheirOwn)
+{
+    const std::string names[] = {"quite", "default", "p", ""};
+    for (const auto visit : {0, 1}) {
+        size_t n = 0;
+        each(EQUAL, 0, [&](const Table &table, const Attribute &attribute) {
+            if (attribute.type != Text)
+                return;
+            const std::string &name = names[n++ % 4];
+            if (visit == 0) {
+                EXPECT_EQ(set(table, attribute.id, name), 0);
+            } else {
+                EXPECT_EQ(text(table, attribute.id, 40), name);
+            }
+        });
+    }
+    EXPECT_EQ(levelName(gCpuDefend.cpuRatControl[0]), "default");
+    EXPECT_EQ(levelName(slot->cpuRatControl[1]), "p");
+}
+
 } // namespace

@@ -7,7 +7,6 @@ using namespace cpudefend;
 
 using scripted::Call;
 
-static constexpr int32_t noName = 0x041E0004;
 static constexpr uint32_t octetsFlag = 0x80000000u;
 
 static int32_t setSlot(uint32_t sysId, uint32_t slotId, uint32_t attr, Cell value)

@@ -23,14 +23,6 @@ TEST_F(CarMultiset, AddedEntryIsInForceAsSent)
     EXPECT_EQ(kept->res, 0xf8);
 }
 
-TEST_F(CarMultiset, EntryIsCopiedNotReferenced)
-{
-    tHwCpuDefendPktCarEntry entry = car(1, 100);
-    ASSERT_EQ(zynHwSlotSet(&slotA, HW_SLOT_CPUDEFENDPKTCARADD, &entry, 3), 0);
-    entry.pps = 999;
-    EXPECT_EQ(ppsInForce(&slotA, 1), 100);
-}
-
 TEST_F(CarMultiset, EverySettingCountsForRemoval)
 {
     using Change = void (*)(tHwCpuDefendPktCarEntry &);
@@ -132,21 +124,6 @@ TEST_F(CarRefusal, EveryPacketTypeBelow59IsTaken)
     for (uint32_t type = 0; type <= 58; type++) {
         EXPECT_EQ(carAdd(&slotA, car(type, 1)), 0) << type;
         EXPECT_EQ(carAdd(system, car(type, 1)), 0) << type;
-    }
-}
-
-TEST_F(CarRefusal, TreatmentsOtherThanPermitAndDeny)
-{
-    for (unsigned op = 0; op < 256; op++) {
-        tHwCpuDefendPktCarEntry entry = car(1, 1);
-        entry.op = static_cast<uint8_t>(op);
-        if (op == ZYN_HW_OP_PERMIT || op == ZYN_HW_OP_DENY) {
-            EXPECT_EQ(carAdd(&slotA, entry), 0);
-            EXPECT_EQ(carDel(&slotA, entry), 0);
-        } else {
-            expectRefused("op " + std::to_string(op), [&] { return carAdd(&slotA, entry); });
-            expectRefused("op " + std::to_string(op), [&] { return carDel(system, entry); });
-        }
     }
 }
 

@@ -5,7 +5,6 @@
 #include "scratch.h"
 
 using Role = Memory;
-using Sync = Memory;
 using Ports = Memory;
 
 /* ---- Role ----------------------------------------------------------------------------- */

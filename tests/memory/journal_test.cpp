@@ -56,19 +56,6 @@ TEST_F(Journal, AclAddAndDel)
                              R"("acl":2001,"action":3,"cir":0,"cbs":0,"ebs":0,"result":2})");
 }
 
-TEST_F(Journal, ScalarSync)
-{
-    std::string name = "guard";
-    octetstring octets = octetsOf(name);
-    uint32_t number = 80;
-    zynHwScalarSync(0, 8000, &octets, 3 | ZYN_SYNC_OCTETS);
-    zynHwScalarSync(0, 8014, &number, 1);
-    EXPECT_EQ(lines().at(0), head("zynHwScalarSync") + R"("index":0,"scalarId":8000,)" +
-                                 R"("value":"guard","flag":2147483651,"result":0})");
-    EXPECT_EQ(lines().at(1), R"({"seq":2,"uptime":12.34,"call":"zynHwScalarSync",)"
-                             R"("index":0,"scalarId":8014,"value":80,"flag":1,"result":0})");
-}
-
 TEST_F(Journal, IndexTrans)
 {
     tPhyIfInfo info;
@@ -232,11 +219,6 @@ TEST_F(Journal, PipeIsRefusedAndNobodyWaitsForItsReader)
     const int reader = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     EXPECT_EQ(journalOpen(path.c_str()), EINVAL);
     close(reader);
-}
-
-TEST_F(Journal, DeviceIsRefused)
-{
-    EXPECT_EQ(journalOpen("/dev/null"), EINVAL);
 }
 
 TEST_F(Journal, LinkIsNotFollowed)

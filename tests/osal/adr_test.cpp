@@ -51,15 +51,6 @@ Bytes concat(const Bytes &a, const Bytes &b)
 
 } // namespace
 
-TEST(Adr, StartsAtTheFirstByte)
-{
-    Message message(counting(10));
-    EXPECT_EQ(message.adr.adr_stream, message.at(0));
-    EXPECT_EQ(message.adr.adr_now, message.at(0));
-    EXPECT_EQ(adr_count(&message.adr), 0u);
-    EXPECT_EQ(adr_left(&message.adr), 10u);
-}
-
 TEST(Adr, EmptyMessageHoldsNothing)
 {
     adr_t adr;
@@ -73,25 +64,6 @@ TEST(Adr, EmptyMessageHoldsNothing)
     EXPECT_EQ(value, 7);
     EXPECT_EQ(adr_int32(&adr, 1), -1);
     EXPECT_EQ(adr_encodedata(&adr, ZYN_ITEM_OCTETS, 0, nullptr), -1);
-}
-
-TEST(Adr, PosGoesAnywhereUpToTheEnd)
-{
-    Message message(counting(10));
-    for (uint32_t pos : {4u, 0u, 9u, 10u}) {
-        EXPECT_EQ(adr_pos(&message.adr, pos), 0);
-        EXPECT_EQ(adr_count(&message.adr), pos);
-        EXPECT_EQ(adr_left(&message.adr), 10 - pos);
-    }
-}
-
-TEST(Adr, OffsetAdvancesUpToTheEnd)
-{
-    Message message(counting(10));
-    EXPECT_EQ(adr_offset(&message.adr, 4), 0);
-    EXPECT_EQ(adr_offset(&message.adr, 6), 0);
-    EXPECT_EQ(adr_count(&message.adr), 10u);
-    EXPECT_EQ(adr_offset(&message.adr, 0), 0);
 }
 
 // The huge counts would wrap a 32-bit address.
@@ -174,16 +146,6 @@ TEST(Adr, DecoderThatLacksAByteChangesNothing)
     }
 }
 
-TEST(Adr, GetcharCopies)
-{
-    Message message(counting(8));
-    unsigned char bytes[3] = {};
-    ASSERT_EQ(adr_offset(&message.adr, 2), 0);
-    EXPECT_EQ(adr_getchar(&message.adr, bytes, 3), 0);
-    EXPECT_EQ(Bytes(bytes, bytes + 3), (Bytes{2, 3, 4}));
-    EXPECT_EQ(adr_count(&message.adr), 5u);
-}
-
 TEST(Adr, GetcharOntoItselfLeavesTheBytesInPlace)
 {
     Message message(counting(8));
@@ -191,14 +153,6 @@ TEST(Adr, GetcharOntoItselfLeavesTheBytesInPlace)
     EXPECT_EQ(adr_getchar(&message.adr, message.adr.adr_now, 6), 0);
     EXPECT_EQ(message.bytes(), counting(8));
     EXPECT_EQ(adr_left(&message.adr), 0u);
-}
-
-TEST(Adr, GetcharMovesOverlappingBytes)
-{
-    Message message(counting(8));
-    ASSERT_EQ(adr_offset(&message.adr, 1), 0);
-    EXPECT_EQ(adr_getchar(&message.adr, message.at(3), 4), 0);
-    EXPECT_EQ(message.bytes(), (Bytes{0, 1, 2, 1, 2, 3, 4, 7}));
 }
 
 namespace
@@ -285,32 +239,4 @@ TEST(Adr, EncodesOctetsFromWithinTheMessage)
                 ASSERT_EQ(message.bytes(), expected)
                     << len << " bytes from " << source << " to " << pos;
             }
-}
-
-TEST(Adr, EncodesTheLongestItem)
-{
-    const Bytes data = Bytes(UINT16_MAX, 0x5a);
-    Message message(Bytes(UINT16_MAX + 3, 0));
-    EXPECT_EQ(adr_encodedata(&message.adr, ZYN_ITEM_OCTETS, UINT16_MAX, data.data()), 0);
-    EXPECT_EQ(adr_left(&message.adr), 0u);
-    EXPECT_EQ(message.bytes(), concat({0, 0xff, 0xff}, data));
-}
-
-TEST(Adr, WhatIsEncodedIsDecoded)
-{
-    Message message(Bytes(15, 0));
-    ASSERT_EQ(adr_int32(&message.adr, INT32_MIN), 0);
-    ASSERT_EQ(adr_encodedata(&message.adr, ZYN_ITEM_COUNTER64, 8, &COUNTER), 0);
-
-    int32_t number = 0;
-    uint32_t high = 0;
-    uint32_t low = 0;
-    ASSERT_EQ(adr_pos(&message.adr, 0), 0);
-    EXPECT_EQ(adr_getint32(&message.adr, &number), 0);
-    EXPECT_EQ(number, INT32_MIN);
-    EXPECT_EQ(adr_offset(&message.adr, 3), 0);
-    EXPECT_EQ(adr_getuint32(&message.adr, &high), 0);
-    EXPECT_EQ(adr_getuint32(&message.adr, &low), 0);
-    EXPECT_EQ(high, COUNTER.high);
-    EXPECT_EQ(low, COUNTER.low);
 }

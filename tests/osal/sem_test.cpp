@@ -39,13 +39,6 @@ protected:
 
 } // namespace
 
-TEST_F(Semaphore, IsFreeAtFirst)
-{
-    EXPECT_EQ(takeInAnotherThread(0), 0);
-    EXPECT_EQ(OsixTakeSem(sem, OSIX_WAIT_FOREVER), 0);
-    EXPECT_EQ(OsixGiveSem(sem), 0);
-}
-
 TEST_F(Semaphore, OptionsDoNotMatter)
 {
     for (uint32_t options : {0u, 1u, UINT32_MAX}) {
