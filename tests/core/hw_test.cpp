@@ -299,6 +299,15 @@ TEST_F(HwCounters, RemovalTakesTheLastCountsFirst)
     EXPECT_TRUE(scripted::counted.empty());
 }
 
+TEST_F(HwCounters, ThatCannotBeReadStayAsTheyAre)
+{
+    cpuDefendHwAdd(&slot, policy);
+    counts(&slot) = {10, 1, 0, 0};
+    scripted::script.failAll[Call::CarCount] = ENOENT;
+    cpuDefendHwCarCount(car);
+    EXPECT_EQ(counters(), Numbers(0, 0));
+}
+
 TEST_F(HwCounters, GoToTheEntryThatIsInForceOfTwoThatCannotBeToldApart)
 {
     tCpuDefendPolicyEntry *above = addBarePolicy("q");

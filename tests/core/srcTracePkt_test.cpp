@@ -588,6 +588,12 @@ TEST_F(SrcTracePkt, FrameMayStandAtAnOddAddress)
     EXPECT_NE(recorded(11), nullptr);
 }
 
+TEST_F(SrcTracePkt, AlarmSendsNoTrap)
+{
+    sendCpuDefendSrcTraceAlarmTrap();
+    EXPECT_TRUE(scripted::calls.empty());
+}
+
 /* ---- The hook that packets come in by --------------------------------------------------------
  */
 
