@@ -151,6 +151,13 @@ struct tCpuDefendOnceASecond {
     uint8_t due;
 };
 
+/** On the place of the management socket. It comes before start-up, and outlasts one that failed.
+ */
+struct tCpuDefendClaim {
+    int32_t lock; /**< descriptor that holds it; 0: none */
+    uint8_t isMade;
+};
+
 struct tCpuDefendBinding;
 struct tCpuDefendLink;
 namespace cpudefend
@@ -211,10 +218,12 @@ struct tCpuDefendSystem {
     cpuDefendArray<cpudefend::tHwItem> wanted;  /**< what the bindings stand for */
     uint32_t hwCallNum;                         /**< calls that programmed or removed something */
     uint32_t hwChangeNum;                       /**< policies programmed and removed */
-    uint32_t followedChangeNum;     /**< the same, when cpuDefendFollow last saw to them */
-    uint8_t followsCards;           /**< 1 once a card has a slot's record */
-    uint8_t retryDue;               /**< 1 when there may be room for what the hardware refused */
-    uint32_t changeDepth;           /**< changes that are under way, one in the other */
+    uint32_t followedChangeNum; /**< the same, when cpuDefendFollow last saw to them */
+    uint8_t followsCards;       /**< 1 once a card has a slot's record */
+    uint8_t retryDue;           /**< 1 when there may be room for what the hardware refused */
+    uint32_t changeDepth;       /**< changes that are under way, one in the other */
+    tCpuDefendClaim claim;
+    uint64_t cmdSocketInode;        /**< of the socket in its place; 0: not made yet */
     uint32_t tracedNum;             /**< packets taken for tracing in tracedSecond */
     uint64_t tracedSecond;          /**< of the clock */
     tCpuDefendOnceASecond cardLook; /**< at all links, for cards: there may be many */
@@ -249,8 +258,11 @@ int32_t cpuDefendSocketClaim();
  */
 int32_t cpuDefendSocketBind(int32_t fd);
 
-/** Remove the socket from its place, and give up the claim: each if it is ours still. */
-void cpuDefendSocketLeave();
+/** Remove the socket from its place, if it is ours still. */
+void cpuDefendSocketRemove();
+
+/** Give up the claim, if there is one. */
+void cpuDefendSocketUnclaim();
 
 /**
  * Build the pools, the default policy and the sockets.

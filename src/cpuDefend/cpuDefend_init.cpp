@@ -170,9 +170,18 @@ void closeSocket(int fd)
         close(fd);
 }
 
-/** Release all but sockets, and zero the record. */
+/** Zero the record, but for the claim. */
+void clear()
+{
+    const tCpuDefendClaim claim = gCpuDefend.claim;
+    memset(&gCpuDefend, 0, sizeof gCpuDefend);
+    gCpuDefend.claim = claim;
+}
+
+/** Release all but the claim and open sockets. */
 void release()
 {
+    cpuDefendSocketRemove();
     free(gCpuDefend.policyTable);
     free(gCpuDefend.userDefinedTable);
     free(gCpuDefend.carPktTable);
@@ -186,14 +195,14 @@ void release()
     gCpuDefend.wanted.release();
     if (gCpuDefend.cpuDefendSem)
         OsixDeleteSem(gCpuDefend.cpuDefendSem);
-    memset(&gCpuDefend, 0, sizeof gCpuDefend);
+    clear();
 }
 
 } // namespace
 
 int32_t cpuDefendInit(uint32_t maxPolicyNumber, uint32_t maxSlotNumber)
 {
-    memset(&gCpuDefend, 0, sizeof gCpuDefend);
+    clear();
     sizePools(maxPolicyNumber, maxSlotNumber);
     if (startUp())
         return 0;
@@ -207,6 +216,6 @@ void cpuDefendRelease()
 {
     closeSocket(gCpuDefend.cmdSock);
     closeSocket(gCpuDefend.rtSock);
-    cpuDefendSocketLeave();
     release();
+    cpuDefendSocketUnclaim();
 }

@@ -28,12 +28,6 @@ constexpr char LOCK_FILE[] = CPUDEFEND_CMD_SOCKET ".lock";
 /** Each has an even chance at least, whatever a stranger does. */
 constexpr int MOVE_ATTEMPTS = 64;
 
-struct {
-    bool claimed;
-    int lock = -1;
-    ino_t socket; // 0: not made yet
-} ours;
-
 /** A file with a second name may be another daemon's, and have its name here from a stranger. */
 bool isTrusted(const struct stat &status)
 {
@@ -74,7 +68,7 @@ bool lock()
             return false;
         }
         if (isOurLock(fd)) { // and was not removed by a daemon that has just ended
-            ours.lock = fd;
+            gCpuDefend.claim.lock = fd;
             return true;
         }
         close(fd);
@@ -198,33 +192,14 @@ void keep()
 {
     struct stat status;
     if (lstat(CPUDEFEND_CMD_SOCKET, &status) == 0)
-        ours.socket = status.st_ino;
-}
-
-void removeSocket()
-{
-    struct stat status;
-    if (ours.socket != 0 && lstat(CPUDEFEND_CMD_SOCKET, &status) == 0 &&
-        status.st_ino == ours.socket)
-        unlink(CPUDEFEND_CMD_SOCKET);
-    ours.socket = 0;
-}
-
-void unlock()
-{
-    if (ours.lock < 0)
-        return;
-    if (isOurLock(ours.lock)) // still the file of that name
-        unlink(LOCK_FILE);
-    close(ours.lock);
-    ours.lock = -1;
+        gCpuDefend.cmdSocketInode = status.st_ino;
 }
 
 } // namespace
 
 int32_t cpuDefendSocketClaim()
 {
-    ours.claimed = true;
+    gCpuDefend.claim.isMade = 1;
     const char *hindered = lock() ? hindrance() : "another daemon has it";
     if (hindered)
         complain(hindered);
@@ -242,14 +217,27 @@ int32_t cpuDefendSocketBind(int32_t fd)
     umask(before);
     if (result == 0)
         keep();
-    else if (ours.claimed)
+    else if (gCpuDefend.claim.isMade)
         complain(strerror(errno));
     return result;
 }
 
-void cpuDefendSocketLeave()
+void cpuDefendSocketRemove()
 {
-    removeSocket();
-    unlock();
-    ours.claimed = false;
+    struct stat status;
+    if (gCpuDefend.cmdSocketInode != 0 && lstat(CPUDEFEND_CMD_SOCKET, &status) == 0 &&
+        status.st_ino == gCpuDefend.cmdSocketInode)
+        unlink(CPUDEFEND_CMD_SOCKET);
+    gCpuDefend.cmdSocketInode = 0;
+}
+
+void cpuDefendSocketUnclaim()
+{
+    const int lock = gCpuDefend.claim.lock;
+    gCpuDefend.claim = {};
+    if (lock == 0)
+        return;
+    if (isOurLock(lock)) // still the file of that name
+        unlink(LOCK_FILE);
+    close(lock);
 }

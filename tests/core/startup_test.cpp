@@ -419,6 +419,21 @@ TEST_F(StartUp, ReleaseGivesBackAllThatWasTaken)
     EXPECT_EQ(init(), 0);
 }
 
+TEST_F(StartUp, ClaimOutlastsAFailedStartAndIsGivenUpAtTheEnd)
+{
+    struct stat status;
+    const char *const lock = CPUDEFEND_CMD_SOCKET ".lock";
+    ASSERT_EQ(cpuDefendSocketClaim(), 0);
+    seam::fail[{"listen", 0}] = -1;
+    EXPECT_EQ(init(), -1);
+    EXPECT_EQ(stat(lock, &status), 0);
+    EXPECT_EQ(fcntl(gCpuDefend.claim.lock, F_GETFD), FD_CLOEXEC);
+    EXPECT_FALSE(isInPlace());
+    cpuDefendRelease();
+    EXPECT_NE(stat(lock, &status), 0);
+    EXPECT_EQ(image(gCpuDefend), std::string(sizeof gCpuDefend, '\0'));
+}
+
 TEST_F(StartUp, ReleaseWhereNothingWasTakenDoesNothing)
 {
     cpuDefendRelease();
