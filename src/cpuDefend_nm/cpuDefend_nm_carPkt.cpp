@@ -3,8 +3,6 @@
  *
  * Nothing here programs hardware, and the entries of a bound policy cannot be changed at all.
  */
-#include <stdio.h>
-
 #include "cpuDefend_child.h"
 #include "cpuDefend_nm_attr.h"
 
@@ -148,19 +146,4 @@ int32_t cpuDefendCarPktGetNext(tcpuDefendCarPktIdx *carPktIdx, tcpuDefendCarPktI
                           &gCpuDefend.carPktList, carPktIdx->policyName, carPktIdx->policyNameLen,
                           carPktIdx->pktType),
                       nextCarPktIdx);
-}
-
-int32_t cpuDefendCarPktShow()
-{
-    list_for_each_entry(tCpuDefendCarPktEntry, entry, &gCpuDefend.carPktList, node)
-    {
-        const tCpuDefendPolicyEntry *pPolicy = entry->policyEntry;
-        const NmText name(pPolicy->policyName, pPolicy->policyNameLen);
-        puts("**************************************\r");
-        // Wanted: "pri" is the queue.
-        printf("policyName=%s,pktType=%d,cbs=%d,cir=%d,deny=%d,pri=%d", name.text, entry->pktType,
-               static_cast<int>(entry->cbs), static_cast<int>(entry->cir), entry->deny,
-               entry->queue);
-    }
-    return CPUDEFEND_OK;
 }

@@ -4,7 +4,6 @@
  * A set changes the configuration record only: the hardware sees it the next time the policy is
  * programmed.
  */
-#include <stdio.h>
 #include <string.h>
 
 #include "cpuDefend/cpuDefend_change.h"
@@ -225,23 +224,5 @@ int32_t cpuDefendPolicyGetNext(tCpuDefendPolicyIdx *nameIdx, tCpuDefendPolicyIdx
     if (!found)
         return CPUDEFEND_FAIL;
     nameOf(static_cast<tCpuDefendPolicyEntry *>(found), nextNameIdx);
-    return CPUDEFEND_OK;
-}
-
-static void show(const tCpuDefendPolicyIdx *nameIdx)
-{
-    const NmText name(nameIdx->name, nameIdx->len);
-    printf("cpuDefendNameIdx->name=%s,len=%d,\r\n", name.text, static_cast<int>(nameIdx->len));
-}
-
-int32_t cpuDefendPolicyShow()
-{
-    tCpuDefendPolicyIdx nameIdx{};
-    int32_t result = cpuDefendPolicyGetFirst(&nameIdx);
-    show(&nameIdx);
-    while (result == CPUDEFEND_OK) {
-        result = cpuDefendPolicyGetNext(&nameIdx, &nameIdx);
-        show(&nameIdx); // also after the last one: it is printed twice
-    }
     return CPUDEFEND_OK;
 }

@@ -2,7 +2,6 @@
  * Management of slots. Their records are made elsewhere; here they are found, bound, switched and
  * walked.
  */
-#include <stdio.h>
 #include <string.h>
 
 #include "cpuDefend/cpuDefend_change.h"
@@ -283,55 +282,4 @@ int32_t cpuDefendSlotGetNext(tcpuDefendSlotIdx *slotIdx, tcpuDefendSlotIdx *next
             return answerWalk(entry, nextSlotId);
     }
     return CPUDEFEND_FAIL;
-}
-
-/* ---- Debugging entries ------------------------------------------------------------------ */
-
-int32_t cpuDefendSlotShow()
-{
-    tcpuDefendSlotIdx idx{};
-    int32_t result = cpuDefendSlotGetFirst(&idx);
-    printf("sysId=%d,slotId=%d,\r\n", static_cast<int>(idx.sysId), static_cast<int>(idx.slotId));
-    while (result == CPUDEFEND_OK) {
-        result = cpuDefendSlotGetNext(&idx, &idx);
-        printf("sysId=%d,slotId=%d,ret=%d,\r\n", static_cast<int>(idx.sysId),
-               static_cast<int>(idx.slotId), result);
-    }
-    return CPUDEFEND_OK;
-}
-
-static int32_t addTestSlot(uint32_t sysId, uint32_t slotId)
-{
-    {
-        NmLock lock;
-        if (!cpuDefendSlotEntryAdd(sysId, slotId))
-            puts("pSlotEntry is null!\r");
-    }
-    unsigned char name[] = {'t', 'e', 's', 't'};
-    octetstring value{name, sizeof name};
-    tcpuDefendSlotIdx idx{sysId, slotId};
-    return cpuDefendSlotSetApi(&idx, CPUDEFEND_SLOT_POLICY, &value);
-}
-
-int32_t cpuDefendSlotTest()
-{
-    addTestSlot(1, 0);
-    printf("cpuDefendSlotTest ret=%d,\r\n", addTestSlot(1, 1));
-    return 0;
-}
-
-void testcpuDefend()
-{
-    printf("1.d=%d,\r\n", 3);
-    printf("2.d=%d,\r\n", 2);
-    printf("3.d=%d,\r\n", 2);
-    printf("4.d=%d,\r\n", 2);
-}
-
-void ade()
-{
-    cpuDefendCarPktShow();
-    testcpuDefend();
-    cpuDefendSlotTest();
-    cpuDefendSrcTraceShow2();
 }

@@ -2,7 +2,6 @@
  * Management of traced sources: read and walk only. They leave the table by the reset attributes
  * of the system and of a slot.
  */
-#include <stdio.h>
 #include <string.h>
 
 #include "cpuDefend_nm_attr.h"
@@ -112,36 +111,4 @@ int32_t cpuDefendSrcTraceGetNext(tcpuDefendSrcTraceIdx *srcTraceIdx,
         cpuDefendSrcTraceKey(filter.ifUnit, filter.srcIp, filter.pktType, filter.srcMac);
     NmLock lock;
     return answerWalk(nmAvlAfter(&gCpuDefend.srcTraceList, &key), filter, nextSrcTraceIdx);
-}
-
-int32_t cpuDefendSrcTraceShow()
-{
-    for (void *found = avl_first(&gCpuDefend.srcTraceList); found;
-         found = avl_next(&gCpuDefend.srcTraceList, found)) {
-        const auto *e = static_cast<const tCpuDefendSrcTraceEntry *>(found);
-        puts("**************************************\r");
-        // Wanted: the third byte of the source address stands in the second place, too.
-        printf("ifUnit=%d,srcIp=%02x.%02x.%02x.%02x,dstIp=%02x.%02x.%02x.%02x,pktType=%d,sysId=%d,"
-               "slotId=%d,srcMac=%02x:%02x:%02x:%02x::%02x::%02x",
-               static_cast<int>(e->ifUnit), e->srcIp[0], e->srcIp[2], e->srcIp[2], e->srcIp[3],
-               e->dstIp[0], e->dstIp[1], e->dstIp[2], e->dstIp[3], e->pktType, e->sysId, e->slotId,
-               e->srcMac[0], e->srcMac[1], e->srcMac[2], e->srcMac[3], e->srcMac[4], e->srcMac[5]);
-    }
-    return CPUDEFEND_OK;
-}
-
-int32_t cpuDefendSrcTraceShow2()
-{
-    tcpuDefendSrcTraceIdx idx{};
-    tcpuDefendSrcTraceIdx next{};
-    int32_t result = cpuDefendSrcTraceGetFirst(&idx);
-    printf("111.ret=%d,ifUnit=%d,pktType=%d.\r\n", result, static_cast<int>(idx.ifUnit),
-           idx.pktType);
-    while (result == CPUDEFEND_OK) {
-        result = cpuDefendSrcTraceGetNext(&idx, &next);
-        printf("222.ret=%d,ifUnit=%d,pktType=%d.\r\n", result, static_cast<int>(next.ifUnit),
-               next.pktType);
-        idx = next;
-    }
-    return CPUDEFEND_OK;
 }

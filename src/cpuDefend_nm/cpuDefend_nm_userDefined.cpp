@@ -3,8 +3,6 @@
  *
  * Nothing here programs hardware, and no rule of a bound policy can be made, changed or removed.
  */
-#include <stdio.h>
-
 #include "cpuDefend_child.h"
 #include "cpuDefend_nm_attr.h"
 
@@ -58,13 +56,6 @@ int32_t answerWalk(const tCpuDefendUserDefinedEntry *entry, tcpuDefendUserDefine
     cpuDefendChildName(entry, idx);
     idx->index = entry->index;
     return CPUDEFEND_OK;
-}
-
-int show(const tcpuDefendUserDefinedIdx &idx)
-{
-    const NmText name(idx.policyName, idx.policyNameLen);
-    return printf("policyName=%s,len=%d,index=%d\r\n", name.text,
-                  static_cast<int>(idx.policyNameLen), static_cast<int>(idx.index));
 }
 
 } // namespace
@@ -139,16 +130,4 @@ int32_t cpuDefendUserDefinedGetNext(tcpuDefendUserDefinedIdx *userDefinedIdx,
                           &gCpuDefend.userDefinedList, userDefinedIdx->policyName,
                           userDefinedIdx->policyNameLen, userDefinedIdx->index),
                       nextUserDefinedIdx);
-}
-
-int32_t cpuDefendUserDefinedShow()
-{
-    tcpuDefendUserDefinedIdx idx{};
-    int32_t result = cpuDefendUserDefinedGetFirst(&idx);
-    int printed = show(idx);
-    while (result == CPUDEFEND_OK) {
-        result = cpuDefendUserDefinedGetNext(&idx, &idx);
-        printed = show(idx); // also after the last one: it is printed twice
-    }
-    return printed;
 }
