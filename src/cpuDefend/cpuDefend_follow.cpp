@@ -1,9 +1,15 @@
 /**
  * What is programmed follows the cards.
  *
- * The handlers and controllers program what a change of theirs asks for, by the slots that are
- * there at that moment. Here the whole is looked at: what binding all that is bound afresh would
- * program, and where the hardware holds something else, it is made to hold that.
+ * What is programmed has two mechanisms. The handlers and controllers program, step by step, what
+ * a change of theirs asks for, by the slots that are there at that moment. Which calls these are,
+ * in which order, and which result a request is answered with, is part of the interface to the
+ * hardware: a maker's layer may rely on it, also where the steps leave something over or take too
+ * much away. And so they are not derived from what is wanted in the end.
+ *
+ * Here, behind them, the whole is looked at: what binding all that is bound afresh would program,
+ * and where the hardware holds something else, it is made to hold that. Where no card ever got a
+ * slot's record this does nothing, and the steps are all that the hardware sees.
  */
 #include "cpuDefend_hw.h"
 #include "cpuDefend_level.h"
